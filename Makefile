@@ -1,0 +1,37 @@
+# The project's front door. Every target installs what is missing first.
+.PHONY: deps test tsan bench demo format check-format fuzz clean
+
+JOBS ?= $(shell nproc)
+
+deps:
+	@scripts/setup-deps
+
+test: deps check-format
+	cmake --preset dev >/dev/null
+	cmake --build --preset dev -j $(JOBS)
+	ctest --preset dev
+
+
+tsan: deps
+	cmake --preset tsan >/dev/null
+	cmake --build --preset tsan -j $(JOBS)
+	ctest --preset tsan
+
+bench: deps
+	cmake --preset release >/dev/null
+	cmake --build --preset release -j $(JOBS)
+	scripts/run-benchmarks build/release
+
+fuzz: deps
+	cmake --preset fuzz >/dev/null
+	cmake --build --preset fuzz -j $(JOBS)
+	scripts/run-fuzzers build/fuzz $(or $(FUZZ_SECONDS),60)
+
+format:
+	scripts/format --fix
+
+check-format: deps
+	scripts/format --check
+
+clean:
+	rm -rf build

@@ -1,0 +1,18 @@
+// Comparison lines for `make bench`.
+//
+// Benchmarks that compare two things run both in the same binary and report
+// "ratio <name>: <value>" through PXBenchReportRatio after RunSpecifiedBenchmarks.
+// The lines are printed and appended to $PXKIT_RATIO_FILE so that
+// scripts/run-benchmarks can print them together after every table.
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <map>
+#include <string>
+
+// Runs every registered benchmark and returns each run's seconds per iteration
+// (real time, adjusted for items when a benchmark reports them) by name.
+std::map<std::string, double> PXBenchRunAll(int argc, char** argv);
+// Prints and records "ratio <name>: <value>".
+void PXBenchReportRatio(const std::string& name, double value);

@@ -1,0 +1,13 @@
+# Every external dependency is a Debian package installed by scripts/setup-deps;
+# docs/dependencies.md says why each one is here.
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(GLIB REQUIRED IMPORTED_TARGET glib-2.0>=2.74 gobject-2.0 gio-2.0 gio-unix-2.0)
+find_package(Threads REQUIRED)
+
+if(PXKIT_BUILD_TESTS)
+  find_package(GTest REQUIRED)
+  include(GoogleTest)
+endif()
+if(PXKIT_BUILD_BENCH)
+  find_package(benchmark REQUIRED)
+endif()

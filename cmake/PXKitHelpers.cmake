@@ -1,0 +1,65 @@
+# The three ways a target enters the build: a library area, a test, a benchmark.
+
+set(PXKIT_WARNINGS -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wimplicit-fallthrough)
+if(PXKIT_WERROR)
+  list(APPEND PXKIT_WARNINGS -Werror)
+endif()
+
+if(PXKIT_SANITIZE)
+  add_compile_options(-fsanitize=${PXKIT_SANITIZE} -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${PXKIT_SANITIZE})
+  if(PXKIT_SANITIZE MATCHES "undefined")
+    add_compile_options(-fno-sanitize-recover=all)
+  endif()
+endif()
+
+# pxkit_add_library(<area> SOURCES ... [DEPS ...])
+# One static, position-independent library per area (pxkit_<area>); the shared
+# libpxkit.so is made of all of them. Tests link the area they test.
+function(pxkit_add_library area)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  set(target pxkit_${area})
+  add_library(${target} STATIC ${ARG_SOURCES})
+  target_compile_options(${target} PRIVATE ${PXKIT_WARNINGS})
+  target_compile_definitions(${target} PRIVATE PXKIT_BUILDING=1)
+  set_target_properties(${target} PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+  target_include_directories(${target}
+    PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
+    PRIVATE ${PROJECT_SOURCE_DIR}/src)
+  target_link_libraries(${target} PUBLIC ${ARG_DEPS})
+  set_property(GLOBAL APPEND PROPERTY PXKIT_AREAS ${target})
+endfunction()
+
+# pxkit_add_test(<name> SOURCES ... [LIBS ...] [ENVIRONMENT ...] [WRAPPER cmd ...] [TIMEOUT s])
+# A GoogleTest executable; each test case runs in its own process, so GLib's
+# per-process singletons (buses, XDG dirs) start clean in every case.
+function(pxkit_add_test name)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;ENVIRONMENT;WRAPPER" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_compile_options(${name} PRIVATE ${PXKIT_WARNINGS})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/tests)
+  target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gtest GTest::gmock GTest::gtest_main)
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
+  set(env "PXKIT_SOURCE_DIR=${PROJECT_SOURCE_DIR}" "PXKIT_BENCH_DATA=${PROJECT_SOURCE_DIR}/../shared/bench-data"
+      ${ARG_ENVIRONMENT})
+  if(ARG_WRAPPER)
+    # Runs both the discovery and every test under the wrapper (umockdev, unshare, ...).
+    set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR "${ARG_WRAPPER}")
+  endif()
+  gtest_discover_tests(${name}
+    DISCOVERY_TIMEOUT 60
+    DISCOVERY_MODE PRE_TEST
+    PROPERTIES TIMEOUT ${ARG_TIMEOUT} ENVIRONMENT "${env}")
+endfunction()
+
+# pxkit_add_benchmark(<name> SOURCES ... [LIBS ...])
+function(pxkit_add_benchmark name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_compile_options(${name} PRIVATE ${PXKIT_WARNINGS})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/bench)
+  target_link_libraries(${name} PRIVATE ${ARG_LIBS} benchmark::benchmark)
+  set_property(GLOBAL APPEND PROPERTY PXKIT_BENCHMARKS ${name})
+endfunction()

@@ -1,0 +1,3 @@
+#include <pxkit/PXKit.h>
+
+const char* PXKitVersionString() { return PXKIT_VERSION_STRING; }
