@@ -1,3 +1,5 @@
 #include <pxkit/PXKit.h>
 
-const char* PXKitVersionString() { return PXKIT_VERSION_STRING; }
+const char* PXKitVersionString() {
+  return PXKIT_VERSION_STRING;
+}

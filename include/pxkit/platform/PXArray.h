@@ -88,12 +88,12 @@ class PXKIT_EXPORT PXMutableArray : public PXArray {
   static PXRef<PXMutableArray> array() { return PXMake<PXMutableArray>(); }
   static PXRef<PXMutableArray> arrayWithCapacity(size_t capacity);
 
-  void addObject(const PXValue& value);                       // "addObject:"
-  void insertObject(const PXValue& value, size_t index);      // "insertObject:atIndex:"
-  void removeObjectAtIndex(size_t index);                     // "removeObjectAtIndex:"
-  void removeLastObject();                                    // "removeLastObject"
-  void removeObject(const PXValue& value);                    // every isEqual element
-  void removeObjectIdenticalTo(const PXValue& value);         // every identical element
+  void addObject(const PXValue& value);                   // "addObject:"
+  void insertObject(const PXValue& value, size_t index);  // "insertObject:atIndex:"
+  void removeObjectAtIndex(size_t index);                 // "removeObjectAtIndex:"
+  void removeLastObject();                                // "removeLastObject"
+  void removeObject(const PXValue& value);                // every isEqual element
+  void removeObjectIdenticalTo(const PXValue& value);     // every identical element
   void removeObjectsInArray(const PXArray& values);
   void removeAllObjects();
   void replaceObjectAtIndex(size_t index, const PXValue& value);  // "replaceObjectAtIndex:withObject:"

@@ -149,7 +149,8 @@ class PXClassBuilder {
   // A property backed by a field: KVC reads and writes the field directly and
   // announces writes to observers.
   template <class F>
-  PXClassBuilder& property(std::string name, F T::*field, PXPropertyOwnership ownership = defaultOwnership<F>(),
+  PXClassBuilder& property(std::string name, F T::*field,
+                           PXPropertyOwnership ownership = defaultOwnership<F>(),
                            std::string typeCode = PXValueTraits<F>::typeCode, bool readOnly = false) {
     PXPropertyDescriptor p;
     p.name = name;
@@ -160,9 +161,10 @@ class PXClassBuilder {
     p.get = [field](const PXObject& o) { return PXValueTraits<F>::toValue(static_cast<const T&>(o).*field); };
     if (!readOnly) {
       p.set = [field, name](PXObject& o, const PXValue& v) {
-        o.willChangeValueForKey(name);
-        static_cast<T&>(o).*field = PXValueTraits<F>::fromValue(v);
-        o.didChangeValueForKey(name);
+        T& self = static_cast<T&>(o);
+        self.willChangeValueForKey(name);
+        self.*field = PXValueTraits<F>::fromValue(v);
+        self.didChangeValueForKey(name);
       };
     }
     if (ownership != PXPropertyOwnership::Assign) {
@@ -176,13 +178,16 @@ class PXClassBuilder {
   // The setter is expected to announce its own change (setObservable).
   template <class G, class S = std::nullptr_t>
   PXClassBuilder& computed(std::string name, G getter, S setter = nullptr,
-                           PXPropertyOwnership ownership = PXPropertyOwnership::Assign, std::string typeCode = "") {
+                           PXPropertyOwnership ownership = PXPropertyOwnership::Assign,
+                           std::string typeCode = "") {
     using R = std::decay_t<std::invoke_result_t<G, const T&>>;
     PXPropertyDescriptor p;
     p.name = std::move(name);
     p.typeCode = typeCode.empty() ? PXValueTraits<R>::typeCode : std::move(typeCode);
     p.ownership = ownership;
-    p.get = [getter](const PXObject& o) { return PXValueTraits<R>::toValue(std::invoke(getter, static_cast<const T&>(o))); };
+    p.get = [getter](const PXObject& o) {
+      return PXValueTraits<R>::toValue(std::invoke(getter, static_cast<const T&>(o)));
+    };
     if constexpr (std::is_same_v<S, std::nullptr_t>) {
       p.readOnly = true;
     } else {
@@ -204,7 +209,8 @@ class PXClassBuilder {
   static const PXClass& build(const char* name, const PXClass* superclass, Describe&& describe) {
     PXClassBuilder builder;
     describe(builder);
-    return PXClass::registerClass(name, superclass, std::move(builder.properties_), std::move(builder.factory_));
+    return PXClass::registerClass(name, superclass, std::move(builder.properties_),
+                                  std::move(builder.factory_));
   }
   static const PXClass& build(const char* name, const PXClass* superclass, std::nullptr_t) {
     return PXClass::registerClass(name, superclass, {}, {});

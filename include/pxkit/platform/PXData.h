@@ -23,7 +23,9 @@ class PXKIT_EXPORT PXData : public PXObject {
   static PXRef<PXData> data();  // empty
   static PXRef<PXData> dataWithBytes(const void* bytes, size_t length);
   static PXRef<PXData> dataWithBytes(std::vector<uint8_t> bytes);
-  static PXRef<PXData> dataWithString(std::string_view text) { return dataWithBytes(text.data(), text.size()); }
+  static PXRef<PXData> dataWithString(std::string_view text) {
+    return dataWithBytes(text.data(), text.size());
+  }
 
   size_t length() const noexcept { return bytes_.size(); }
   std::span<const uint8_t> bytes() const noexcept { return bytes_; }
@@ -39,7 +41,8 @@ class PXKIT_EXPORT PXData : public PXObject {
   PXRef<PXObject> mutableCopy() const override;
 
   PXData() noexcept : PXObject(PXObjectTag::Data, false) {}
-  explicit PXData(std::vector<uint8_t> bytes) noexcept : PXObject(PXObjectTag::Data, false), bytes_(std::move(bytes)) {}
+  explicit PXData(std::vector<uint8_t> bytes) noexcept
+      : PXObject(PXObjectTag::Data, false), bytes_(std::move(bytes)) {}
 
  protected:
   PXData(std::vector<uint8_t> bytes, bool isMutable) noexcept

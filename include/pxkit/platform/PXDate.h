@@ -21,7 +21,8 @@ inline constexpr double kPXTimeIntervalSince1970 = 978307200.0;
 class PXKIT_EXPORT PXDate {
  public:
   constexpr PXDate() noexcept = default;
-  constexpr explicit PXDate(double timeIntervalSinceReferenceDate) noexcept : t_(timeIntervalSinceReferenceDate) {}
+  constexpr explicit PXDate(double timeIntervalSinceReferenceDate) noexcept
+      : t_(timeIntervalSinceReferenceDate) {}
 
   // Now, from the kit's clock.
   static PXDate now();

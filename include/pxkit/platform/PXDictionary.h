@@ -54,7 +54,8 @@ class PXKIT_EXPORT PXDictionary : public PXObject {
   const std::vector<Entry>& entries() const noexcept { return entries_; }
   auto begin() const noexcept { return entries_.begin(); }
   auto end() const noexcept { return entries_.end(); }
-  void enumerateKeysAndObjects(const std::function<void(const PXValue& key, const PXValue& value, bool* stop)>& block) const;
+  void enumerateKeysAndObjects(
+      const std::function<void(const PXValue& key, const PXValue& value, bool* stop)>& block) const;
 
   bool isEqual(const PXObject& other) const override;
   size_t hash() const override { return entries_.size(); }

@@ -36,9 +36,12 @@
 #include <mutex>
 #include <string_view>
 
+class PXObject;
 namespace pxkit::internal {
 struct ObjectExtras;
-}
+ObjectExtras& extrasOf(const PXObject& object);
+ObjectExtras* extrasIfPresent(const PXObject& object) noexcept;
+}  // namespace pxkit::internal
 
 // Options of addObserver (bit set).
 enum PXKeyValueObservingOptions : unsigned {
@@ -158,6 +161,8 @@ class PXKIT_EXPORT PXObject {
  private:
   friend pxkit::internal::WeakControl* pxkit::internal::weakControlFor(const PXObject*);
   friend PXObject* pxkit::internal::weakControlLock(pxkit::internal::WeakControl*) noexcept;
+  friend pxkit::internal::ObjectExtras& pxkit::internal::extrasOf(const PXObject&);
+  friend pxkit::internal::ObjectExtras* pxkit::internal::extrasIfPresent(const PXObject&) noexcept;
   pxkit::internal::ObjectExtras& extras() const;
   pxkit::internal::ObjectExtras* extrasIfPresent() const noexcept {
     return extras_.load(std::memory_order_acquire);
@@ -171,19 +176,21 @@ class PXKIT_EXPORT PXObject {
 };
 
 // Declares the class object of a PXObject subclass (inside the class body).
-#define PX_DECLARE_CLASS(Name)                                               \
- public:                                                                     \
-  static const PXClass& classObject();                                       \
-  const PXClass& pxClass() const override { return Name::classObject(); }    \
-                                                                             \
+#define PX_DECLARE_CLASS(Name)              \
+ public:                                    \
+  static const PXClass& classObject();      \
+  const PXClass& pxClass() const override { \
+    return Name::classObject();             \
+  }                                         \
+                                            \
  private:
 
 // Defines and registers the class object (in one .cpp file). `describe` is a
 // callable taking PXClassBuilder<Name>& that declares properties and, when the
 // class can be made by name, its factory.
-#define PX_DEFINE_CLASS(Name, Super, describe)                                               \
-  const PXClass& Name::classObject() {                                                       \
+#define PX_DEFINE_CLASS(Name, Super, describe)                                                       \
+  const PXClass& Name::classObject() {                                                               \
     static const PXClass& cls = PXClassBuilder<Name>::build(#Name, &Super::classObject(), describe); \
-    return cls;                                                                              \
-  }                                                                                          \
+    return cls;                                                                                      \
+  }                                                                                                  \
   [[maybe_unused]] static const PXClass& pxkit_registered_##Name = Name::classObject();

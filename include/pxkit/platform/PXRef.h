@@ -96,7 +96,7 @@ template <class T>
 class PXWeakRef {
  public:
   PXWeakRef() noexcept = default;
-  PXWeakRef(std::nullptr_t) noexcept {}  // NOLINT(google-explicit-constructor)
+  PXWeakRef(std::nullptr_t) noexcept {}                     // NOLINT(google-explicit-constructor)
   PXWeakRef(const PXRef<T>& ref) : PXWeakRef(ref.get()) {}  // NOLINT(google-explicit-constructor)
   explicit PXWeakRef(T* object) : control_(object ? pxkit::internal::weakControlFor(object) : nullptr) {}
   PXWeakRef(const PXWeakRef& other) noexcept : control_(other.control_) {

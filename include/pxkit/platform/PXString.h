@@ -42,8 +42,9 @@ class PXKIT_EXPORT PXString {
   PXString() noexcept = default;
   PXString(std::nullptr_t) noexcept {}  // NOLINT(google-explicit-constructor)
   // A null pointer gives the absent string.
-  PXString(const char* text) : PXString(text ? std::string_view(text) : std::string_view(), text != nullptr) {}  // NOLINT
-  PXString(std::string_view text) : PXString(text, true) {}             // NOLINT(google-explicit-constructor)
+  PXString(const char* text)
+      : PXString(text ? std::string_view(text) : std::string_view(), text != nullptr) {}  // NOLINT
+  PXString(std::string_view text) : PXString(text, true) {}  // NOLINT(google-explicit-constructor)
   PXString(const std::string& text) : PXString(std::string_view(text), true) {}  // NOLINT
   PXString(const PXString& other) noexcept : rep_(other.rep_) {
     if (rep_) rep_->retain();
@@ -62,7 +63,9 @@ class PXKIT_EXPORT PXString {
   bool isAbsent() const noexcept { return rep_ == nullptr; }
 
   // The bytes; "" for the absent string. Valid while this handle lives.
-  std::string_view view() const noexcept { return rep_ ? std::string_view(rep_->chars(), rep_->size) : std::string_view(); }
+  std::string_view view() const noexcept {
+    return rep_ ? std::string_view(rep_->chars(), rep_->size) : std::string_view();
+  }
   const char* c_str() const noexcept { return rep_ ? rep_->chars() : ""; }
   size_t size() const noexcept { return rep_ ? rep_->size : 0; }
   bool empty() const noexcept { return size() == 0; }

@@ -53,20 +53,26 @@ class PXKIT_EXPORT PXValue {
     v.setKind(Kind::Null);
     return v;
   }
-  PXValue(bool b) noexcept : PXValue() { setScalar(Kind::Bool, static_cast<int64_t>(b)); }  // NOLINT
-  PXValue(int i) noexcept : PXValue(static_cast<int64_t>(i)) {}                              // NOLINT
-  PXValue(long i) noexcept : PXValue(static_cast<int64_t>(i)) {}                             // NOLINT
-  PXValue(long long i) noexcept : PXValue() { setScalar(Kind::Int, static_cast<int64_t>(i)); }  // NOLINT
-  PXValue(unsigned i) noexcept : PXValue(static_cast<unsigned long long>(i)) {}             // NOLINT
-  PXValue(unsigned long i) noexcept : PXValue(static_cast<unsigned long long>(i)) {}        // NOLINT
-  PXValue(unsigned long long u) noexcept : PXValue() { setScalar(Kind::UInt, u); }           // NOLINT
-  PXValue(double d) noexcept : PXValue() { setScalar(Kind::Double, d); }                     // NOLINT
-  PXValue(PXDate date) noexcept : PXValue() { setScalar(Kind::Date, date.timeIntervalSinceReferenceDate()); }  // NOLINT
+  PXValue(bool b) noexcept : PXValue() { setScalar(Kind::Bool, static_cast<int64_t>(b)); }       // NOLINT
+  PXValue(int i) noexcept : PXValue() { setScalar(Kind::Int, static_cast<int64_t>(i)); }         // NOLINT
+  PXValue(long i) noexcept : PXValue() { setScalar(Kind::Int, static_cast<int64_t>(i)); }        // NOLINT
+  PXValue(long long i) noexcept : PXValue() { setScalar(Kind::Int, static_cast<int64_t>(i)); }   // NOLINT
+  PXValue(unsigned i) noexcept : PXValue() { setScalar(Kind::UInt, static_cast<uint64_t>(i)); }  // NOLINT
+  PXValue(unsigned long u) noexcept : PXValue() {
+    setScalar(Kind::UInt, static_cast<uint64_t>(u));
+  }  // NOLINT
+  PXValue(unsigned long long u) noexcept : PXValue() {
+    setScalar(Kind::UInt, static_cast<uint64_t>(u));
+  }                                                                       // NOLINT
+  PXValue(double d) noexcept : PXValue() { setScalar(Kind::Double, d); }  // NOLINT
+  PXValue(PXDate date) noexcept : PXValue() {
+    setScalar(Kind::Date, date.timeIntervalSinceReferenceDate());
+  }  // NOLINT
   // Strings; a null `const char*` and an absent PXString give an absent value.
-  PXValue(const char* text);                // NOLINT(google-explicit-constructor)
-  PXValue(std::string_view text);           // NOLINT(google-explicit-constructor)
+  PXValue(const char* text);       // NOLINT(google-explicit-constructor)
+  PXValue(std::string_view text);  // NOLINT(google-explicit-constructor)
   PXValue(const std::string& text) : PXValue(std::string_view(text)) {}  // NOLINT
-  PXValue(const PXString& text) noexcept;   // NOLINT(google-explicit-constructor)
+  PXValue(const PXString& text) noexcept;  // NOLINT(google-explicit-constructor)
   // Objects; an empty reference gives an absent value. PXData becomes the data kind.
   PXValue(const PXRef<PXObject>& object) noexcept;  // NOLINT(google-explicit-constructor)
   template <class T, class = std::enable_if_t<std::is_base_of_v<PXObject, T>>>
@@ -87,7 +93,9 @@ class PXKIT_EXPORT PXValue {
   }
 
   // ---- Kind --------------------------------------------------------------
-  Kind kind() const noexcept { return rawKind() == kSmallString ? Kind::String : static_cast<Kind>(rawKind()); }
+  Kind kind() const noexcept {
+    return rawKind() == kSmallString ? Kind::String : static_cast<Kind>(rawKind());
+  }
   bool isAbsent() const noexcept { return rawKind() == static_cast<uint8_t>(Kind::Absent); }
   explicit operator bool() const noexcept { return !isAbsent(); }  // present?
   bool isNull() const noexcept { return kind() == Kind::Null; }
@@ -149,7 +157,7 @@ class PXKIT_EXPORT PXValue {
   PXValue copy() const;
 
  private:
-  static constexpr uint8_t kSmallString = 16;   // inline string, up to kSmallCapacity bytes
+  static constexpr uint8_t kSmallString = 16;  // inline string, up to kSmallCapacity bytes
   static constexpr size_t kSmallCapacity = 14;
 
   uint8_t rawKind() const noexcept { return raw_[15]; }
