@@ -1,0 +1,165 @@
+// PXKit — serial dispatch queues and run-once initialisation.
+//
+// A PXDispatchQueue runs jobs one at a time, in the order they were enqueued,
+// on a worker thread of its own. `async` is the recording hot path of the kit:
+// it costs the caller one lock-free enqueue (an atomic exchange) into a pooled
+// node, and a futex wake only when the worker had gone to sleep.
+//
+//   PXRef<PXDispatchQueue> queue = PXDispatchQueue::create("org.example.metrics");
+//   queue->async([tracker, delta] { tracker->apply(delta); });   // returns at once
+//   queue->sync([&] { snapshot = tracker->state(); });            // waits for all before it
+//
+//   static PXDispatchOnceToken once;
+//   PXDispatchOnce(once, [] { shared = new Tracker(); });
+//
+// Thread safety: async and sync may be called from any thread, concurrently.
+// Jobs run one at a time on the queue's worker thread, in enqueue order (the
+// order in which the enqueues took effect; per producing thread, program order).
+// Jobs must not throw: an exception that leaves a job ends the process
+// (std::terminate), as an uncaught exception on any thread does.
+//
+// Lifetime: a queue is a PXObject held by PXRef. Each queued job keeps nothing
+// alive by itself; capture what the job needs. When the last reference goes,
+// the queue runs every job still queued and then its worker thread ends (the
+// destructor waits for that, unless it runs on the worker itself).
+#pragma once
+
+#include <pxkit/export.h>
+#include <pxkit/platform/PXObject.h>
+
+#include <atomic>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+namespace pxkit::internal {
+
+// One queued job: an intrusive link, the function that runs and destroys the
+// job, and room for the job's callable inline (larger callables live on the heap).
+struct DispatchNode {
+  static constexpr size_t kSize = 128;  // two cache lines
+  static constexpr size_t kInlineBytes = kSize - 2 * sizeof(void*);
+
+  std::atomic<DispatchNode*> next{nullptr};
+  void (*run)(DispatchNode*) = nullptr;  // runs the job, then destroys the callable
+  alignas(alignof(std::max_align_t)) unsigned char storage[kInlineBytes];
+};
+static_assert(sizeof(DispatchNode) == DispatchNode::kSize);
+
+// A free node from the calling thread's pool (or a new one). Never null; throws
+// std::bad_alloc when memory is exhausted.
+PXKIT_EXPORT DispatchNode* dispatchNodeAcquire();
+// Gives back a node whose job was never enqueued (its callable already destroyed).
+PXKIT_EXPORT void dispatchNodeDiscard(DispatchNode* node) noexcept;
+
+struct DispatchQueueCore;
+
+}  // namespace pxkit::internal
+
+class PXKIT_EXPORT PXDispatchQueue : public PXObject {
+  PX_DECLARE_CLASS(PXDispatchQueue)
+
+ public:
+  // A serial queue with its worker thread, already running. `label` names the
+  // queue (and, truncated to 15 bytes, its thread); it may be empty.
+  explicit PXDispatchQueue(std::string_view label = {});
+  // Runs every job still queued, then ends the worker thread (see Lifetime).
+  ~PXDispatchQueue() override;
+
+  // A new serial queue; never empty (throws std::system_error if no thread can be started).
+  static PXRef<PXDispatchQueue> create(std::string_view label = {});
+
+  // The label given at creation ("" when none).
+  const std::string& label() const noexcept { return label_; }
+
+  // Enqueues `job` (any callable taking no arguments) to run later on the
+  // queue's thread, after every job enqueued before it. Returns at once. The
+  // callable is moved (or copied) into the queue. An empty std::function is ignored.
+  template <class F>
+  void async(F&& job);
+
+  // Runs `job` on the queue's thread after every job enqueued before it, and
+  // waits for it to finish. `job` is not copied.
+  // Calling sync from a job of the same queue would wait on itself forever:
+  // debug builds abort with a message; release builds run `job` at once on the
+  // calling thread (the queue is still serial, but jobs queued before it have
+  // not run yet).
+  template <class F>
+  void sync(F&& job) {
+    using Job = std::remove_reference_t<F>;
+    syncInvoke([](void* callable) { (*static_cast<Job*>(callable))(); },
+               const_cast<void*>(static_cast<const void*>(&job)));
+  }
+
+  // The queue whose job is running on the calling thread, or null.
+  static PXDispatchQueue* current() noexcept;
+  // Whether the calling thread is running a job of this queue.
+  bool isCurrent() const noexcept { return current() == this; }
+
+ private:
+  void enqueue(pxkit::internal::DispatchNode* node) noexcept;
+  void syncInvoke(void (*call)(void*), void* callable);
+
+  std::string label_;
+  std::shared_ptr<pxkit::internal::DispatchQueueCore> core_;
+};
+
+template <class F>
+void PXDispatchQueue::async(F&& job) {
+  using Job = std::decay_t<F>;
+  using pxkit::internal::DispatchNode;
+  if constexpr (std::is_same_v<Job, std::function<void()>> || std::is_pointer_v<Job>) {
+    if (!job) return;
+  }
+  DispatchNode* node = pxkit::internal::dispatchNodeAcquire();
+  constexpr bool kInline = sizeof(Job) <= DispatchNode::kInlineBytes &&
+                           alignof(Job) <= alignof(std::max_align_t) &&
+                           std::is_nothrow_move_constructible_v<Job>;
+  try {
+    if constexpr (kInline) {
+      ::new (static_cast<void*>(node->storage)) Job(std::forward<F>(job));
+      node->run = [](DispatchNode* n) {
+        Job* callable = std::launder(reinterpret_cast<Job*>(n->storage));
+        (*callable)();
+        callable->~Job();
+      };
+    } else {
+      ::new (static_cast<void*>(node->storage)) Job*(new Job(std::forward<F>(job)));
+      node->run = [](DispatchNode* n) {
+        std::unique_ptr<Job> callable(*std::launder(reinterpret_cast<Job**>(n->storage)));
+        (*callable)();
+      };
+    }
+  } catch (...) {
+    pxkit::internal::dispatchNodeDiscard(node);
+    throw;
+  }
+  enqueue(node);
+}
+
+// Run-once initialisation: PXDispatchOnce runs its callable exactly once per
+// token, however many threads call it at the same time; the others wait until
+// it has returned. If the callable throws, the token stays unused and the
+// exception reaches the caller.
+class PXDispatchOnceToken {
+ public:
+  constexpr PXDispatchOnceToken() noexcept = default;
+  PXDispatchOnceToken(const PXDispatchOnceToken&) = delete;
+  PXDispatchOnceToken& operator=(const PXDispatchOnceToken&) = delete;
+
+ private:
+  template <class F>
+  friend void PXDispatchOnce(PXDispatchOnceToken& token, F&& f);
+  std::once_flag flag_;
+};
+
+template <class F>
+void PXDispatchOnce(PXDispatchOnceToken& token, F&& f) {
+  std::call_once(token.flag_, std::forward<F>(f));
+}
