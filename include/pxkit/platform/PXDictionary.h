@@ -25,6 +25,7 @@
 #include <atomic>
 #include <functional>
 #include <initializer_list>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -49,6 +50,8 @@ class PXKIT_EXPORT PXDictionary : public PXObject {
   // The value for `key`, or absent.
   PXValue objectForKey(const PXValue& key) const;
   const PXValue* find(const PXValue& key) const;  // null when missing; valid until the next mutation
+  // The same for a string key given as bytes (no value is built for the lookup).
+  const PXValue* findStringKey(std::string_view key) const;
   PXRef<PXArray> allKeys() const;
   PXRef<PXArray> allValues() const;
   const std::vector<Entry>& entries() const noexcept { return entries_; }
@@ -74,9 +77,15 @@ class PXKIT_EXPORT PXDictionary : public PXObject {
   explicit PXDictionary(std::vector<Entry> entries);
 
  protected:
+  // Takes the entries as they are: the caller guarantees distinct, present keys.
   PXDictionary(std::vector<Entry> entries, bool isMutable);
+  // Checks for absent keys and values, copies object keys and folds duplicates
+  // (a later one replaces the earlier value in place).
+  void adoptEntries();
   void checkMutable(const char* method) const;
   size_t indexOfKey(const PXValue& key) const;  // kPXNotFound when missing
+  size_t indexOfStringKey(std::string_view key) const;
+  const pxkit::internal::DictionaryIndex* ensureIndex() const;
   void invalidateIndex() noexcept;
 
   std::vector<Entry> entries_;

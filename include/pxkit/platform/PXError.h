@@ -13,6 +13,7 @@
 #pragma once
 
 #include <pxkit/export.h>
+#include <pxkit/fwd.h>
 #include <pxkit/platform/PXDictionary.h>
 #include <pxkit/platform/PXObject.h>
 

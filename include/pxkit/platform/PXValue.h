@@ -81,13 +81,32 @@ class PXKIT_EXPORT PXValue {
   PXValue(const void*) = delete;
   PXValue(std::nullptr_t) = delete;
 
-  PXValue(const PXValue& other) noexcept;
+  // Copies and destruction stay inline: scalars and inline strings are plain bytes,
+  // only shared storage touches a count.
+  PXValue(const PXValue& other) noexcept {
+    std::memcpy(raw_, other.raw_, sizeof raw_);
+    if (isCounted()) retainStorage();
+  }
   PXValue(PXValue&& other) noexcept {
     std::memcpy(raw_, other.raw_, sizeof raw_);
     other.setKind(Kind::Absent);
   }
-  PXValue& operator=(const PXValue& other) noexcept;
-  PXValue& operator=(PXValue&& other) noexcept;
+  PXValue& operator=(const PXValue& other) noexcept {
+    if (this != &other) {
+      if (other.isCounted()) other.retainStorage();
+      if (isCounted()) releaseStorage();
+      std::memcpy(raw_, other.raw_, sizeof raw_);
+    }
+    return *this;
+  }
+  PXValue& operator=(PXValue&& other) noexcept {
+    if (this != &other) {
+      if (isCounted()) releaseStorage();
+      std::memcpy(raw_, other.raw_, sizeof raw_);
+      other.setKind(Kind::Absent);
+    }
+    return *this;
+  }
   ~PXValue() {
     if (isCounted()) releaseStorage();
   }
@@ -148,6 +167,8 @@ class PXKIT_EXPORT PXValue {
   PXComparisonResult compare(const PXValue& other) const noexcept;
   // Consistent with isEqual.
   size_t hash() const noexcept;
+  // Identity: the same object or string storage, or the same scalar (bit for bit).
+  bool isIdenticalTo(const PXValue& other) const noexcept;
   // The "%@" text: numbers as "%lld"/"%llu"/"%.17g"-style shortest text, booleans "1"/"0",
   // strings as they are, null "<null>", dates "2001-01-01 00:00:00 +0000", absent "(null)".
   PXString description() const;
@@ -177,8 +198,23 @@ class PXKIT_EXPORT PXValue {
     std::memcpy(&v, raw_, sizeof v);
     return v;
   }
-  void retainStorage() const noexcept;
-  void releaseStorage() noexcept;
+  // Heap strings keep their count inline here; data and objects go through PXObject.
+  void retainStorage() const noexcept {
+    if (rawKind() == static_cast<uint8_t>(Kind::String)) {
+      payload<pxkit::internal::StringRep*>()->retain();
+    } else {
+      retainObject();
+    }
+  }
+  void releaseStorage() noexcept {
+    if (rawKind() == static_cast<uint8_t>(Kind::String)) {
+      payload<pxkit::internal::StringRep*>()->release();
+    } else {
+      releaseObject();
+    }
+  }
+  void retainObject() const noexcept;
+  void releaseObject() noexcept;
 
   // bytes 0-13: inline string or 8-byte payload; 14: inline length; 15: kind.
   alignas(8) unsigned char raw_[16];
