@@ -2,6 +2,7 @@
 # docs/dependencies.md says why each one is here.
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(GLIB REQUIRED IMPORTED_TARGET glib-2.0>=2.74 gobject-2.0 gio-2.0 gio-unix-2.0)
+pkg_check_modules(ICU REQUIRED IMPORTED_TARGET icu-uc icu-i18n)
 find_package(Threads REQUIRED)
 
 if(PXKIT_BUILD_TESTS)

@@ -1,0 +1,405 @@
+#include <gtest/gtest.h>
+#include <pxkit/foundation/PXDateTools.h>
+#include <pxkit/platform/PXCalendar.h>
+
+#include <climits>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "foundation/internal/Localization.h"
+
+namespace {
+
+// 2012-05-01 10:20:30.123 UTC, a Tuesday.
+constexpr double kSample1970 = 1335867630.123;
+const PXDate kSample = PXDate::dateWithTimeIntervalSince1970(kSample1970);
+
+// Sets the variables that choose language, locale and zone, and clears the
+// others, so the host's own environment cannot leak in.
+void setLocaleEnvironment(const char* language, const char* lcAll, const char* lang, const char* tz = "UTC") {
+  for (const char* name : {"LANGUAGE", "LC_ALL", "LC_MESSAGES", "LC_TIME", "LANG"}) unsetenv(name);
+  if (language) setenv("LANGUAGE", language, 1);
+  if (lcAll) setenv("LC_ALL", lcAll, 1);
+  if (lang) setenv("LANG", lang, 1);
+  setenv("TZ", tz, 1);
+  PXCalendar::resetTimeZone();
+}
+
+// ---- splitting ---------------------------------------------------------------
+
+constexpr int kUntouched = -99;  // what each output holds before the call
+
+enum Want : unsigned { Y = 1, D = 2, H = 4, M = 8, S = 16, All = 31 };
+
+struct SplitCase {
+  const char* name;
+  double interval;
+  unsigned want;
+  int years, days, hours, minutes, seconds;  // kUntouched where not wanted (or, for hours, kept)
+};
+
+TEST(PXDateTools, SplitTimeIntervalIntoWantedUnits) {
+  const SplitCase cases[] = {
+      {"one of each below a year", 90061, D | H | M | S, kUntouched, 1, 1, 1, 1},
+      {"minutes not wanted stay in seconds", 3661, H | S, kUntouched, kUntouched, 1, kUntouched, 61},
+      {"no years: 400 days stay days", 400 * 86400.0, D, kUntouched, 400, kUntouched, kUntouched, kUntouched},
+      {"years take 365 days each", 400 * 86400.0, Y | D, 1, 35, kUntouched, kUntouched, kUntouched},
+      {"exact unit boundaries", 31536000.0 + 86400 + 3600 + 60 + 1, All, 1, 1, 1, 1, 1},
+      {"just below each boundary", 31535999.0, All, 0, 364, 23, 59, 59},
+      {"fractions floor into seconds", 61.999, M | S, kUntouched, kUntouched, kUntouched, 1, 1},
+      {"only seconds: everything", 90061.7, S, kUntouched, kUntouched, kUntouched, kUntouched, 90061},
+      {"remainder below the smallest wanted unit is dropped", 90061, D, kUntouched, 1, kUntouched, kUntouched,
+       kUntouched},
+      {"days not wanted stay in hours", 2 * 86400.0 + 7200, Y | H | M, 0, kUntouched, 50, 0, kUntouched},
+  };
+  for (const SplitCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    int y = kUntouched, d = kUntouched, h = kUntouched, m = kUntouched, s = kUntouched;
+    PXDateTools::splitTimeInterval(c.interval, c.want & Y ? &y : nullptr, c.want & D ? &d : nullptr,
+                                   c.want & H ? &h : nullptr, c.want & M ? &m : nullptr,
+                                   c.want & S ? &s : nullptr);
+    EXPECT_EQ(y, c.years);
+    EXPECT_EQ(d, c.days);
+    EXPECT_EQ(h, c.hours);
+    EXPECT_EQ(m, c.minutes);
+    EXPECT_EQ(s, c.seconds);
+  }
+}
+
+TEST(PXDateTools, SplitTimeIntervalLeavesHoursAloneWhenLessThanAnHourRemains) {
+  // Every other given output is cleared first; hours keep the caller's value.
+  const double intervals[] = {0, 59.9, 3599, 86400, 86400 + 120, 31536000};
+  for (double t : intervals) {
+    SCOPED_TRACE(t);
+    int y = 7, d = 7, h = 7, m = 7, s = 7;
+    PXDateTools::splitTimeInterval(t, &y, &d, &h, &m, &s);
+    EXPECT_EQ(h, 7);
+    EXPECT_EQ(y * 31536000.0 + d * 86400.0 + m * 60.0 + s, std::floor(t));
+  }
+  int h = 7;
+  PXDateTools::splitTimeInterval(3600, nullptr, nullptr, &h, nullptr, nullptr);
+  EXPECT_EQ(h, 1);
+}
+
+TEST(PXDateTools, SplitTimeIntervalPutsNegativeIntervalsWholeIntoSecondsFloored) {
+  struct {
+    double interval;
+    int seconds;
+  } cases[] = {{-5.5, -6}, {-0.25, -1}, {-1, -1}, {-90061, -90061}, {-31536000.0 * 3, -94608000}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.interval);
+    int y = 9, d = 9, h = 9, m = 9, s = 9;
+    PXDateTools::splitTimeInterval(c.interval, &y, &d, &h, &m, &s);
+    EXPECT_EQ(y, 0);
+    EXPECT_EQ(d, 0);
+    EXPECT_EQ(h, 9);
+    EXPECT_EQ(m, 0);
+    EXPECT_EQ(s, c.seconds);
+  }
+}
+
+TEST(PXDateTools, SplitTimeIntervalSaturatesCountsOutsideInt) {
+  int y = 0, s = 0;
+  PXDateTools::splitTimeInterval(1e18, &y, nullptr, nullptr, nullptr, nullptr);
+  EXPECT_EQ(y, INT_MAX);
+  PXDateTools::splitTimeInterval(-1e18, nullptr, nullptr, nullptr, nullptr, &s);
+  EXPECT_EQ(s, INT_MIN);
+  s = 5;
+  PXDateTools::splitTimeInterval(std::nan(""), nullptr, nullptr, nullptr, nullptr, &s);
+  EXPECT_EQ(s, 0);
+}
+
+// ---- interval strings --------------------------------------------------------
+
+struct WordingCase {
+  double interval;
+  unsigned want;
+  bool omitUnused;
+  const char* expected;
+};
+
+std::string wording(const WordingCase& c) {
+  return PXDateTools::stringFromTimeInterval(c.interval, c.want & Y, c.want & D, c.want & H, c.want & M,
+                                             c.want & S, c.omitUnused)
+      .str();
+}
+
+TEST(PXDateTools, StringFromTimeIntervalInEnglish) {
+  setLocaleEnvironment("en_US", nullptr, "C.UTF-8");
+  const WordingCase cases[] = {
+      {90061, D | H | M | S, false, "1 day 1 hour 1 minute 1 second"},
+      {7200, H | M, true, "2 hours"},
+      {7200, H | M, false, "2 hours 0 minutes"},
+      {0, All, true, "0 years 0 days 0 hours 0 minutes 0 seconds"},
+      {0, H | M, false, "0 hours 0 minutes"},
+      {86400 + 60, D | H | M, true, "1 day 1 minute"},
+      {86400 + 60, D | H | M, false, "1 day 0 hours 1 minute"},
+      {3661, H | S, true, "1 hour 61 seconds"},
+      {2 * 31536000.0, Y | D, false, "2 years 0 days"},
+      {1.9, S, false, "1 second"},
+      {59, H | S, false, "0 hours 59 seconds"},  // the hour counter starts at 0 here
+      {-5.5, H | S, true, "-6 seconds"},         // negative counts take the plural
+      {-5.5, H | S, false, "0 hours -6 seconds"},
+      {-1, S, false, "-1 seconds"},
+      {400 * 86400.0, D, true, "400 days"},
+      {90061, 0, false, ""},
+  };
+  for (const WordingCase& c : cases) {
+    SCOPED_TRACE(c.expected);
+    EXPECT_EQ(wording(c), c.expected);
+  }
+  // Without the last argument zero units are written.
+  EXPECT_EQ(PXDateTools::stringFromTimeInterval(7200, false, false, true, true, false).str(),
+            "2 hours 0 minutes");
+}
+
+TEST(PXDateTools, StringFromTimeIntervalInTheUsersLanguage) {
+  struct {
+    const char* language;
+    const char* allUnits;  // 1 year 2 days 1 hour 0 minutes 1 second
+    const char* twoUnits;  // 2 days 3 hours, omitUnused
+  } cases[] = {
+      {"de", "1 Jahr 2 Tage 1 Stunde 0 Minuten 1 Sekunde", "2 Tage 3 Stunden"},
+      {"fr_FR", "1 an 2 jours 1 heure 0 minutes 1 seconde", "2 jours 3 heures"},
+      {"es", "1 año 2 días 1 hora 0 minutos 1 segundo", "2 días 3 horas"},
+      {"it", "1 anno 2 giorni 1 ora 0 minuti 1 secondo", "2 giorni 3 ore"},
+      {"pt_BR", "1 ano 2 dias 1 hora 0 minutos 1 segundo", "2 dias 3 horas"},
+      {"nl", "1 jaar 2 dagen 1 uur 0 minuten 1 seconde", "2 dagen 3 uur"},
+      {"ja_JP", "1 年 2 日 1 時間 0 分 1 秒", "2 日 3 時間"},
+      {"zh_CN", "1 年 2 天 1 小时 0 分钟 1 秒", "2 天 3 小时"},
+      {"zh_TW", "1 年 2 天 1 小時 0 分鐘 1 秒", "2 天 3 小時"},
+      // The first preferred language with a table wins...
+      {"tlh:de", "1 Jahr 2 Tage 1 Stunde 0 Minuten 1 Sekunde", "2 Tage 3 Stunden"},
+      // ...and English, the keys' own language, counts as having one.
+      {"en_GB:de", "1 year 2 days 1 hour 0 minutes 1 second", "2 days 3 hours"},
+      // Chinese without a script or region has no table: English, not a guess.
+      {"zh", "1 year 2 days 1 hour 0 minutes 1 second", "2 days 3 hours"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.language);
+    setLocaleEnvironment(c.language, nullptr, "C.UTF-8");
+    EXPECT_EQ(wording({31536000.0 + 2 * 86400 + 3600 + 1, All, false, ""}), c.allUnits);
+    EXPECT_EQ(wording({2 * 86400.0 + 3 * 3600, D | H | M, true, ""}), c.twoUnits);
+  }
+}
+
+TEST(PXDateTools, StringFromTimeIntervalTakesTheLanguageFromLocaleVariablesWithoutLanguage) {
+  setLocaleEnvironment(nullptr, nullptr, "fr_FR.UTF-8");
+  EXPECT_EQ(wording({7200, H, false, ""}), "2 heures");
+  setLocaleEnvironment(nullptr, "de_DE.UTF-8", "fr_FR.UTF-8");  // LC_ALL before LANG
+  EXPECT_EQ(wording({7200, H, false, ""}), "2 Stunden");
+  setLocaleEnvironment("es", "de_DE.UTF-8", "fr_FR.UTF-8");  // LANGUAGE before both
+  EXPECT_EQ(wording({7200, H, false, ""}), "2 horas");
+}
+
+TEST(PXDateTools, StringFromTimeIntervalFallsBackToKeysWithoutCatalogs) {
+  setLocaleEnvironment("de", nullptr, "C.UTF-8");
+  const std::string saved = std::getenv("PXKIT_LOCALEDIR") ? std::getenv("PXKIT_LOCALEDIR") : "";
+  setenv("PXKIT_LOCALEDIR", "/nonexistent/pxkit-locale", 1);
+  EXPECT_EQ(wording({90061, D | H | M | S, false, ""}), "1 day 1 hour 1 minute 1 second");
+  setenv("PXKIT_LOCALEDIR", saved.c_str(), 1);
+  EXPECT_EQ(wording({90061, D | H | M | S, false, ""}), "1 Tag 1 Stunde 1 Minute 1 Sekunde");
+}
+
+// ---- locale formatting -------------------------------------------------------
+
+TEST(PXDateTools, LocalizedStringInEnglishUTC) {
+  setLocaleEnvironment(nullptr, "en_US.UTF-8", nullptr, "UTC");
+  // ICU separates the time from AM/PM with a narrow no-break space.
+  const std::string am =
+      "\u202f"
+      "AM";
+  struct {
+    PXDateFormatterStyle date, time;
+    std::string expected;
+  } cases[] = {
+      {PXDateFormatterNoStyle, PXDateFormatterNoStyle, ""},
+      {PXDateFormatterShortStyle, PXDateFormatterNoStyle, "5/1/12"},
+      {PXDateFormatterMediumStyle, PXDateFormatterNoStyle, "May 1, 2012"},
+      {PXDateFormatterLongStyle, PXDateFormatterNoStyle, "May 1, 2012"},
+      {PXDateFormatterFullStyle, PXDateFormatterNoStyle, "Tuesday, May 1, 2012"},
+      {PXDateFormatterNoStyle, PXDateFormatterShortStyle, "10:20" + am},
+      {PXDateFormatterNoStyle, PXDateFormatterMediumStyle, "10:20:30" + am},
+      {PXDateFormatterNoStyle, PXDateFormatterLongStyle, "10:20:30" + am + " UTC"},
+      {PXDateFormatterNoStyle, PXDateFormatterFullStyle, "10:20:30" + am + " Coordinated Universal Time"},
+      {PXDateFormatterShortStyle, PXDateFormatterShortStyle, "5/1/12, 10:20" + am},
+      {PXDateFormatterMediumStyle, PXDateFormatterMediumStyle, "May 1, 2012, 10:20:30" + am},
+      {PXDateFormatterFullStyle, PXDateFormatterLongStyle, "Tuesday, May 1, 2012 at 10:20:30" + am + " UTC"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.expected);
+    EXPECT_EQ(PXDateTools::localizedStringFormattedWithDateStyle(kSample, c.date, c.time).str(), c.expected);
+  }
+}
+
+TEST(PXDateTools, LocalizedStringFollowsTheUsersZone) {
+  setLocaleEnvironment(nullptr, "en_US.UTF-8", nullptr, "America/New_York");
+  // 10:20 UTC is 06:20 EDT.
+  const std::string text = PXDateTools::localizedStringFormattedWithDateStyle(
+                               kSample, PXDateFormatterShortStyle, PXDateFormatterLongStyle)
+                               .str();
+  EXPECT_EQ(text,
+            "5/1/12, 6:20:30\u202f"
+            "AM EDT");
+  // Near midnight the local date differs from the UTC date.
+  setLocaleEnvironment(nullptr, "en_US.UTF-8", nullptr, "Pacific/Auckland");
+  const PXDate lateUTC = PXDate::dateWithTimeIntervalSince1970(1335910000);  // 2012-05-01 22:06:40 UTC
+  EXPECT_EQ(PXDateTools::localizedStringFormattedWithDateStyle(lateUTC, PXDateFormatterShortStyle,
+                                                               PXDateFormatterNoStyle)
+                .str(),
+            "5/2/12");
+}
+
+TEST(PXDateTools, LocalizedStringFollowsTheUsersLocale) {
+  struct {
+    const char* lcAll;
+    const char* tz;
+    std::vector<std::string> parts;  // each must appear
+  } cases[] = {
+      {"de_DE.UTF-8", "Europe/Berlin", {"01.05.12", "12:20"}},
+      {"fr_FR.UTF-8", "Europe/Paris", {"01/05/2012", "12:20"}},
+      {"ja_JP.UTF-8", "Asia/Tokyo", {"2012/05/01", "19:20"}},
+      {"en_GB.UTF-8", "Europe/London", {"01/05/2012", "11:20"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.lcAll);
+    setLocaleEnvironment(nullptr, c.lcAll, nullptr, c.tz);
+    const std::string text = PXDateTools::localizedStringFormattedWithDateStyle(
+                                 kSample, PXDateFormatterShortStyle, PXDateFormatterShortStyle)
+                                 .str();
+    for (const std::string& part : c.parts) {
+      EXPECT_NE(text.find(part), std::string::npos) << text;
+    }
+    EXPECT_EQ(text.find("AM"), std::string::npos) << text;
+  }
+  // LC_TIME counts when LC_ALL is not set; LANG comes last.
+  setLocaleEnvironment(nullptr, nullptr, "en_US.UTF-8", "UTC");
+  setenv("LC_TIME", "de_DE.UTF-8", 1);
+  EXPECT_EQ(PXDateTools::localizedStringFormattedWithDateStyle(kSample, PXDateFormatterFullStyle,
+                                                               PXDateFormatterNoStyle)
+                .str(),
+            "Dienstag, 1. Mai 2012");
+}
+
+// ---- timestamp parsers ---------------------------------------------------------
+
+struct ParseCase {
+  const char* text;
+  std::optional<double> since1970;  // nullopt: no date
+};
+
+void expectParses(std::optional<PXDate> (*parse)(std::string_view), const ParseCase& c) {
+  SCOPED_TRACE(c.text);
+  const std::optional<PXDate> date = parse(c.text);
+  ASSERT_EQ(date.has_value(), c.since1970.has_value());
+  if (date) {
+    // Dates count from 2001: a date near 1970 keeps about a tenth of a microsecond.
+    EXPECT_NEAR(date->timeIntervalSince1970(), *c.since1970, 1e-6);
+  }
+}
+
+TEST(PXDateTools, DateFromISO8601DateString) {
+  const ParseCase cases[] = {
+      {"2012-05-01T10:20:30.123+0200", 1335860430.123},
+      {"2012-05-01T10:20:30.123+0100", 1335864030.123},
+      {"2012-05-01T10:20:30.123-0800", 1335896430.123},
+      {"2012-05-01T10:20:30.123+0000", 1335867630.123},
+      {"2012-05-01T10:20:30.123+02:00", 1335860430.123},  // the zone reader also takes the colon form
+      {"2012-05-01T10:20:30.123Z", 1335867630.123},
+      {"2012-05-01T10:20:30.123", 1335867630.123},  // no zone: UTC
+      {"2012-05-01T10:20:30.000+0000", 1335867630.0},
+      {"2012-05-01T10:20:30.5+0000", 1335867630.5},       // fewer digits are tenths
+      {"2012-05-01T10:20:30.1239+0000", 1335867630.123},  // digits past milliseconds are cut
+      {"1969-12-31T23:59:59.999+0000", -0.001},
+      {"2001-01-01T00:00:00.000+0000", kPXTimeIntervalSince1970},
+      // Rejected: shape, range or trailing text.
+      {"2012-05-01T10:20:30+0200", std::nullopt},  // milliseconds are required
+      {"2012-05-01T10:20:30.123+0200 ", std::nullopt},
+      {"2012-05-01T10:20:30.123+0200xyz", std::nullopt},
+      {"2012-05-01T10:20:30.123+", std::nullopt},
+      {"2012-05-01T10:20:30.", std::nullopt},
+      {"2012-13-01T10:20:30.123+0200", std::nullopt},
+      {"2012-02-30T10:20:30.123+0200", std::nullopt},
+      {"2012-05-01T25:20:30.123+0200", std::nullopt},
+      {"2012-05-01T10:20:60.000+0000", std::nullopt},
+      {"2012-5-1T1:2:3.123+0200", std::nullopt},
+      {"2012-05-01t10:20:30.123+0200", std::nullopt},
+      {"2012-05-01 10:20:30.123+0200", std::nullopt},
+      {"garbage", std::nullopt},
+      {"", std::nullopt},
+      {"2012-05-01T10:20:30.123+0200\xff", std::nullopt},
+  };
+  for (const ParseCase& c : cases) expectParses(&PXDateTools::dateFromISO8601DateString, c);
+}
+
+TEST(PXDateTools, DateFromRFC3339DateStringReadsOnlyPositiveOffsets) {
+  const ParseCase cases[] = {
+      {"2012-05-01T10:20:30+02:00", 1335860430.0},
+      {"2012-05-01T10:20:30+0200", 1335860430.0},
+      {"2012-05-01T10:20:30+01:00", 1335864030.0},
+      {"2012-05-01T10:20:30+00:00", 1335867630.0},
+      {"2012-05-01T10:20:30+14:00", 1335817230.0},
+      // Without a "+", the colons are cut from the date's "-" on: nothing matches.
+      {"2012-05-01T10:20:30-07:00", std::nullopt},
+      {"2012-05-01T10:20:30-0800", std::nullopt},
+      {"2012-05-01T10:20:30Z", std::nullopt},
+      {"2012-05-01T10:20:30", std::nullopt},
+      // Shape.
+      {"2012-05-01T10:20:30.123+02:00", std::nullopt},  // no fraction in this form
+      {"2012-05-01T10:20+02:00", std::nullopt},
+      {"2012-05-01T10:20:30+02:00 ", std::nullopt},
+      {"2012-02-30T10:20:30+02:00", std::nullopt},
+      {"garbage", std::nullopt},  // neither sign: parsed as it is
+      {"", std::nullopt},
+  };
+  for (const ParseCase& c : cases) expectParses(&PXDateTools::dateFromRFC3339DateString, c);
+}
+
+TEST(PXDateTools, TimestampParsersRefuseTextsLongerThanTheLimit) {
+  // A zero-padded year keeps a timestamp valid at any length.
+  auto padded = [](size_t length, const std::string& tail) {
+    return std::string(length - tail.size(), '0') + tail;
+  };
+  const std::string iso = "2012-05-01T10:20:30.123+0200";
+  const std::string rfc = "2012-05-01T10:20:30+02:00";
+  for (size_t length : {PXDateTools::kPXMaxTimestampLength - 1, PXDateTools::kPXMaxTimestampLength}) {
+    EXPECT_TRUE(PXDateTools::dateFromISO8601DateString(padded(length, iso)).has_value()) << length;
+    EXPECT_TRUE(PXDateTools::dateFromRFC3339DateString(padded(length, rfc)).has_value()) << length;
+  }
+  const size_t over = PXDateTools::kPXMaxTimestampLength + 1;
+  EXPECT_FALSE(PXDateTools::dateFromISO8601DateString(padded(over, iso)).has_value());
+  EXPECT_FALSE(PXDateTools::dateFromRFC3339DateString(padded(over, rfc)).has_value());
+}
+
+TEST(PXDateTools, TimestampParsersAreSharedSafelyAcrossThreads) {
+  // Concurrent first use and concurrent parsing: every thread reads every date right.
+  constexpr int kThreads = 4;
+  constexpr int kRounds = 200;
+  std::vector<int> wrong(kThreads, 0);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([i, &wrong] {
+      for (int round = 0; round < kRounds; ++round) {
+        const int second = (i * kRounds + round) % 60;
+        char iso[40], rfc[40];
+        std::snprintf(iso, sizeof iso, "2012-05-01T10:20:%02d.250-0800", second);
+        std::snprintf(rfc, sizeof rfc, "2012-05-01T10:20:%02d+01:00", second);
+        auto a = PXDateTools::dateFromISO8601DateString(iso);
+        auto b = PXDateTools::dateFromRFC3339DateString(rfc);
+        if (!a || a->timeIntervalSince1970() != 1335896400.25 + second) ++wrong[i];
+        if (!b || b->timeIntervalSince1970() != 1335864000.0 + second) ++wrong[i];
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  for (int i = 0; i < kThreads; ++i) {
+    EXPECT_EQ(wrong[i], 0) << "thread " << i;
+  }
+}
+
+}  // namespace
