@@ -56,7 +56,8 @@ class TimestampParser {
     icu::ParsePosition position(0);
     UDate millis = withZone_->parse(text, position);
     if (position.getErrorIndex() >= 0 && position.getErrorIndex() == text.length()) {
-      // Everything up to the zone matched and the string ended there: no zone, so UTC.
+      // The string ended where a field was due. If that field was the zone, the
+      // string has none and its time is UTC; the pattern without it decides.
       position = icu::ParsePosition(0);
       millis = withoutZone_->parse(text, position);
     }

@@ -311,15 +311,17 @@ TEST(PXDateTools, DateFromISO8601DateString) {
       {"2012-05-01T10:20:30.123+0000", 1335867630.123},
       {"2012-05-01T10:20:30.123+02:00", 1335860430.123},  // the zone reader also takes the colon form
       {"2012-05-01T10:20:30.123Z", 1335867630.123},
-      {"2012-05-01T10:20:30.123", 1335867630.123},  // no zone: UTC
+      {"2012-05-01T10:20:30.123", 1335867630.123},        // no zone: UTC
+      {"2012-05-01T10:20:30.123 +0200", 1335860430.123},  // ICU skips white space before a field...
+      {" 2012-05-01T10:20:30.123+0200", 1335860430.123},
       {"2012-05-01T10:20:30.000+0000", 1335867630.0},
       {"2012-05-01T10:20:30.5+0000", 1335867630.5},       // fewer digits are tenths
       {"2012-05-01T10:20:30.1239+0000", 1335867630.123},  // digits past milliseconds are cut
       {"1969-12-31T23:59:59.999+0000", -0.001},
       {"2001-01-01T00:00:00.000+0000", kPXTimeIntervalSince1970},
       // Rejected: shape, range or trailing text.
-      {"2012-05-01T10:20:30+0200", std::nullopt},  // milliseconds are required
-      {"2012-05-01T10:20:30.123+0200 ", std::nullopt},
+      {"2012-05-01T10:20:30+0200", std::nullopt},       // milliseconds are required
+      {"2012-05-01T10:20:30.123+0200 ", std::nullopt},  // ...but not after the last
       {"2012-05-01T10:20:30.123+0200xyz", std::nullopt},
       {"2012-05-01T10:20:30.123+", std::nullopt},
       {"2012-05-01T10:20:30.", std::nullopt},
