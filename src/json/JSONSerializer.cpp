@@ -1,0 +1,435 @@
+#include <pxkit/json/JSONSerializer.h>
+#include <pxkit/platform/PXArray.h>
+#include <pxkit/platform/PXDictionary.h>
+#include <pxkit/platform/PXFormat.h>
+
+#include <cmath>
+#include <cstring>
+#include <new>
+#include <vector>
+
+#include "json/internal/JSONMessages.h"
+#include "json/internal/JSONNumbers.h"
+#include "json/internal/JSONText.h"
+
+using namespace pxkit::json::internal;
+
+JSONSerializerDelegate::~JSONSerializerDelegate() = default;
+
+namespace {
+
+constexpr char kHexDigits[] = "0123456789abcdef";
+
+// The output: a byte vector written through a cursor. Room is made in chunks
+// before each write, so the writes themselves are plain stores.
+class Output {
+ public:
+  Output() { bytes_.resize(kInitialSize); }
+
+  // At least `n` writable bytes at the returned cursor; finish with commit().
+  char* reserve(size_t n) {
+    if (bytes_.size() - used_ < n) grow(n);
+    return reinterpret_cast<char*>(bytes_.data()) + used_;
+  }
+  void commit(char* end) { used_ = static_cast<size_t>(end - reinterpret_cast<char*>(bytes_.data())); }
+  void put(char c) {
+    char* p = reserve(1);
+    *p = c;
+    commit(p + 1);
+  }
+  void append(const void* data, size_t n) {
+    char* p = reserve(n);
+    std::memcpy(p, data, n);
+    commit(p + n);
+  }
+
+  std::string_view view() const { return {reinterpret_cast<const char*>(bytes_.data()), used_}; }
+  std::vector<uint8_t> take() {
+    bytes_.resize(used_);
+    return std::move(bytes_);
+  }
+
+ private:
+  static constexpr size_t kInitialSize = 256;
+  void grow(size_t n) {
+    size_t size = bytes_.size() * 2;
+    while (size - used_ < n) size *= 2;
+    bytes_.resize(size);
+  }
+  std::vector<uint8_t> bytes_;
+  size_t used_ = 0;
+};
+
+// Who turns unsupported values into supported ones, if anyone.
+struct Formatter {
+  JSONSerializerDelegate* delegate = nullptr;
+  const char* selector = nullptr;
+  const JSONUnsupportedClassFormatter* block = nullptr;
+
+  bool present() const { return delegate != nullptr || (block != nullptr && *block); }
+  PXValue format(const PXValue& value) const {
+    if (delegate) return delegate->performSelector(selector, value);
+    return (*block)(value);
+  }
+};
+
+// Values the serializer writes itself (the top of a formatter's result is checked against this).
+bool isSupported(const PXValue& value) {
+  switch (value.kind()) {
+    case PXValue::Kind::Null:
+    case PXValue::Kind::Bool:
+    case PXValue::Kind::Int:
+    case PXValue::Kind::UInt:
+    case PXValue::Kind::Double:
+    case PXValue::Kind::String:
+      return true;
+    case PXValue::Kind::Object: {
+      const PXObjectTag tag = value.objectPointer()->objectTag();
+      return tag == PXObjectTag::Array || tag == PXObjectTag::Dictionary;
+    }
+    default:
+      return false;
+  }
+}
+
+class Serializer {
+ public:
+  Serializer(JSONSerializeOptionFlags options, Formatter formatter)
+      : pretty_((options & kPXJSONSerializeOptionPretty) != 0),
+        escapeUnicode_((options & kPXJSONSerializeOptionEscapeUnicode) != 0),
+        formatter_(formatter) {}
+
+  bool writeValue(const PXValue& value, size_t depth) {
+    switch (value.kind()) {
+      case PXValue::Kind::Null:
+        out_.append("null", 4);
+        return true;
+      case PXValue::Kind::Bool:
+        if (value.boolValue()) {
+          out_.append("true", 4);
+        } else {
+          out_.append("false", 5);
+        }
+        return true;
+      case PXValue::Kind::Int: {
+        char* p = out_.reserve(kMaxIntegerChars);
+        out_.commit(writeInt64(value.longLongValue(), p));
+        return true;
+      }
+      case PXValue::Kind::UInt: {
+        char* p = out_.reserve(kMaxIntegerChars);
+        out_.commit(writeUInt64(value.unsignedLongLongValue(), p));
+        return true;
+      }
+      case PXValue::Kind::Double: {
+        const double d = value.doubleValue();
+        if (!std::isfinite(d)) return fail(kMessageNotFinite);
+        char* p = out_.reserve(kMaxDoubleChars);
+        out_.commit(writeDouble(d, p));
+        return true;
+      }
+      case PXValue::Kind::String:
+        writeString(value.stringValue(), /*quotes=*/true);
+        return true;
+      case PXValue::Kind::Object: {
+        const PXObject* object = value.objectPointer();
+        if (object->objectTag() == PXObjectTag::Array) {
+          return writeArray(static_cast<const PXArray&>(*object), depth + 1);
+        }
+        if (object->objectTag() == PXObjectTag::Dictionary) {
+          return writeDictionary(static_cast<const PXDictionary&>(*object), depth + 1);
+        }
+        return writeUnsupported(value, depth);
+      }
+      default:
+        return writeUnsupported(value, depth);
+    }
+  }
+
+  // The string's escaped text, with or without the quotes.
+  void writeString(std::string_view text, bool quotes) {
+    const auto* p = reinterpret_cast<const uint8_t*>(text.data());
+    const uint8_t* const end = p + text.size();
+    if (quotes) out_.put('"');
+    for (;;) {
+      const uint8_t* run = p;
+      p = findStringSpecial(p, end);
+      out_.append(run, static_cast<size_t>(p - run));
+      if (p >= end) break;
+      const uint8_t c = *p;
+      if (c >= 0x80) {
+        const UTF8Sequence seq = decodeUTF8(p, end);
+        const uint32_t cp = seq.status == UTF8Status::Ok ? seq.codePoint : kReplacementCharacter;
+        if (escapeUnicode_) {
+          writeUnicodeEscape(cp);
+        } else if (seq.status == UTF8Status::Ok) {
+          out_.append(p, seq.length);
+        } else {
+          out_.append("\xEF\xBF\xBD", 3);  // ill-formed bytes are written as U+FFFD
+        }
+        p += seq.length;
+        continue;
+      }
+      char* w = out_.reserve(6);
+      *w++ = '\\';
+      switch (c) {
+        case '"':
+          *w++ = '"';
+          break;
+        case '\\':
+          *w++ = '\\';
+          break;
+        case '\b':
+          *w++ = 'b';
+          break;
+        case '\f':
+          *w++ = 'f';
+          break;
+        case '\n':
+          *w++ = 'n';
+          break;
+        case '\r':
+          *w++ = 'r';
+          break;
+        case '\t':
+          *w++ = 't';
+          break;
+        default:  // other control characters: "\u%4.4x"
+          *w++ = 'u';
+          *w++ = '0';
+          *w++ = '0';
+          *w++ = kHexDigits[c >> 4];
+          *w++ = kHexDigits[c & 0xF];
+          break;
+      }
+      out_.commit(w);
+      ++p;
+    }
+    if (quotes) out_.put('"');
+  }
+
+  Output& output() { return out_; }
+  const PXString& message() const { return message_; }
+  bool fail(PXString message) {
+    if (message_.isAbsent()) message_ = std::move(message);
+    return false;
+  }
+
+ private:
+  // "\u%4.4x", or "\u%4.4x\u%4.4x" for a character outside the Basic Multilingual Plane.
+  void writeUnicodeEscape(uint32_t cp) {
+    char* w = out_.reserve(12);
+    auto unit = [&w](uint32_t u) {
+      *w++ = '\\';
+      *w++ = 'u';
+      for (int shift = 12; shift >= 0; shift -= 4) *w++ = kHexDigits[(u >> shift) & 0xF];
+    };
+    if (cp >= 0x10000) {
+      cp -= 0x10000;
+      unit(0xD800 + (cp >> 10));
+      unit(0xDC00 + (cp & 0x3FF));
+    } else {
+      unit(cp);
+    }
+    out_.commit(w);
+  }
+
+  void newline(size_t depth) {
+    const size_t width = depth * 2;
+    char* w = out_.reserve(width + 1);
+    *w++ = '\n';
+    std::memset(w, ' ', width);
+    out_.commit(w + width);
+  }
+
+  bool checkDepth(size_t depth) {
+    if (depth <= kPXJSONMaxDepth) return true;
+    return fail(PXFormat(kMessageTooDeep, static_cast<unsigned long>(kPXJSONMaxDepth)));
+  }
+
+  bool writeArray(const PXArray& array, size_t depth) {
+    if (!checkDepth(depth)) return false;
+    const std::vector<PXValue>& values = array.values();
+    out_.put('[');
+    bool first = true;
+    for (const PXValue& value : values) {
+      if (!first) out_.put(',');
+      first = false;
+      if (pretty_) newline(depth);
+      if (!writeValue(value, depth)) return false;
+    }
+    if (pretty_ && !values.empty()) newline(depth - 1);
+    out_.put(']');
+    return true;
+  }
+
+  bool writeDictionary(const PXDictionary& dictionary, size_t depth) {
+    if (!checkDepth(depth)) return false;
+    out_.put('{');
+    bool first = true;
+    for (const PXDictionary::Entry& entry : dictionary.entries()) {
+      if (!first) out_.put(',');
+      first = false;
+      if (pretty_) newline(depth);
+      if (!entry.first.isString()) return fail(kMessageKeyNotString);
+      writeString(entry.first.stringValue(), /*quotes=*/true);
+      if (pretty_) {
+        out_.append(": ", 2);
+      } else {
+        out_.put(':');
+      }
+      if (!writeValue(entry.second, depth)) return false;
+    }
+    if (pretty_ && dictionary.count() != 0) newline(depth - 1);
+    out_.put('}');
+    return true;
+  }
+
+  bool writeUnsupported(const PXValue& value, size_t depth) {
+    if (!formatter_.present()) return fail(PXFormat(kMessageUnsupportedClass, value.className()));
+    const PXValue replacement = formatter_.format(value);
+    if (!isSupported(replacement)) {
+      return fail(PXFormat(kMessageUnsupportedFormatterResult, replacement.className(), value.className()));
+    }
+    return writeValue(replacement, depth);
+  }
+
+  Output out_;
+  const bool pretty_;
+  const bool escapeUnicode_;
+  const Formatter formatter_;
+  PXString message_;
+};
+
+PXErrorRef makeError(const PXString& message) {
+  return PXError::errorWithDomain(kPXJSONErrorDomain, -1, message);
+}
+
+// Checks the arguments and writes `object`; false with `message` set on failure.
+bool run(Serializer& serializer, const PXValue& object, const Formatter& formatter, bool collectionEntry,
+         bool includeQuotes, PXString& message) {
+  if (formatter.delegate) {
+    if (!formatter.selector) {
+      message = kMessageDelegateWithoutSelector;
+      return false;
+    }
+    if (!formatter.delegate->respondsToSelector(formatter.selector)) {
+      message = kMessageDelegateDoesNotRespond;
+      return false;
+    }
+  }
+  if (collectionEntry && !object.isArray() && !object.isDictionary()) {
+    message = PXFormat(kMessageExpectedCollection, object.className());
+    return false;
+  }
+  if (!collectionEntry && !object.isString()) {
+    message = PXFormat(kMessageExpectedString, object.className());
+    return false;
+  }
+  try {
+    if (!collectionEntry) {
+      serializer.writeString(object.stringValue(), includeQuotes);
+      return true;
+    }
+    if (serializer.writeValue(object, 0)) return true;
+  } catch (const std::bad_alloc&) {
+    serializer.fail(kMessageTemporaryBufferMemory);
+  }
+  message = serializer.message();
+  return false;
+}
+
+PXRef<PXData> serializeToData(const PXValue& object, JSONSerializeOptionFlags options,
+                              const Formatter& formatter, bool collectionEntry, bool includeQuotes,
+                              PXErrorRef* error) {
+  PXString message;
+  try {
+    Serializer serializer(options, formatter);
+    if (run(serializer, object, formatter, collectionEntry, includeQuotes, message)) {
+      try {
+        return PXData::dataWithBytes(serializer.output().take());
+      } catch (const std::bad_alloc&) {
+        message = kMessageDataObjectMemory;
+      }
+    }
+  } catch (const std::bad_alloc&) {
+    message = kMessageTemporaryBufferMemory;
+  }
+  PXSetError(error, makeError(message));
+  return {};
+}
+
+PXString serializeToString(const PXValue& object, JSONSerializeOptionFlags options,
+                           const Formatter& formatter, bool collectionEntry, bool includeQuotes,
+                           PXErrorRef* error) {
+  PXString message;
+  try {
+    Serializer serializer(options, formatter);
+    if (run(serializer, object, formatter, collectionEntry, includeQuotes, message)) {
+      try {
+        return PXString(serializer.output().view());
+      } catch (const std::bad_alloc&) {
+        message = kMessageStringObjectMemory;
+      }
+    }
+  } catch (const std::bad_alloc&) {
+    message = kMessageTemporaryBufferMemory;
+  }
+  PXSetError(error, makeError(message));
+  return {};
+}
+
+}  // namespace
+
+PXRef<PXData> JSONDataWithOptions(const PXValue& collection, JSONSerializeOptionFlags serializeOptions,
+                                  PXErrorRef* error) {
+  return serializeToData(collection, serializeOptions, Formatter{}, true, true, error);
+}
+
+PXString JSONStringWithOptions(const PXValue& collection, JSONSerializeOptionFlags serializeOptions,
+                               PXErrorRef* error) {
+  return serializeToString(collection, serializeOptions, Formatter{}, true, true, error);
+}
+
+PXRef<PXData> JSONData(const PXValue& collection) {
+  return JSONDataWithOptions(collection, 0, nullptr);
+}
+
+PXString JSONString(const PXValue& collection) {
+  return JSONStringWithOptions(collection, 0, nullptr);
+}
+
+PXRef<PXData> JSONDataWithOptions(const PXValue& collection, JSONSerializeOptionFlags serializeOptions,
+                                  JSONSerializerDelegate* delegate, const char* selector, PXErrorRef* error) {
+  return serializeToData(collection, serializeOptions, Formatter{delegate, selector, nullptr}, true, true,
+                         error);
+}
+
+PXString JSONStringWithOptions(const PXValue& collection, JSONSerializeOptionFlags serializeOptions,
+                               JSONSerializerDelegate* delegate, const char* selector, PXErrorRef* error) {
+  return serializeToString(collection, serializeOptions, Formatter{delegate, selector, nullptr}, true, true,
+                           error);
+}
+
+PXRef<PXData> JSONDataWithOptions(const PXValue& collection, JSONSerializeOptionFlags serializeOptions,
+                                  const JSONUnsupportedClassFormatter& block, PXErrorRef* error) {
+  return serializeToData(collection, serializeOptions, Formatter{nullptr, nullptr, &block}, true, true,
+                         error);
+}
+
+PXString JSONStringWithOptions(const PXValue& collection, JSONSerializeOptionFlags serializeOptions,
+                               const JSONUnsupportedClassFormatter& block, PXErrorRef* error) {
+  return serializeToString(collection, serializeOptions, Formatter{nullptr, nullptr, &block}, true, true,
+                           error);
+}
+
+PXRef<PXData> JSONDataWithOptionsIncludeQuotes(const PXValue& string,
+                                               JSONSerializeOptionFlags serializeOptions, bool includeQuotes,
+                                               PXErrorRef* error) {
+  return serializeToData(string, serializeOptions, Formatter{}, false, includeQuotes, error);
+}
+
+PXString JSONStringWithOptionsIncludeQuotes(const PXValue& string, JSONSerializeOptionFlags serializeOptions,
+                                            bool includeQuotes, PXErrorRef* error) {
+  return serializeToString(string, serializeOptions, Formatter{}, false, includeQuotes, error);
+}

@@ -1,0 +1,624 @@
+#include <gtest/gtest.h>
+#include <pxkit/json/JSONDecoder.h>
+#include <pxkit/platform/PXArray.h>
+#include <pxkit/platform/PXDictionary.h>
+#include <pxkit/platform/PXException.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <string_view>
+
+namespace {
+
+PXValue parse(std::string_view text, JSONParseOptionFlags options = 0, PXErrorRef* error = nullptr) {
+  return JSONDecoder::decoderWithParseOptions(options)->objectWithUTF8String(text.data(), text.size(), error);
+}
+
+PXValue parseMutable(std::string_view text, JSONParseOptionFlags options = 0, PXErrorRef* error = nullptr) {
+  return JSONDecoder::decoderWithParseOptions(options)->mutableObjectWithUTF8String(text.data(), text.size(),
+                                                                                    error);
+}
+
+// The first element of a one-element array document.
+PXValue only(std::string_view text, JSONParseOptionFlags options = 0) {
+  PXErrorRef error;
+  PXValue doc = parse(text, options, &error);
+  EXPECT_TRUE(doc) << text << ": " << (error ? error->localizedDescription().str() : "");
+  if (!doc.isArray() || doc.arrayValue()->count() != 1) return PXValue();
+  return doc.arrayValue()->objectAtIndex(0);
+}
+
+std::string hex(std::string_view bytes) {
+  std::string out;
+  char buf[4];
+  for (unsigned char c : bytes) {
+    std::snprintf(buf, sizeof buf, "%02x", c);
+    out += buf;
+  }
+  return out;
+}
+
+const PXValue& info(const PXErrorRef& error, const char* key) {
+  static const PXValue absent;
+  const PXValue* v = error->userInfo()->find(PXValue(key));
+  return v ? *v : absent;
+}
+
+}  // namespace
+
+// ---- Errors --------------------------------------------------------------------
+
+TEST(JSONDecoder, EveryParseErrorHasItsMessageIndexAndLine) {
+  struct Row {
+    std::string input;
+    JSONParseOptionFlags options;
+    const char* message;
+    uint64_t index;
+    uint64_t line;
+  };
+  const std::string deep(kPXJSONMaxDepth + 1, '[');
+  const Row rows[] = {
+      // The document as a whole.
+      {"", 0, "Reached the end of the buffer.", 0, 1},
+      {"  \n\t ", 0, "Reached the end of the buffer.", 5, 2},
+      {"\"text\"", 0, "Expected either '[' or '{'.", 0, 1},
+      {" 42", 15, "Expected either '[' or '{'.", 1, 1},
+      {"true", 0, "Expected either '[' or '{'.", 0, 1},
+      {"[1,2", 0, "Reached the end of the buffer.", 4, 1},
+      {"{\"a\"", 0, "Reached the end of the buffer.", 4, 1},
+      {"{\"a\":", 0, "Reached the end of the buffer.", 5, 1},
+      {"[1] x", 0,
+       "A valid JSON object was parsed but there were additional non-white-space characters remaining.", 4,
+       1},
+      {"{}\n\n]", 0,
+       "A valid JSON object was parsed but there were additional non-white-space characters remaining.", 4,
+       3},
+      {"[1] /* note */", 0,
+       "A valid JSON object was parsed but there were additional non-white-space characters remaining.", 4,
+       1},
+      {deep, 0, "Unable to parse JSON.", kPXJSONMaxDepth, 1},
+      // Arrays.
+      {"[1,]", 0, "Unexpected ']'.", 3, 1},
+      {"[,1]", 0, "Unexpected ','.", 1, 1},
+      {"[1,,2]", 0, "Unexpected ','.", 3, 1},
+      {"[1 2]", 0, "Unexpected value.", 3, 1},
+      {"[[] {}]", 0, "Unexpected value.", 4, 1},
+      {"[}", 0, "Expected a value or a ']', not '}'", 1, 1},
+      {"[1:", 0, "Expected a comma or a ']', not ':'", 2, 1},
+      {"[1,}", 0, "Expected a value, not '}'", 3, 1},
+      // Dictionaries.
+      {"{\"a\":1,}", 0, "Unexpected '}'.", 7, 1},
+      {"{,}", 0, "Unexpected ','.", 1, 1},
+      {"{\"a\":1,,}", 0, "Unexpected ','.", 7, 1},
+      {"{\"a\":1 \"b\":2}", 0, "Unexpected string.", 7, 1},
+      {"{\"a\" 1}", 0, "Expected ':'.", 5, 1},
+      {"{\"a\"}", 0, "Expected ':'.", 4, 1},
+      {"{1:2}", 0, "Expected a \"STRING\" or a '}', not '1'", 1, 1},
+      {"{-12.5e3:1}", 0, "Expected a \"STRING\" or a '}', not '-12.5e3'", 1, 1},
+      {"{[", 0, "Expected a \"STRING\" or a '}', not '['", 1, 1},
+      {"{\"a\":1 ]", 0, "Expected a comma or a '}', not ']'", 7, 1},
+      {"{\"a\":1 :", 0, "Expected a comma or a '}', not ':'", 7, 1},
+      {"{\"a\":1,true}", 0, "Expected a \"STRING\", not 'true'", 7, 1},
+      {"{\"a\":1,null}", 0, "Expected a \"STRING\", not 'null'", 7, 1},
+      {"{\"a\":}", 0, "Expected a value, not '}'", 5, 1},
+      {"{\"a\":,}", 0, "Expected a value, not ','", 5, 1},
+      {"{\"a\":]", 0, "Expected a value, not ']'", 5, 1},
+      // Tokens.
+      {"[x]", 0,
+       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
+       "'NUMBER'.",
+       1, 1},
+      {"[tru]", 0,
+       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
+       "'NUMBER'.",
+       1, 1},
+      {"[.5]", 0,
+       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
+       "'NUMBER'.",
+       1, 1},
+      {"{\"a\":nil}", 0,
+       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
+       "'NUMBER'.",
+       5, 1},
+      {"{x}", 0,
+       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
+       "'NUMBER'.",
+       1, 1},
+      {"[tr", 0, "Reached the end of the buffer.", 3, 1},
+      {"[fals", 0, "Reached the end of the buffer.", 5, 1},
+      // Numbers.
+      {"[-]", 0, "Invalid number.", 1, 1},
+      {"[-a]", 0, "Invalid number.", 1, 1},
+      {"[01]", 0, "Invalid number.", 1, 1},
+      {"[-00]", 0, "Invalid number.", 1, 1},
+      {"[1.]", 0, "Invalid number.", 1, 1},
+      {"[1.e5]", 0, "Invalid number.", 1, 1},
+      {"[1e]", 0, "Invalid number.", 1, 1},
+      {"[1E+]", 0, "Invalid number.", 1, 1},
+      {"[2.5e", 0, "Invalid number.", 1, 1},
+      {"[1.5", 0, "Reached the end of the buffer.", 4, 1},
+      {"[18446744073709551616]", 0,
+       "The value '18446744073709551616' exceeded the maximum value that could be represented: "
+       "18446744073709551615.",
+       1, 1},
+      {"[123456789012345678901234567890]", 0,
+       "The value '123456789012345678901234567890' exceeded the maximum value that could be represented: "
+       "18446744073709551615.",
+       1, 1},
+      {"[-9223372036854775809]", 0,
+       "The value '-9223372036854775809' exceeded the minimum value that could be represented: "
+       "-9223372036854775808.",
+       1, 1},
+      {"[-18446744073709551616]", 0,
+       "The value '-18446744073709551616' exceeded the minimum value that could be represented: "
+       "-9223372036854775808.",
+       1, 1},
+      {"[1e400]", 0, "The value '1e400' could not be represented as a 'double' due to overflow.", 1, 1},
+      {"[-17.5E+308]", 0, "The value '-17.5E+308' could not be represented as a 'double' due to overflow.", 1,
+       1},
+      {"[1e-400]", 0, "The value '1e-400' could not be represented as a 'double' due to underflow.", 1, 1},
+      {"[100000e-330]", 0, "The value '100000e-330' could not be represented as a 'double' due to underflow.",
+       1, 1},
+      {"[0.000001e-320]", 0,
+       "The value '0.000001e-320' could not be represented as a 'double' due to underflow.", 1, 1},
+      // Strings.
+      {"[\"a\tb\"]", 0, "Invalid character < 0x20 found in string: 0x09.", 3, 1},
+      {"[\"a\tb\"]", 15, "Invalid character < 0x20 found in string: 0x09.", 3, 1},
+      {std::string("[\"\0\"]", 5), 0, "Invalid character < 0x20 found in string: 0x00.", 2, 1},
+      {"[\"a\\n\x1f\"]", 0, "Invalid character < 0x20 found in string: 0x1f.", 5, 1},
+      {"[\"abc", 0, "Invalid string.", 1, 1},
+      {"[\"abc\\", 0, "Invalid string.", 1, 1},
+      {"[\"\\u00", 0, "Invalid string.", 1, 1},
+      {"[\"\\ud834", 0, "Invalid string.", 1, 1},
+      {"[\"\\x\"]", 0, "Invalid escape sequence found in \"\" string.", 2, 1},
+      {"[\"ok\\'\"]", 0, "Invalid escape sequence found in \"\" string.", 4, 1},
+      {"[\"\\u12g4\"]", 0,
+       "Unexpected character found in \\u Unicode escape sequence.  Found 'g', expected [0-9a-fA-F].", 6, 1},
+      {"[\"\\u\"]", 0,
+       "Unexpected character found in \\u Unicode escape sequence.  Found '\"', expected [0-9a-fA-F].", 4, 1},
+      {"[\"\\ud800\"]", 0,
+       "Required a second \\u Unicode escape sequence following a surrogate \\u Unicode escape sequence.", 2,
+       1},
+      {"[\"\\ud800\\n\"]", 0,
+       "Required a second \\u Unicode escape sequence following a surrogate \\u Unicode escape sequence.", 2,
+       1},
+      {"[\"\\ud800x\"]", 0,
+       "Required a second \\u Unicode escape sequence following a surrogate \\u Unicode escape sequence.", 2,
+       1},
+      {"[\"\\udc00\"]", 0, "Illegal \\u Unicode escape sequence.", 2, 1},
+      {"[\"\\ud800\\u0041\"]", 0, "Illegal \\u Unicode escape sequence.", 2, 1},
+      {"[\"\\ud800\\ud800\"]", 0, "Illegal \\u Unicode escape sequence.", 2, 1},
+      {"[\"\xff\"]", 0, "Illegal UTF8 sequence found in \"\" string.", 2, 1},
+      {"[\"ok\x80\"]", 0, "Illegal UTF8 sequence found in \"\" string.", 4, 1},
+      {"[\"\xc0\xaf\"]", 0, "Illegal UTF8 sequence found in \"\" string.", 2, 1},          // overlong '/'
+      {"[\"\xed\xa0\x80\"]", 0, "Illegal UTF8 sequence found in \"\" string.", 2, 1},      // a surrogate
+      {"[\"\xf4\x90\x80\x80\"]", 0, "Illegal UTF8 sequence found in \"\" string.", 2, 1},  // above U+10FFFF
+      {"[\"\xe2\x82\"]", 0, "Illegal UTF8 sequence found in \"\" string.", 2, 1},
+      {"[\"\\n\xe2\x82\"]", 0, "Illegal UTF8 sequence found in \"\" string.", 4, 1},  // on the copying path
+      {"[\"\xe2\x82", 0, "End of buffer reached while parsing UTF8 in \"\" string.", 2, 1},
+      {"[\"\xf0", 0, "End of buffer reached while parsing UTF8 in \"\" string.", 2, 1},
+      // Options change what counts as white space, and so the line numbers.
+      {"[\n1,\r\n2,\r3,\n x]", 0,
+       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
+       "'NUMBER'.",
+       13, 5},
+      {"[1,\xe2\x80\xa8 x]", 0,
+       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
+       "'NUMBER'.",
+       3, 1},
+      {"[1,\xe2\x80\xa8 x]", kPXJSONParseOptionUnicodeNewlines,
+       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
+       "'NUMBER'.",
+       7, 2},
+      {"[1,\xc2\x85\xe2\x80\xa9x]", kPXJSONParseOptionUnicodeNewlines,
+       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
+       "'NUMBER'.",
+       8, 3},
+      {"[1, // one\n /* two\n */ x]", 0,
+       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
+       "'NUMBER'.",
+       4, 1},
+      {"[1, // one\n /* two\n */ x]", kPXJSONParseOptionComments,
+       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
+       "'NUMBER'.",
+       23, 3},
+      {"[1] /* open", kPXJSONParseOptionComments, "Reached the end of the buffer.", 4, 1},
+      {"[1, // to the end", kPXJSONParseOptionComments, "Reached the end of the buffer.", 17, 1},
+      {"[1, / 2]", kPXJSONParseOptionComments,
+       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
+       "'NUMBER'.",
+       4, 1},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(hex(row.input) + " options " + std::to_string(row.options));
+    PXErrorRef error;
+    PXValue result = parse(row.input, row.options, &error);
+    EXPECT_FALSE(result);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain(), "PXJSONErrorDomain");
+    EXPECT_EQ(error->code(), -1);
+    EXPECT_EQ(error->localizedDescription().str(), row.message);
+    const PXValue& index = info(error, "PXJSONAtIndexKey");
+    const PXValue& line = info(error, "PXJSONLineNumberKey");
+    EXPECT_EQ(index.kind(), PXValue::Kind::UInt);
+    EXPECT_EQ(line.kind(), PXValue::Kind::UInt);
+    EXPECT_EQ(index.unsignedLongLongValue(), row.index);
+    EXPECT_EQ(line.unsignedLongLongValue(), row.line);
+    // The mutable form fails the same way.
+    PXErrorRef mutableError;
+    EXPECT_FALSE(parseMutable(row.input, row.options, &mutableError));
+    ASSERT_TRUE(mutableError);
+    EXPECT_EQ(mutableError->localizedDescription(), error->localizedDescription());
+  }
+}
+
+TEST(JSONDecoder, MissingArgumentsFailWithTheirOwnMessages) {
+  auto decoder = JSONDecoder::decoder();
+  struct Row {
+    const char* name;
+    PXValue (*call)(JSONDecoder&, PXErrorRef*);
+    const char* message;
+  };
+  const Row rows[] = {
+      {"objectWithData", [](JSONDecoder& d, PXErrorRef* e) { return d.objectWithData(nullptr, e); },
+       "The jsonData argument is NULL."},
+      {"objectWithData ref",
+       [](JSONDecoder& d, PXErrorRef* e) { return d.objectWithData(PXRef<PXData>(), e); },
+       "The jsonData argument is NULL."},
+      {"mutableObjectWithData",
+       [](JSONDecoder& d, PXErrorRef* e) { return d.mutableObjectWithData(nullptr, e); },
+       "The jsonData argument is NULL."},
+      {"parseJSONData", [](JSONDecoder& d, PXErrorRef* e) { return d.parseJSONData(nullptr, e); },
+       "The jsonData argument is NULL."},
+      {"objectWithUTF8String",
+       [](JSONDecoder& d, PXErrorRef* e) { return d.objectWithUTF8String(nullptr, 3, e); },
+       "The string argument is NULL."},
+      {"mutableObjectWithUTF8String",
+       [](JSONDecoder& d, PXErrorRef* e) { return d.mutableObjectWithUTF8String(nullptr, 0, e); },
+       "The string argument is NULL."},
+      {"parseUTF8String", [](JSONDecoder& d, PXErrorRef* e) { return d.parseUTF8String(nullptr, 1, e); },
+       "The string argument is NULL."},
+      {"objectFromJSONData",
+       [](JSONDecoder&, PXErrorRef* e) { return objectFromJSONDataWithParseOptions(nullptr, 0, e); },
+       "The jsonData argument is NULL."},
+      {"mutableObjectFromJSONData",
+       [](JSONDecoder&, PXErrorRef* e) { return mutableObjectFromJSONDataWithParseOptions(nullptr, 15, e); },
+       "The jsonData argument is NULL."},
+      {"objectFromJSONString",
+       [](JSONDecoder&, PXErrorRef* e) { return objectFromJSONStringWithParseOptions(PXString(), 0, e); },
+       "An error occurred converting the contents of a NSString to UTF8."},
+      {"mutableObjectFromJSONString",
+       [](JSONDecoder&, PXErrorRef* e) {
+         return mutableObjectFromJSONStringWithParseOptions(PXString(), 0, e);
+       },
+       "An error occurred converting the contents of a NSString to UTF8."},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    PXErrorRef error;
+    EXPECT_FALSE(row.call(*decoder, &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain(), "PXJSONErrorDomain");
+    EXPECT_EQ(error->code(), -1);
+    EXPECT_EQ(error->localizedDescription().str(), row.message);
+    EXPECT_FALSE(row.call(*decoder, nullptr));  // without an error parameter: just nothing
+  }
+}
+
+TEST(JSONDecoder, ParseOptionsOfSixteenOrMoreRaise) {
+  for (unsigned options = 0; options < 16; ++options) {
+    EXPECT_EQ(JSONDecoder::decoderWithParseOptions(options)->parseOptionFlags(), options);
+  }
+  for (unsigned options : {16u, 17u, 31u, 0x100u, 0x80000000u}) {
+    try {
+      (void)JSONDecoder::decoderWithParseOptions(options);
+      ADD_FAILURE() << "no exception for " << options;
+    } catch (const PXException& e) {
+      EXPECT_EQ(e.name(), kPXInvalidArgumentException);
+      EXPECT_EQ(e.reason(), "Invalid parse options.");
+    }
+  }
+  EXPECT_EQ(JSONDecoder::decoder()->parseOptionFlags(), 0u);
+}
+
+// ---- Values --------------------------------------------------------------------
+
+TEST(JSONDecoder, IntegersKeepSixtyFourBitsWithTheirSignedness) {
+  struct Row {
+    const char* text;
+    PXValue::Kind kind;
+    uint64_t bits;  // the value's two's-complement bits
+  };
+  const Row rows[] = {
+      {"[0]", PXValue::Kind::UInt, 0},
+      {"[7]", PXValue::Kind::UInt, 7},
+      {"[-7]", PXValue::Kind::Int, static_cast<uint64_t>(-7)},
+      {"[9223372036854775807]", PXValue::Kind::UInt, 9223372036854775807ull},
+      {"[9223372036854775808]", PXValue::Kind::UInt, 9223372036854775808ull},
+      {"[9999999999999999999]", PXValue::Kind::UInt, 9999999999999999999ull},
+      {"[10000000000000000000]", PXValue::Kind::UInt, 10000000000000000000ull},
+      {"[18446744073709551615]", PXValue::Kind::UInt, 18446744073709551615ull},
+      {"[-9223372036854775807]", PXValue::Kind::Int, static_cast<uint64_t>(-9223372036854775807ll)},
+      {"[-9223372036854775808]", PXValue::Kind::Int, 9223372036854775808ull},
+      {"[-1000000000000000000]", PXValue::Kind::Int, static_cast<uint64_t>(-1000000000000000000ll)},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.text);
+    PXValue v = only(row.text);
+    ASSERT_EQ(v.kind(), row.kind);
+    if (row.kind == PXValue::Kind::Int) {
+      EXPECT_EQ(static_cast<uint64_t>(v.longLongValue()), row.bits);
+    } else {
+      EXPECT_EQ(v.unsignedLongLongValue(), row.bits);
+    }
+  }
+}
+
+TEST(JSONDecoder, NumbersWithFractionOrExponentAreCorrectlyRoundedDoubles) {
+  const char* texts[] = {
+      "0.1",
+      "-0.5",
+      "1e0",
+      "1E+2",
+      "2.5e-3",
+      "43.420273000000009",
+      "-65.613616999999977",
+      "1.7976931348623157e308",
+      "4.9406564584124654e-324",
+      "2.2250738585072014e-308",
+      "9007199254740993.0",  // halfway between two doubles: ties to even
+      "0.30000000000000004",
+      "123456789012345678901234567890.5",
+      "1e-320",
+      "3.141592653589793238462643383279502884197169399375105820974944592307816406286",
+  };
+  for (const char* text : texts) {
+    SCOPED_TRACE(text);
+    PXValue v = only("[" + std::string(text) + "]");
+    ASSERT_EQ(v.kind(), PXValue::Kind::Double);
+    EXPECT_EQ(v.doubleValue(), std::strtod(text, nullptr));
+  }
+  // "-0" keeps its sign, as the double -0.0.
+  PXValue negativeZero = only("[-0]");
+  ASSERT_EQ(negativeZero.kind(), PXValue::Kind::Double);
+  EXPECT_TRUE(std::signbit(negativeZero.doubleValue()));
+  EXPECT_EQ(only("[0e-999]").doubleValue(), 0.0);  // zero is not an underflow
+}
+
+TEST(JSONDecoder, LiteralsStringsAndEscapes) {
+  PXValue doc =
+      parse(R"([true, false, null, "", "plain", "\"\\\/\b\f\n\r\t", "\u00e9\u4e2d\ud834\udd1e\u0000"])");
+  ASSERT_TRUE(doc.isArray());
+  auto list = doc.arrayValue();
+  ASSERT_EQ(list->count(), 7u);
+  EXPECT_EQ(list->objectAtIndex(0).kind(), PXValue::Kind::Bool);
+  EXPECT_TRUE(list->objectAtIndex(0).boolValue());
+  EXPECT_EQ(list->objectAtIndex(1).kind(), PXValue::Kind::Bool);
+  EXPECT_FALSE(list->objectAtIndex(1).boolValue());
+  EXPECT_TRUE(list->objectAtIndex(2).isNull());
+  EXPECT_EQ(list->objectAtIndex(3).stringValue(), "");
+  EXPECT_EQ(list->objectAtIndex(4).stringValue(), "plain");
+  EXPECT_EQ(list->objectAtIndex(5).stringValue(), "\"\\/\b\f\n\r\t");
+  EXPECT_EQ(list->objectAtIndex(6).stringValue(),
+            std::string_view("\xc3\xa9\xe4\xb8\xad\xf0\x9d\x84\x9e\0", 10));
+  // Raw UTF-8 (two, three and four byte forms) passes through untouched.
+  EXPECT_EQ(only("[\"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80\"]").stringValue(),
+            "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80");
+  // Long strings (beyond the inline size), with and without escapes.
+  const std::string longText(300, 'x');
+  EXPECT_EQ(only("[\"" + longText + "\"]").stringValue(), longText);
+  EXPECT_EQ(only("[\"" + longText + "\\n" + longText + "\"]").stringValue(), longText + "\n" + longText);
+}
+
+TEST(JSONDecoder, LooseUnicodeReplacesEachBadStretchWithOneReplacementCharacter) {
+  const std::string fffd = "\xef\xbf\xbd";
+  struct Row {
+    std::string input;  // a string literal's contents
+    std::string expected;
+  };
+  const Row rows[] = {
+      {"\\ud800", fffd},
+      {"a\\ud800b", "a" + fffd + "b"},
+      {"\\ud800\\n", fffd + "\n"},
+      {"\\ud800\\u0041", fffd + "A"},
+      {"\\ud800\\ud83d\\ude00", fffd + "\xf0\x9f\x98\x80"},
+      {"\\udc00", fffd},
+      {"\xff", fffd},
+      {"a\xc3(", "a" + fffd + "("},
+      {"\xe2\x82", fffd},                    // a truncated three-byte form: one replacement
+      {"\xf0\x9f\x98", fffd},                // a truncated four-byte form
+      {"\xed\xa0\x80", fffd + fffd + fffd},  // a surrogate: no valid prefix, byte by byte
+      {"\xc0\xaf", fffd + fffd},
+      {"ok \xe2\x82\xac", "ok \xe2\x82\xac"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(hex(row.input));
+    const bool wellFormed = row.input == row.expected;
+    EXPECT_EQ(static_cast<bool>(parse("[\"" + row.input + "\"]")), wellFormed);
+    PXValue v = only("[\"" + row.input + "\"]", kPXJSONParseOptionLooseUnicode);
+    EXPECT_EQ(hex(v.stringValue()), hex(row.expected));
+  }
+  // A bad sequence cut off by the end of the input is replaced, then the string is unterminated.
+  PXErrorRef error;
+  EXPECT_FALSE(parse("[\"\xe2\x82", kPXJSONParseOptionLooseUnicode, &error));
+  EXPECT_EQ(error->localizedDescription(), "Invalid string.");
+}
+
+TEST(JSONDecoder, OptionBitsEachRelaxOneRule) {
+  // Comments.
+  const char* commented = "/* head */ [1, // one\n 2 /* two */] // tail";
+  EXPECT_FALSE(parse(commented));
+  EXPECT_EQ(parse(commented, kPXJSONParseOptionComments).arrayValue()->count(), 2u);
+  // Unicode line breaks are white space only with their option.
+  const char* unicodeBreaks = "[1,\xc2\x85 2,\xe2\x80\xa8 3\xe2\x80\xa9]";
+  EXPECT_FALSE(parse(unicodeBreaks));
+  EXPECT_EQ(parse(unicodeBreaks, kPXJSONParseOptionUnicodeNewlines).arrayValue()->count(), 3u);
+  // A Unicode line break also ends a line comment.
+  EXPECT_EQ(parse("[1, // c\xe2\x80\xa8 2]", kPXJSONParseOptionComments | kPXJSONParseOptionUnicodeNewlines)
+                .arrayValue()
+                ->count(),
+            2u);
+  // Loose Unicode.
+  EXPECT_FALSE(parse("[\"\\udc00\"]"));
+  EXPECT_TRUE(parse("[\"\\udc00\"]", kPXJSONParseOptionLooseUnicode));
+  // Text after the document.
+  PXErrorRef error;
+  EXPECT_FALSE(parse("{\"a\":1} trailing", 0, &error));
+  PXValue first = parse("{\"a\":1} {\"b\":2} trailing", kPXJSONParseOptionPermitTextAfterValidJSON);
+  ASSERT_TRUE(first.isDictionary());
+  EXPECT_EQ(first.dictionaryValue()->count(), 1u);
+  EXPECT_EQ(first.dictionaryValue()->objectForKey("a").intValue(), 1);
+  // Only white space may follow in strict mode: it is accepted.
+  EXPECT_TRUE(parse("[1] \r\n\t "));
+  // The four together, as the facade uses them.
+  EXPECT_TRUE(parse("// c\n[\"\\ud800\",\xe2\x80\xa8 1] garbage", 15));
+  // Nothing relaxes a raw tab in a string or a bare top-level value.
+  EXPECT_FALSE(parse("[\"\t\"]", 15));
+  EXPECT_TRUE(parse("[\"\\t\"]"));
+  EXPECT_FALSE(parse("\"x\"", 15));
+}
+
+TEST(JSONDecoder, DictionariesKeepKeyOrderAndTheLastOfRepeatedKeys) {
+  PXValue doc = parse(R"({"b": 1, "a": 2, "c": {"x": [], "y": {}}, "a": 3})");
+  ASSERT_TRUE(doc.isDictionary());
+  auto dict = doc.dictionaryValue();
+  ASSERT_EQ(dict->count(), 3u);
+  EXPECT_EQ(dict->entries()[0].first.stringValue(), "b");
+  EXPECT_EQ(dict->entries()[1].first.stringValue(), "a");
+  EXPECT_EQ(dict->entries()[1].second.intValue(), 3);
+  EXPECT_EQ(dict->entries()[2].first.stringValue(), "c");
+  EXPECT_EQ(dict->objectForKey("a").intValue(), 3);
+  EXPECT_EQ(dict->objectForKey("c").dictionaryValue()->count(), 2u);
+
+  // A large dictionary (the hashed path) with every key repeated.
+  std::string text = "{";
+  for (int round = 0; round < 3; ++round) {
+    for (int i = 0; i < 100; ++i) {
+      text += "\"key" + std::to_string(i) + "\":" + std::to_string(round * 1000 + i) + ",";
+    }
+  }
+  text.back() = '}';
+  auto big = parse(text).dictionaryValue();
+  ASSERT_TRUE(big);
+  ASSERT_EQ(big->count(), 100u);
+  for (int i = 0; i < 100; ++i) {
+    EXPECT_EQ(big->entries()[i].first.stringValue(), "key" + std::to_string(i));
+    EXPECT_EQ(big->objectForKey(PXValue("key" + std::to_string(i))).intValue(), 2000 + i);
+  }
+  // Keys that differ only after an escape, or only in length, are distinct.
+  auto escaped = parse(R"({"a\u0000": 1, "a": 2, "a\n": 3, "a\\n": 4})").dictionaryValue();
+  ASSERT_TRUE(escaped);
+  EXPECT_EQ(escaped->count(), 4u);
+}
+
+TEST(JSONDecoder, ImmutableAndMutableForms) {
+  const char* text = R"({"list": [1, {"inner": []}], "empty": {}, "none": []})";
+  PXValue frozen = parse(text);
+  ASSERT_TRUE(frozen.isDictionary());
+  EXPECT_FALSE(frozen.mutableDictionaryValue());
+  EXPECT_EQ(frozen.className(), "PXDictionary");
+  auto list = frozen.dictionaryValue()->objectForKey("list");
+  EXPECT_EQ(list.className(), "PXArray");
+  EXPECT_FALSE(list.mutableArrayValue());
+  EXPECT_EQ(frozen.dictionaryValue()->objectForKey("empty").className(), "PXDictionary");
+  try {
+    frozen.dictionaryValue()->setValueForKey(1, "x");
+    ADD_FAILURE() << "an immutable result accepted a change";
+  } catch (const PXException& e) {
+    EXPECT_EQ(e.reason(), "*** -[PXDictionary setValue:forKey:]: mutating method sent to immutable object");
+  }
+
+  PXValue thawed = parseMutable(text);
+  ASSERT_TRUE(thawed.mutableDictionaryValue());
+  EXPECT_EQ(thawed.className(), "PXMutableDictionary");
+  auto mutableList = thawed.dictionaryValue()->objectForKey("list").mutableArrayValue();
+  ASSERT_TRUE(mutableList);
+  auto inner = mutableList->objectAtIndex(1).mutableDictionaryValue();
+  ASSERT_TRUE(inner);
+  EXPECT_TRUE(inner->objectForKey("inner").mutableArrayValue());
+  EXPECT_TRUE(thawed.dictionaryValue()->objectForKey("empty").mutableDictionaryValue());
+  EXPECT_TRUE(thawed.dictionaryValue()->objectForKey("none").mutableArrayValue());
+  // They really mutate, and lookups see the change.
+  mutableList->addObject("more");
+  EXPECT_EQ(mutableList->count(), 3u);
+  thawed.mutableDictionaryValue()->setObject(42, "list");
+  EXPECT_EQ(thawed.dictionaryValue()->objectForKey("list").intValue(), 42);
+  EXPECT_EQ(thawed.dictionaryValue()->count(), 3u);
+
+  // Both forms hold equal values.
+  EXPECT_TRUE(parse(text).isEqual(parseMutable(text)));
+}
+
+TEST(JSONDecoder, EveryEntryPointReadsTheSameDocument) {
+  const std::string text = R"({"k": [1, "two", 3.5, null]})";
+  const PXValue expected = parse(text);
+  ASSERT_TRUE(expected);
+  auto data = PXData::dataWithString(text);
+  auto decoder = JSONDecoder::decoder();
+  PXErrorRef error;
+  const PXValue results[] = {
+      decoder->objectWithData(data),
+      decoder->objectWithData(data.get(), &error),
+      decoder->mutableObjectWithData(data),
+      decoder->objectWithUTF8String(text.data(), text.size()),
+      decoder->mutableObjectWithUTF8String(text.data(), text.size(), &error),
+      decoder->parseJSONData(data, &error),
+      decoder->parseUTF8String(text.data(), text.size(), &error),
+      objectFromJSONString(PXString(text)),
+      objectFromJSONStringWithParseOptions(PXString(text), 15, &error),
+      mutableObjectFromJSONString(PXString(text)),
+      mutableObjectFromJSONStringWithParseOptions(PXString(text), 0, &error),
+      objectFromJSONData(data),
+      objectFromJSONDataWithParseOptions(data, 1, &error),
+      mutableObjectFromJSONData(data),
+      mutableObjectFromJSONDataWithParseOptions(data, 0, &error),
+  };
+  for (const PXValue& result : results) EXPECT_TRUE(result.isEqual(expected));
+  EXPECT_FALSE(error);  // untouched by successes
+  // The string and data operations use the options they are given: strict by default.
+  EXPECT_FALSE(objectFromJSONString("[1] // c"));
+  EXPECT_TRUE(objectFromJSONStringWithParseOptions("[1] // c", kPXJSONParseOptionComments));
+  EXPECT_FALSE(mutableObjectFromJSONData(PXData::dataWithString("[1] x")));
+  EXPECT_TRUE(
+      mutableObjectFromJSONDataWithParseOptions(PXData::dataWithString("[1] x"), 8).mutableArrayValue());
+  // NUL bytes are input like any other: the length, not a terminator, ends the text.
+  const char withNul[] = "[1]\0garbage";
+  EXPECT_TRUE(decoder->objectWithUTF8String(withNul, 3));
+  EXPECT_FALSE(decoder->objectWithUTF8String(withNul, sizeof withNul - 1));
+}
+
+TEST(JSONDecoder, NestingUpToTheLimitParses) {
+  const size_t limit = kPXJSONMaxDepth;
+  std::string arrays = std::string(limit, '[') + std::string(limit, ']');
+  EXPECT_TRUE(parse(arrays));
+  std::string objects;
+  for (size_t i = 0; i < limit; ++i) objects += "{\"k\":";
+  objects += "1";
+  objects += std::string(limit, '}');
+  EXPECT_TRUE(parse(objects));
+  PXErrorRef error;
+  EXPECT_FALSE(parse("{\"k\":" + objects + "}", 0, &error));
+  EXPECT_EQ(error->localizedDescription(), "Unable to parse JSON.");
+}
+
+TEST(JSONDecoder, ADecoderIsReusableAndItsCacheOnlySharesStorage) {
+  auto decoder = JSONDecoder::decoder();
+  const std::string text = R"(["a string long enough to be shared", "a string long enough to be shared"])";
+  PXValue first = decoder->objectWithUTF8String(text.data(), text.size());
+  PXValue second = decoder->objectWithUTF8String(text.data(), text.size());
+  ASSERT_TRUE(first && second);
+  // Equal long strings of one decoder share their storage, within and across documents.
+  auto a = first.arrayValue()->objectAtIndex(0), b = first.arrayValue()->objectAtIndex(1);
+  auto c = second.arrayValue()->objectAtIndex(0);
+  EXPECT_TRUE(a.isIdenticalTo(b));
+  EXPECT_TRUE(a.isIdenticalTo(c));
+  decoder->clearCache();
+  PXValue third = decoder->objectWithUTF8String(text.data(), text.size());
+  EXPECT_FALSE(third.arrayValue()->objectAtIndex(0).isIdenticalTo(a));
+  EXPECT_TRUE(third.isEqual(first));
+  // A failure in between leaves the decoder fit for the next document.
+  EXPECT_FALSE(decoder->objectWithUTF8String("[[[1,", 5));
+  EXPECT_TRUE(decoder->objectWithUTF8String(text.data(), text.size()).isEqual(first));
+}
