@@ -306,19 +306,48 @@ void appendShortestDouble(std::string& out, double value) {
     out += value < 0 ? "-inf" : "inf";
     return;
   }
-  // The shortest round-trip digits decide the precision; "%g" then lays them
-  // out. Any precision of at least 15 digits keeps those digits exactly (a
-  // 15-digit decimal always survives a trip through a double), so small
-  // numbers come out as "100000" rather than "1e+05".
-  char digits[40];
-  auto r = std::to_chars(digits, digits + sizeof digits, value, std::chars_format::scientific);
-  int significant = 0;
-  for (char* c = digits; c != r.ptr && *c != 'e'; ++c) {
-    if (*c >= '0' && *c <= '9') ++significant;
+  // The shortest digits that read back as `value`, laid out as "%.*g" lays out
+  // a number with P = max(digits, 15) significant digits and trailing zeros
+  // dropped: plain notation for exponents from -4 up to P - 1, else "d.ddde+XX".
+  char buffer[40];
+  auto r = std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::scientific);
+  std::string_view scientific(buffer, static_cast<size_t>(r.ptr - buffer));
+  size_t e = scientific.find('e');
+  std::string_view mantissa = scientific.substr(0, e);
+  int exponent = 0;
+  std::from_chars(scientific.data() + e + 1 + (scientific[e + 1] == '+'),
+                  scientific.data() + scientific.size(), exponent);
+  bool negative = mantissa[0] == '-';
+  if (negative) mantissa.remove_prefix(1);
+  char digits[24];
+  int count = 0;
+  for (char c : mantissa) {
+    if (c != '.') digits[count++] = c;
   }
-  char text[48];
-  int n = std::snprintf(text, sizeof text, "%.*g", significant > 15 ? significant : 15, value);
-  out.append(text, static_cast<size_t>(n));
+  int precision = count > 15 ? count : 15;
+  if (negative) out += '-';
+  if (exponent < -4 || exponent >= precision) {
+    out += digits[0];
+    if (count > 1) {
+      out += '.';
+      out.append(digits + 1, static_cast<size_t>(count - 1));
+    }
+    char tail[8];
+    int n = std::snprintf(tail, sizeof tail, "e%c%02d", exponent < 0 ? '-' : '+',
+                          exponent < 0 ? -exponent : exponent);
+    out.append(tail, static_cast<size_t>(n));
+  } else if (exponent < 0) {
+    out += "0.";
+    out.append(static_cast<size_t>(-exponent - 1), '0');
+    out.append(digits, static_cast<size_t>(count));
+  } else if (count <= exponent + 1) {
+    out.append(digits, static_cast<size_t>(count));
+    out.append(static_cast<size_t>(exponent + 1 - count), '0');
+  } else {
+    out.append(digits, static_cast<size_t>(exponent + 1));
+    out += '.';
+    out.append(digits + exponent + 1, static_cast<size_t>(count - exponent - 1));
+  }
 }
 
 void appendDateDescription(std::string& out, double sinceReferenceDate) {

@@ -70,7 +70,7 @@ PXKIT_EXPORT std::string formatArgs(const char* format, std::span<const FormatAr
 // Arguments that become values for "%@" (strings, objects, refs) are held for the call.
 template <class... Args>
 PXString PXFormat(const char* format, const Args&... args) {
-  auto hold = [](const auto& arg) -> decltype(auto) {
+  [[maybe_unused]] auto hold = [](const auto& arg) -> decltype(auto) {
     using D = std::decay_t<decltype(arg)>;
     if constexpr (std::is_same_v<D, PXString> || std::is_same_v<D, std::string> ||
                   std::is_same_v<D, std::string_view> || std::is_same_v<D, PXDate> ||

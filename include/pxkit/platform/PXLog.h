@@ -23,6 +23,8 @@
 using PXLogHandler = std::function<void(std::string_view line)>;
 
 // Replaces the destination of every log line; null restores the system log.
+// Returns once no other thread is still running the replaced handler, so the
+// caller may then destroy whatever that handler captured.
 PXKIT_EXPORT void PXLogSetHandler(PXLogHandler handler);
 // Writes an already formatted line.
 PXKIT_EXPORT void PXLogLine(std::string_view line);

@@ -1,0 +1,222 @@
+#include <gtest/gtest.h>
+#include <pxkit/platform/PXArray.h>
+#include <pxkit/platform/PXDictionary.h>
+#include <pxkit/platform/PXException.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace {
+
+PXRef<PXMutableArray> mutableOf(std::initializer_list<PXValue> values) {
+  return PXArray::arrayWithObjects(values)->mutableCopyArray();
+}
+
+std::string text(const PXArray& array) {
+  return array.description().str();
+}
+
+}  // namespace
+
+TEST(PXArray, MisuseRaisesWithExactMessages) {
+  struct Row {
+    const char* name;
+    std::function<void()> call;
+    const char* exception;
+    const char* reason;
+  };
+  auto three = PXArray::arrayWithObjects({1, 2, 3});
+  const Row rows[] = {
+      {"read past the end", [&] { (void)three->objectAtIndex(3); }, kPXRangeException,
+       "*** -[PXArray objectAtIndex:]: index (3) beyond bounds (3)"},
+      {"subscript past the end", [&] { (void)(*three)[7]; }, kPXRangeException,
+       "*** -[PXArray objectAtIndex:]: index (7) beyond bounds (3)"},
+      {"read the empty array", [] { (void)PXArray::array()->objectAtIndex(0); }, kPXRangeException,
+       "*** -[PXArray objectAtIndex:]: index (0) beyond bounds (0)"},
+      {"mutable read past the end", [] { (void)mutableOf({1})->objectAtIndex(1); }, kPXRangeException,
+       "*** -[PXMutableArray objectAtIndex:]: index (1) beyond bounds (1)"},
+      {"add nil", [] { mutableOf({1})->addObject(PXValue()); }, kPXInvalidArgumentException,
+       "*** -[PXMutableArray addObject:]: attempt to insert nil"},
+      {"insert nil", [] { mutableOf({1})->insertObject(PXValue(), 0); }, kPXInvalidArgumentException,
+       "*** -[PXMutableArray insertObject:atIndex:]: attempt to insert nil"},
+      {"insert past the end",
+       [] {
+         mutableOf({1, 2, 3})->insertObject(9, 5);
+       },
+       kPXRangeException, "*** -[PXMutableArray insertObject:atIndex:]: index (5) beyond bounds (3)"},
+      {"remove past the end",
+       [] {
+         mutableOf({1, 2})->removeObjectAtIndex(2);
+       },
+       kPXRangeException, "*** -[PXMutableArray removeObjectAtIndex:]: index (2) beyond bounds (2)"},
+      {"remove last of none", [] { PXMutableArray::array()->removeLastObject(); }, kPXRangeException,
+       "*** -[PXMutableArray removeLastObject]: index (0) beyond bounds (0)"},
+      {"replace with nil", [] { mutableOf({1})->replaceObjectAtIndex(0, PXValue()); },
+       kPXInvalidArgumentException,
+       "*** -[PXMutableArray replaceObjectAtIndex:withObject:]: attempt to insert nil"},
+      {"replace past the end", [] { mutableOf({1})->replaceObjectAtIndex(1, 2); }, kPXRangeException,
+       "*** -[PXMutableArray replaceObjectAtIndex:withObject:]: index (1) beyond bounds (1)"},
+      {"build with nil",
+       [] {
+         (void)PXArray::arrayWithValues({1, PXValue()});
+       },
+       kPXInvalidArgumentException, "*** -[PXArray initWithObjects:count:]: attempt to insert nil"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    try {
+      row.call();
+      ADD_FAILURE() << "no exception";
+    } catch (const PXException& e) {
+      EXPECT_EQ(e.name(), row.exception);
+      EXPECT_EQ(e.reason(), row.reason);
+      EXPECT_STREQ(e.what(), row.reason);
+    }
+  }
+}
+
+TEST(PXArray, FailedMutationsLeaveTheArrayAsItWas) {
+  auto array = mutableOf({1, 2});
+  EXPECT_THROW(array->insertObject(3, 3), PXException);
+  EXPECT_THROW(array->addObject(PXValue()), PXException);
+  EXPECT_THROW(array->replaceObjectAtIndex(0, PXValue()), PXException);
+  EXPECT_EQ(text(*array), "(\n    1,\n    2\n)");
+}
+
+TEST(PXArray, MutationsTable) {
+  struct Row {
+    const char* name;
+    std::function<void(PXMutableArray&)> change;
+    const char* after;  // description with the newlines and indents folded to " "
+  };
+  const Row rows[] = {
+      {"add", [](PXMutableArray& a) { a.addObject("x"); }, "( 1, 2, 3, 1, x )"},
+      {"insert at the end", [](PXMutableArray& a) { a.insertObject(9, a.count()); }, "( 1, 2, 3, 1, 9 )"},
+      {"insert at the front", [](PXMutableArray& a) { a.insertObject(0, 0); }, "( 0, 1, 2, 3, 1 )"},
+      {"remove at", [](PXMutableArray& a) { a.removeObjectAtIndex(1); }, "( 1, 3, 1 )"},
+      {"remove last", [](PXMutableArray& a) { a.removeLastObject(); }, "( 1, 2, 3 )"},
+      {"remove equal values of any kind", [](PXMutableArray& a) { a.removeObject(1.0); }, "( 2, 3 )"},
+      {"remove identical only", [](PXMutableArray& a) { a.removeObjectIdenticalTo(1.0); }, "( 1, 2, 3, 1 )"},
+      {"remove identical", [](PXMutableArray& a) { a.removeObjectIdenticalTo(3); }, "( 1, 2, 1 )"},
+      {"remove in array",
+       [](PXMutableArray& a) {
+         a.removeObjectsInArray(*PXArray::arrayWithObjects({true, 3}));
+       },
+       "( 2 )"},
+      {"remove itself", [](PXMutableArray& a) { a.removeObjectsInArray(a); }, "( )"},
+      {"remove all", [](PXMutableArray& a) { a.removeAllObjects(); }, "( )"},
+      {"replace", [](PXMutableArray& a) { a.replaceObjectAtIndex(2, "z"); }, "( 1, 2, z, 1 )"},
+      {"add from array",
+       [](PXMutableArray& a) {
+         a.addObjectsFromArray(*PXArray::arrayWithObjects({7, 8}));
+       },
+       "( 1, 2, 3, 1, 7, 8 )"},
+      {"add itself", [](PXMutableArray& a) { a.addObjectsFromArray(a); }, "( 1, 2, 3, 1, 1, 2, 3, 1 )"},
+      {"sort",
+       [](PXMutableArray& a) { a.sortUsingComparator([](auto& x, auto& y) { return y.compare(x); }); },
+       "( 3, 2, 1, 1 )"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    auto array = mutableOf({1, 2, 3, 1});
+    row.change(*array);
+    std::string folded;
+    for (char c : text(*array)) {
+      if (c == '\n') c = ' ';
+      if (c == ' ' && !folded.empty() && folded.back() == ' ') continue;
+      folded += c;
+    }
+    EXPECT_EQ(folded, row.after);
+  }
+}
+
+TEST(PXArray, SortIsStable) {
+  auto array = PXMutableArray::array();
+  const char* words[] = {"bb", "a", "cc", "b", "aa", "c"};
+  for (const char* w : words) array->addObject(w);
+  array->sortUsingComparator([](const PXValue& x, const PXValue& y) {
+    return PXValue(static_cast<long long>(x.stringValue().size()))
+        .compare(PXValue(static_cast<long long>(y.stringValue().size())));
+  });
+  EXPECT_EQ(text(*array), "(\n    a,\n    b,\n    c,\n    bb,\n    cc,\n    aa\n)");
+}
+
+TEST(PXArray, LookupsByEqualityAndIdentity) {
+  auto heap = PXValue("a string long enough for the heap");
+  auto array = PXArray::arrayWithObjects({"a", 2, heap, 2.0});
+  EXPECT_EQ(array->indexOfObject(2.0), 1u);
+  EXPECT_EQ(array->indexOfObject(true), kPXNotFound);
+  EXPECT_EQ(array->indexOfObjectIdenticalTo(2.0), 3u);
+  EXPECT_EQ(array->indexOfObjectIdenticalTo(heap), 2u);
+  EXPECT_EQ(array->indexOfObjectIdenticalTo(PXValue("a string long enough for the heap")), kPXNotFound);
+  EXPECT_TRUE(array->containsObject("a"));
+  EXPECT_FALSE(array->containsObject("A"));
+  EXPECT_EQ(array->firstObject().stringValue(), "a");
+  EXPECT_TRUE(array->lastObject().isIdenticalTo(2.0));
+  EXPECT_FALSE(PXArray::array()->firstObject());
+  EXPECT_FALSE(PXArray::array()->lastObject());
+  auto numbers = array->filteredArray([](const PXValue& v) { return v.isNumber(); });
+  EXPECT_EQ(numbers->count(), 2u);
+}
+
+TEST(PXArray, CopiesAndTheSharedEmptyArray) {
+  auto frozen = PXArray::arrayWithObjects({1, 2});
+  EXPECT_EQ(frozen->copy().get(), frozen.get());
+  EXPECT_EQ(PXArray::array().get(), PXArray::arrayWithValues({}).get());
+  EXPECT_EQ(PXArray::array().get(), PXArray::arrayWithObjects({}).get());
+  EXPECT_EQ(PXMutableArray::array()->copyArray().get(), PXArray::array().get());
+
+  auto live = frozen->mutableCopyArray();
+  EXPECT_TRUE(live->isMutable());
+  live->addObject(3);
+  EXPECT_EQ(frozen->count(), 2u);
+
+  PXRef<PXArray> snapshot = live->copyArray();
+  EXPECT_FALSE(snapshot->isMutable());
+  EXPECT_NE(snapshot.get(), live.get());
+  live->removeAllObjects();
+  EXPECT_EQ(snapshot->count(), 3u);
+  EXPECT_TRUE(snapshot->isEqual(*PXArray::arrayWithObjects({1, 2, 3})));
+  EXPECT_EQ(live->mutableCopy().get() == live.get(), false);
+  EXPECT_EQ(snapshot->pxClass().name(), "PXArray");
+  EXPECT_EQ(live->pxClass().name(), "PXMutableArray");
+}
+
+TEST(PXArray, DescriptionInPropertyListStyle) {
+  struct Row {
+    PXRef<PXArray> array;
+    const char* text;
+  };
+  const Row rows[] = {
+      {PXArray::array(), "(\n)"},
+      {PXArray::arrayWithObjects({1, 2}), "(\n    1,\n    2\n)"},
+      {PXArray::arrayWithObjects({"plain", "two words", "", "a\"b\\c", "line\nbreak"}),
+       "(\n    plain,\n    \"two words\",\n    \"\",\n    \"a\\\"b\\\\c\",\n    \"line\\nbreak\"\n)"},
+      {PXArray::arrayWithObjects({0.5, -1, true, PXValue::null(), PXDate(0)}),
+       "(\n    \"0.5\",\n    \"-1\",\n    1,\n    \"<null>\",\n    \"2001-01-01 00:00:00 +0000\"\n)"},
+      {PXArray::arrayWithObjects({PXArray::arrayWithObjects({1}), PXArray::array(),
+                                  PXDictionary::dictionaryWithEntries({{"k", "v"}})}),
+       "(\n    (\n        1\n    ),\n    (\n    ),\n    {\n        k = v;\n    }\n)"},
+  };
+  for (const Row& row : rows) EXPECT_EQ(text(*row.array), row.text);
+}
+
+TEST(PXArray, ValueForKeyMapsOverTheElements) {
+  auto people = PXArray::arrayWithObjects({PXDictionary::dictionaryWithEntries({{"name", "Ann"}}),
+                                           PXDictionary::dictionaryWithEntries({{"age", 4}})});
+  PXValue names = people->valueForKey("name");
+  ASSERT_TRUE(names.isArray());
+  EXPECT_TRUE(names.arrayValue()->isEqual(*PXArray::arrayWithObjects({"Ann", PXValue::null()})));
+  EXPECT_TRUE(people->valueForKey("@count").isEqual(2));
+  auto strings = PXArray::arrayWithObjects({"not an object"});
+  try {
+    (void)strings->valueForKey("length");
+    ADD_FAILURE() << "no exception";
+  } catch (const PXException& e) {
+    EXPECT_EQ(e.name(), kPXUndefinedKeyException);
+    EXPECT_NE(e.reason().view().find("[<NSString "), std::string_view::npos);
+    EXPECT_NE(e.reason().view().find("not key value coding-compliant for the key length."),
+              std::string_view::npos);
+  }
+}
