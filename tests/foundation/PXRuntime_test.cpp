@@ -1,0 +1,118 @@
+#include <gtest/gtest.h>
+#include <pxkit/foundation/PXRuntime.h>
+#include <pxkit/platform/PXArray.h>
+
+#include <algorithm>
+
+namespace {
+
+class RTAnimal : public PXObject {
+  PX_DECLARE_CLASS(RTAnimal)
+};
+class RTDog : public RTAnimal {
+  PX_DECLARE_CLASS(RTDog)
+};
+class RTCat : public RTAnimal {
+  PX_DECLARE_CLASS(RTCat)
+};
+class RTPuppy : public RTDog {
+  PX_DECLARE_CLASS(RTPuppy)
+};
+
+}  // namespace
+
+PX_DEFINE_CLASS(RTAnimal, PXObject, nullptr)
+PX_DEFINE_CLASS(RTDog, RTAnimal, nullptr)
+PX_DEFINE_CLASS(RTCat, RTAnimal, nullptr)
+PX_DEFINE_CLASS(RTPuppy, RTDog, nullptr)
+
+namespace {
+
+const char kFirstKey = 0;
+const char kSecondKey = 0;
+
+TEST(PXRuntime, AssociationPoliciesDecideOwnership) {
+  auto host = PXMake<RTAnimal>();
+
+  auto retained = PXMake<RTDog>();
+  PXWeakRef<RTDog> retainedWeak = retained;
+  PXRuntime::setRetainedAssociatedObject(*host, retained, &kFirstKey);
+  retained = nullptr;
+  EXPECT_FALSE(retainedWeak.expired()) << "a retained association keeps its object";
+  EXPECT_EQ(PXRuntime::getAssociatedObjectForKey(*host, &kFirstKey).objectPointer(),
+            retainedWeak.lock().get());
+
+  // Replacing the value under a key releases the old one.
+  auto assigned = PXMake<RTCat>();
+  PXWeakRef<RTCat> assignedWeak = assigned;
+  PXRuntime::setAssignedAssociatedObject(*host, assigned, &kFirstKey);
+  EXPECT_TRUE(retainedWeak.expired());
+  EXPECT_EQ(PXRuntime::getAssociatedObjectForKey(*host, &kFirstKey).objectPointer(), assigned.get());
+  EXPECT_EQ(assigned->retainCount(), 1u) << "an assigned association holds no reference";
+  PXRuntime::setAssignedAssociatedObject(*host, PXValue(), &kFirstKey);
+  assigned = nullptr;
+  EXPECT_TRUE(assignedWeak.expired());
+  EXPECT_TRUE(PXRuntime::getAssociatedObjectForKey(*host, &kFirstKey).isAbsent());
+
+  // A copied association keeps a snapshot.
+  auto list = PXMutableArray::array();
+  list->addObject("one");
+  PXRuntime::setCopiedAssociatedObject(*host, list, &kSecondKey);
+  list->addObject("two");
+  PXRef<PXArray> stored = PXRuntime::getAssociatedObjectForKey(*host, &kSecondKey).arrayValue();
+  ASSERT_TRUE(stored);
+  EXPECT_NE(static_cast<PXObject*>(stored.get()), static_cast<PXObject*>(list.get()));
+  EXPECT_EQ(stored->count(), 1u);
+  EXPECT_FALSE(stored->isMutable());
+
+  // Plain values are stored as they are, whatever the policy.
+  PXRuntime::setAssignedAssociatedObject(*host, "online", &kFirstKey);
+  EXPECT_EQ(PXRuntime::getAssociatedObjectForKey(*host, &kFirstKey).description().str(), "online");
+}
+
+TEST(PXRuntime, RemoveAssociatedObjectsReleasesEveryValue) {
+  auto host = PXMake<RTAnimal>();
+  auto first = PXMake<RTDog>();
+  auto second = PXMake<RTDog>();
+  PXWeakRef<RTDog> firstWeak = first, secondWeak = second;
+  PXRuntime::setRetainedAssociatedObject(*host, first, &kFirstKey);
+  PXRuntime::setCopiedAssociatedObject(*host, second, &kSecondKey);  // plain objects copy as themselves
+  first = nullptr;
+  second = nullptr;
+  ASSERT_FALSE(firstWeak.expired());
+  ASSERT_FALSE(secondWeak.expired());
+  PXRuntime::removeAssociatedObjects(*host);
+  EXPECT_TRUE(firstWeak.expired());
+  EXPECT_TRUE(secondWeak.expired());
+  EXPECT_TRUE(PXRuntime::getAssociatedObjectForKey(*host, &kFirstKey).isAbsent());
+}
+
+std::vector<std::string> names(const std::vector<const PXClass*>& classes) {
+  std::vector<std::string> out;
+  for (const PXClass* cls : classes) out.push_back(cls->name());
+  return out;
+}
+
+TEST(PXRuntime, ArrayOfSubClassesListsDescendantsOrNone) {
+  auto animals = PXRuntime::arrayOfSubClasses(RTAnimal::classObject());
+  ASSERT_TRUE(animals.has_value());
+  EXPECT_EQ(names(*animals), (std::vector<std::string>{"RTDog", "RTCat", "RTPuppy"}));
+
+  auto dogs = PXRuntime::arrayOfSubClasses(RTDog::classObject());
+  ASSERT_TRUE(dogs.has_value());
+  EXPECT_EQ(names(*dogs), (std::vector<std::string>{"RTPuppy"}));
+
+  // Leaves have none at all, not an empty list.
+  EXPECT_FALSE(PXRuntime::arrayOfSubClasses(RTCat::classObject()).has_value());
+  EXPECT_FALSE(PXRuntime::arrayOfSubClasses(RTPuppy::classObject()).has_value());
+
+  // The root's list holds every other class, never the root itself.
+  auto all = PXRuntime::arrayOfSubClasses(PXObject::classObject());
+  ASSERT_TRUE(all.has_value());
+  auto list = names(*all);
+  EXPECT_EQ(std::count(list.begin(), list.end(), "PXObject"), 0);
+  EXPECT_EQ(std::count(list.begin(), list.end(), "RTPuppy"), 1);
+  EXPECT_EQ(std::count(list.begin(), list.end(), "PXMutableArray"), 1);
+}
+
+}  // namespace
