@@ -1,0 +1,229 @@
+// Will-terminate is posted once, whichever road leads to it. The roads that
+// end the process (signals, exit) are taken in a forked child, which reports
+// what its observers saw through a pipe.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pxkit/platform/PXApplication.h>
+#include <pxkit/platform/PXNotificationCenter.h>
+#include <pxkit/platform/PXOperationQueue.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/internal/GLibHandles.h"
+#include "support/PXDBusMock.h"
+
+namespace {
+
+void writeLine(int fd, const std::string& line) {
+  const std::string text = line + "\n";
+  ssize_t ignored = write(fd, text.data(), text.size());
+  (void)ignored;
+}
+
+// Observes will-terminate the way the kit's own tracker does (sender the shared
+// application, on the main queue) and inline; each observer reports a line.
+void observeWillTerminate(int fd) {
+  PXNotificationCenter* center = PXNotificationCenter::defaultCenter();
+  center->addObserverForName(kPXApplicationWillTerminateNotification, PXApplication::sharedApplication(),
+                             PXOperationQueue::mainQueue(),
+                             [fd](const PXNotification&) { writeLine(fd, "main-queue observer"); });
+  center->addObserverForName(kPXApplicationWillTerminateNotification, nullptr, nullptr,
+                             [fd](const PXNotification&) { writeLine(fd, "inline observer"); });
+}
+
+struct ChildResult {
+  int status = 0;
+  std::vector<std::string> lines;
+};
+
+// Runs `body` in a forked child that writes lines to the given descriptor.
+// `afterReady`, when given, runs in the parent once the child wrote "ready".
+// A child whose body returns exits with _exit(0), skipping exit handlers.
+ChildResult runChild(const std::function<void(int fd)>& body,
+                     const std::function<void(pid_t child)>& afterReady = nullptr) {
+  int fds[2];
+  EXPECT_EQ(pipe(fds), 0);
+  fflush(stdout);
+  fflush(stderr);
+  const pid_t child = fork();
+  if (child == 0) {
+    close(fds[0]);
+    body(fds[1]);
+    _exit(0);
+  }
+  close(fds[1]);
+  ChildResult result;
+  std::string pending;
+  char buffer[256];
+  ssize_t n;
+  while ((n = read(fds[0], buffer, sizeof buffer)) > 0) {
+    pending.append(buffer, static_cast<size_t>(n));
+    size_t newline;
+    while ((newline = pending.find('\n')) != std::string::npos) {
+      result.lines.push_back(pending.substr(0, newline));
+      pending.erase(0, newline + 1);
+      if (result.lines.back() == "ready" && afterReady) afterReady(child);
+    }
+  }
+  close(fds[0]);
+  waitpid(child, &result.status, 0);
+  return result;
+}
+
+std::vector<std::string> withoutReady(std::vector<std::string> lines) {
+  lines.erase(std::remove(lines.begin(), lines.end(), "ready"), lines.end());
+  return lines;
+}
+
+const std::vector<std::string> kBothObserversOnce = {"inline observer", "main-queue observer"};
+
+}  // namespace
+
+TEST(PXApplication, ExplicitCallPostsOnceAndRunsMainQueueObserversBeforeReturning) {
+  int inlineCalls = 0;
+  int queuedCalls = 0;
+  std::thread::id queuedOn;
+  PXNotificationCenter* center = PXNotificationCenter::defaultCenter();
+  center->addObserverForName(kPXApplicationWillTerminateNotification, PXApplication::sharedApplication(),
+                             PXOperationQueue::mainQueue(), [&](const PXNotification& n) {
+                               EXPECT_EQ(n.object(), PXApplication::sharedApplication());
+                               ++queuedCalls;
+                               queuedOn = std::this_thread::get_id();
+                             });
+  center->addObserverForName(kPXApplicationWillTerminateNotification, nullptr, nullptr,
+                             [&](const PXNotification&) { ++inlineCalls; });
+  EXPECT_FALSE(PXApplication::sharedApplication()->isTerminating());
+
+  PXApplication::sharedApplication()->applicationWillTerminate();
+  EXPECT_EQ(inlineCalls, 1);
+  EXPECT_EQ(queuedCalls, 1);  // already: the main loop will not run after termination
+  EXPECT_EQ(queuedOn, std::this_thread::get_id());
+  EXPECT_TRUE(PXApplication::sharedApplication()->isTerminating());
+
+  PXApplication::sharedApplication()->applicationWillTerminate();
+  center->postNotificationName("SomethingElse");
+  EXPECT_EQ(inlineCalls, 1);
+  EXPECT_EQ(queuedCalls, 1);
+}
+
+TEST(PXApplication, CallFromAnotherThreadIsPostedOnTheMainLoop) {
+  int calls = 0;
+  std::thread::id postedOn;
+  PXNotificationCenter::defaultCenter()->addObserverForName(kPXApplicationWillTerminateNotification, nullptr,
+                                                            nullptr, [&](const PXNotification&) {
+                                                              ++calls;
+                                                              postedOn = std::this_thread::get_id();
+                                                            });
+  // This thread is the main thread, running the main loop the whole time.
+  GMainContext* main = g_main_context_default();
+  ASSERT_TRUE(g_main_context_acquire(main));
+  std::thread([] { PXApplication::sharedApplication()->applicationWillTerminate(); }).join();
+  EXPECT_EQ(calls, 0);  // handed over, not posted on the calling thread
+  EXPECT_TRUE(PXIterateMainContextUntil([&] { return calls == 1; }));
+  g_main_context_release(main);
+  EXPECT_EQ(postedOn, std::this_thread::get_id());
+}
+
+TEST(PXApplication, ExitPostsOnceWhicheverRoadComesFirst) {
+  struct Row {
+    const char* what;
+    std::function<void()> end;  // how the child ends
+    int exitStatus;
+  };
+  const Row rows[] = {
+      {"exit() without any call: the exit handler posts", [] { exit(0); }, 0},
+      {"the host's call, then exit()",
+       [] {
+         PXApplication::sharedApplication()->applicationWillTerminate();
+         exit(0);
+       },
+       0},
+      {"the host's call twice, then exit()",
+       [] {
+         PXApplication::sharedApplication()->applicationWillTerminate();
+         PXApplication::sharedApplication()->applicationWillTerminate();
+         exit(0);
+       },
+       0},
+      {"terminate(3)", [] { PXApplication::sharedApplication()->terminate(3); }, 3},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    ChildResult child = runChild([&](int fd) {
+      observeWillTerminate(fd);
+      row.end();
+    });
+    ASSERT_TRUE(WIFEXITED(child.status));
+    EXPECT_EQ(WEXITSTATUS(child.status), row.exitStatus);
+    EXPECT_EQ(child.lines, kBothObserversOnce);
+  }
+}
+
+TEST(PXApplication, ExitWithoutObserversOrApplicationIsQuiet) {
+  // Nobody asked for the shared application: no exit handler, nothing posted.
+  ChildResult child = runChild([](int fd) {
+    PXNotificationCenter::defaultCenter()->addObserverForName(
+        PXString(), nullptr, nullptr, [fd](const PXNotification& n) { writeLine(fd, n.name().str()); });
+    exit(0);
+  });
+  ASSERT_TRUE(WIFEXITED(child.status));
+  EXPECT_TRUE(child.lines.empty());
+}
+
+TEST(PXApplication, TerminationSignalsPostThenEndTheProcessByTheSignal) {
+  for (int signal : {SIGTERM, SIGINT}) {
+    SCOPED_TRACE(strsignal(signal));
+    ChildResult child = runChild(
+        [](int fd) {
+          observeWillTerminate(fd);
+          PXApplication::sharedApplication()->installTerminationSignalHandlers();
+          writeLine(fd, "ready");
+          pxkit::glib::MainLoop loop(g_main_loop_new(nullptr, FALSE));
+          g_main_loop_run(loop.get());
+          writeLine(fd, "main loop returned");
+        },
+        [signal](pid_t pid) { kill(pid, signal); });
+    ASSERT_TRUE(WIFSIGNALED(child.status)) << "status " << child.status;
+    EXPECT_EQ(WTERMSIG(child.status), signal);
+    EXPECT_EQ(withoutReady(child.lines), kBothObserversOnce);
+  }
+}
+
+TEST(PXApplication, TerminationSignalQuitsADefaultGApplication) {
+  ChildResult child = runChild(
+      [](int fd) {
+        // No session bus: the application stays local.
+        setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/pxkit-test", 1);
+        observeWillTerminate(fd);
+        PXApplication::sharedApplication()->installTerminationSignalHandlers();
+        pxkit::glib::Object<GApplication> app(
+            g_application_new("org.example.PXKitTest", G_APPLICATION_NON_UNIQUE));
+        g_signal_connect(app.get(), "activate", G_CALLBACK(+[](GApplication* a, gpointer data) {
+                           g_application_hold(a);
+                           writeLine(GPOINTER_TO_INT(data), "ready");
+                         }),
+                         GINT_TO_POINTER(fd));
+        // The host's own shutdown hook, as documented.
+        g_signal_connect(app.get(), "shutdown", G_CALLBACK(+[](GApplication*, gpointer data) {
+                           PXApplication::sharedApplication()->applicationWillTerminate();
+                           writeLine(GPOINTER_TO_INT(data), "shutdown");
+                         }),
+                         GINT_TO_POINTER(fd));
+        const int status = g_application_run(app.get(), 0, nullptr);
+        exit(status);
+      },
+      [](pid_t pid) { kill(pid, SIGTERM); });
+  ASSERT_TRUE(WIFEXITED(child.status)) << "status " << child.status;
+  EXPECT_EQ(WEXITSTATUS(child.status), 0);
+  EXPECT_EQ(withoutReady(child.lines),
+            (std::vector<std::string>{"inline observer", "main-queue observer", "shutdown"}));
+}
