@@ -36,6 +36,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string_view>
 
 class PXTimer;
@@ -88,8 +89,9 @@ class PXKIT_EXPORT PXRunLoop : public PXObject {
 
   // ---- Work from other threads ---------------------------------------------
   // Runs `block` later on this loop's thread: never inline, even when called on
-  // that thread. Blocks run in the order they were performed, one per
-  // dispatch, at default priority. An empty block is ignored. Any thread.
+  // that thread. Blocks run in the order they were performed, at default
+  // priority; a block performed while blocks are running waits for the next
+  // iteration of the loop. An empty block is ignored. Any thread.
   void performBlock(Block block);
   // Runs `block` on this loop's thread and waits until it has returned. Runs it
   // at once when called on this loop's thread. Blocks forever if that thread
@@ -102,6 +104,10 @@ class PXKIT_EXPORT PXRunLoop : public PXObject {
   // belongs to at most one run loop: adding it to a second one, or adding an
   // invalidated timer, does nothing. Any thread.
   void addTimer(PXTimer* timer, std::string_view mode = kPXDefaultRunLoopMode);
+
+  // The earliest fire date among the valid timers of this loop, or nothing
+  // when it has none. Any thread.
+  std::optional<PXDate> nextTimerDate() const;
 
   // The GLib main context underneath (a GMainContext*, borrowed), for code in
   // the platform layer that attaches its own sources.

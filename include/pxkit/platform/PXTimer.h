@@ -40,7 +40,8 @@
 
 namespace pxkit::internal {
 struct TimerSource;
-}
+struct TimerAccess;
+}  // namespace pxkit::internal
 
 class PXKIT_EXPORT PXTimer : public PXObject {
   PX_DECLARE_CLASS(PXTimer)
@@ -102,8 +103,7 @@ class PXKIT_EXPORT PXTimer : public PXObject {
   PXRunLoop* runLoop() const;
 
  private:
-  friend struct pxkit::internal::TimerSource;
-  friend class PXRunLoop;
+  friend struct pxkit::internal::TimerAccess;
 
   // All guarded by the one lock of the timer machinery (PXTimer.cpp).
   PXDate fireDate_;
@@ -115,7 +115,7 @@ class PXKIT_EXPORT PXTimer : public PXObject {
   PXObject* target_;       // +1 unless it is this timer
   Action action_;
   PXValue userInfo_;
-  PXRef<PXRunLoop> runLoop_;
+  PXRunLoop* runLoop_ = nullptr;  // not owned: a run loop outlives the timers it holds
   pxkit::internal::TimerSource* source_ = nullptr;
 };
 

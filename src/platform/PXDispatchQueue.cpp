@@ -1,0 +1,291 @@
+#include <linux/futex.h>
+#include <pthread.h>
+#include <pxkit/platform/PXDispatchQueue.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
+
+// How a serial queue works
+//
+// Producers link jobs into an intrusive multi-producer, single-consumer list
+// (a stub-node queue: one atomic exchange on the tail per enqueue, no lock).
+// One worker thread per queue takes them off in order. When the list is empty
+// the worker spins briefly, then announces that it sleeps and waits on a futex;
+// a producer makes the wake-up system call only when it sees that announcement,
+// so a busy queue costs producers no system calls at all.
+//
+// Nodes are recycled: the worker returns finished nodes to a global stack that
+// producers take over whole into a per-thread cache, so the steady state
+// allocates nothing. See docs/internals/run-loops-and-timers.md.
+
+using pxkit::internal::DispatchNode;
+
+namespace {
+
+// ---- futex ---------------------------------------------------------------------
+void futexWait(std::atomic<uint32_t>* word, uint32_t expected) noexcept {
+  syscall(SYS_futex, reinterpret_cast<uint32_t*>(word), FUTEX_WAIT_PRIVATE, expected, nullptr, nullptr, 0);
+}
+void futexWake(std::atomic<uint32_t>* word, int count) noexcept {
+  syscall(SYS_futex, reinterpret_cast<uint32_t*>(word), FUTEX_WAKE_PRIVATE, count, nullptr, nullptr, 0);
+}
+
+inline void cpuRelax() noexcept {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#elif defined(__aarch64__)
+  asm volatile("yield" ::: "memory");
+#endif
+}
+
+// ---- node pool -------------------------------------------------------------------
+constexpr size_t kPooledNodesLimit = 1024;  // nodes kept for reuse beyond this are freed
+constexpr std::align_val_t kNodeAlignment{64};
+
+DispatchNode* newNode() {
+  void* memory = ::operator new(sizeof(DispatchNode), kNodeAlignment);
+  return ::new (memory) DispatchNode();
+}
+void deleteNode(DispatchNode* node) noexcept {
+  node->~DispatchNode();
+  ::operator delete(node, kNodeAlignment);
+}
+
+// Nodes returned by workers, pushed one at a time, taken by producers all at once
+// (taking the whole list makes the stack immune to the ABA problem).
+struct NodePool {
+  alignas(64) std::atomic<DispatchNode*> head{nullptr};
+  alignas(64) std::atomic<size_t> count{0};  // approximate: used only to bound the pool
+};
+NodePool& pool() {
+  static NodePool* p = new NodePool();  // never destroyed: workers may outlive static destruction
+  return *p;
+}
+
+// The calling thread's free nodes, linked through `next`.
+thread_local DispatchNode* tlFreeNodes __attribute__((tls_model("initial-exec"))) = nullptr;
+thread_local bool tlCacheClosed __attribute__((tls_model("initial-exec"))) = false;
+
+// Frees the thread's cache when the thread ends.
+struct CacheReaper {
+  ~CacheReaper() {
+    tlCacheClosed = true;
+    while (DispatchNode* node = tlFreeNodes) {
+      tlFreeNodes = node->next.load(std::memory_order_relaxed);
+      deleteNode(node);
+    }
+  }
+};
+
+DispatchNode* acquireSlow() {
+  if (tlCacheClosed) return newNode();
+  static thread_local CacheReaper reaper;
+  (void)reaper;
+  NodePool& p = pool();
+  if (DispatchNode* stolen = p.head.exchange(nullptr, std::memory_order_acquire)) {
+    p.count.store(0, std::memory_order_relaxed);
+    tlFreeNodes = stolen->next.load(std::memory_order_relaxed);
+    return stolen;
+  }
+  return newNode();
+}
+
+// Called by workers with a node whose job has run.
+void recycle(DispatchNode* node) noexcept {
+  NodePool& p = pool();
+  if (p.count.load(std::memory_order_relaxed) >= kPooledNodesLimit) {
+    deleteNode(node);
+    return;
+  }
+  p.count.fetch_add(1, std::memory_order_relaxed);
+  DispatchNode* head = p.head.load(std::memory_order_relaxed);
+  do {
+    node->next.store(head, std::memory_order_relaxed);
+  } while (!p.head.compare_exchange_weak(head, node, std::memory_order_release, std::memory_order_relaxed));
+}
+
+thread_local PXDispatchQueue* tlCurrentQueue = nullptr;
+
+}  // namespace
+
+namespace pxkit::internal {
+
+DispatchNode* dispatchNodeAcquire() {
+  if (DispatchNode* node = tlFreeNodes) {
+    tlFreeNodes = node->next.load(std::memory_order_relaxed);
+    return node;
+  }
+  return acquireSlow();
+}
+
+void dispatchNodeDiscard(DispatchNode* node) noexcept {
+  if (tlCacheClosed) {
+    deleteNode(node);
+    return;
+  }
+  node->next.store(tlFreeNodes, std::memory_order_relaxed);
+  tlFreeNodes = node;
+}
+
+// The queue proper, shared by the PXDispatchQueue and its worker thread (which
+// outlives the object when the last reference goes on the worker itself).
+struct DispatchQueueCore {
+  enum : uint32_t { kRunning = 0, kSleeping = 1 };
+  // Spins of the worker on an empty queue before it goes to sleep: long enough
+  // to catch the next job of a steady stream, short enough not to matter.
+  static constexpr int kSpinsBeforeSleep = 256;
+
+  alignas(64) std::atomic<DispatchNode*> tail;  // producers
+  alignas(64) DispatchNode* head;               // the worker only
+  alignas(64) std::atomic<uint32_t> state{kRunning};
+  std::atomic<bool> stopping{false};
+  std::atomic<PXDispatchQueue*> owner;
+  DispatchNode stub;
+  std::thread worker;
+
+  explicit DispatchQueueCore(PXDispatchQueue* queue) : tail(&stub), head(&stub), owner(queue) {}
+
+  // ---- producers ----
+  void push(DispatchNode* node) noexcept {
+    node->next.store(nullptr, std::memory_order_relaxed);
+    DispatchNode* previous = tail.exchange(node, std::memory_order_seq_cst);
+    previous->next.store(node, std::memory_order_release);
+  }
+  void enqueue(DispatchNode* node) noexcept {
+    push(node);
+    // Pairs with the worker's announcement in park(): either the worker sees
+    // the new tail, or this load sees it sleeping.
+    if (state.load(std::memory_order_seq_cst) == kSleeping &&
+        state.exchange(kRunning, std::memory_order_seq_cst) == kSleeping) {
+      futexWake(&state, 1);
+    }
+  }
+
+  // ---- worker ----
+  // The oldest node, or null when the queue is empty or a producer is between
+  // its exchange and its link.
+  DispatchNode* pop() noexcept {
+    DispatchNode* first = head;
+    DispatchNode* next = first->next.load(std::memory_order_acquire);
+    if (first == &stub) {
+      if (!next) return nullptr;
+      head = next;
+      first = next;
+      next = next->next.load(std::memory_order_acquire);
+    }
+    if (next) {
+      head = next;
+      return first;
+    }
+    if (first != tail.load(std::memory_order_acquire)) return nullptr;  // a push is under way
+    push(&stub);
+    next = first->next.load(std::memory_order_acquire);
+    if (next) {
+      head = next;
+      return first;
+    }
+    return nullptr;
+  }
+  bool isEmpty() const noexcept {
+    return tail.load(std::memory_order_seq_cst) == head && !head->next.load(std::memory_order_acquire);
+  }
+
+  // Returns false when the worker should end (stopping and drained).
+  bool park() noexcept {
+    for (int i = 0; i < kSpinsBeforeSleep; ++i) {
+      if (!isEmpty()) return true;
+      cpuRelax();
+    }
+    state.store(kSleeping, std::memory_order_seq_cst);
+    if (!isEmpty()) {
+      state.store(kRunning, std::memory_order_relaxed);
+      return true;
+    }
+    if (stopping.load(std::memory_order_seq_cst)) return false;
+    futexWait(&state, kSleeping);
+    state.store(kRunning, std::memory_order_relaxed);
+    return true;
+  }
+
+  void run() noexcept {
+    for (;;) {
+      if (DispatchNode* node = pop()) {
+        tlCurrentQueue = owner.load(std::memory_order_relaxed);
+        node->run(node);  // a throwing job ends the process here (noexcept)
+        tlCurrentQueue = nullptr;
+        recycle(node);
+        continue;
+      }
+      if (!isEmpty()) {
+        cpuRelax();  // a producer is linking its node
+        continue;
+      }
+      if (!park()) return;
+    }
+  }
+
+  void stop() noexcept {
+    stopping.store(true, std::memory_order_seq_cst);
+    if (state.exchange(kRunning, std::memory_order_seq_cst) == kSleeping) futexWake(&state, 1);
+  }
+};
+
+}  // namespace pxkit::internal
+
+PX_DEFINE_CLASS(PXDispatchQueue, PXObject, nullptr)
+
+PXDispatchQueue::PXDispatchQueue(std::string_view label)
+    : label_(label), core_(std::make_shared<pxkit::internal::DispatchQueueCore>(this)) {
+  std::shared_ptr<pxkit::internal::DispatchQueueCore> core = core_;
+  core_->worker = std::thread([core] { core->run(); });
+  std::string name = label_.empty() ? std::string("pxkit-queue") : label_.substr(0, 15);
+  pthread_setname_np(core_->worker.native_handle(), name.c_str());
+}
+
+PXDispatchQueue::~PXDispatchQueue() {
+  core_->owner.store(nullptr, std::memory_order_relaxed);
+  core_->stop();
+  if (core_->worker.get_id() == std::this_thread::get_id()) {
+    // The last reference went inside one of our own jobs: the worker drains
+    // the rest and ends by itself, keeping the core alive.
+    core_->worker.detach();
+  } else {
+    core_->worker.join();
+  }
+}
+
+PXRef<PXDispatchQueue> PXDispatchQueue::create(std::string_view label) {
+  return PXMake<PXDispatchQueue>(label);
+}
+
+PXDispatchQueue* PXDispatchQueue::current() noexcept {
+  return tlCurrentQueue;
+}
+
+void PXDispatchQueue::enqueue(pxkit::internal::DispatchNode* node) noexcept {
+  core_->enqueue(node);
+}
+
+void PXDispatchQueue::syncInvoke(void (*call)(void*), void* callable) {
+  if (isCurrent()) {
+#ifndef NDEBUG
+    std::fprintf(stderr,
+                 "PXDispatchQueue::sync called from a job of the same queue \"%s\": it would wait forever\n",
+                 label_.c_str());
+    std::abort();
+#else
+    call(callable);
+    return;
+#endif
+  }
+  std::atomic<uint32_t> done{0};
+  async([call, callable, &done] {
+    call(callable);
+    done.store(1, std::memory_order_release);
+    futexWake(&done, 1);  // may reach a futex word already gone: a harmless spurious wake-up
+  });
+  while (done.load(std::memory_order_acquire) == 0) futexWait(&done, 0);
+}

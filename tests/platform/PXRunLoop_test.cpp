@@ -1,0 +1,320 @@
+#include <glib.h>
+#include <gtest/gtest.h>
+#include <pxkit/platform/PXClock.h>
+#include <pxkit/platform/PXOperationQueue.h>
+#include <pxkit/platform/PXRunLoop.h>
+#include <pxkit/platform/PXTimer.h>
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/PXRunLoopUntil.h"
+
+namespace {
+
+// A thread that runs its own run loop until asked to stop.
+class LoopThread {
+ public:
+  LoopThread() {
+    std::promise<PXRunLoop*> ready;
+    std::future<PXRunLoop*> loop = ready.get_future();
+    thread_ = std::thread([&ready, this] {
+      PXRunLoop* current = PXRunLoop::current();
+      threadId_ = std::this_thread::get_id();
+      ready.set_value(current);
+      while (!quit_.load()) current->run();
+    });
+    loop_ = PXRef<PXRunLoop>(loop.get());
+  }
+  ~LoopThread() {
+    quit_ = true;
+    loop_->stop();
+    thread_.join();
+  }
+  PXRunLoop* loop() const { return loop_.get(); }
+  std::thread::id id() const { return threadId_; }
+
+ private:
+  std::thread thread_;
+  std::thread::id threadId_;
+  std::atomic<bool> quit_{false};
+  PXRef<PXRunLoop> loop_;
+};
+
+TEST(PXRunLoop, TheMainThreadsLoopIsTheDefaultContextAndEachThreadHasItsOwn) {
+  PXRunLoop* main = PXRunLoop::main();
+  EXPECT_EQ(PXRunLoop::current(), main);
+  EXPECT_TRUE(main->isMain());
+  EXPECT_EQ(main->mainContext(), g_main_context_default());
+
+  PXRunLoop* first = nullptr;
+  bool stable = false, pushedIsItsContext = false, isMain = true;
+  std::thread worker([&] {
+    first = PXRunLoop::current();
+    stable = PXRunLoop::current() == first;
+    pushedIsItsContext = g_main_context_get_thread_default() == first->mainContext();
+    isMain = first->isMain();
+  });
+  worker.join();  // (its loop is gone with it)
+  EXPECT_NE(first, main);
+  EXPECT_TRUE(stable);
+  EXPECT_TRUE(pushedIsItsContext);
+  EXPECT_FALSE(isMain);
+}
+
+TEST(PXRunLoop, AContextPushedByOthersIsThatThreadsRunLoop) {
+  GMainContext* context = g_main_context_new();
+  g_main_context_push_thread_default(context);
+  PXRunLoop* loop = PXRunLoop::current();
+  EXPECT_EQ(loop->mainContext(), context);
+  EXPECT_EQ(PXRunLoop::current(), loop);
+  bool ran = false;
+  loop->performBlock([&] { ran = true; });
+  while (g_main_context_iteration(context, FALSE)) {
+  }
+  EXPECT_TRUE(ran);
+  g_main_context_pop_thread_default(context);
+  EXPECT_EQ(PXRunLoop::current(), PXRunLoop::main());
+  g_main_context_unref(context);
+}
+
+TEST(PXRunLoop, PerformedBlocksRunLaterInOrderNeverInline) {
+  PXRunLoop* loop = PXRunLoop::current();
+  std::vector<std::string> order;
+  loop->performBlock([&] {
+    order.push_back("A");
+    loop->performBlock([&] { order.push_back("C, performed by A"); });
+  });
+  loop->performBlock([&] { order.push_back("B"); });
+  loop->performBlock({});  // ignored
+  EXPECT_TRUE(order.empty());
+  ASSERT_TRUE(PXRunLoopUntil([&] { return order.size() == 3; }));
+  EXPECT_EQ(order, (std::vector<std::string>{"A", "B", "C, performed by A"}));
+}
+
+TEST(PXRunLoop, AHostIteratingTheContextItselfRunsBlocksAndTimers) {
+  PXScopedVirtualClock clock(PXDate(0));
+  bool performed = false, fired = false;
+  PXRunLoop::main()->performBlock([&] { performed = true; });
+  PXRunLoop::main()->addTimer(
+      PXTimer::timerWithTimeInterval(5, false, [&](PXTimer*) { fired = true; }).get());
+  clock.advance(5);
+  // What a GTK or Qt main loop does, with no kit call in between.
+  for (int i = 0; i < 10 && !(performed && fired); ++i) g_main_context_iteration(nullptr, FALSE);
+  EXPECT_TRUE(performed);
+  EXPECT_TRUE(fired);
+}
+
+TEST(PXRunLoop, PerformFromOtherThreadsRunsOnTheLoopsThread) {
+  LoopThread worker;
+  std::vector<std::thread::id> ranOn;
+  std::vector<int> order;
+  std::mutex mutex;
+  std::condition_variable cv;
+  for (int i = 0; i < 50; ++i) {
+    worker.loop()->performBlock([&, i] {
+      std::lock_guard lock(mutex);
+      ranOn.push_back(std::this_thread::get_id());
+      order.push_back(i);
+      cv.notify_all();
+    });
+  }
+  std::unique_lock lock(mutex);
+  cv.wait(lock, [&] { return order.size() == 50; });
+  for (int i = 0; i < 50; ++i) {
+    EXPECT_EQ(order[i], i);
+    EXPECT_EQ(ranOn[i], worker.id());
+  }
+}
+
+TEST(PXRunLoop, PerformAndWaitRunsOnTheOtherThreadAndReturnsAfterIt) {
+  LoopThread worker;
+  std::thread::id ranOn;
+  int result = 0;
+  worker.loop()->performBlockAndWait([&] {
+    ranOn = std::this_thread::get_id();
+    result = 42;
+  });
+  EXPECT_EQ(ranOn, worker.id());
+  EXPECT_EQ(result, 42);
+
+  // On the loop's own thread it runs at once.
+  bool inline_ = false;
+  PXRunLoop::current()->performBlockAndWait([&] { inline_ = true; });
+  EXPECT_TRUE(inline_);
+}
+
+TEST(PXRunLoop, OtherThreadsWaitForTheMainThreadWhileItRunsItsLoop) {
+  int ran = 0;  // main thread only
+  std::vector<std::thread::id> ranOn(4);
+  std::array<bool, 4> sawItsResult{};
+  std::vector<std::thread> callers;
+  for (int i = 0; i < 4; ++i) {
+    callers.emplace_back([&, i] {
+      int result = 0;
+      PXRunLoop::main()->performBlockAndWait([&, i] {
+        ranOn[i] = std::this_thread::get_id();
+        result = i + 1;
+        ++ran;
+      });
+      sawItsResult[i] = result == i + 1;  // written by the block before the wait ended
+    });
+  }
+  ASSERT_TRUE(PXRunLoopUntil([&] { return ran == 4; }));
+  for (std::thread& t : callers) t.join();
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_EQ(ranOn[i], std::this_thread::get_id());
+    EXPECT_TRUE(sawItsResult[i]);
+  }
+}
+
+TEST(PXRunLoop, StopEndsTheInnermostRunAndIsRememberedOnce) {
+  PXRunLoop* loop = PXRunLoop::current();
+  std::vector<std::string> order;
+  loop->performBlock([&] {
+    order.push_back("outer");
+    loop->performBlock([&] {
+      order.push_back("inner");
+      loop->stop();  // ends the nested run below, not the outer one
+    });
+    loop->run();
+    order.push_back("nested run returned");
+    loop->stop();
+  });
+  loop->run();
+  EXPECT_EQ(order, (std::vector<std::string>{"outer", "inner", "nested run returned"}));
+
+  // A stop with no run in progress makes the next run return after one iteration
+  // without waiting (nothing is pending here: a blocking wait would hang).
+  loop->stop();
+  loop->run();
+  SUCCEED();
+}
+
+TEST(PXRunLoop, RunUntilDateWithTheVirtualClockWalksFromTimerToTimer) {
+  PXScopedVirtualClock clock(PXDate(1000));
+  PXRunLoop* loop = PXRunLoop::current();
+  std::vector<double> firedAt;
+  auto record = [&](PXTimer*) { firedAt.push_back(PXDate::now().timeIntervalSinceReferenceDate()); };
+  PXRef<PXTimer> a = PXTimer::scheduledTimerWithTimeInterval(10, false, record);
+  PXRef<PXTimer> b = PXTimer::scheduledTimerWithTimeInterval(20, false, record);
+  loop->runUntilDate(PXDate(1015));
+  EXPECT_EQ(firedAt, (std::vector<double>{1010}));
+  EXPECT_EQ(PXDate::now(), PXDate(1015));
+  loop->runUntilDate(PXDate(1100));
+  EXPECT_EQ(firedAt, (std::vector<double>{1010, 1020}));
+  EXPECT_EQ(PXDate::now(), PXDate(1100));
+  // A date in the past: one iteration, no waiting, the clock unmoved.
+  bool ran = false;
+  loop->performBlock([&] { ran = true; });
+  loop->runUntilDate(PXDate(0));
+  EXPECT_TRUE(ran);
+  EXPECT_EQ(PXDate::now(), PXDate(1100));
+}
+
+TEST(PXRunLoop, RunUntilDateWithTheRealClockReturnsOnceTheDateHasCome) {
+  const PXDate until = PXDate::dateWithTimeIntervalSinceNow(0.02);
+  PXRunLoop::current()->runUntilDate(until);
+  EXPECT_GE(PXDate::now(), until);
+}
+
+TEST(PXRunLoop, TimersFireInEveryModeAndInNestedRuns) {
+  PXScopedVirtualClock clock(PXDate(0));
+  PXRunLoop* loop = PXRunLoop::current();
+  std::vector<std::string> fired;
+  for (std::string_view mode :
+       {kPXDefaultRunLoopMode, kPXRunLoopCommonModes, std::string_view("SomeModalMode")}) {
+    PXRef<PXTimer> t =
+        PXTimer::timerWithTimeInterval(10, false, [&, mode](PXTimer*) { fired.emplace_back(mode); });
+    loop->addTimer(t.get(), mode);
+  }
+  bool nestedSawTimers = false;
+  loop->performBlock([&] {
+    // A modal run inside a block: the timers fire in it.
+    nestedSawTimers = PXRunLoopUntil([&] { return fired.size() == 3; }, {.maxVirtualSeconds = 60});
+  });
+  ASSERT_TRUE(PXRunLoopUntil([&] { return fired.size() == 3; }));
+  EXPECT_TRUE(nestedSawTimers);
+  EXPECT_EQ(fired,
+            (std::vector<std::string>{"PXDefaultRunLoopMode", "PXRunLoopCommonModes", "SomeModalMode"}));
+}
+
+TEST(PXRunLoop, AThreadsLoopEndsWithTheThreadAndDropsWhatItNeverRan) {
+  PXRef<PXRunLoop> kept;
+  PXWeakRef<PXRunLoop> weak;
+  auto token = std::make_shared<int>(0);
+  std::thread([&] { weak = PXRef<PXRunLoop>(PXRunLoop::current()); }).join();
+  EXPECT_FALSE(weak.lock());  // released when its thread ended
+
+  std::thread([&] { kept = PXRef<PXRunLoop>(PXRunLoop::current()); }).join();
+  weak = kept;
+  bool ran = false;
+  kept->performBlock([token, &ran] { ran = true; });
+  EXPECT_EQ(token.use_count(), 2);
+  kept = nullptr;  // the last reference: the block is destroyed unrun
+  EXPECT_FALSE(weak.lock());
+  EXPECT_FALSE(ran);
+  EXPECT_EQ(token.use_count(), 1);
+}
+
+TEST(PXRunLoop, RunningALoopOwnedByAnotherThreadReturnsAtOnce) {
+  LoopThread worker;
+  // The worker is inside run(), holding its context.
+  std::atomic<bool> inside{false};
+  worker.loop()->performBlockAndWait([&] { inside = true; });
+  ASSERT_TRUE(inside.load());
+  EXPECT_FALSE(worker.loop()->runOnce(/*mayBlock=*/true));
+  worker.loop()->run();  // returns: not this thread's loop
+  worker.loop()->runUntilDate(PXDate::distantFuture());
+}
+
+// ---- the main operation queue ---------------------------------------------------------
+
+TEST(PXOperationQueue, MainQueueRunsLaterOnTheMainLoopNeverInline) {
+  PXOperationQueue* queue = PXOperationQueue::mainQueue();
+  EXPECT_EQ(queue, PXOperationQueue::mainQueue());
+  EXPECT_EQ(queue->runLoop(), PXRunLoop::main());
+  EXPECT_EQ(PXOperationQueue::currentQueue(), queue);
+
+  std::vector<std::string> order;
+  queue->addOperationWithBlock([&] {
+    order.push_back("first");
+    queue->addOperationWithBlock([&] { order.push_back("added by first"); });
+    order.push_back("first, after adding");  // the added one did not run inline
+    EXPECT_EQ(PXOperationQueue::currentQueue(), queue);
+  });
+  queue->addOperationWithBlock([&] { order.push_back("second"); });
+  EXPECT_TRUE(order.empty());
+  ASSERT_TRUE(PXRunLoopUntil([&] { return order.size() == 4; }));
+  EXPECT_EQ(order, (std::vector<std::string>{"first", "first, after adding", "second", "added by first"}));
+}
+
+TEST(PXOperationQueue, OperationsFromWorkerThreadsRunOnTheMainThreadInOrder) {
+  PXOperationQueue* queue = PXOperationQueue::mainQueue();
+  std::vector<int> order;
+  std::vector<std::thread::id> ranOn;
+  std::thread worker([&] {
+    EXPECT_EQ(PXOperationQueue::currentQueue(), nullptr);
+    for (int i = 0; i < 100; ++i) {
+      queue->addOperationWithBlock([&, i] {
+        order.push_back(i);
+        ranOn.push_back(std::this_thread::get_id());
+      });
+    }
+  });
+  worker.join();
+  ASSERT_TRUE(PXRunLoopUntil([&] { return order.size() == 100; }));
+  for (int i = 0; i < 100; ++i) {
+    EXPECT_EQ(order[i], i);
+    EXPECT_EQ(ranOn[i], std::this_thread::get_id());
+  }
+}
+
+}  // namespace

@@ -1,0 +1,43 @@
+#include "support/PXRunLoopUntil.h"
+
+#include <glib.h>
+#include <pxkit/platform/PXClock.h>
+#include <pxkit/platform/PXRunLoop.h>
+
+#include <cmath>
+
+bool PXRunLoopUntil(const std::function<bool()>& predicate, PXRunLoopUntilOptions options) {
+  PXRunLoop* loop = PXRunLoop::current();
+  const PXDate virtualLimit = PXClock::now() + options.maxVirtualSeconds;
+  bool hung = false;
+  GSource* guard = g_timeout_source_new(static_cast<guint>(std::ceil(options.hangGuardSeconds * 1000.0)));
+  g_source_set_callback(
+      guard,
+      [](gpointer flag) -> gboolean {
+        *static_cast<bool*>(flag) = true;
+        return G_SOURCE_REMOVE;
+      },
+      &hung, nullptr);
+  g_source_attach(guard, static_cast<GMainContext*>(loop->mainContext()));
+
+  bool held = false;
+  for (int i = 0; i < options.maxIterations && !hung; ++i) {
+    if (predicate()) {
+      held = true;
+      break;
+    }
+    if (loop->runOnce(/*mayBlock=*/false)) continue;
+    if (PXClock::isVirtual() && options.maxVirtualSeconds > 0.0) {
+      std::optional<PXDate> next = loop->nextTimerDate();
+      if (next && *next <= virtualLimit) {
+        if (*next > PXClock::now()) PXClock::setVirtualNow(*next);
+        continue;
+      }
+    }
+    loop->runOnce(/*mayBlock=*/true);
+  }
+  if (!held && !hung) held = predicate();
+  g_source_destroy(guard);
+  g_source_unref(guard);
+  return held;
+}
