@@ -3,6 +3,7 @@
 #include <pxkit/foundation/PXRuntime.h>
 #include <pxkit/platform/PXDictionary.h>
 #include <pxkit/platform/PXFormat.h>
+#include <pxkit/platform/PXNotificationCenter.h>
 
 #include <memory>
 #include <string>
@@ -51,6 +52,23 @@ TEST(PXAssociatedTargetBlockTrampoline, DeallocCallbackRunsOnceWithItselfThenBot
     trampoline->setDeallocBlock({});
   }
   EXPECT_FALSE(cleared);
+}
+
+TEST(PXAssociatedTargetBlockTrampoline, ServesAsANotificationTarget) {
+  auto center = PXMake<PXNotificationCenter>();
+  std::vector<std::string> heard;
+  auto trampoline = Trampoline::trampolineWithInvocationBlock(
+      [&](PXObject* sender) {
+        auto* note = dynamic_cast<PXNotification*>(sender);
+        ASSERT_NE(note, nullptr);
+        heard.push_back(note->name().str());
+      },
+      nullptr);
+  center->addObserver(trampoline.get(), &Trampoline::invoke, "PXTestPing");
+  center->postNotificationName("PXTestPing");
+  center->postNotificationName("PXTestOther");
+  EXPECT_EQ(heard, (std::vector<std::string>{"PXTestPing"}));
+  center->removeObserver(trampoline.get());
 }
 
 PXRef<PXDictionary> deallocDictionary(const PXObject& object) {
