@@ -1,0 +1,177 @@
+// The codec's number text and message helpers, checked against the C library.
+#include "json/internal/JSONNumbers.h"
+
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <random>
+#include <string>
+
+#include "json/internal/JSONMessages.h"
+
+using namespace pxkit::json::internal;
+
+namespace {
+
+std::string viaPrintf(double value) {
+  char buf[64];
+  std::snprintf(buf, sizeof buf, "%.17g", value);
+  return buf;
+}
+
+std::string viaCodec(double value) {
+  char buf[kMaxDoubleChars];
+  char* end = writeDouble(value, buf);
+  return std::string(buf, end);
+}
+
+double fromBits(uint64_t bits) {
+  double d;
+  std::memcpy(&d, &bits, sizeof d);
+  return d;
+}
+
+}  // namespace
+
+TEST(JSONNumbers, DoublesMatchPrintfAtTheEdges) {
+  const double values[] = {
+      0.0,
+      -0.0,
+      1.0,
+      -1.0,
+      0.1,
+      0.2,
+      0.3,
+      1.0 / 3,
+      2.0 / 3,
+      0.5,
+      1.5,
+      2.5,
+      9.5,
+      0.05,
+      0.25,
+      1e-5,
+      9.99999e-6,
+      1e-4,
+      0.00012345,
+      1e15,
+      1e16,
+      1e17,
+      9.999999999999999e16,
+      99999999999999999.0,
+      123456789012345678.0,
+      9007199254740992.0,
+      9007199254740993.0,
+      4503599627370496.5,
+      1e21,
+      1e22,
+      1e23,
+      1e100,
+      1e300,
+      1e-300,
+      DBL_MAX,
+      DBL_MIN,
+      DBL_TRUE_MIN,
+      DBL_EPSILON,
+      1.0 + DBL_EPSILON,
+      -65.613616999999977,
+      43.420273000000009,
+      3.141592653589793,
+      2.718281828459045,
+      6.02214076e23,
+      1.602176634e-19,
+      299792458.0,
+      0.1 + 0.2,
+      std::nextafter(1e-5, 0.0),
+      std::nextafter(1e-5, 1.0),
+      std::nextafter(1e17, 0.0),
+      std::nextafter(1e17, 2e17),
+  };
+  for (double v : values) {
+    EXPECT_EQ(viaCodec(v), viaPrintf(v)) << viaPrintf(v);
+    EXPECT_EQ(viaCodec(-v), viaPrintf(-v)) << viaPrintf(-v);
+  }
+}
+
+TEST(JSONNumbers, DoublesMatchPrintfOverRandomValues) {
+  std::mt19937_64 rng(20240521);
+  // Every finite bit pattern is fair game.
+  for (int i = 0; i < 100000; ++i) {
+    double v = fromBits(rng());
+    if (!std::isfinite(v)) continue;
+    ASSERT_EQ(viaCodec(v), viaPrintf(v)) << std::hexfloat << v;
+  }
+  // The common magnitudes, which take the exact integer path.
+  std::uniform_real_distribution<double> exponent(-5.5, 17.5);
+  for (int i = 0; i < 100000; ++i) {
+    double v = std::pow(10.0, exponent(rng));
+    ASSERT_EQ(viaCodec(v), viaPrintf(v)) << std::hexfloat << v;
+  }
+  // Short decimals and their neighbours, where ties and near-ties sit.
+  for (int i = 0; i < 100000; ++i) {
+    const double scale = std::pow(10.0, static_cast<int>(rng() % 12));
+    double v = static_cast<double>(rng() % 100000000) / scale;
+    if (rng() & 1) v = std::nextafter(v, (rng() & 2) ? 0.0 : 1e30);
+    ASSERT_EQ(viaCodec(v), viaPrintf(v)) << std::hexfloat << v;
+  }
+}
+
+TEST(JSONNumbers, IntegersMatchTheirDecimalText) {
+  std::mt19937_64 rng(7);
+  const uint64_t unsignedValues[] = {0,   1,     9,          10,         99,
+                                     100, 12345, UINT32_MAX, UINT64_MAX, 10000000000000000000ull};
+  for (uint64_t v : unsignedValues) {
+    char buf[kMaxIntegerChars];
+    EXPECT_EQ(std::string(buf, writeUInt64(v, buf)), std::to_string(v));
+  }
+  const int64_t signedValues[] = {0, -1, 1, INT64_MIN, INT64_MAX, -10, -99, -100};
+  for (int64_t v : signedValues) {
+    char buf[kMaxIntegerChars];
+    EXPECT_EQ(std::string(buf, writeInt64(v, buf)), std::to_string(v));
+  }
+  for (int i = 0; i < 10000; ++i) {
+    const int64_t v = static_cast<int64_t>(rng()) >> (rng() % 64);
+    char buf[kMaxIntegerChars];
+    ASSERT_EQ(std::string(buf, writeInt64(v, buf)), std::to_string(v));
+  }
+}
+
+TEST(JSONNumbers, ConversionReportsTokensItCannotConsume) {
+  // The scanner only hands over grammatical tokens, so this is the converter's own guard.
+  NumberValue number;
+  std::string message;
+  EXPECT_FALSE(convertNumberToken("12x", false, number, message));
+  EXPECT_EQ(message, "The conversion function did not consume all of the number tokens characters.");
+  message.clear();
+  EXPECT_FALSE(convertNumberToken("-3-", false, number, message));
+  EXPECT_EQ(message, "The conversion function did not consume all of the number tokens characters.");
+  message.clear();
+  EXPECT_FALSE(convertNumberToken("1.5.2", true, number, message));
+  EXPECT_EQ(message, "The conversion function did not consume all of the number tokens characters.");
+  // And converts what it can.
+  ASSERT_TRUE(convertNumberToken("-0", false, number, message));
+  EXPECT_EQ(number.kind, NumberValue::Kind::Double);
+  EXPECT_TRUE(std::signbit(number.d));
+  ASSERT_TRUE(convertNumberToken("18446744073709551615", false, number, message));
+  EXPECT_EQ(number.kind, NumberValue::Kind::Unsigned);
+  EXPECT_EQ(number.u, UINT64_MAX);
+  ASSERT_TRUE(convertNumberToken("-9223372036854775808", false, number, message));
+  EXPECT_EQ(number.kind, NumberValue::Kind::Signed);
+  EXPECT_EQ(number.i, INT64_MIN);
+}
+
+TEST(JSONNumbers, ExpectedMessagesNameTheAcceptedTokens) {
+  EXPECT_EQ(composeExpectedMessage(kAcceptValue, kWordValue, kWordArrayEnd, "}").str(),
+            "Expected a value, not '}'");
+  EXPECT_EQ(composeExpectedMessage(kAcceptComma | kAcceptEnd, kWordString, kWordObjectEnd, "[").str(),
+            "Expected a comma or a '}', not '['");
+  // No grammar state accepts all three, but the form exists, without its closing quote.
+  EXPECT_EQ(
+      composeExpectedMessage(kAcceptValue | kAcceptComma | kAcceptEnd, kWordValue, kWordArrayEnd, ":").str(),
+      "Expected a value, a comma, or a ']', not ':");
+  EXPECT_EQ(composeExpectedMessage(kAcceptValue | kAcceptEnd, kWordString, kWordObjectEnd, "12.5").str(),
+            "Expected a \"STRING\" or a '}', not '12.5'");
+}

@@ -1,0 +1,308 @@
+#include <gtest/gtest.h>
+#include <pxkit/json/JSONDecoder.h>
+#include <pxkit/json/JSONSerializer.h>
+#include <pxkit/platform/PXArray.h>
+#include <pxkit/platform/PXDictionary.h>
+
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <string>
+
+namespace {
+
+PXRef<PXDictionary> dict(std::initializer_list<PXDictionary::Entry> entries) {
+  return PXDictionary::dictionaryWithEntries(entries);
+}
+PXRef<PXArray> list(std::initializer_list<PXValue> values) {
+  return PXArray::arrayWithObjects(values);
+}
+
+std::string compact(const PXValue& value) {
+  return JSONString(value).str();
+}
+
+std::string failure(const std::function<PXString(PXErrorRef*)>& call) {
+  PXErrorRef error;
+  PXString result = call(&error);
+  EXPECT_TRUE(result.isAbsent());
+  if (!error) return "(no error)";
+  EXPECT_EQ(error->domain(), "PXJSONErrorDomain");
+  EXPECT_EQ(error->code(), -1);
+  return error->localizedDescription().str();
+}
+
+// Formats dates as seconds since 1970 through its "formatDate:" operation.
+class DateDelegate : public JSONSerializerDelegate {
+ public:
+  bool respondsToSelector(std::string_view selector) const override { return selector == "formatDate:"; }
+  PXValue performSelector(std::string_view selector, const PXValue& object) override {
+    ++calls;
+    lastSelector = std::string(selector);
+    if (object.isDate()) return PXValue(object.dateValue().timeIntervalSince1970());
+    return PXValue();
+  }
+  int calls = 0;
+  std::string lastSelector;
+};
+
+}  // namespace
+
+TEST(JSONSerializer, WritesEveryKindCompactly) {
+  auto doc = dict({
+      {"string", "text"},
+      {"signed", -42},
+      {"unsigned", 18446744073709551615ull},
+      {"min", static_cast<long long>(INT64_MIN)},
+      {"double", 0.5},
+      {"true", true},
+      {"false", false},
+      {"null", PXValue::null()},
+      {"list", list({1, "two", list({}), dict({})})},
+  });
+  EXPECT_EQ(compact(doc),
+            R"({"string":"text","signed":-42,"unsigned":18446744073709551615,"min":-9223372036854775808,)"
+            R"("double":0.5,"true":true,"false":false,"null":null,"list":[1,"two",[],{}]})");
+  EXPECT_EQ(compact(list({})), "[]");
+  EXPECT_EQ(compact(dict({})), "{}");
+}
+
+TEST(JSONSerializer, PrettyPrintsWithTwoSpaceIndentation) {
+  auto doc = dict({{"a", list({1, dict({{"b", PXValue::null()}}), list({})})}, {"c", dict({})}, {"d", "e"}});
+  EXPECT_EQ(JSONStringWithOptions(doc, kPXJSONSerializeOptionPretty).str(),
+            "{\n"
+            "  \"a\": [\n"
+            "    1,\n"
+            "    {\n"
+            "      \"b\": null\n"
+            "    },\n"
+            "    []\n"
+            "  ],\n"
+            "  \"c\": {},\n"
+            "  \"d\": \"e\"\n"
+            "}");
+  EXPECT_EQ(JSONStringWithOptions(list({}), kPXJSONSerializeOptionPretty).str(), "[]");
+  // The data form holds exactly the string form's bytes.
+  auto data = JSONDataWithOptions(doc, kPXJSONSerializeOptionPretty);
+  ASSERT_TRUE(data);
+  EXPECT_EQ(data->view(), JSONStringWithOptions(doc, kPXJSONSerializeOptionPretty).view());
+  EXPECT_EQ(JSONData(doc)->view(), JSONString(doc).view());
+}
+
+TEST(JSONSerializer, DoublesAreWrittenAsPercentSeventeenG) {
+  struct Row {
+    double value;
+    const char* text;
+  };
+  const Row rows[] = {
+      {0.1, "0.10000000000000001"},
+      {1.0, "1"},
+      {-2.5, "-2.5"},
+      {-0.0, "-0"},
+      {0.0, "0"},
+      {1e300, "1.0000000000000001e+300"},
+      {1e-5, "1.0000000000000001e-05"},
+      {0.0001, "0.0001"},
+      {123456789012345678.0, "1.2345678901234568e+17"},
+      {1e16, "10000000000000000"},
+      {5e-324, "4.9406564584124654e-324"},
+      {1.7976931348623157e308, "1.7976931348623157e+308"},
+      {-65.613616999999977, "-65.613616999999977"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.text);
+    EXPECT_EQ(compact(list({row.value})), std::string("[") + row.text + "]");
+  }
+  for (double bad : {std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity(),
+                     -std::numeric_limits<double>::infinity()}) {
+    EXPECT_EQ(failure([&](PXErrorRef* e) {
+                return JSONStringWithOptions(list({1, bad}), 0, e);
+              }),
+              "Floating point values must be finite.  JSON does not support NaN or Infinity.");
+  }
+}
+
+TEST(JSONSerializer, EscapesStrings) {
+  struct Row {
+    std::string input;
+    JSONSerializeOptionFlags options;
+    std::string expected;  // without the quotes
+  };
+  const Row rows[] = {
+      {"plain", 0, "plain"},
+      {"\"quoted\" \\ back", 0, "\\\"quoted\\\" \\\\ back"},
+      {"\b\f\n\r\t", 0, "\\b\\f\\n\\r\\t"},
+      {std::string("\0\x01\x1f\x7f/", 5), 0, "\\u0000\\u0001\\u001f\x7f/"},
+      {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80", 0, "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"},
+      {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80", kPXJSONSerializeOptionEscapeUnicode,
+       "caf\\u00e9 \\u20ac \\ud83d\\ude00"},
+      {"bad \xff byte", 0, "bad \xef\xbf\xbd byte"},
+      {"bad \xff byte", kPXJSONSerializeOptionEscapeUnicode, "bad \\ufffd byte"},
+      {"cut \xe2\x82", 0, "cut \xef\xbf\xbd"},
+      {std::string(40, 'x') + "\n" + std::string(40, 'y'), 0,
+       std::string(40, 'x') + "\\n" + std::string(40, 'y')},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.expected);
+    EXPECT_EQ(JSONStringWithOptionsIncludeQuotes(PXValue(row.input), row.options, true).str(),
+              "\"" + row.expected + "\"");
+    EXPECT_EQ(JSONStringWithOptionsIncludeQuotes(PXValue(row.input), row.options, false).str(), row.expected);
+    auto data = JSONDataWithOptionsIncludeQuotes(PXValue(row.input), row.options, false);
+    ASSERT_TRUE(data);
+    EXPECT_EQ(data->view(), row.expected);
+    // Keys are escaped the same way.
+    EXPECT_EQ(JSONStringWithOptions(dict({{PXValue(row.input), 1}}), row.options).str(),
+              "{\"" + row.expected + "\":1}");
+  }
+}
+
+TEST(JSONSerializer, EveryErrorHasItsMessage) {
+  auto date = PXValue(PXDate(0));
+  auto bytes = PXValue(PXData::dataWithString("x"));
+  auto selfContaining = PXMutableArray::array();
+  selfContaining->addObject(PXValue(selfContaining));
+  DateDelegate delegate;
+  struct Row {
+    const char* name;
+    std::function<PXString(PXErrorRef*)> call;
+    std::string message;
+  };
+  const Row rows[] = {
+      {"number key",
+       [](PXErrorRef* e) {
+         return JSONStringWithOptions(dict({{1, 2}}), 0, e);
+       },
+       "Key must be a string object."},
+      {"null key",
+       [](PXErrorRef* e) {
+         return JSONStringWithOptions(dict({{PXValue::null(), 2}}), 0, e);
+       },
+       "Key must be a string object."},
+      {"date", [&](PXErrorRef* e) { return JSONStringWithOptions(list({date}), 0, e); },
+       "Unable to serialize object class NSDate."},
+      {"data",
+       [&](PXErrorRef* e) {
+         return JSONStringWithOptions(dict({{"d", bytes}}), 0, e);
+       },
+       "Unable to serialize object class NSData."},
+      {"error object",
+       [](PXErrorRef* e) {
+         return JSONStringWithOptions(list({PXValue(PXError::errorWithDomain("d", 1))}), 0, e);
+       },
+       "Unable to serialize object class PXError."},
+      {"string for a collection", [](PXErrorRef* e) { return JSONStringWithOptions("text", 0, e); },
+       "Unable to serialize object class NSString, expected a NSArray or NSDictionary."},
+      {"number for a collection", [](PXErrorRef* e) { return JSONStringWithOptions(3, 0, e); },
+       "Unable to serialize object class NSNumber, expected a NSArray or NSDictionary."},
+      {"nothing for a collection", [](PXErrorRef* e) { return JSONStringWithOptions(PXValue(), 0, e); },
+       "Unable to serialize object class nil, expected a NSArray or NSDictionary."},
+      {"collection for a string",
+       [](PXErrorRef* e) { return JSONStringWithOptionsIncludeQuotes(list({}), 0, true, e); },
+       "Unable to serialize object class PXArray, expected a NSString."},
+      {"null for a string",
+       [](PXErrorRef* e) { return JSONStringWithOptionsIncludeQuotes(PXValue::null(), 0, false, e); },
+       "Unable to serialize object class NSNull, expected a NSString."},
+      {"delegate without selector",
+       [&](PXErrorRef* e) { return JSONStringWithOptions(list({date}), 0, &delegate, nullptr, e); },
+       "The delegate argument is not NULL, but the selector argument is NULL."},
+      {"delegate without that operation",
+       [&](PXErrorRef* e) { return JSONStringWithOptions(list({date}), 0, &delegate, "formatData:", e); },
+       "The serializeUnsupportedClassesUsingDelegate: delegate does not respond to the selector argument."},
+      {"delegate gives nothing",
+       [&](PXErrorRef* e) { return JSONStringWithOptions(list({bytes}), 0, &delegate, "formatDate:", e); },
+       "Unable to serialize object class nil that was returned by the unsupported class formatter.  Original "
+       "object class was NSData."},
+      {"block gives an unsupported value",
+       [&](PXErrorRef* e) {
+         return JSONStringWithOptions(
+             list({date}), 0, [](const PXValue&) { return PXValue(PXData::dataWithString("y")); }, e);
+       },
+       "Unable to serialize object class NSData that was returned by the unsupported class formatter.  "
+       "Original "
+       "object class was NSDate."},
+      {"self-containing array", [&](PXErrorRef* e) { return JSONStringWithOptions(selfContaining, 0, e); },
+       "Unable to serialize objects nested deeper than 512 levels."},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    EXPECT_EQ(failure(row.call), row.message);
+    EXPECT_TRUE(row.call(nullptr).isAbsent());
+  }
+  selfContaining->removeAllObjects();  // break the cycle
+  // The plain forms just give nothing.
+  EXPECT_FALSE(JSONData(list({date})));
+  EXPECT_TRUE(JSONString(PXValue("text")).isAbsent());
+  // The data forms report the same errors.
+  PXErrorRef error;
+  EXPECT_FALSE(JSONDataWithOptions(dict({{1, 2}}), 0, &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->localizedDescription(), "Key must be a string object.");
+  error = nullptr;
+  EXPECT_FALSE(JSONDataWithOptionsIncludeQuotes(3, 0, true, &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->localizedDescription(), "Unable to serialize object class NSNumber, expected a NSString.");
+}
+
+TEST(JSONSerializer, NestingUpToTheLimitIsWritten) {
+  PXValue nested = PXArray::array();
+  for (size_t depth = 1; depth < kPXJSONMaxDepth; ++depth) nested = PXValue(list({nested}));
+  PXString text = JSONString(nested);
+  ASSERT_FALSE(text.isAbsent());
+  EXPECT_EQ(text.str(), std::string(kPXJSONMaxDepth, '[') + std::string(kPXJSONMaxDepth, ']'));
+  EXPECT_TRUE(JSONString(list({nested})).isAbsent());
+}
+
+TEST(JSONSerializer, FormattersTurnUnsupportedValuesIntoSupportedOnes) {
+  const PXDate moment = PXDate::dateWithTimeIntervalSince1970(1500000000.5);
+  auto doc = dict({{"when", PXValue(moment)}, {"plain", 1}, {"more", list({PXValue(moment)})}});
+
+  DateDelegate delegate;
+  PXErrorRef error;
+  EXPECT_EQ(JSONStringWithOptions(doc, 0, &delegate, "formatDate:", &error).str(),
+            R"({"when":1500000000.5,"plain":1,"more":[1500000000.5]})");
+  EXPECT_FALSE(error);
+  EXPECT_EQ(delegate.calls, 2);  // once per unsupported value, never for supported ones
+  EXPECT_EQ(delegate.lastSelector, "formatDate:");
+  auto data = JSONDataWithOptions(doc, kPXJSONSerializeOptionPretty, &delegate, "formatDate:", &error);
+  ASSERT_TRUE(data);
+  EXPECT_NE(data->view().find("\"when\": 1500000000.5"), std::string_view::npos);
+
+  // A null delegate is no formatter: the selector does not matter.
+  EXPECT_TRUE(JSONStringWithOptions(doc, 0, nullptr, nullptr, nullptr).isAbsent());
+  EXPECT_EQ(JSONStringWithOptions(list({1}), 0, nullptr, nullptr, nullptr).str(), "[1]");
+
+  // A block may return a container, whose own unsupported values are formatted in turn.
+  int calls = 0;
+  JSONUnsupportedClassFormatter block = [&](const PXValue& value) -> PXValue {
+    ++calls;
+    if (value.isDate()) return PXValue(list({"date", PXValue(PXData::dataWithString("z"))}));
+    if (value.isData()) return PXValue(value.dataValue()->view());
+    return PXValue();
+  };
+  EXPECT_EQ(JSONStringWithOptions(list({PXValue(moment)}), 0, block, &error).str(), R"([["date","z"]])");
+  EXPECT_EQ(calls, 2);
+  auto blockData = JSONDataWithOptions(list({PXValue(moment)}), 0, block, &error);
+  ASSERT_TRUE(blockData);
+  EXPECT_EQ(blockData->view(), R"([["date","z"]])");
+  // An empty block is no formatter.
+  EXPECT_TRUE(
+      JSONStringWithOptions(list({PXValue(moment)}), 0, JSONUnsupportedClassFormatter(), nullptr).isAbsent());
+}
+
+TEST(JSONSerializer, OutputReadsBackAsTheSameValue) {
+  auto doc = dict({
+      {"text", "tab\there \"quoted\" caf\xc3\xa9 \xf0\x9f\x98\x80"},
+      {"numbers",
+       list({0, -1, 18446744073709551615ull, static_cast<long long>(INT64_MIN), 0.1, -1e-300, 1e300})},
+      {"nested", dict({{"deeper", list({dict({}), list({}), PXValue::null(), true, false})}})},
+  });
+  for (JSONSerializeOptionFlags options :
+       {kPXJSONSerializeOptionNone, kPXJSONSerializeOptionPretty, kPXJSONSerializeOptionEscapeUnicode}) {
+    PXString text = JSONStringWithOptions(doc, options);
+    ASSERT_FALSE(text.isAbsent());
+    PXErrorRef error;
+    PXValue back = objectFromJSONStringWithParseOptions(text, 0, &error);
+    ASSERT_TRUE(back) << error->localizedDescription().str();
+    EXPECT_TRUE(back.isEqual(doc)) << text.str();
+  }
+}

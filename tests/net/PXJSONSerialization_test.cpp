@@ -1,0 +1,206 @@
+// The JSON facade on a system without a platform JSON service: the built-in codec.
+#include <gtest/gtest.h>
+#include <pxkit/net/PXJSONSerialization.h>
+#include <pxkit/platform/PXArray.h>
+#include <pxkit/platform/PXDictionary.h>
+
+#include <atomic>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+PXRef<PXDictionary> dict(std::initializer_list<PXDictionary::Entry> entries) {
+  return PXDictionary::dictionaryWithEntries(entries);
+}
+PXRef<PXArray> list(std::initializer_list<PXValue> values) {
+  return PXArray::arrayWithObjects(values);
+}
+
+std::string bytes(const PXRef<PXData>& data) {
+  return data ? std::string(data->view()) : "(none)";
+}
+
+PXValue read(std::string_view text, unsigned options = 0, PXErrorRef* error = nullptr) {
+  return PXJSONSerialization::JSONObjectWithData(PXData::dataWithString(text), options, error);
+}
+
+}  // namespace
+
+TEST(PXJSONSerialization, TheBuiltInCodecIsChosenOnceForEveryThread) {
+  std::atomic<int> available{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&] {
+      if (PXJSONSerialization::isNSJSONSerializationAvailable()) ++available;
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(available.load(), 0);
+  EXPECT_FALSE(PXJSONSerialization::isNSJSONSerializationAvailable());
+}
+
+TEST(PXJSONSerialization, ValidityFollowsTheRepresentableKinds) {
+  auto selfContaining = PXMutableArray::array();
+  selfContaining->addObject(PXValue(selfContaining));
+  struct Row {
+    const char* name;
+    PXValue object;
+    bool valid;
+  };
+  const Row rows[] = {
+      {"string", PXValue("text"), true},
+      {"integer", PXValue(3), true},
+      {"double", PXValue(3.5), true},
+      {"boolean", PXValue(true), true},
+      {"null", PXValue::null(), true},
+      {"empty array", PXValue(PXArray::array()), true},
+      {"empty dictionary", PXValue(PXDictionary::dictionary()), true},
+      {"nested", PXValue(dict({{"a", list({1, "b", PXValue::null(), dict({{"c", list({})}})})}})), true},
+      {"number key", PXValue(dict({{1, "one"}})), true},
+      {"absent", PXValue(), false},
+      {"date", PXValue(PXDate(0)), false},
+      {"data", PXValue(PXData::dataWithString("x")), false},
+      {"error object", PXValue(PXError::errorWithDomain("d", 1)), false},
+      {"date in an array", PXValue(list({1, PXValue(PXDate(0))})), false},
+      {"date as a value", PXValue(dict({{"when", PXValue(PXDate(0))}})), false},
+      {"date as a key", PXValue(dict({{PXValue(PXDate(0)), 1}})), false},
+      {"self-containing array", PXValue(selfContaining), false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    EXPECT_EQ(PXJSONSerialization::isValidJSONObject(row.object), row.valid);
+  }
+  selfContaining->removeAllObjects();
+}
+
+TEST(PXJSONSerialization, WritingFollowsTheKindOfTheObject) {
+  EXPECT_EQ(bytes(PXJSONSerialization::dataWithJSONObject(3.5, 0)), "3.5");
+  EXPECT_EQ(bytes(PXJSONSerialization::dataWithJSONObject(-7, 0)), "-7");
+  EXPECT_EQ(bytes(PXJSONSerialization::dataWithJSONObject(true, 0)), "1");  // a number's own text
+  EXPECT_EQ(bytes(PXJSONSerialization::dataWithJSONObject(18446744073709551615ull, 0)),
+            "18446744073709551615");
+  EXPECT_EQ(bytes(PXJSONSerialization::dataWithJSONObject("say \"hi\"\n", 0)), "\"say \\\"hi\\\"\\n\"");
+  auto doc = dict({{"a", list({1, 2})}, {"b", PXValue::null()}});
+  EXPECT_EQ(bytes(PXJSONSerialization::dataWithJSONObject(doc, 0)), R"({"a":[1,2],"b":null})");
+  EXPECT_EQ(bytes(PXJSONSerialization::dataWithJSONObject(doc, kPXJSONWritingPrettyPrinted)),
+            "{\n  \"a\": [\n    1,\n    2\n  ],\n  \"b\": null\n}");
+  // Other option bits mean nothing to the built-in codec.
+  EXPECT_EQ(bytes(PXJSONSerialization::dataWithJSONObject(doc, 0x10)), R"({"a":[1,2],"b":null})");
+}
+
+TEST(PXJSONSerialization, NullAndUnsupportedObjectsWriteNothingAndLeaveTheErrorAlone) {
+  const PXErrorRef sentinel = PXError::errorWithDomain("Sentinel", 7);
+  for (const PXValue& object :
+       {PXValue::null(), PXValue(PXDate(0)), PXValue(PXData::dataWithString("x")), PXValue()}) {
+    PXErrorRef error = sentinel;
+    EXPECT_FALSE(PXJSONSerialization::dataWithJSONObject(object, 0, &error));
+    EXPECT_EQ(error, sentinel);
+    EXPECT_FALSE(PXJSONSerialization::dataWithJSONObject(object, 0));
+  }
+}
+
+TEST(PXJSONSerialization, CodecErrorsPassThrough) {
+  PXErrorRef error;
+  EXPECT_FALSE(PXJSONSerialization::dataWithJSONObject(list({PXValue(PXDate(0))}), 0, &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->domain(), "PXJSONErrorDomain");
+  EXPECT_EQ(error->localizedDescription(), "Unable to serialize object class NSDate.");
+
+  error = nullptr;
+  EXPECT_FALSE(read("\"just a string\"", 0, &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->domain(), "PXJSONErrorDomain");
+  EXPECT_EQ(error->localizedDescription(), "Expected either '[' or '{'.");
+
+  error = nullptr;
+  EXPECT_FALSE(PXJSONSerialization::JSONObjectWithData(nullptr, 0, &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->localizedDescription(), "The jsonData argument is NULL.");
+  EXPECT_FALSE(PXJSONSerialization::JSONObjectWithData(PXRef<PXData>(), 0));
+}
+
+TEST(PXJSONSerialization, ReadingIsLenient) {
+  struct Row {
+    const char* name;
+    std::string text;
+  };
+  const Row rows[] = {
+      {"text after the document", R"({"processed": [1, 2]} and then some)"},
+      {"comments", "/* receipt */ {\"processed\": [1, // first\n 2]}"},
+      {"Unicode line breaks", "{\"processed\":\xe2\x80\xa8[1,\xc2\x85 2]}"},
+      {"ill-formed UTF-8", "{\"processed\": [1, 2], \"note\": \"\xff\"}"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    PXErrorRef error;
+    PXValue doc = read(row.text, 0, &error);
+    ASSERT_TRUE(doc.isDictionary()) << (error ? error->localizedDescription().str() : "");
+    EXPECT_EQ(doc.dictionaryValue()->objectForKey("processed").arrayValue()->count(), 2u);
+  }
+  // Still JSON: a raw tab in a string is refused.
+  EXPECT_FALSE(read("[\"\t\"]"));
+}
+
+TEST(PXJSONSerialization, EitherMutableOptionGivesMutableContainers) {
+  const char* text = R"({"list": [1], "inner": {}})";
+  struct Row {
+    unsigned options;
+    bool mutableResult;
+  };
+  const Row rows[] = {{0, false},
+                      {kPXJSONReadingMutableContainers, true},
+                      {kPXJSONReadingMutableLeaves, true},
+                      {kPXJSONReadingMutableContainers | kPXJSONReadingMutableLeaves, true},
+                      {kPXJSONReadingAllowFragments, false}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.options);
+    PXValue doc = read(text, row.options);
+    ASSERT_TRUE(doc.isDictionary());
+    EXPECT_EQ(static_cast<bool>(doc.mutableDictionaryValue()), row.mutableResult);
+    EXPECT_EQ(static_cast<bool>(doc.dictionaryValue()->objectForKey("list").mutableArrayValue()),
+              row.mutableResult);
+    EXPECT_EQ(static_cast<bool>(doc.dictionaryValue()->objectForKey("inner").mutableDictionaryValue()),
+              row.mutableResult);
+  }
+}
+
+TEST(PXJSONSerialization, JSONifyGivesCompactTextOfValidObjects) {
+  EXPECT_EQ(PXJSONSerialization::JSONify(PXDictionary::dictionary()), "{}");
+  EXPECT_EQ(PXJSONSerialization::JSONify(list({1, "a", PXValue::null()})), "[1,\"a\",null]");
+  EXPECT_EQ(PXJSONSerialization::JSONify(3.5), "3.5");
+  EXPECT_EQ(PXJSONSerialization::JSONify("q\""), "\"q\\\"\"");
+  EXPECT_TRUE(PXJSONSerialization::JSONify(PXValue(PXDate(0))).isAbsent());
+  EXPECT_TRUE(PXJSONSerialization::JSONify(list({PXValue(PXDate(0))})).isAbsent());
+  // Valid, but a top-level null cannot be written.
+  EXPECT_TRUE(PXJSONSerialization::JSONify(PXValue::null()).isAbsent());
+  // Valid for the check (keys follow the value rule), refused by the writer.
+  EXPECT_TRUE(PXJSONSerialization::JSONify(dict({{1, 2}})).isAbsent());
+}
+
+TEST(PXJSONSerialization, StreamsFailAtOnceWithTheirOwnErrors) {
+  std::ostringstream out;
+  PXErrorRef error;
+  EXPECT_EQ(PXJSONSerialization::writeJSONObject(list({1}), out, 0, &error), 0);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->domain(), "PXKitError");
+  EXPECT_EQ(error->code(), -1);
+  EXPECT_EQ(error->localizedDescription(),
+            "-[PXJSONSerialization writeJSONObject:toStream:options:error:] not available in built-in codec "
+            "flavor");
+  EXPECT_TRUE(out.str().empty());
+  EXPECT_EQ(PXJSONSerialization::writeJSONObject(list({1}), out, 0), 0);
+
+  std::istringstream in("[1, 2]");
+  error = nullptr;
+  EXPECT_FALSE(PXJSONSerialization::JSONObjectWithStream(in, 0, &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->domain(), "PXKitError");
+  EXPECT_EQ(error->code(), -2);
+  EXPECT_EQ(
+      error->localizedDescription(),
+      "-[PXJSONSerialization JSONObjectWithStream:options:error:] not available in built-in codec flavor");
+  EXPECT_FALSE(PXJSONSerialization::JSONObjectWithStream(in, 0));
+}
