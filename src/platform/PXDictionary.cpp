@@ -1,6 +1,8 @@
 #include <pxkit/platform/PXDictionary.h>
 #include <pxkit/platform/PXException.h>
 
+#include <cstring>
+
 #include "platform/internal/DictionaryIndex.h"
 #include "platform/internal/ValueText.h"
 
@@ -14,15 +16,20 @@ namespace {
 
 constexpr const char* kInitMethod = "initWithObjects:forKeys:count:";
 
-// Key comparison for lookups. String keys (nearly all of them) compare their
-// bytes directly; other kinds go through isEqual.
+// Key comparison for lookups: equal inline strings (nearly all keys) are
+// decided by PXValue's inline fast path; heap strings compare their lengths
+// before their bytes; other kinds go through isEqual.
 struct KeyMatcher {
   const PXValue& key;
-  bool isString = key.isString();
+  bool isHeapString = key.isString() && key.stringValue().size() > 14;
   std::string_view bytes = key.stringValue();
 
   bool operator()(const PXValue& candidate) const {
-    if (isString) return candidate.isString() && candidate.stringValue() == bytes;
+    if (isHeapString) {
+      std::string_view other = candidate.stringValue();  // "" for every other kind
+      return other.size() == bytes.size() && candidate.isString() &&
+             std::memcmp(other.data(), bytes.data(), bytes.size()) == 0;
+    }
     return candidate.isEqual(key);
   }
 };

@@ -625,15 +625,6 @@ double PXValue::doubleValue() const noexcept {
   }
 }
 
-std::string_view PXValue::stringValue() const noexcept {
-  if (rawKind() == kSmallString) return {reinterpret_cast<const char*>(raw_), raw_[14]};
-  if (rawKind() == static_cast<uint8_t>(Kind::String)) {
-    const StringRep* rep = payload<StringRep*>();
-    return {rep->chars(), rep->size};
-  }
-  return {};
-}
-
 PXString PXValue::stringObject() const {
   if (rawKind() == kSmallString) return PXString(stringValue());
   if (rawKind() == static_cast<uint8_t>(Kind::String)) {
@@ -709,8 +700,7 @@ bool isNumberKind(PXValue::Kind k) {
 
 }  // namespace
 
-bool PXValue::isEqual(const PXValue& other) const noexcept {
-  // Inline strings are zero-filled, so equal short strings are equal bytes.
+bool PXValue::isEqualSlow(const PXValue& other) const noexcept {
   if (rawKind() == kSmallString && other.rawKind() == kSmallString)
     return std::memcmp(raw_, other.raw_, sizeof raw_) == 0;
   Kind a = kind(), b = other.kind();

@@ -142,7 +142,14 @@ class PXKIT_EXPORT PXValue {
   uint64_t unsignedLongLongValue() const noexcept;
   double doubleValue() const noexcept;
   // The bytes of a string value; "" for every other kind. Valid while this value lives unchanged.
-  std::string_view stringValue() const noexcept;
+  std::string_view stringValue() const noexcept {
+    if (rawKind() == kSmallString) return {reinterpret_cast<const char*>(raw_), raw_[14]};
+    if (rawKind() == static_cast<uint8_t>(Kind::String)) {
+      const pxkit::internal::StringRep* rep = payload<pxkit::internal::StringRep*>();
+      return {rep->chars(), rep->size};
+    }
+    return {};
+  }
   // The string as a shared handle; absent for other kinds.
   PXString stringObject() const;
   // The date of a date value; the reference date for other kinds.
@@ -160,7 +167,13 @@ class PXKIT_EXPORT PXValue {
   // ---- Equality, order, hash, text ---------------------------------------
   // isEqual: numbers by value across kinds (true == 1), strings by bytes, dates by
   // moment, objects by PXObject::isEqual; absent equals only absent.
-  bool isEqual(const PXValue& other) const noexcept;
+  bool isEqual(const PXValue& other) const noexcept {
+    // Inline strings are zero-filled past their bytes, so two of them are equal
+    // exactly when all sixteen bytes are: the common dictionary-key case, inline.
+    if (rawKind() == kSmallString && other.rawKind() == kSmallString)
+      return std::memcmp(raw_, other.raw_, sizeof raw_) == 0;
+    return isEqualSlow(other);
+  }
   friend bool operator==(const PXValue& a, const PXValue& b) noexcept { return a.isEqual(b); }
   // compare: numbers numerically, strings by bytes, dates by moment.
   // Values of unrelated kinds order by kind (a total order, for sorting).
@@ -213,6 +226,7 @@ class PXKIT_EXPORT PXValue {
       releaseObject();
     }
   }
+  bool isEqualSlow(const PXValue& other) const noexcept;
   void retainObject() const noexcept;
   void releaseObject() noexcept;
 
