@@ -47,7 +47,7 @@ class PXKIT_EXPORT PXValue {
   enum class Kind : uint8_t { Absent, Null, Bool, Int, UInt, Double, Date, String, Data, Object };
 
   // ---- Construction ------------------------------------------------------
-  PXValue() noexcept { setKind(Kind::Absent); }
+  PXValue() noexcept : raw_{} {}  // all zero: the absent kind, no payload
   static PXValue null() noexcept {
     PXValue v;
     v.setKind(Kind::Null);
