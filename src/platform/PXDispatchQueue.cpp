@@ -4,6 +4,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <thread>
@@ -232,6 +233,27 @@ struct DispatchQueueCore {
     if (state.exchange(kRunning, std::memory_order_seq_cst) == kSleeping) futexWake(&state, 1);
   }
 };
+
+void dispatchOnceSlow(std::atomic<uint32_t>& state, void (*call)(void*), void* callable) {
+  enum : uint32_t { kUnused = 0, kRunning = 1, kDone = 2 };
+  for (;;) {
+    uint32_t seen = state.load(std::memory_order_acquire);
+    if (seen == kDone) return;
+    if (seen == kUnused && state.compare_exchange_strong(seen, kRunning, std::memory_order_acquire)) {
+      try {
+        call(callable);
+      } catch (...) {
+        state.store(kUnused, std::memory_order_release);
+        futexWake(&state, INT32_MAX);  // one of the waiters tries next
+        throw;
+      }
+      state.store(kDone, std::memory_order_release);
+      futexWake(&state, INT32_MAX);
+      return;
+    }
+    if (seen == kRunning) futexWait(&state, kRunning);
+  }
+}
 
 }  // namespace pxkit::internal
 

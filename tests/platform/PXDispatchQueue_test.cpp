@@ -157,14 +157,17 @@ TEST(PXDispatchQueue, KnowsItsOwnJobsAndNamesItsThread) {
 TEST(PXDispatchQueue, JobsEnqueuedByJobsRunAfterThem) {
   PXRef<PXDispatchQueue> queue = PXDispatchQueue::create();
   std::vector<std::string> order;
+  Gate gate;
+  queue->async([&] { gate.wait(); });  // so that "second" is queued before "outer" runs
   queue->async([&] {
     order.push_back("outer");
     queue->async([&] { order.push_back("inner"); });
     order.push_back("outer end");
   });
   queue->async([&] { order.push_back("second"); });
+  gate.open();
   queue->sync([] {});
-  queue->sync([] {});  // the inner job was enqueued after the first sync's job
+  queue->sync([] {});  // the inner job may have been enqueued after the first sync's job
   EXPECT_EQ(order, (std::vector<std::string>{"outer", "outer end", "second", "inner"}));
 }
 
@@ -235,7 +238,7 @@ TEST(PXDispatchQueue, SyncFromItsOwnJobRunsAtOnceInReleaseBuilds) {
 #endif
 
 TEST(PXDispatchOnce, RunsExactlyOnceForRacingThreads) {
-  static PXDispatchOnceToken token;
+  PXDispatchOnceToken token;
   std::atomic<int> calls{0};
   int* shared = nullptr;
   Gate start;
@@ -265,6 +268,31 @@ TEST(PXDispatchOnce, AThrowingInitialiserLeavesTheTokenUnused) {
   PXDispatchOnce(token, [&] { ++calls; });
   PXDispatchOnce(token, [&] { ++calls; });
   EXPECT_EQ(calls, 1);
+}
+
+TEST(PXDispatchOnce, WhenTheFirstRunThrowsAWaitingThreadRunsItInstead) {
+  PXDispatchOnceToken token;
+  std::atomic<int> attempts{0}, threw{0}, returned{0};
+  Gate start;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 6; ++i) {
+    threads.emplace_back([&] {
+      start.wait();
+      try {
+        PXDispatchOnce(token, [&] {
+          if (attempts.fetch_add(1) == 0) throw std::runtime_error("first attempt fails");
+        });
+        returned.fetch_add(1);
+      } catch (const std::runtime_error&) {
+        threw.fetch_add(1);
+      }
+    });
+  }
+  start.open();
+  for (std::thread& t : threads) t.join();
+  EXPECT_EQ(attempts.load(), 2);
+  EXPECT_EQ(threw.load(), 1);
+  EXPECT_EQ(returned.load(), 5);
 }
 
 }  // namespace

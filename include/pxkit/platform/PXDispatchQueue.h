@@ -29,9 +29,9 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <string>
 #include <string_view>
@@ -145,8 +145,9 @@ void PXDispatchQueue::async(F&& job) {
 
 // Run-once initialisation: PXDispatchOnce runs its callable exactly once per
 // token, however many threads call it at the same time; the others wait until
-// it has returned. If the callable throws, the token stays unused and the
-// exception reaches the caller.
+// it has returned. If the callable throws, the token stays unused (the next
+// call tries again) and the exception reaches the caller. After the first run,
+// a call costs one atomic load. Tokens are usually static.
 class PXDispatchOnceToken {
  public:
   constexpr PXDispatchOnceToken() noexcept = default;
@@ -156,10 +157,19 @@ class PXDispatchOnceToken {
  private:
   template <class F>
   friend void PXDispatchOnce(PXDispatchOnceToken& token, F&& f);
-  std::once_flag flag_;
+  std::atomic<uint32_t> state_{0};  // 0 unused, 1 running, 2 done
 };
+
+namespace pxkit::internal {
+// The slow path of PXDispatchOnce: runs `call(callable)` once, or waits for the run in progress.
+PXKIT_EXPORT void dispatchOnceSlow(std::atomic<uint32_t>& state, void (*call)(void*), void* callable);
+}  // namespace pxkit::internal
 
 template <class F>
 void PXDispatchOnce(PXDispatchOnceToken& token, F&& f) {
-  std::call_once(token.flag_, std::forward<F>(f));
+  if (token.state_.load(std::memory_order_acquire) == 2) return;
+  using Callable = std::remove_reference_t<F>;
+  pxkit::internal::dispatchOnceSlow(
+      token.state_, [](void* callable) { (*static_cast<Callable*>(callable))(); },
+      const_cast<void*>(static_cast<const void*>(&f)));
 }
