@@ -42,16 +42,17 @@ function(pxkit_add_test name)
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
   endif()
-  set(env "PXKIT_SOURCE_DIR=${PROJECT_SOURCE_DIR}" "PXKIT_BENCH_DATA=${PROJECT_SOURCE_DIR}/../shared/bench-data"
-      ${ARG_ENVIRONMENT})
-  if(ARG_WRAPPER)
-    # Runs both the discovery and every test under the wrapper (umockdev, unshare, ...).
-    set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR "${ARG_WRAPPER}")
-  endif()
+  # The environment and any wrapper (umockdev, unshare, ...) go into the
+  # launcher, which runs both the test discovery and every test: a list of
+  # variables does not survive gtest_discover_tests' PROPERTIES intact.
+  find_program(PXKIT_ENV_PROGRAM env REQUIRED)
+  set(launcher ${PXKIT_ENV_PROGRAM} "PXKIT_SOURCE_DIR=${PROJECT_SOURCE_DIR}"
+      "PXKIT_BENCH_DATA=${PROJECT_SOURCE_DIR}/../shared/bench-data" ${ARG_ENVIRONMENT} ${ARG_WRAPPER})
+  set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR "${launcher}")
   gtest_discover_tests(${name}
     DISCOVERY_TIMEOUT 60
     DISCOVERY_MODE PRE_TEST
-    PROPERTIES TIMEOUT ${ARG_TIMEOUT} ENVIRONMENT "${env}")
+    PROPERTIES TIMEOUT ${ARG_TIMEOUT})
 endfunction()
 
 # pxkit_add_benchmark(<name> SOURCES ... [LIBS ...])
