@@ -1,0 +1,222 @@
+// PXKit — the metrics tracker: the one way a host records usage.
+//
+// The tracker is the process-wide registry of metrics (PXMetric). It names a
+// metric by a triple (identifier, primary, secondary), creates it on first use,
+// and runs every mutation on one serial operation queue, so recording from any
+// thread costs the caller one flag check and one enqueue and never blocks on
+// metrics work. It keeps its state across launches in the host's preferences,
+// condenses it once per local calendar day into a papercut, and carries the
+// user's opt-out switch ("PXMetricsDisabled" in the host's user defaults).
+//
+//   PXMetricsTracker* tracker = PXMetricsTracker::sharedMetricsTracker();
+//   tracker->setChannel(kPXMetricsChannelOnlineStore);
+//   tracker->start();
+//   tracker->updateMetricValue(1, "com.example.exports", "pdf");
+//   tracker->startOrContinueUsageWithAutostopAfterInterval(300, "com.example.editing");
+//   tracker->setFixedValue(1, "com.example.darkmode");
+//
+// A metric identity's qualifiers may be absent; an absent and an empty
+// qualifier are the same metric.
+//
+// Thread safety: every public operation may be called from any thread. Locks
+// are recursive monitors taken in the order tracker → registry (the metricsDict
+// object) → metric; nothing takes them the other way round.
+#pragma once
+
+#include <pxkit/export.h>
+#include <pxkit/metrics/PXMetric.h>
+#include <pxkit/platform/PXArray.h>
+#include <pxkit/platform/PXDate.h>
+#include <pxkit/platform/PXDictionary.h>
+#include <pxkit/platform/PXObject.h>
+
+#include <functional>
+#include <memory>
+#include <optional>
+
+class PXDispatchQueue;
+class PXTimer;
+
+// Distribution channels reported with submissions.
+PXKIT_EXPORT extern const char* const kPXMetricsChannelDefault;      // "default"
+PXKIT_EXPORT extern const char* const kPXMetricsChannelDemo;         // "demo"
+PXKIT_EXPORT extern const char* const kPXMetricsChannelBundle;       // "bundle"
+PXKIT_EXPORT extern const char* const kPXMetricsChannelOnlineStore;  // "online"
+PXKIT_EXPORT extern const char* const kPXMetricsChannelMacAppStore;  // "mas"
+PXKIT_EXPORT extern const char* const kPXMetricsChannelRetail;       // "retail"
+// The user-defaults key of the opt-out switch: "PXMetricsDisabled".
+PXKIT_EXPORT extern const char* const kPXMetricsPreferencesDisabledKey;
+
+// A unit of work on the metrics operation queue.
+using PXMetricsOperation = std::function<void()>;
+
+class PXKIT_EXPORT PXMetricsTracker : public PXObject {
+  PX_DECLARE_CLASS(PXMetricsTracker)
+ public:
+  // ---- Instances -----------------------------------------------------------
+  // The shared tracker, made once (thread-safe) on first call: created, its saved
+  // state loaded from the host's preferences (an overdue period becomes a
+  // papercut and the daily papercut timer is armed), and a hook registered that
+  // saves the state when the application terminates. Never released.
+  static PXMetricsTracker* sharedMetricsTracker();
+
+  // A tracker that is not the shared one (tests, hosts with independent
+  // trackers): fresh state, nothing loaded, no termination hook. Dates are now.
+  PXMetricsTracker();
+  ~PXMetricsTracker() override;
+
+  // ---- Identity ------------------------------------------------------------
+  // "{identifier}-{primary}-{secondary}"; absent qualifiers are written as "",
+  // an absent identifier as "(null)".
+  static PXString _unifiedIDForIdentifier(const PXString& identifier, const PXString& primary,
+                                          const PXString& secondary);
+  // The random per-installation ID (upper-case canonical UUID) kept in the
+  // by-host preferences under "MetricsRandomSystemID"; made and stored on first
+  // use. Absent only if no UUID could be made.
+  static PXString systemID();
+
+  // ---- Recording (any thread; each does nothing while `enabled` is false,
+  //      otherwise enqueues one operation and returns at once) -----------------
+  // Identities are passed as views and copied into the operation; a default
+  // std::string_view (or an absent PXString) is an absent qualifier, the same
+  // metric as an empty one. Nothing is allocated before the `enabled` check.
+  //
+  // Adds `delta` to the metric's value.
+  void updateMetricValue(int32_t delta, std::string_view identifier, std::string_view primary = {},
+                         std::string_view secondary = {});
+  // Starts or continues usage; with a non-zero interval (seconds) usage stops by
+  // itself that long after the last call.
+  void startOrContinueUsageWithAutostopAfterInterval(double interval, std::string_view identifier,
+                                                     std::string_view primary = {},
+                                                     std::string_view secondary = {});
+  void stopUsageForIdentifier(std::string_view identifier, std::string_view primary = {},
+                              std::string_view secondary = {});
+  // Makes the metric a fixed value: this value, not persisted, submitted daily.
+  void setFixedValue(int32_t value, std::string_view identifier, std::string_view primary = {},
+                     std::string_view secondary = {});
+
+  // ---- Registry (synchronous, any thread, under the registry lock) ----------
+  // Adds `metric` unless a metric with its unified ID is registered; true when added.
+  bool addMetric(const PXRef<PXMetric>& metric);
+  void removeMetric(const PXRef<PXMetric>& metric);
+  // The registered metric, or empty; writes the unified ID to `unifiedID` when given.
+  PXRef<PXMetric> _findMetricForIdentifier(const PXString& identifier, const PXString& primary,
+                                           const PXString& secondary, PXString* unifiedID = nullptr);
+  // The registered metric, or a new one registered now (empty if it cannot be registered).
+  PXRef<PXMetric> metricForIdentifier(const PXString& identifier, const PXString& primary = {},
+                                      const PXString& secondary = {});
+  // As above, then installs the callback (it runs once, phase 0, here) and sets
+  // the persistence flag; calling again replaces both.
+  PXRef<PXMetric> metricForIdentifier(const PXString& identifier, const PXString& primary,
+                                      const PXString& secondary,
+                                      PXMetricComputeBlock withMetricComputationBlock,
+                                      bool needsPersistentStorage);
+  // As above, then makes it a fixed value: value, not persisted, frequency 86400 s.
+  PXRef<PXMetric> metricForIdentifier(const PXString& identifier, const PXString& primary,
+                                      const PXString& secondary, int32_t withValue);
+
+  // ---- The metrics operation queue ------------------------------------------
+  // Enqueues `operation` to run on the queue holding the tracker lock. Ignored when empty.
+  void performMetricsOperation(PXMetricsOperation operation);
+  // Runs `operation` (optional) the same way and waits: returns once every
+  // operation enqueued before has finished. Must not be called from a metrics operation.
+  void settleOutstandingOperationsWithOperationSync(const PXMetricsOperation& operation = {});
+  PXDispatchQueue& metricsOperationQueue() const noexcept { return *metricsOperationQueue_; }
+
+  // ---- Days and switches ----------------------------------------------------
+  // Whole days from metricsOriginTime to `date` (now when absent), rounded at half a day.
+  int32_t totalUsageDaysUntil(std::optional<PXDate> date = std::nullopt);
+  // Switches automatic submission on and honours the opt-out switch from now on.
+  void start();
+  // Considers an automatic submission: while automatic submission is on, mirrors
+  // the opt-out switch into `enabled`.
+  void considerAutoSubmissionWithSubmissionDate(std::optional<PXDate> submissionDate = std::nullopt);
+
+  // ---- Persistence ------------------------------------------------------------
+  // The whole state as a keyed archive, made on the queue after every earlier
+  // operation; empty when there is nothing to store.
+  PXRef<PXData> storeAsData();
+  // Applies an archive made by storeAsData; false (and nothing changed) when it
+  // is absent, does not decode, or is not a state dictionary.
+  bool restoreFromData(const PXRef<PXData>& data);
+  // Writes the state under this system's ID in the host's "Metrics" preference
+  // (other systems' entries are kept) and flushes to disk.
+  void saveToPreferences();
+  // Restores this system's saved state, if any, then considers an automatic papercut.
+  void loadFromPreferences();
+
+  // ---- Papercuts ------------------------------------------------------------------
+  // Cuts a resetting papercut stamped `timestamp` and stores it.
+  void makePaperCutWithTimestamp(PXDate timestamp);
+  PXRef<PXMutableDictionary> _papercutDictWithTimestamp(PXDate timestamp, bool reset);
+  PXRef<PXMutableArray> _compileMetricsDataSetsFromMetrics(const PXArray& metrics, bool reset);
+  void _addPapercut(const PXRef<PXDictionary>& papercut);
+  static PXString _md5ChecksumOfString(const PXString& string);
+  // True when the local calendar date has changed since metricsTimeBase.
+  bool shouldPerformAutomaticPapercut();
+  // Cuts the day's papercut when due; with `schedule`, (re)arms the daily timer
+  // for 00:00:01 local time of the next day, on the main thread.
+  void considerAutomaticPapercutWithSchedule(bool schedule);
+  // The daily timer's action (main thread).
+  void _automaticPapercutTimer(PXTimer& timer);
+
+  // ---- Properties ---------------------------------------------------------------
+  PXDate metricsOriginTime() const;
+  void setMetricsOriginTime(PXDate date);
+  PXDate metricsTimeBase() const;
+  void setMetricsTimeBase(PXDate date);
+  // A snapshot of the registered metrics, in registration order.
+  PXRef<PXArray> metrics() const;
+  PXRef<PXMutableArray> paperCuts() const;
+  void setPaperCuts(PXRef<PXMutableArray> paperCuts);
+  PXRef<PXMutableDictionary> lastPaperCutDateByMetricID() const;
+  void setLastPaperCutDateByMetricID(PXRef<PXMutableDictionary> dates);
+  std::optional<PXDate> lastAutoSubmissionDate() const;
+  void setLastAutoSubmissionDate(std::optional<PXDate> date);
+  PXRef<PXMutableDictionary> userData() const;
+  void setUserData(PXRef<PXMutableDictionary> userData);
+  PXRef<PXTimer> automaticPapercutTimer() const;
+  void setAutomaticPapercutTimer(PXRef<PXTimer> timer);
+  PXString channel() const;
+  void setChannel(PXString channel);
+  bool autoSubmissionEnabled() const noexcept {
+    return autoSubmissionEnabled_.load(std::memory_order_relaxed);
+  }
+  void setAutoSubmissionEnabled(bool enabled);
+  PXString metricsPostURL() const;
+  void setMetricsPostURL(PXString url);
+  // Recording allowed; mirrors the negation of the opt-out switch once started.
+  bool enabled() const noexcept { return enabled_.load(std::memory_order_relaxed); }
+  void setEnabled(bool enabled);
+
+ private:
+  friend struct PXMetricsTrackerTestAccess;
+  template <class Body>
+  void enqueueRecording(std::string_view identifier, std::string_view primary, std::string_view secondary,
+                        Body&& body);
+  // The registered metric for an identity, found without allocating; created on first use.
+  PXRef<PXMetric> metricForRecording(std::string_view identifier, std::string_view primary,
+                                     std::string_view secondary);
+  void registerSubmissionTriggers();
+  void registerStartTrigger();
+  void unregisterSubmissionTriggers();
+
+  mutable std::mutex propertyLock_;  // the atomic properties below
+  PXDate metricsOriginTime_;
+  PXDate metricsTimeBase_;
+  PXRef<PXMutableArray> metrics_;
+  PXRef<PXMutableDictionary> metricsDict_;  // also the registry lock
+  PXRef<PXMutableArray> paperCuts_;
+  PXRef<PXMutableDictionary> lastPaperCutDateByMetricID_;
+  std::optional<PXDate> lastAutoSubmissionDate_;
+  PXRef<PXMutableDictionary> userData_;
+  std::unique_ptr<PXDispatchQueue> metricsOperationQueue_;
+  PXRef<PXTimer> automaticPapercutTimer_;
+  PXString channel_;
+  std::atomic<bool> autoSubmissionEnabled_{false};
+  bool autoSubmissionScheduled_ = false;  // guarded by the tracker lock
+  PXString metricsPostURL_;
+  std::atomic<bool> enabled_{true};
+  PXRef<PXObject> preferenceObservationToken_;
+  PXRef<PXObject> startObservationToken_;
+};

@@ -1,0 +1,151 @@
+// Papercuts: the condensed report of one usage period, cut once per local
+// calendar day and on demand.
+#include <pxkit/foundation/PXAbsoluteTimeFire.h>
+#include <pxkit/metrics/PXMetricsTracker.h>
+#include <pxkit/platform/PXBundle.h>
+#include <pxkit/platform/PXCalendar.h>
+#include <pxkit/platform/PXDigest.h>
+#include <pxkit/platform/PXFormat.h>
+#include <pxkit/platform/PXOperationQueue.h>
+#include <pxkit/platform/PXRunLoop.h>
+
+#include <cmath>
+
+void PXMetricsTracker::makePaperCutWithTimestamp(PXDate timestamp) {
+  if (PXRef<PXMutableDictionary> papercut = _papercutDictWithTimestamp(timestamp, /*reset=*/true)) {
+    _addPapercut(papercut);
+  }
+}
+
+PXRef<PXMutableDictionary> PXMetricsTracker::_papercutDictWithTimestamp(PXDate timestamp, bool reset) {
+  // A snapshot: metrics registered meanwhile are neither reported nor reset.
+  PXRef<PXArray> snapshot = metrics();
+  PXRef<PXMutableArray> dataSets = _compileMetricsDataSetsFromMetrics(*snapshot, reset);
+  if (!dataSets) return {};
+  PXString packageID =
+      _md5ChecksumOfString(PXFormat("%@%f", systemID(), timestamp.timeIntervalSinceReferenceDate()));
+  if (!packageID) return {};
+
+  PXBundle* bundle = PXBundle::mainBundle();
+  PXString channelName = channel();
+  // Built in this order and cut at the first absent value: a host without a
+  // bundle identifier gets a record holding "packageID" alone. Kept on purpose.
+  auto papercut = PXMutableDictionary::dictionary();
+  std::pair<PXValue, const char*> pairs[] = {
+      {packageID, "packageID"},
+      {bundle->objectForInfoDictionaryKey("CFBundleIdentifier"), "applicationID"},
+      {dataSets, "metrics"},
+      {totalUsageDaysUntil(timestamp), "totalUsageDays"},
+      {std::floor(timestamp.timeIntervalSince1970()), "timestamp"},
+      {channelName ? channelName : PXString(kPXMetricsChannelDefault), "channel"},
+      {bundle->objectForInfoDictionaryKey("CFBundleShortVersionString"), "applicationVersion"},
+  };
+  for (const auto& [value, key] : pairs) {
+    if (!value) break;
+    papercut->setObject(value, key);
+  }
+  return papercut;
+}
+
+PXRef<PXMutableArray> PXMetricsTracker::_compileMetricsDataSetsFromMetrics(const PXArray& metricsToCompile,
+                                                                           bool reset) {
+  auto result = PXMutableArray::array();
+  // Read without its lock: the tracker reaches here from its own queue.
+  PXRef<PXMutableDictionary> lastDates = lastPaperCutDateByMetricID();
+  for (const PXValue& value : metricsToCompile) {
+    auto* metric = dynamic_cast<PXMetric*>(value.objectPointer());
+    if (!metric) continue;
+    metric->computeMetric();
+    if (metric->shouldSubmitMetric()) {
+      PXString identifier = metric->identifier();
+      double frequency = metric->submissionFrequency();
+      const PXValue* last = identifier && lastDates ? lastDates->find(identifier) : nullptr;
+      // Strictly greater: a metric whose frequency has exactly elapsed is reported.
+      bool throttled =
+          last && frequency != 0.0 && frequency > PXDate::now().timeIntervalSinceDate(last->dateValue());
+      if (!throttled) {
+        auto dataSet = PXMutableDictionary::dictionary();
+        if (identifier) dataSet->setObject(identifier, "identifier");
+        if (PXString primary = metric->primary()) dataSet->setObject(primary, "primary");
+        if (PXString secondary = metric->secondary()) dataSet->setObject(secondary, "secondary");
+        dataSet->setObject(metric->value(), "value");
+        result->addObject(dataSet);
+      }
+    }
+    // Every metric of the period is reset, reported or not: the whole period restarts at once.
+    if (reset) metric->resetMetric();
+  }
+  if (reset) setMetricsTimeBase(PXDate::now());
+  return result;
+}
+
+void PXMetricsTracker::_addPapercut(const PXRef<PXDictionary>& papercut) {
+  PXRef<PXMutableArray> cuts = paperCuts();
+  if (!papercut || !cuts) return;
+  std::lock_guard cutsLock(cuts->monitor());
+  PXRef<PXArray> dataSets = papercut->objectForKey("metrics").arrayValue();
+  PXValue timestamp = papercut->objectForKey("timestamp");
+  // A period with nothing to report leaves no papercut.
+  if (!dataSets || !timestamp || dataSets->count() == 0) return;
+  PXDate date = PXDate::dateWithTimeIntervalSince1970(timestamp.doubleValue());
+  if (PXRef<PXMutableDictionary> dates = lastPaperCutDateByMetricID()) {
+    std::lock_guard datesLock(dates->monitor());
+    for (const PXValue& entry : *dataSets) {
+      PXRef<PXDictionary> dataSet = entry.dictionaryValue();
+      PXValue identifier = dataSet ? dataSet->objectForKey("identifier") : PXValue();
+      if (!identifier) continue;
+      // A recorded date is never moved backwards by an older papercut.
+      const PXValue* recorded = dates->find(identifier);
+      if (!recorded || recorded->dateValue() < date) dates->setObject(date, identifier);
+    }
+  }
+  cuts->addObject(papercut);
+}
+
+PXString PXMetricsTracker::_md5ChecksumOfString(const PXString& string) {
+  if (!string) return {};
+  return PXDigest::md5Hex(string.view());
+}
+
+bool PXMetricsTracker::shouldPerformAutomaticPapercut() {
+  // Due when the local calendar date has changed since the period began; the
+  // time within the day does not matter.
+  PXDateComponents now = PXCalendar::components(PXDate::now());
+  PXDateComponents base = PXCalendar::components(metricsTimeBase());
+  return now.day != base.day || now.month != base.month || now.year != base.year;
+}
+
+void PXMetricsTracker::considerAutomaticPapercutWithSchedule(bool schedule) {
+  if (shouldPerformAutomaticPapercut()) makePaperCutWithTimestamp(metricsTimeBase());
+  if (!schedule) return;
+  // 00:00:01 local time of the next calendar day. The day is found in calendar
+  // terms: adding 86400 s to now would land on the same day during the first
+  // hour of a 25-hour day and re-fire at once, over and over, until it passed.
+  std::optional<PXDate> fireDate = PXCalendar::dateOnFollowingDay(PXDate::now(), 0, 0, 1);
+  if (!fireDate) return;
+  PXOperationQueue::mainQueue()->addOperationWithBlock(
+      [tracker = PXRef<PXMetricsTracker>(this), date = *fireDate] {
+        if (PXRef<PXTimer> previous = tracker->automaticPapercutTimer()) previous->invalidate();
+        tracker->setAutomaticPapercutTimer({});
+        // The timer holds the tracker weakly, so a tracker that is not the shared
+        // one can still be released while its daily timer is armed.
+        PXWeakRef<PXMetricsTracker> weak(tracker);
+        PXRef<PXTimer> timer = PXAbsoluteTimeFire::initWithAbsoluteFireDate(
+            date, nullptr,
+            [weak](PXTimer* fired) {
+              if (PXRef<PXMetricsTracker> owner = weak.lock()) owner->_automaticPapercutTimer(*fired);
+            },
+            PXValue());
+        tracker->setAutomaticPapercutTimer(timer);
+        timer->addToRunLoop(PXRunLoop::main(), kPXRunLoopCommonModes);
+      });
+}
+
+void PXMetricsTracker::_automaticPapercutTimer(PXTimer& /*timer*/) {
+  PXDate now = PXDate::now();
+  performMetricsOperation([tracker = PXRef<PXMetricsTracker>(this), now] {
+    tracker->considerAutomaticPapercutWithSchedule(/*schedule=*/true);  // today's papercut, tomorrow's timer
+    tracker->considerAutoSubmissionWithSubmissionDate(now);
+    PXOperationQueue::mainQueue()->addOperationWithBlock([tracker] { tracker->saveToPreferences(); });
+  });
+}

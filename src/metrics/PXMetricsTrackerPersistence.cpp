@@ -1,0 +1,131 @@
+// The tracker's state across launches: one keyed archive per system ID, kept
+// under "Metrics" in the host application's user defaults.
+#include <pxkit/metrics/PXMetricsTracker.h>
+#include <pxkit/platform/PXKeyedArchiver.h>
+#include <pxkit/platform/PXOperationQueue.h>
+#include <pxkit/platform/PXUserDefaults.h>
+
+#include <utility>
+
+namespace {
+
+const char* const kMetricsDefaultsKey = "Metrics";
+
+// A dictionary built from value/key pairs in order that ends at the first
+// absent value: that key and every key after it are left out. The order is part
+// of the stored format.
+PXRef<PXMutableDictionary> dictionaryUntilFirstAbsent(
+    std::initializer_list<std::pair<PXValue, const char*>> pairs) {
+  auto dictionary = PXMutableDictionary::dictionary();
+  for (const auto& [value, key] : pairs) {
+    if (!value) break;
+    dictionary->setObject(value, key);
+  }
+  return dictionary;
+}
+
+}  // namespace
+
+PXRef<PXData> PXMetricsTracker::storeAsData() {
+  PXRef<PXData> result;
+  // On the queue, after every recording made before this call, tracker lock held.
+  settleOutstandingOperationsWithOperationSync([&] {
+    PXRef<PXArray> all = metrics();
+    if (!all) return;
+    PXRef<PXArray> persisted = all->filteredArray([](const PXValue& value) {
+      auto* metric = dynamic_cast<PXMetric*>(value.objectPointer());
+      return metric && metric->needsPersistentStorage();
+    });
+    if (!persisted) return;
+    std::optional<PXDate> lastSubmission = lastAutoSubmissionDate();
+    PXRef<PXMutableDictionary> root = dictionaryUntilFirstAbsent({
+        {metricsTimeBase(), "TimeBase"},
+        {metricsOriginTime(), "OriginTime"},
+        {persisted, "Data"},
+        {userData(), "Storage"},
+        {paperCuts(), "PaperCuts"},
+        {lastPaperCutDateByMetricID(), "LastPaperCutDateByMetricID"},
+        {_papercutDictWithTimestamp(metricsTimeBase(), /*reset=*/false), "SavedStatePaperCut"},
+        {lastSubmission ? PXValue(*lastSubmission) : PXValue(), "LastAutoSubmissionDate"},
+    });
+    result = PXKeyedArchiver::archivedDataWithRootObject(root);
+  });
+  return result;
+}
+
+bool PXMetricsTracker::restoreFromData(const PXRef<PXData>& data) {
+  if (!data) return false;
+  PXRef<PXDictionary> state = PXKeyedUnarchiver::unarchiveObjectWithData(data).dictionaryValue();
+  if (!state) return false;
+
+  std::lock_guard lock(monitor());
+  // A value of another type than stored by this kit counts as absent: these
+  // properties are typed.
+  PXValue timeBase = state->objectForKey("TimeBase");
+  setMetricsTimeBase(timeBase.isDate() ? timeBase.dateValue() : PXDate::now());
+  PXValue originTime = state->objectForKey("OriginTime");
+  setMetricsOriginTime(originTime.isDate() ? originTime.dateValue() : PXDate::now());
+
+  PXRef<PXDictionary> storage = state->objectForKey("Storage").dictionaryValue();
+  setUserData(storage ? storage->mutableCopyDictionary() : PXMutableDictionary::dictionary());
+  // Stored mutable; an immutable one (a foreign writer) is made mutable rather than left to raise later.
+  PXRef<PXArray> cuts = state->objectForKey("PaperCuts").arrayValue();
+  setPaperCuts(!cuts               ? PXMutableArray::array()
+               : cuts->isMutable() ? PXDynamicCast<PXMutableArray>(PXRef<PXObject>(cuts))
+                                   : cuts->mutableCopyArray());
+  PXRef<PXDictionary> dates = state->objectForKey("LastPaperCutDateByMetricID").dictionaryValue();
+  setLastPaperCutDateByMetricID(!dates ? PXMutableDictionary::dictionary()
+                                : dates->isMutable()
+                                    ? PXDynamicCast<PXMutableDictionary>(PXRef<PXObject>(dates))
+                                    : dates->mutableCopyDictionary());
+  PXValue lastSubmission = state->objectForKey("LastAutoSubmissionDate");
+  setLastAutoSubmissionDate(lastSubmission.isDate() ? std::optional(lastSubmission.dateValue())
+                                                    : std::nullopt);
+
+  // The one already registered wins over an archived metric with the same identity.
+  if (PXRef<PXArray> archived = state->objectForKey("Data").arrayValue()) {
+    for (const PXValue& value : *archived) addMetric(PXDynamicCast<PXMetric>(value.objectValue()));
+  }
+
+  PXRef<PXDictionary> saved = state->objectForKey("SavedStatePaperCut").dictionaryValue();
+  if (saved && shouldPerformAutomaticPapercut()) {
+    // The saved period is over: keep its record as a papercut, start a new
+    // period for the restored values, and write that down soon — from the main
+    // queue, since this runs inside a settle callback.
+    _addPapercut(saved);
+    _papercutDictWithTimestamp(metricsTimeBase(), /*reset=*/true);
+    PXOperationQueue::mainQueue()->addOperationWithBlock(
+        [tracker = PXRef<PXMetricsTracker>(this)] { tracker->saveToPreferences(); });
+  }
+  return true;
+}
+
+void PXMetricsTracker::saveToPreferences() {
+  PXRef<PXData> data = storeAsData();
+  if (!data) return;
+  PXString system = systemID();
+  if (!system) return;
+  PXUserDefaults* defaults = PXUserDefaults::standardUserDefaults();
+  // Entries of other system IDs are carried over unchanged.
+  auto all = PXMutableDictionary::dictionary();
+  if (PXRef<PXDictionary> existing = defaults->dictionaryForKey(kMetricsDefaultsKey)) {
+    all->addEntriesFromDictionary(*existing);
+  }
+  all->setObject(data, system);
+  defaults->setObject(all, kMetricsDefaultsKey);
+  (void)defaults->synchronize();  // a failed write leaves the previous file whole; the next save tries again
+}
+
+void PXMetricsTracker::loadFromPreferences() {
+  if (PXRef<PXDictionary> all =
+          PXUserDefaults::standardUserDefaults()->dictionaryForKey(kMetricsDefaultsKey)) {
+    PXString system = systemID();
+    PXValue entry = system ? all->objectForKey(system) : PXValue();
+    if (PXRef<PXData> blob = entry.dataValue()) {
+      settleOutstandingOperationsWithOperationSync([&] { restoreFromData(blob); });
+    }
+  }
+  // Whether or not any state was found.
+  std::lock_guard lock(monitor());
+  considerAutomaticPapercutWithSchedule(/*schedule=*/true);
+}

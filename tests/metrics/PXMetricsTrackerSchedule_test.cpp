@@ -1,0 +1,149 @@
+// The daily papercut timer, end to end on the real main loop and the virtual clock.
+#include <gtest/gtest.h>
+#include <pxkit/metrics/PXMetricsTracker.h>
+#include <pxkit/platform/PXBundle.h>
+#include <pxkit/platform/PXCalendar.h>
+#include <pxkit/platform/PXClock.h>
+#include <pxkit/platform/PXTimer.h>
+#include <pxkit/platform/PXWorkspace.h>
+
+#include <cstdlib>
+
+#include "platform/internal/SystemEvents.h"
+#include "support/PXDBusMock.h"
+#include "support/PXRunLoopUntil.h"
+#include "support/PXTempHome.h"
+
+namespace {
+
+// Seconds since 2001 of a few moments, UTC.
+constexpr double kBerlinSpringEve = 733521600;        // 2024-03-30 21:00 CET
+constexpr double kBerlinSpringMidnight = 733532401;   // 2024-03-31 00:00:01 CET
+constexpr double kBerlinSpringDayNoon = 733579200;    // 2024-03-31 14:00 CEST (a 23-hour day)
+constexpr double kBerlinAfterSpring = 733615201;      // 2024-04-01 00:00:01 CEST
+constexpr double kBerlinFallMidnight = 751672801;     // 2024-10-27 00:00:01 CEST (a 25-hour day)
+constexpr double kBerlinAfterFall = 751762801;        // 2024-10-28 00:00:01 CET
+constexpr double kNewYorkFallMidnight = 752299201;    // 2024-11-03 00:00:01 EDT
+constexpr double kNewYorkAfterFall = 752389201;       // 2024-11-04 00:00:01 EST
+constexpr double kNewYorkSpringEve = 731700000;       // 2024-03-09 13:00 EST
+constexpr double kNewYorkSpringMidnight = 731739601;  // 2024-03-10 00:00:01 EST
+constexpr double kNewYorkAfterSpring = 731822401;     // 2024-03-11 00:00:01 EDT
+
+void useZone(const char* zone) {
+  setenv("TZ", zone, 1);
+  PXCalendar::resetTimeZone();
+}
+
+class PXMetricsTrackerScheduleTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(PXBundle::setMainBundleIdentity("org.pxkit.ScheduleTest", "1.0", "1"));
+  }
+
+  // Runs the main loop until the tracker has an armed daily timer.
+  PXRef<PXTimer> armedTimer(PXMetricsTracker& tracker) {
+    EXPECT_TRUE(PXRunLoopUntil([&] { return tracker.automaticPapercutTimer() != nullptr; }));
+    return tracker.automaticPapercutTimer();
+  }
+
+  PXTempHome home;
+};
+
+}  // namespace
+
+TEST_F(PXMetricsTrackerScheduleTest, NextFireDateIsTheFollowingLocalDayAt00_00_01) {
+  struct Row {
+    const char* zone;
+    double now;
+    double expected;
+  };
+  for (Row row : {Row{"Europe/Berlin", kBerlinSpringEve, kBerlinSpringMidnight},
+                  Row{"Europe/Berlin", kBerlinSpringMidnight, kBerlinAfterSpring},
+                  Row{"Europe/Berlin", kBerlinSpringDayNoon, kBerlinAfterSpring},
+                  Row{"Europe/Berlin", kBerlinFallMidnight, kBerlinAfterFall},
+                  Row{"America/New_York", kNewYorkFallMidnight, kNewYorkAfterFall},
+                  Row{"America/New_York", kNewYorkSpringEve, kNewYorkSpringMidnight},
+                  Row{"America/New_York", kNewYorkSpringMidnight, kNewYorkAfterSpring}}) {
+    useZone(row.zone);
+    PXScopedVirtualClock clock{PXDate(row.now)};
+    auto tracker = PXMake<PXMetricsTracker>();
+    tracker->considerAutomaticPapercutWithSchedule(/*schedule=*/true);
+    PXRef<PXTimer> timer = armedTimer(*tracker);
+    ASSERT_TRUE(timer);
+    EXPECT_EQ(timer->fireDate(), PXDate(row.expected)) << row.zone << " at " << row.now;
+    EXPECT_FALSE(timer->repeats());
+    timer->invalidate();
+  }
+}
+
+TEST_F(PXMetricsTrackerScheduleTest, RearmingReplacesThePreviousTimer) {
+  useZone("UTC");
+  PXScopedVirtualClock clock{PXDate(kBerlinSpringEve)};
+  auto tracker = PXMake<PXMetricsTracker>();
+  tracker->considerAutomaticPapercutWithSchedule(true);
+  PXRef<PXTimer> first = armedTimer(*tracker);
+  tracker->considerAutomaticPapercutWithSchedule(true);
+  ASSERT_TRUE(PXRunLoopUntil([&] { return tracker->automaticPapercutTimer() != first; }));
+  EXPECT_FALSE(first->isValid()) << "exactly one timer is armed at a time";
+  EXPECT_TRUE(tracker->automaticPapercutTimer()->isValid());
+  tracker->automaticPapercutTimer()->invalidate();
+}
+
+TEST_F(PXMetricsTrackerScheduleTest, TimerCutsTheDaysPapercutAtMidnightStampedWithTheOldTimeBase) {
+  useZone("Europe/Berlin");
+  PXScopedVirtualClock clock{PXDate(kBerlinSpringEve)};
+  auto tracker = PXMake<PXMetricsTracker>();
+  tracker->loadFromPreferences();  // day 1: nothing saved yet; arms the daily timer
+  PXDate dayOne = tracker->metricsTimeBase();
+  tracker->updateMetricValue(3, "clicks");
+  tracker->startOrContinueUsageWithAutostopAfterInterval(600, "editing");
+  armedTimer(*tracker);
+
+  // Let virtual time run to the firing: 00:00:01 of day 2.
+  ASSERT_TRUE(
+      PXRunLoopUntil([&] { return tracker->paperCuts()->count() == 1; }, {.maxVirtualSeconds = 86400}));
+  tracker->settleOutstandingOperationsWithOperationSync();
+  EXPECT_EQ(clock.now(), PXDate(kBerlinSpringMidnight));
+  PXRef<PXDictionary> cut = tracker->paperCuts()->objectAtIndex(0).dictionaryValue();
+  EXPECT_EQ(cut->objectForKey("timestamp").doubleValue(), dayOne.timeIntervalSince1970());
+  PXRef<PXArray> sets = cut->objectForKey("metrics").arrayValue();
+  ASSERT_EQ(sets->count(), 2u);
+  EXPECT_EQ(sets->objectAtIndex(1).dictionaryValue()->objectForKey("value").intValue(), 600)
+      << "usage clipped at its autostop";
+  EXPECT_EQ(tracker->metricsTimeBase(), PXDate(kBerlinSpringMidnight));
+
+  // The firing armed the next day's timer and saved the state.
+  ASSERT_TRUE(PXRunLoopUntil([&] {
+    PXRef<PXTimer> next = tracker->automaticPapercutTimer();
+    return next && next->fireDate() == PXDate(kBerlinAfterSpring);
+  }));
+  tracker->automaticPapercutTimer()->invalidate();
+}
+
+TEST_F(PXMetricsTrackerScheduleTest, WakeAfterSleepingAcrossMidnightFiresAtOnce) {
+  PX_SKIP_WITHOUT_DBUS_MOCK();
+  PXDBusMock bus;
+  ASSERT_TRUE(bus.isUp());
+  ASSERT_TRUE(bus.startTemplate("logind", "org.freedesktop.login1"));
+  useZone("UTC");
+  PXScopedVirtualClock clock{PXDate(kBerlinSpringEve)};
+  auto tracker = PXMake<PXMetricsTracker>();
+  tracker->updateMetricValue(1, "before.sleep");
+  tracker->considerAutomaticPapercutWithSchedule(true);
+  PXRef<PXTimer> timer = armedTimer(*tracker);
+
+  bool woke = false;
+  PXWorkspace::sharedWorkspace()->notificationCenter()->addObserverForName(
+      kPXWorkspaceDidWakeNotification, nullptr, nullptr, [&](const PXNotification&) { woke = true; });
+  ASSERT_TRUE(PXRunLoopUntil(
+      [] { return PXSystemEvents::sleepWatchState() == PXSystemEvents::SleepWatchState::Listening; }));
+  // Asleep for ten hours across midnight, then logind says the machine is back.
+  clock.advance(10 * 3600);
+  bus.emitSignal("org.freedesktop.login1", "/org/freedesktop/login1", "org.freedesktop.login1.Manager",
+                 "PrepareForSleep", "b", {g_variant_new_boolean(FALSE)});
+  ASSERT_TRUE(PXRunLoopUntil([&] { return woke; }));
+  ASSERT_TRUE(PXRunLoopUntil([&] { return tracker->paperCuts()->count() == 1; }));
+  EXPECT_EQ(clock.now(), PXDate(kBerlinSpringEve + 10 * 3600)) << "fired on waking, without moving time on";
+  ASSERT_TRUE(PXRunLoopUntil([&] { return tracker->automaticPapercutTimer() != timer; }));
+  tracker->automaticPapercutTimer()->invalidate();
+}

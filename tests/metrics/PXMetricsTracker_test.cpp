@@ -1,0 +1,266 @@
+#include <gtest/gtest.h>
+#include <pxkit/metrics/PXMetricsTracker.h>
+#include <pxkit/platform/PXBundle.h>
+#include <pxkit/platform/PXClock.h>
+#include <pxkit/platform/PXPreferences.h>
+#include <pxkit/platform/PXUserDefaults.h>
+
+#include <thread>
+#include <vector>
+
+#include "support/PXTempHome.h"
+
+namespace {
+
+// Every tracker test runs in a fresh home, as a known application, on the virtual clock.
+class PXMetricsTrackerTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(PXBundle::setMainBundleIdentity("org.pxkit.TrackerTest", "1.2", "120"));
+    tracker = PXMake<PXMetricsTracker>();
+  }
+
+  PXRef<PXMetric> metric(const PXString& identifier, const PXString& primary = {},
+                         const PXString& secondary = {}) {
+    return tracker->_findMetricForIdentifier(identifier, primary, secondary);
+  }
+  int32_t valueOf(const PXString& identifier, const PXString& primary = {}, const PXString& secondary = {}) {
+    PXRef<PXMetric> m = metric(identifier, primary, secondary);
+    return m ? m->value() : INT32_MIN;
+  }
+
+  PXTempHome home;
+  PXScopedVirtualClock clock{PXDate(700000000)};
+  PXRef<PXMetricsTracker> tracker;
+};
+
+}  // namespace
+
+TEST(PXMetricsTrackerIdentity, UnifiedIDTreatsAbsentAndEmptyQualifiersAlike) {
+  struct Row {
+    PXString identifier, primary, secondary;
+    const char* expected;
+  };
+  for (const Row& row : {Row{"a", {}, {}, "{a}-{}-{}"}, Row{"a", "", "", "{a}-{}-{}"},
+                         Row{"a", "p", {}, "{a}-{p}-{}"}, Row{"a", {}, "s", "{a}-{}-{s}"},
+                         Row{"common.hwmodel", "Book", "Book1,1", "{common.hwmodel}-{Book}-{Book1,1}"},
+                         Row{{}, {}, {}, "{(null)}-{}-{}"}, Row{"", "", "", "{}-{}-{}"}}) {
+    EXPECT_EQ(PXMetricsTracker::_unifiedIDForIdentifier(row.identifier, row.primary, row.secondary),
+              row.expected);
+  }
+}
+
+TEST_F(PXMetricsTrackerTest, InitialState) {
+  EXPECT_EQ(tracker->metricsTimeBase(), clock.now());
+  EXPECT_EQ(tracker->metricsOriginTime(), clock.now());
+  EXPECT_EQ(tracker->channel(), "default");
+  EXPECT_TRUE(tracker->enabled());
+  EXPECT_FALSE(tracker->autoSubmissionEnabled());
+  EXPECT_FALSE(tracker->lastAutoSubmissionDate());
+  EXPECT_EQ(tracker->metrics()->count(), 0u);
+  EXPECT_EQ(tracker->paperCuts()->count(), 0u);
+  PXString url = tracker->metricsPostURL();
+  EXPECT_TRUE(url.view().starts_with("http://")) << url.c_str();
+  EXPECT_TRUE(url.view().ends_with("/metrics/post")) << url.c_str();
+}
+
+TEST_F(PXMetricsTrackerTest, RegistryNeverReplacesAnExistingMetric) {
+  auto first = PXMake<PXMetric>();
+  first->setIdentifier("x");
+  first->setPrimary("");
+  auto twin = PXMake<PXMetric>();
+  twin->setIdentifier("x");
+  EXPECT_TRUE(tracker->addMetric(first));
+  EXPECT_FALSE(tracker->addMetric(twin)) << "same unified ID: an empty and an absent qualifier are the same";
+  EXPECT_FALSE(tracker->addMetric({}));
+  EXPECT_EQ(metric("x"), first);
+  EXPECT_EQ(tracker->metricForIdentifier("x", {}, {}), first);
+
+  PXString unified;
+  EXPECT_FALSE(tracker->_findMetricForIdentifier("y", "p", {}, &unified));
+  EXPECT_EQ(unified, "{y}-{p}-{}") << "the unified ID is written even when nothing is found";
+
+  tracker->removeMetric(first);
+  EXPECT_FALSE(metric("x"));
+  EXPECT_EQ(tracker->metrics()->count(), 0u);
+}
+
+TEST_F(PXMetricsTrackerTest, MetricsKeepRegistrationOrder) {
+  for (const char* name : {"c", "a", "b"}) tracker->metricForIdentifier(name);
+  PXRef<PXArray> all = tracker->metrics();
+  ASSERT_EQ(all->count(), 3u);
+  std::vector<std::string> names;
+  for (const PXValue& v : *all) names.push_back(PXDynamicCast<PXMetric>(v.objectValue())->identifier().str());
+  EXPECT_EQ(names, (std::vector<std::string>{"c", "a", "b"}));
+}
+
+TEST_F(PXMetricsTrackerTest, FixedValueTurnsAPersistedMetricIntoADailyFact) {
+  PXRef<PXMetric> usage = tracker->metricForIdentifier("common.usage");
+  usage->setValue(40);
+  ASSERT_TRUE(usage->needsPersistentStorage());
+  PXRef<PXMetric> fixed = tracker->metricForIdentifier("common.usage", {}, {}, 3);
+  EXPECT_EQ(fixed, usage);
+  EXPECT_EQ(fixed->value(), 3);
+  EXPECT_FALSE(fixed->needsPersistentStorage());
+  EXPECT_EQ(fixed->submissionFrequency(), 86400.0);
+}
+
+TEST_F(PXMetricsTrackerTest, ComputationBlockIsInstalledAndReplaced) {
+  int installs = 0;
+  auto block = [&](PXMetric&, PXMetricComputePhase phase) {
+    if (phase == PXMetricComputePhaseInstalled) ++installs;
+    return true;
+  };
+  PXRef<PXMetric> m = tracker->metricForIdentifier("computed", {}, {}, block, false);
+  EXPECT_EQ(installs, 1);
+  EXPECT_FALSE(m->needsPersistentStorage());
+  EXPECT_EQ(tracker->metricForIdentifier("computed", {}, {}, block, true), m);
+  EXPECT_EQ(installs, 2);
+  EXPECT_TRUE(m->needsPersistentStorage());
+}
+
+TEST_F(PXMetricsTrackerTest, RecordingRunsInCallOrderOnTheQueue) {
+  // Interleaved operations on one metric only give this result when run in order.
+  tracker->updateMetricValue(5, "ordered");
+  tracker->setFixedValue(100, "ordered");
+  tracker->updateMetricValue(-1, "ordered");
+  tracker->startOrContinueUsageWithAutostopAfterInterval(0, "usage", "editor");
+  tracker->settleOutstandingOperationsWithOperationSync();
+  EXPECT_EQ(valueOf("ordered"), 99);
+
+  clock.advance(42.5);
+  tracker->stopUsageForIdentifier("usage", "editor");
+  std::vector<int> seen;
+  tracker->settleOutstandingOperationsWithOperationSync([&] {
+    PXRef<PXMetric> usage = metric("usage", "editor");
+    usage->computeMetric();
+    seen.push_back(usage->value());
+  });
+  EXPECT_EQ(seen, std::vector<int>{42}) << "the settle callback runs after every earlier operation";
+}
+
+TEST_F(PXMetricsTrackerTest, OperationsHoldTheTrackerLock) {
+  // A job on the queue holds the tracker's monitor: another thread trying it
+  // while the job runs must fail.
+  std::atomic<bool> inside{false}, release{false};
+  tracker->performMetricsOperation([&] {
+    inside = true;
+    while (!release) std::this_thread::yield();
+  });
+  while (!inside) std::this_thread::yield();
+  EXPECT_FALSE(tracker->monitor().try_lock());
+  release = true;
+  tracker->settleOutstandingOperationsWithOperationSync();
+  ASSERT_TRUE(tracker->monitor().try_lock());
+  tracker->monitor().unlock();
+  tracker->performMetricsOperation({});  // an empty operation is ignored
+  tracker->settleOutstandingOperationsWithOperationSync();
+}
+
+TEST_F(PXMetricsTrackerTest, RecordingWhileDisabledLeavesNoTrace) {
+  tracker->setEnabled(false);
+  tracker->updateMetricValue(1, "dropped");
+  tracker->setFixedValue(1, "dropped.fixed");
+  tracker->startOrContinueUsageWithAutostopAfterInterval(10, "dropped.usage");
+  tracker->setEnabled(true);
+  tracker->updateMetricValue(2, "kept");
+  tracker->settleOutstandingOperationsWithOperationSync();
+  EXPECT_FALSE(metric("dropped"));
+  EXPECT_FALSE(metric("dropped.fixed"));
+  EXPECT_FALSE(metric("dropped.usage"));
+  EXPECT_EQ(valueOf("kept"), 2);
+  EXPECT_EQ(tracker->metrics()->count(), 1u);
+}
+
+TEST_F(PXMetricsTrackerTest, StartMirrorsTheOptOutSwitch) {
+  PXUserDefaults* defaults = PXUserDefaults::standardUserDefaults();
+  defaults->setBool(true, kPXMetricsPreferencesDisabledKey);
+  tracker->considerAutoSubmissionWithSubmissionDate();
+  EXPECT_TRUE(tracker->enabled()) << "before start the switch is not read";
+
+  tracker->start();
+  EXPECT_TRUE(tracker->autoSubmissionEnabled());
+  EXPECT_FALSE(tracker->enabled());
+  tracker->updateMetricValue(1, "while.off");
+
+  // Flipping the preference is heard through the observation made at creation.
+  defaults->setBool(false, kPXMetricsPreferencesDisabledKey);
+  EXPECT_TRUE(tracker->enabled());
+  tracker->updateMetricValue(1, "while.on");
+  defaults->removeObjectForKey(kPXMetricsPreferencesDisabledKey);
+  EXPECT_TRUE(tracker->enabled()) << "absent means not disabled";
+  tracker->settleOutstandingOperationsWithOperationSync();
+  EXPECT_FALSE(metric("while.off"));
+  EXPECT_EQ(valueOf("while.on"), 1);
+}
+
+TEST_F(PXMetricsTrackerTest, TotalUsageDaysRoundAtHalfADay) {
+  struct Row {
+    double days;
+    int32_t expected;
+  };
+  PXDate origin = tracker->metricsOriginTime();
+  for (Row row : {Row{0, 0}, Row{0.49, 0}, Row{1.44, 1}, Row{1.45, 1}, Row{1.49, 1}, Row{1.5, 2},
+                  Row{-0.6, 0}, Row{-1.6, -1}, Row{365.5, 366},
+                  // Tenths beyond 32 bits are clamped, and the rounding cannot overflow.
+                  Row{1e9, 214748365}, Row{-1e9, -214748364}}) {
+    EXPECT_EQ(tracker->totalUsageDaysUntil(origin + row.days * 86400.0), row.expected) << row.days;
+  }
+  clock.advance(2.5 * 86400);
+  EXPECT_EQ(tracker->totalUsageDaysUntil(), 3) << "no date means now";
+}
+
+TEST_F(PXMetricsTrackerTest, SystemIDIsStoredOnceAndRemadeWhenDeleted) {
+  PXString first = PXMetricsTracker::systemID();
+  ASSERT_EQ(first.size(), 36u);
+  for (size_t i : {8u, 13u, 18u, 23u}) EXPECT_EQ(first.view()[i], '-');
+  for (char c : first.view()) EXPECT_TRUE(c == '-' || (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F')) << c;
+  EXPECT_EQ(PXMetricsTracker::systemID(), first);
+
+  PXValue stored = PXPreferences::copyValue("MetricsRandomSystemID", kPXPreferencesCurrentApplication,
+                                            kPXPreferencesCurrentUser, kPXPreferencesCurrentHost);
+  EXPECT_EQ(stored.stringValue(), first.view());
+
+  PXPreferences::setValue("MetricsRandomSystemID", PXValue(), kPXPreferencesCurrentApplication,
+                          kPXPreferencesCurrentUser, kPXPreferencesCurrentHost);
+  PXString second = PXMetricsTracker::systemID();
+  EXPECT_EQ(second.size(), 36u);
+  EXPECT_NE(second, first);
+
+  // Whatever string is stored is used as it is.
+  PXPreferences::setValue("MetricsRandomSystemID", "not-a-uuid", kPXPreferencesCurrentApplication,
+                          kPXPreferencesCurrentUser, kPXPreferencesCurrentHost);
+  EXPECT_EQ(PXMetricsTracker::systemID(), "not-a-uuid");
+}
+
+TEST_F(PXMetricsTrackerTest, ConcurrentRecordingIsExactAfterSettling) {
+  // 8 threads, 1,000,000 calls each, on identities that overlap between threads.
+  constexpr int kThreads = 8;
+  constexpr int kCallsPerThread = 1000000;
+  const PXString names[] = {"shared.a", "shared.b", "shared.c"};
+  const PXString qualifiers[] = {PXString(), "q1", "q2", "q3"};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kCallsPerThread; ++i) {
+        // Thread t touches name i%3 with qualifier (i+t)%4: every identity is
+        // hit by every thread.
+        tracker->updateMetricValue(1, names[i % 3], qualifiers[(i + t) % 4]);
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  tracker->settleOutstandingOperationsWithOperationSync();
+
+  int64_t total = 0;
+  PXRef<PXArray> all = tracker->metrics();
+  for (const PXValue& v : *all) total += PXDynamicCast<PXMetric>(v.objectValue())->value();
+  EXPECT_EQ(total, int64_t{kThreads} * kCallsPerThread);
+  EXPECT_EQ(tracker->metrics()->count(), 12u);
+  // Each thread's calls spread evenly: count the exact share of one identity.
+  int64_t expected = 0;
+  for (int t = 0; t < kThreads; ++t) {
+    for (int i = 0; i < kCallsPerThread; ++i) expected += (i % 3 == 0 && (i + t) % 4 == 1);
+  }
+  EXPECT_EQ(valueOf("shared.a", "q1"), expected);
+}
