@@ -83,12 +83,6 @@ bool isValueStart(uint8_t c) {
   }
 }
 
-struct PlainWhitespace {
-  bool table[256];
-  constexpr PlainWhitespace() : table() { table[' '] = table['\t'] = table['\n'] = table['\r'] = true; }
-};
-constexpr PlainWhitespace kWhitespace{};
-
 // Line breaks before `index`: LF, CR, CR LF as one, and with the Unicode option
 // NEL, LS and PS.
 size_t lineNumberAt(const uint8_t* begin, const uint8_t* end, size_t index, bool unicodeNewlines) {
@@ -173,14 +167,17 @@ class Parser {
   }
 
   // ---- White space ---------------------------------------------------------
+  // Inline for the common case: the next byte already starts a token.
   void skipWhitespace() {
-    while (p_ < end_) {
-      if (kWhitespace.table[*p_]) {
-        ++p_;
-        continue;
-      }
-      if ((comments_ || unicodeNewlines_) && skipExtendedWhitespace()) continue;
-      return;
+    if (p_<end_&& * p_> ' ' && ((*p_ != '/' && *p_ < 0x80) || (!comments_ && !unicodeNewlines_))) return;
+    skipWhitespaceRun();
+  }
+
+  [[gnu::noinline]] void skipWhitespaceRun() {
+    p_ = skipPlainWhitespace(p_, end_);
+    if (!comments_ && !unicodeNewlines_) return;
+    while (p_ < end_ && (*p_ == '/' || *p_ >= 0x80) && skipExtendedWhitespace()) {
+      p_ = skipPlainWhitespace(p_, end_);
     }
   }
 
@@ -498,71 +495,132 @@ class Parser {
   }
 
   // ---- Numbers -------------------------------------------------------------
-  // Checks the number grammar at p_ without consuming: -?(0|[1-9][0-9]*)(.[0-9]+)?([eE][+-]?[0-9]+)?
-  // and that no digit follows a leading zero.
-  bool scanNumberSyntax(size_t& length, bool* isFloat = nullptr, uint64_t* leadingDigits = nullptr,
-                        int* leadingDigitCount = nullptr) {
+  // One number token at p_, read once: its syntax is checked (-?(0|[1-9][0-9]*)
+  // (.[0-9]+)?([eE][+-]?[0-9]+)?, no digit after a leading zero) while its digits
+  // are gathered as a decimal significand and exponent.
+  struct NumberScan {
+    size_t length = 0;
+    bool negative = false;
+    bool isFloat = false;
+    uint64_t significand = 0;  // exact when digits <= 19
+    int digits = 0;            // significant digits (leading zeros not counted)
+    int exponent = 0;          // decimal exponent of the significand's last digit
+  };
+
+  bool scanNumber(NumberScan& n) {
     const uint8_t* q = p_;
-    if (*q == '-') ++q;
-    if (q >= end_) return fail(kMessageInvalidNumber, p_);
-    uint64_t integer = 0;
-    int digitCount = 0;
+    const uint8_t* const end = end_;
+    if (*q == '-') {
+      n.negative = true;
+      ++q;
+    }
+    if (q >= end) return fail(kMessageInvalidNumber, p_);
+    uint64_t w = 0;
+    int digits = 0;
     if (*q == '0') {
       ++q;
-      if (q < end_ && isDigit(*q)) return fail(kMessageInvalidNumber, p_);
+      if (q < end && isDigit(*q)) return fail(kMessageInvalidNumber, p_);
     } else if (isDigit(*q)) {
-      const uint8_t* first = q;
-      // Up to 19 digits cannot overflow 64 bits; longer integers are converted carefully later.
-      const uint8_t* fastEnd = end_ - q > 19 ? q + 19 : end_;
-      while (q < fastEnd && isDigit(*q)) integer = integer * 10 + (*q++ - '0');
-      while (q < end_ && isDigit(*q)) ++q;
-      digitCount = static_cast<int>(q - first);
+      do {
+        uint64_t chunk;
+        if (digits <= 11 && end - q >= 8 && (std::memcpy(&chunk, q, 8), isEightDigits(chunk))) {
+          w = w * 100000000 + eightDigitsValue(chunk);
+          digits += 8;
+          q += 8;
+          continue;
+        }
+        w = w * 10 + static_cast<unsigned>(*q - '0');  // wraps past 19 digits; `digits` says so
+        ++digits;
+        ++q;
+      } while (q < end && isDigit(*q));
     } else {
       return fail(kMessageInvalidNumber, p_);
     }
-    bool fractionOrExponent = false;
-    if (q < end_ && *q == '.') {
-      fractionOrExponent = true;
+    int exponent = 0;
+    if (q < end && *q == '.') {
+      n.isFloat = true;
       ++q;
-      if (q >= end_ || !isDigit(*q)) return fail(kMessageInvalidNumber, p_);
-      while (q < end_ && isDigit(*q)) ++q;
+      if (q >= end || !isDigit(*q)) return fail(kMessageInvalidNumber, p_);
+      do {
+        uint64_t chunk;
+        if (w != 0 && digits <= 11 && end - q >= 8 && (std::memcpy(&chunk, q, 8), isEightDigits(chunk))) {
+          w = w * 100000000 + eightDigitsValue(chunk);
+          digits += 8;
+          exponent -= 8;
+          q += 8;
+          continue;
+        }
+        const unsigned d = static_cast<unsigned>(*q - '0');
+        if (digits < 20) w = w * 10 + d;
+        if (digits != 0 || d != 0) ++digits;
+        --exponent;
+        ++q;
+      } while (q < end && isDigit(*q));
     }
-    if (q < end_ && (*q | 0x20) == 'e') {
-      fractionOrExponent = true;
+    if (q < end && (*q | 0x20) == 'e') {
+      n.isFloat = true;
       ++q;
-      if (q < end_ && (*q == '+' || *q == '-')) ++q;
-      if (q >= end_ || !isDigit(*q)) return fail(kMessageInvalidNumber, p_);
-      while (q < end_ && isDigit(*q)) ++q;
+      bool negativeExponent = false;
+      if (q < end && (*q == '+' || *q == '-')) negativeExponent = *q++ == '-';
+      if (q >= end || !isDigit(*q)) return fail(kMessageInvalidNumber, p_);
+      int e = 0;
+      do {
+        if (e < 100000) e = e * 10 + (*q - '0');
+        ++q;
+      } while (q < end && isDigit(*q));
+      exponent += negativeExponent ? -e : e;
     }
-    length = static_cast<size_t>(q - p_);
-    if (isFloat) *isFloat = fractionOrExponent;
-    if (leadingDigits) *leadingDigits = integer;
-    if (leadingDigitCount) *leadingDigitCount = digitCount;
+    n.length = static_cast<size_t>(q - p_);
+    n.significand = w;
+    n.digits = digits;
+    n.exponent = exponent;
+    return true;
+  }
+
+  // Checks a number token where it cannot stand, for the message that names it.
+  bool scanNumberSyntax(size_t& length) {
+    NumberScan n;
+    if (!scanNumber(n)) return false;
+    length = n.length;
     return true;
   }
 
   bool parseNumber(PXValue& out) {
-    size_t length;
-    bool isFloat;
-    uint64_t integer;
-    int digitCount;
-    if (!scanNumberSyntax(length, &isFloat, &integer, &digitCount)) return false;
+    NumberScan n;
+    if (!scanNumber(n)) return false;
     const uint8_t* start = p_;
-    p_ += length;
-    if (!isFloat && digitCount <= 19) {
-      if (*start != '-') {
-        out = PXValue(static_cast<unsigned long long>(integer));
+    p_ += n.length;
+    if (!n.isFloat) {
+      if (n.digits <= 19) {
+        if (!n.negative) {
+          out = PXValue(static_cast<unsigned long long>(n.significand));
+          return true;
+        }
+        if (n.significand == 0) {  // "-0" is read as the double -0.0, which keeps its sign
+          out = PXValue(-0.0);
+          return true;
+        }
+        if (n.significand <= static_cast<uint64_t>(INT64_MAX) + 1) {
+          out = PXValue(static_cast<long long>(0 - n.significand));
+          return true;
+        }
+      }
+    } else if (n.digits <= 19) {
+      if (n.significand == 0) {
+        out = PXValue(n.negative ? -0.0 : 0.0);
         return true;
       }
-      if (integer != 0 && integer <= static_cast<uint64_t>(INT64_MAX) + 1) {
-        out = PXValue(static_cast<long long>(0 - integer));
+      double d;
+      if (decimalToDouble(n.significand, n.exponent, n.negative, d)) {
+        out = PXValue(d);
         return true;
       }
     }
+    // Long integers, long or extreme decimals: the careful converter.
     NumberValue number;
     std::string message;
-    if (!convertNumberToken(std::string_view(reinterpret_cast<const char*>(start), length), isFloat, number,
-                            message)) {
+    if (!convertNumberToken(std::string_view(reinterpret_cast<const char*>(start), n.length), n.isFloat,
+                            number, message)) {
       return fail(PXString(message), start);
     }
     switch (number.kind) {
@@ -597,11 +655,12 @@ class Parser {
         return true;
       }
       if (c >= 0x80) {
-        const UTF8Sequence seq = decodeUTF8(q, end_);
-        if (seq.status == UTF8Status::Ok) {
-          q += seq.length;
+        const uint8_t* after = skipValidUTF8(q, end_);
+        if (after != q) {
+          q = after;
           continue;
         }
+        const UTF8Sequence seq = decodeUTF8(q, end_);
         if (!looseUnicode_)
           return fail(seq.status == UTF8Status::Truncated ? kMessageUTF8AtEnd : kMessageIllegalUTF8, q);
         return scanStringSlow(quote, start, q, token);

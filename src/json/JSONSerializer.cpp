@@ -8,6 +8,10 @@
 #include <new>
 #include <vector>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "json/internal/JSONMessages.h"
 #include "json/internal/JSONNumbers.h"
 #include "json/internal/JSONText.h"
@@ -146,31 +150,59 @@ class Serializer {
     }
   }
 
-  // The string's escaped text, with or without the quotes.
+  // The string's escaped text, with or without the quotes. Room for the worst
+  // case is made once (every byte a six-byte escape, plus a block's slack), then
+  // plain ASCII is copied sixteen bytes at a time while it is scanned.
   void writeString(std::string_view text, bool quotes) {
     const auto* p = reinterpret_cast<const uint8_t*>(text.data());
     const uint8_t* const end = p + text.size();
-    if (quotes) out_.put('"');
+    char* w = out_.reserve(text.size() * 6 + 2 + 16);
+    if (quotes) *w++ = '"';
     for (;;) {
-      const uint8_t* run = p;
-      p = findStringSpecial(p, end);
-      out_.append(run, static_cast<size_t>(p - run));
+#if defined(__SSE2__)
+      const __m128i quote = _mm_set1_epi8('"');
+      const __m128i backslash = _mm_set1_epi8('\\');
+      const __m128i controlLimit = _mm_set1_epi8(0x1F);
+      while (end - p >= 16) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(w), v);
+        const __m128i special =
+            _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, quote), _mm_cmpeq_epi8(v, backslash)),
+                         _mm_cmpeq_epi8(_mm_max_epu8(v, controlLimit), controlLimit));
+        const unsigned mask =
+            static_cast<unsigned>(_mm_movemask_epi8(special)) | static_cast<unsigned>(_mm_movemask_epi8(v));
+        if (mask != 0) {
+          const unsigned n = static_cast<unsigned>(__builtin_ctz(mask));
+          p += n;
+          w += n;
+          break;
+        }
+        p += 16;
+        w += 16;
+      }
+#endif
+      while (p < end && kPlainStringBytes.table[*p]) *w++ = static_cast<char>(*p++);
       if (p >= end) break;
       const uint8_t c = *p;
       if (c >= 0x80) {
-        const UTF8Sequence seq = decodeUTF8(p, end);
-        const uint32_t cp = seq.status == UTF8Status::Ok ? seq.codePoint : kReplacementCharacter;
-        if (escapeUnicode_) {
-          writeUnicodeEscape(cp);
-        } else if (seq.status == UTF8Status::Ok) {
-          out_.append(p, seq.length);
-        } else {
-          out_.append("\xEF\xBF\xBD", 3);  // ill-formed bytes are written as U+FFFD
+        if (!escapeUnicode_) {
+          const uint8_t* after = skipValidUTF8(p, end);
+          if (after != p) {
+            std::memcpy(w, p, static_cast<size_t>(after - p));
+            w += after - p;
+            p = after;
+            continue;
+          }
+          std::memcpy(w, "\xEF\xBF\xBD", 3);  // ill-formed bytes are written as U+FFFD
+          w += 3;
+          p += decodeUTF8(p, end).length;
+          continue;
         }
+        const UTF8Sequence seq = decodeUTF8(p, end);
+        w = writeUnicodeEscape(seq.status == UTF8Status::Ok ? seq.codePoint : kReplacementCharacter, w);
         p += seq.length;
         continue;
       }
-      char* w = out_.reserve(6);
       *w++ = '\\';
       switch (c) {
         case '"':
@@ -202,23 +234,27 @@ class Serializer {
           *w++ = kHexDigits[c & 0xF];
           break;
       }
-      out_.commit(w);
       ++p;
     }
-    if (quotes) out_.put('"');
+    if (quotes) *w++ = '"';
+    out_.commit(w);
   }
 
-  Output& output() { return out_; }
-  const PXString& message() const { return message_; }
+  Output& output() {
+    return out_;
+  }
+  const PXString& message() const {
+    return message_;
+  }
   bool fail(PXString message) {
     if (message_.isAbsent()) message_ = std::move(message);
     return false;
   }
 
  private:
-  // "\u%4.4x", or "\u%4.4x\u%4.4x" for a character outside the Basic Multilingual Plane.
-  void writeUnicodeEscape(uint32_t cp) {
-    char* w = out_.reserve(12);
+  // "\u%4.4x", or "\u%4.4x\u%4.4x" for a character outside the Basic Multilingual
+  // Plane (at most 12 bytes, within the room writeString made).
+  static char* writeUnicodeEscape(uint32_t cp, char* w) {
     auto unit = [&w](uint32_t u) {
       *w++ = '\\';
       *w++ = 'u';
@@ -231,7 +267,7 @@ class Serializer {
     } else {
       unit(cp);
     }
-    out_.commit(w);
+    return w;
   }
 
   void newline(size_t depth) {

@@ -2,6 +2,8 @@
 #include "json/internal/JSONNumbers.h"
 
 #include <gtest/gtest.h>
+#include <pxkit/json/JSONDecoder.h>
+#include <pxkit/platform/PXArray.h>
 
 #include <cfloat>
 #include <cmath>
@@ -9,6 +11,7 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "json/internal/JSONMessages.h"
 
@@ -116,6 +119,63 @@ TEST(JSONNumbers, DoublesMatchPrintfOverRandomValues) {
     double v = static_cast<double>(rng() % 100000000) / scale;
     if (rng() & 1) v = std::nextafter(v, (rng() & 2) ? 0.0 : 1e30);
     ASSERT_EQ(viaCodec(v), viaPrintf(v)) << std::hexfloat << v;
+  }
+}
+
+// Decimal text through the decoder, bit for bit against the C library's strtod.
+TEST(JSONNumbers, DecimalsReadExactlyAsStrtodReadsThem) {
+  std::mt19937_64 rng(99);
+  auto decoder = JSONDecoder::decoder();
+  std::vector<std::string> texts;
+  char buf[128];
+  for (int i = 0; i < 40000; ++i) {
+    // Shortest-ish and longest forms of random doubles.
+    double v = fromBits(rng());
+    if (!std::isfinite(v)) continue;
+    std::snprintf(buf, sizeof buf, "%.*g", static_cast<int>(1 + rng() % 19), v);
+    texts.push_back(buf);
+  }
+  for (int i = 0; i < 40000; ++i) {
+    // Up to twenty digits with exponents around the fast ranges, signs both ways.
+    const int digits = 1 + static_cast<int>(rng() % 20);
+    std::string text = (rng() & 1) ? "-" : "";
+    std::string significand;
+    for (int d = 0; d < digits; ++d)
+      significand += static_cast<char>('0' + (d == 0 ? 1 + rng() % 9 : rng() % 10));
+    const int point = static_cast<int>(rng() % (digits + 1));
+    text += significand.substr(0, point == 0 ? 1 : point);
+    if (point < digits) text += "." + significand.substr(point == 0 ? 1 : point);
+    if (text.back() == '.') text += "0";
+    text += "e" + std::to_string(static_cast<int>(rng() % 100) - 60);
+    texts.push_back(text);
+  }
+  for (int i = 0; i < 20000; ++i) {
+    // Close to halfway between two neighbouring doubles.
+    const double a = std::pow(10.0, static_cast<double>(rng() % 40) - 20.0) *
+                     (1.0 + static_cast<double>(rng() % 1000000) / 1e6);
+    const long double mid =
+        (static_cast<long double>(a) + static_cast<long double>(std::nextafter(a, 1e300))) / 2;
+    std::snprintf(buf, sizeof buf, "%.*Le", static_cast<int>(15 + rng() % 10), mid);
+    texts.push_back(buf);
+  }
+  for (const std::string& text : texts) {
+    const std::string doc = "[" + text + "]";
+    PXValue parsed = decoder->objectWithUTF8String(doc.data(), doc.size());
+    const double expected = std::strtod(text.c_str(), nullptr);
+    if (expected == 0.0 && text.find_first_of("123456789") != std::string::npos)
+      continue;                          // underflow: an error
+    if (std::isinf(expected)) continue;  // overflow: an error
+    ASSERT_TRUE(parsed) << text;
+    const PXValue& number = parsed.arrayValue()->objectAtIndex(0);
+    if (number.kind() != PXValue::Kind::Double) {
+      ASSERT_EQ(number.doubleValue(), expected) << text;  // integers, whose text has no point or exponent
+      continue;
+    }
+    const double got = number.doubleValue();
+    uint64_t gotBits, expectedBits;
+    std::memcpy(&gotBits, &got, sizeof got);
+    std::memcpy(&expectedBits, &expected, sizeof expected);
+    ASSERT_EQ(gotBits, expectedBits) << text;
   }
 }
 

@@ -251,7 +251,7 @@ bool tokenOverflows(std::string_view token) {
 bool convertNumberToken(std::string_view token, bool isFloat, NumberValue& out, std::string& message) {
   const char* first = token.data();
   const char* last = token.data() + token.size();
-  const std::string text(token);
+  const std::string text(token);  // for messages; numbers reach here rarely (long or out of range)
   const bool negative = !token.empty() && token[0] == '-';
   if (!isFloat && negative && token.size() == 2 && token[1] == '0') isFloat = true;  // "-0" keeps its sign
   if (isFloat) {

@@ -123,6 +123,67 @@ inline const uint8_t* findStringSpecial(const uint8_t* p, const uint8_t* end) no
   return p;
 }
 
+// The four white-space characters of JSON.
+struct WhitespaceBytes {
+  bool table[256];
+  constexpr WhitespaceBytes() : table() { table[' '] = table['\t'] = table['\n'] = table['\r'] = true; }
+};
+inline constexpr WhitespaceBytes kWhitespaceBytes{};
+
+// The first byte in [p, end) that is not JSON white space. Indented documents
+// have long runs of it, compact ones none or a single space.
+inline const uint8_t* skipPlainWhitespace(const uint8_t* p, const uint8_t* end) noexcept {
+  if (p >= end || !kWhitespaceBytes.table[*p]) return p;
+  ++p;
+  if (p >= end || !kWhitespaceBytes.table[*p]) return p;
+#if defined(__SSE2__)
+  const __m128i space = _mm_set1_epi8(' ');
+  const __m128i newline = _mm_set1_epi8('\n');
+  const __m128i carriageReturn = _mm_set1_epi8('\r');
+  const __m128i tab = _mm_set1_epi8('\t');
+  while (end - p >= 16) {
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    const __m128i white =
+        _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, space), _mm_cmpeq_epi8(v, newline)),
+                     _mm_or_si128(_mm_cmpeq_epi8(v, carriageReturn), _mm_cmpeq_epi8(v, tab)));
+    const unsigned other = ~static_cast<unsigned>(_mm_movemask_epi8(white)) & 0xFFFFu;
+    if (other != 0) return p + __builtin_ctz(other);
+    p += 16;
+  }
+#endif
+  while (p < end && kWhitespaceBytes.table[*p]) ++p;
+  return p;
+}
+
+// The end of the run of well-formed text from `p` that needs no second look:
+// plain ASCII and valid multi-byte sequences. Stops at a quote, a backslash, a
+// control character, an ill-formed or cut-off sequence, or `end`. Text in other
+// scripts is mostly multi-byte sequences with a little ASCII between them, which
+// this walks without restarting a wider search at every character.
+inline const uint8_t* skipValidUTF8(const uint8_t* p, const uint8_t* end) noexcept {
+  while (p < end) {
+    const uint8_t lead = *p;
+    if (lead < 0x80) {
+      if (!kPlainStringBytes.table[lead]) return p;
+      ++p;
+      continue;
+    }
+    if (lead >= 0xC2 && lead <= 0xDF) {
+      if (end - p < 2 || (p[1] & 0xC0) != 0x80) return p;
+      p += 2;
+    } else if ((lead & 0xF0) == 0xE0) {
+      if (end - p < 3 || (p[1] & 0xC0) != 0x80 || (p[2] & 0xC0) != 0x80) return p;
+      if ((lead == 0xE0 && p[1] < 0xA0) || (lead == 0xED && p[1] > 0x9F)) return p;  // overlong, surrogate
+      p += 3;
+    } else {
+      const UTF8Sequence seq = decodeUTF8(p, end);
+      if (seq.status != UTF8Status::Ok) return p;
+      p += seq.length;
+    }
+  }
+  return p;
+}
+
 // ---- Hashing -------------------------------------------------------------------
 
 inline uint64_t loadUpTo8(const uint8_t* p, size_t n) noexcept {
