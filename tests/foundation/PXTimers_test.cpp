@@ -1,0 +1,153 @@
+// Callback timers and absolute-time timers on a real main loop and the virtual clock.
+#include <gtest/gtest.h>
+#include <pxkit/foundation/PXAbsoluteTimeFire.h>
+#include <pxkit/foundation/PXAssociatedTargetBlockTrampoline.h>
+#include <pxkit/foundation/PXBlocks.h>
+#include <pxkit/foundation/PXRuntime.h>
+#include <pxkit/platform/PXCalendar.h>
+#include <pxkit/platform/PXClock.h>
+#include <pxkit/platform/PXNotificationCenter.h>
+#include <pxkit/platform/PXRunLoop.h>
+#include <pxkit/platform/PXWorkspace.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <vector>
+
+#include "platform/internal/SystemEvents.h"
+#include "support/PXRunLoopUntil.h"
+#include "support/PXTempHome.h"
+
+namespace {
+
+constexpr double kStart = 700000000;
+
+}  // namespace
+
+TEST(PXBlocks, RepeatIntervalZeroFiresOnceAndFiveFiresEveryFiveSeconds) {
+  PXScopedVirtualClock clock{PXDate(kStart)};
+  std::vector<double> once, repeating;
+  PXRef<PXTimer> single = PXBlocks::scheduledTimerFiringInTimeInterval(
+      2.0, 0.0, [&](PXTimer*) { once.push_back(clock.now() - PXDate(kStart)); });
+  PXRef<PXTimer> periodic = PXBlocks::scheduledTimerFiringInTimeInterval(
+      1.0, 5.0, [&](PXTimer*) { repeating.push_back(clock.now() - PXDate(kStart)); });
+  EXPECT_FALSE(single->repeats());
+  EXPECT_TRUE(periodic->repeats());
+  ASSERT_TRUE(PXRunLoopUntil([&] { return repeating.size() == 4; }, {.maxVirtualSeconds = 100}));
+  EXPECT_EQ(repeating, (std::vector<double>{1, 6, 11, 16}));
+  EXPECT_EQ(once, std::vector<double>{2});
+  EXPECT_FALSE(single->isValid()) << "a one-shot timer is done after firing";
+  periodic->invalidate();
+}
+
+TEST(PXBlocks, OnceTimerKeepsItsTenthOfASecondInterval) {
+  PXScopedVirtualClock clock{PXDate(kStart)};
+  int fired = 0;
+  PXRef<PXTimer> timer = PXBlocks::scheduledTimerFiringOnceInTimeInterval(3.0, [&](PXTimer*) { ++fired; });
+  EXPECT_EQ(timer->fireDate(), PXDate(kStart + 3));
+  EXPECT_FALSE(timer->repeats());
+  ASSERT_TRUE(PXRunLoopUntil([&] { return fired == 1; }, {.maxVirtualSeconds = 10}));
+  ASSERT_FALSE(PXRunLoopUntil([&] { return fired > 1; }, {.maxIterations = 50, .maxVirtualSeconds = 10}));
+}
+
+TEST(PXBlocks, CallbackLivesInTheUserInfoAndAnEmptyOneFiresSilently) {
+  PXScopedVirtualClock clock{PXDate(kStart)};
+  PXRef<PXTimer> silent = PXBlocks::timerWithFireDate(PXDate(kStart + 1), 0, nullptr, false);
+  EXPECT_FALSE(silent->userInfo());
+  silent->fire();  // nothing to call, nothing happens
+  EXPECT_FALSE(silent->isValid());
+
+  PXTimer* seen = nullptr;
+  PXRef<PXTimer> timer = PXBlocks::timerWithFireDate(
+      PXDate(kStart + 1), 0, [&](PXTimer* t) { seen = t; }, false);
+  EXPECT_TRUE(dynamic_cast<PXTimerBlockBox*>(timer->userInfo().objectPointer()));
+  EXPECT_EQ(timer->runLoop(), nullptr) << "made, not scheduled";
+  timer->fire();
+  EXPECT_EQ(seen, timer.get());
+}
+
+TEST(PXBlocks, NoModeMeansTheCommonModes) {
+  PXScopedVirtualClock clock{PXDate(kStart)};
+  int fired = 0;
+  PXRef<PXTimer> timer = PXBlocks::scheduledTimerWithFireDate(
+      PXDate(kStart + 1), 0, [&](PXTimer*) { ++fired; }, false);
+  EXPECT_EQ(timer->runLoop(), PXRunLoop::current());
+  // Running the loop in the default mode still fires it: on Linux the common
+  // modes and the default mode are one set.
+  ASSERT_TRUE(PXRunLoopUntil([&] { return fired == 1; }, {.maxVirtualSeconds = 5}));
+}
+
+TEST(PXAbsoluteTimeFire, WakeAndTimeZoneChangeReapplyTheSameAbsoluteDate) {
+  PXScopedVirtualClock clock{PXDate(kStart)};
+  PXDate target(kStart + 600);
+  int fired = 0;
+  PXRef<PXTimer> timer =
+      PXAbsoluteTimeFire::scheduledTimerWithAbsoluteFireDate(target, [&](PXTimer*) { ++fired; });
+  ASSERT_TRUE(timer);
+  PXValue attached = PXRuntime::getAssociatedObjectForKey(*timer, kPXAbsoluteTimeFireAbsoluteTimeKey);
+  EXPECT_TRUE(dynamic_cast<PXAssociatedTargetBlockTrampoline*>(attached.objectPointer()));
+
+  // Something moved the date; a wake sets it back to the absolute moment.
+  timer->setFireDate(PXDate(kStart + 5000));
+  PXWorkspace::sharedWorkspace()->notificationCenter()->postNotificationName(kPXWorkspaceDidWakeNotification);
+  EXPECT_EQ(timer->fireDate(), target);
+
+  timer->setFireDate(PXDate(kStart + 7000));
+  PXNotificationCenter::defaultCenter()->postNotificationName(kPXSystemTimeZoneDidChangeNotification);
+  EXPECT_EQ(timer->fireDate(), target) << "the moment does not shift with the zone";
+
+  // Asleep for an hour across the date: on wake it fires at once.
+  timer->setFireDate(PXDate(kStart + 99999));
+  clock.advance(3600);
+  PXWorkspace::sharedWorkspace()->notificationCenter()->postNotificationName(kPXWorkspaceDidWakeNotification);
+  ASSERT_TRUE(PXRunLoopUntil([&] { return fired == 1; }));
+  EXPECT_EQ(clock.now(), PXDate(kStart + 3600));
+}
+
+TEST(PXAbsoluteTimeFire, ObservationEndsWhenTheTimerIsDestroyedNotWhenInvalidated) {
+  PXScopedVirtualClock clock{PXDate(kStart)};
+  PXNotificationCenter* workspace = PXWorkspace::sharedWorkspace()->notificationCenter();
+  PXNotificationCenter* defaults = PXNotificationCenter::defaultCenter();
+  size_t workspaceBefore = workspace->observerCount();
+  size_t defaultBefore = defaults->observerCount();
+  {
+    PXRef<PXTimer> timer =
+        PXAbsoluteTimeFire::timerWithAbsoluteFireDate(PXDate(kStart + 60), [](PXTimer*) {});
+    EXPECT_EQ(workspace->observerCount(), workspaceBefore + 1);
+    EXPECT_EQ(defaults->observerCount(), defaultBefore + 1);
+    timer->invalidate();
+    EXPECT_EQ(workspace->observerCount(), workspaceBefore + 1)
+        << "invalidating does not stop the observation";
+    workspace->postNotificationName(kPXWorkspaceDidWakeNotification);  // no effect on an invalid timer
+    EXPECT_FALSE(timer->isValid());
+  }
+  EXPECT_EQ(workspace->observerCount(), workspaceBefore);
+  EXPECT_EQ(defaults->observerCount(), defaultBefore);
+  workspace->postNotificationName(kPXWorkspaceDidWakeNotification);  // nobody left to call
+}
+
+TEST(PXAbsoluteTimeFire, RealTimeZoneSwapReachesTheTimer) {
+  PXTempHome home;
+  // A local-time link of our own, swapped atomically the way timedatectl does it.
+  std::string dir = home.makeDirectory("zone");
+  std::string link = dir + "/localtime";
+  std::filesystem::create_symlink("/usr/share/zoneinfo/Europe/Berlin", link);
+  setenv("PXKIT_LOCALTIME_PATH", link.c_str(), 1);
+  unsetenv("TZ");
+  PXScopedVirtualClock clock{PXDate(kStart)};
+  PXDate target(kStart + 86400);
+  PXRef<PXTimer> timer = PXAbsoluteTimeFire::scheduledTimerWithAbsoluteFireDate(target, [](PXTimer*) {});
+  ASSERT_TRUE(PXRunLoopUntil([] { return PXSystemEvents::isWatchingTimeZone(); }));
+
+  bool announced = false;
+  PXNotificationCenter::defaultCenter()->addObserverForName(kPXSystemTimeZoneDidChangeNotification, nullptr,
+                                                            nullptr,
+                                                            [&](const PXNotification&) { announced = true; });
+  timer->setFireDate(PXDate(kStart + 12345));
+  std::filesystem::create_symlink("/usr/share/zoneinfo/America/New_York", dir + "/localtime.new");
+  std::filesystem::rename(dir + "/localtime.new", link);
+  ASSERT_TRUE(PXRunLoopUntil([&] { return announced; }));
+  EXPECT_EQ(timer->fireDate(), target);
+  timer->invalidate();
+}
