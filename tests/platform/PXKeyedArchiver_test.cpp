@@ -25,6 +25,14 @@ class PXArchiveTestNode : public PXObject, public PXCoding {
   PX_DECLARE_CLASS(PXArchiveTestNode)
 
  public:
+  // Every node alive, so that tests can cut the cycles an archive drew.
+  static std::vector<PXArchiveTestNode*>& live() {
+    static std::vector<PXArchiveTestNode*> nodes;
+    return nodes;
+  }
+  PXArchiveTestNode() { live().push_back(this); }
+  ~PXArchiveTestNode() override { std::erase(live(), this); }
+
   int64_t big = 0;
   int32_t small = 0;
   double ratio = 0;
@@ -170,27 +178,16 @@ PXValue nestedArrays(size_t depth) {
   return v;
 }
 
-// Clears the references of every node reachable from `v`, so decoded cycles
-// between nodes do not keep one another alive.
-void breakCycles(const PXValue& v, std::vector<PXObject*>& seen) {
-  PXObject* object = v.objectPointer();
-  if (!object || std::find(seen.begin(), seen.end(), object) != seen.end()) return;
-  seen.push_back(object);
-  if (PXRef<PXArray> a = v.arrayValue()) {
-    for (const PXValue& item : *a) breakCycles(item, seen);
-  } else if (PXRef<PXDictionary> d = v.dictionaryValue()) {
-    for (const auto& [key, item] : *d) breakCycles(item, seen);
-  } else if (auto n = PXDynamicCast<PXArchiveTestNode>(v.objectValue())) {
-    PXValue peer = std::move(n->peer), payload = std::move(n->payload);
+// Clears the references of every node alive: decoded nodes may refer to one
+// another (or to themselves) in cycles that reference counting never frees,
+// reachable from the result or not.
+void breakCycles() {
+  std::vector<PXRef<PXArchiveTestNode>> nodes;
+  for (PXArchiveTestNode* n : PXArchiveTestNode::live()) nodes.emplace_back(n);
+  for (const auto& n : nodes) {
     n->peer = PXValue();
     n->payload = PXValue();
-    breakCycles(peer, seen);
-    breakCycles(payload, seen);
   }
-}
-void breakCycles(const PXValue& v) {
-  std::vector<PXObject*> seen;
-  breakCycles(v, seen);
 }
 
 PXRef<PXArchiveTestNode> node(int64_t big) {
@@ -369,7 +366,7 @@ TEST(PXKeyedArchiver, CyclesThroughCodedObjectsComeBackAsCycles) {
   EXPECT_EQ(rself->peer.objectPointer(), rself.get());
 
   // Break the reference cycles so every object can go.
-  for (auto* n : {a.get(), b.get(), self.get(), ra.get(), rb.get(), rself.get()}) n->peer = PXValue();
+  breakCycles();
 }
 
 // ---- What cannot be archived ---------------------------------------------------------------
@@ -631,6 +628,7 @@ TEST(PXKeyedUnarchiver, MutatedArchivesGiveAValueOrAnError) {
     }
     PXErrorRef error;
     PXValue v = decodeBytes(i % 10 == 0 ? m : rewrap(m), &error);
+    breakCycles();
     // Never both; neither only for a root turned into the "absent" tag.
     EXPECT_FALSE(v && error);
     if (!v && !error) {
@@ -638,9 +636,60 @@ TEST(PXKeyedUnarchiver, MutatedArchivesGiveAValueOrAnError) {
       continue;
     }
     (v ? values : errors) += 1;
-    breakCycles(v);
   }
   g_rand_free(rand);
   EXPECT_GT(errors, 0);
   EXPECT_GT(values, 0) << "no mutation kept a decodable archive: the smoke test exercises too little";
+}
+
+// ---- The fuzz target's entry point ------------------------------------------------------------
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+
+TEST(PXKeyedUnarchiver, FuzzEntryHoldsItsPropertiesOnMutatedArchives) {
+  // Seeds: an ordinary graph, and two coded nodes of the fuzz target's class
+  // that refer to each other.
+  auto m = PXMutableArray::array();
+  m->addObject(PXValue(PXData::dataWithString("d")));
+  m->addObject(dict({{"k", array({1u, -2, 0.5, PXDate(7), "s", PXValue::null(), false})}}));
+  std::vector<std::vector<uint8_t>> seeds = {payloadOf(
+      PXKeyedArchiver::archivedDataWithRootObject(dict({{"m", PXValue(m)}, {"again", PXValue(m)}})))};
+  Payload first, second;
+  first.byte(archive::kCodedObject).text("PXKeyedArchiveFuzzNode").varint(4);
+  first.text("i").byte(archive::kInt).varint(99).text("s").byte(archive::kString).text("node");
+  first.text("d").byte(archive::kDouble).raw(std::string(8, '\x01')).text("o").byte(archive::kRef).varint(1);
+  second.byte(archive::kCodedObject).text("PXKeyedArchiveFuzzNode").varint(2);
+  second.text("small").byte(archive::kInt).varint(6).text("o").byte(archive::kRef).varint(0);
+  Payload graph;
+  graph.varint(2).entry(first).entry(second).byte(archive::kRef).varint(0);
+  seeds.emplace_back(graph.bytes.begin(), graph.bytes.end());
+
+  GRand* rand = g_rand_new_with_seed(99);
+  for (const std::vector<uint8_t>& seed : seeds) {
+    ASSERT_TRUE(decodeBytes(archive::wrapPayload(seed))) << "the seed itself must decode";
+    std::vector<uint8_t> input = {1};
+    input.insert(input.end(), seed.begin(), seed.end());
+    ASSERT_EQ(LLVMFuzzerTestOneInput(input.data(), input.size()), 0);
+    for (int i = 0; i < 3000; ++i) {
+      std::vector<uint8_t> mutated = input;
+      for (int e = g_rand_int_range(rand, 1, 4); e > 0 && mutated.size() > 1; --e) {
+        auto at = static_cast<size_t>(g_rand_int_range(rand, 1, static_cast<gint32>(mutated.size())));
+        switch (g_rand_int_range(rand, 0, 3)) {
+          case 0:
+            mutated[at] = static_cast<uint8_t>(g_rand_int_range(rand, 0, 256));
+            break;
+          case 1:
+            mutated.erase(mutated.begin() + static_cast<ptrdiff_t>(at));
+            break;
+          default:
+            mutated.insert(mutated.begin() + static_cast<ptrdiff_t>(at),
+                           static_cast<uint8_t>(g_rand_int_range(rand, 0, 256)));
+            break;
+        }
+      }
+      if (i % 16 == 0) mutated[0] = 0;  // now and then as raw bytes, checksum and all
+      ASSERT_EQ(LLVMFuzzerTestOneInput(mutated.data(), mutated.size()), 0);
+    }
+  }
+  g_rand_free(rand);
 }

@@ -29,6 +29,12 @@
 // PXCoding can be made from an archive: any other name makes the whole
 // unarchiving fail, so an archive cannot conjure up arbitrary objects.
 //
+// References between coded objects may form cycles (an object may even refer
+// to itself); they come back as the same cycles. As everywhere in the kit's
+// reference counting, a cycle that nobody breaks is never freed: a class whose
+// instances refer to one another breaks such references itself (or holds them
+// weakly).
+//
 // Thread safety: encodeWithCoder / initWithCoder run on the thread that calls
 // archivedDataWithRootObject / unarchiveObjectWithData; an object that may be
 // changed by other threads meanwhile takes its own lock in encodeWithCoder.
