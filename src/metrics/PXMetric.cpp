@@ -35,45 +35,27 @@ PXMetric::~PXMetric() = default;
 // ---- Properties ---------------------------------------------------------------
 
 PXString PXMetric::identifier() const {
-  std::lock_guard lock(propertyLock_);
-  return identifier_;
+  return getAtomic(propertyLock_, identifier_);
 }
 
 void PXMetric::setIdentifier(PXString identifier) {
-  willChangeValueForKey("identifier");
-  {
-    std::lock_guard lock(propertyLock_);
-    identifier_ = std::move(identifier);
-  }
-  didChangeValueForKey("identifier");
+  setObservable(propertyLock_, identifier_, std::move(identifier), "identifier");
 }
 
 PXString PXMetric::primary() const {
-  std::lock_guard lock(propertyLock_);
-  return primary_;
+  return getAtomic(propertyLock_, primary_);
 }
 
 void PXMetric::setPrimary(PXString primary) {
-  willChangeValueForKey("primary");
-  {
-    std::lock_guard lock(propertyLock_);
-    primary_ = std::move(primary);
-  }
-  didChangeValueForKey("primary");
+  setObservable(propertyLock_, primary_, std::move(primary), "primary");
 }
 
 PXString PXMetric::secondary() const {
-  std::lock_guard lock(propertyLock_);
-  return secondary_;
+  return getAtomic(propertyLock_, secondary_);
 }
 
 void PXMetric::setSecondary(PXString secondary) {
-  willChangeValueForKey("secondary");
-  {
-    std::lock_guard lock(propertyLock_);
-    secondary_ = std::move(secondary);
-  }
-  didChangeValueForKey("secondary");
+  setObservable(propertyLock_, secondary_, std::move(secondary), "secondary");
 }
 
 void PXMetric::setValue(int32_t value) {
@@ -83,31 +65,19 @@ void PXMetric::setValue(int32_t value) {
 }
 
 double PXMetric::submissionFrequency() const {
-  std::lock_guard lock(propertyLock_);
-  return submissionFrequency_;
+  return getAtomic(propertyLock_, submissionFrequency_);
 }
 
 void PXMetric::setSubmissionFrequency(double seconds) {
-  willChangeValueForKey("submissionFrequency");
-  {
-    std::lock_guard lock(propertyLock_);
-    submissionFrequency_ = seconds;
-  }
-  didChangeValueForKey("submissionFrequency");
+  setObservable(propertyLock_, submissionFrequency_, std::move(seconds), "submissionFrequency");
 }
 
 PXRef<PXMutableDictionary> PXMetric::metricData() const {
-  std::lock_guard lock(propertyLock_);
-  return metricData_;
+  return getAtomic(propertyLock_, metricData_);
 }
 
 void PXMetric::setMetricData(PXRef<PXMutableDictionary> data) {
-  willChangeValueForKey("metricData");
-  {
-    std::lock_guard lock(propertyLock_);
-    metricData_ = std::move(data);
-  }
-  didChangeValueForKey("metricData");
+  setObservable(propertyLock_, metricData_, std::move(data), "metricData");
 }
 
 void PXMetric::setNeedsPersistentStorage(bool persistent) {

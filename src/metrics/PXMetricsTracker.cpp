@@ -351,31 +351,19 @@ void PXMetricsTracker::start() {
 // ---- Properties ---------------------------------------------------------------------------------
 
 PXDate PXMetricsTracker::metricsOriginTime() const {
-  std::lock_guard lock(propertyLock_);
-  return metricsOriginTime_;
+  return getAtomic(propertyLock_, metricsOriginTime_);
 }
 
 void PXMetricsTracker::setMetricsOriginTime(PXDate date) {
-  willChangeValueForKey("metricsOriginTime");
-  {
-    std::lock_guard lock(propertyLock_);
-    metricsOriginTime_ = date;
-  }
-  didChangeValueForKey("metricsOriginTime");
+  setObservable(propertyLock_, metricsOriginTime_, std::move(date), "metricsOriginTime");
 }
 
 PXDate PXMetricsTracker::metricsTimeBase() const {
-  std::lock_guard lock(propertyLock_);
-  return metricsTimeBase_;
+  return getAtomic(propertyLock_, metricsTimeBase_);
 }
 
 void PXMetricsTracker::setMetricsTimeBase(PXDate date) {
-  willChangeValueForKey("metricsTimeBase");
-  {
-    std::lock_guard lock(propertyLock_);
-    metricsTimeBase_ = date;
-  }
-  didChangeValueForKey("metricsTimeBase");
+  setObservable(propertyLock_, metricsTimeBase_, std::move(date), "metricsTimeBase");
 }
 
 PXRef<PXArray> PXMetricsTracker::metrics() const {
@@ -384,84 +372,51 @@ PXRef<PXArray> PXMetricsTracker::metrics() const {
 }
 
 PXRef<PXMutableArray> PXMetricsTracker::paperCuts() const {
-  std::lock_guard lock(propertyLock_);
-  return paperCuts_;
+  return getAtomic(propertyLock_, paperCuts_);
 }
 
 void PXMetricsTracker::setPaperCuts(PXRef<PXMutableArray> paperCuts) {
-  willChangeValueForKey("paperCuts");
-  {
-    std::lock_guard lock(propertyLock_);
-    paperCuts_ = std::move(paperCuts);
-  }
-  didChangeValueForKey("paperCuts");
+  setObservable(propertyLock_, paperCuts_, std::move(paperCuts), "paperCuts");
 }
 
 PXRef<PXMutableDictionary> PXMetricsTracker::lastPaperCutDateByMetricID() const {
-  std::lock_guard lock(propertyLock_);
-  return lastPaperCutDateByMetricID_;
+  return getAtomic(propertyLock_, lastPaperCutDateByMetricID_);
 }
 
 void PXMetricsTracker::setLastPaperCutDateByMetricID(PXRef<PXMutableDictionary> dates) {
-  willChangeValueForKey("lastPaperCutDateByMetricID");
-  {
-    std::lock_guard lock(propertyLock_);
-    lastPaperCutDateByMetricID_ = std::move(dates);
-  }
-  didChangeValueForKey("lastPaperCutDateByMetricID");
+  setObservable(propertyLock_, lastPaperCutDateByMetricID_, std::move(dates), "lastPaperCutDateByMetricID");
 }
 
 std::optional<PXDate> PXMetricsTracker::lastAutoSubmissionDate() const {
-  std::lock_guard lock(propertyLock_);
-  return lastAutoSubmissionDate_;
+  return getAtomic(propertyLock_, lastAutoSubmissionDate_);
 }
 
 void PXMetricsTracker::setLastAutoSubmissionDate(std::optional<PXDate> date) {
-  willChangeValueForKey("lastAutoSubmissionDate");
-  {
-    std::lock_guard lock(propertyLock_);
-    lastAutoSubmissionDate_ = date;
-  }
-  didChangeValueForKey("lastAutoSubmissionDate");
+  setObservable(propertyLock_, lastAutoSubmissionDate_, std::move(date), "lastAutoSubmissionDate");
 }
 
 PXRef<PXMutableDictionary> PXMetricsTracker::userData() const {
-  std::lock_guard lock(propertyLock_);
-  return userData_;
+  return getAtomic(propertyLock_, userData_);
 }
 
 void PXMetricsTracker::setUserData(PXRef<PXMutableDictionary> userData) {
-  willChangeValueForKey("userData");
-  {
-    std::lock_guard lock(propertyLock_);
-    userData_ = std::move(userData);
-  }
-  didChangeValueForKey("userData");
+  setObservable(propertyLock_, userData_, std::move(userData), "userData");
 }
 
 PXRef<PXTimer> PXMetricsTracker::automaticPapercutTimer() const {
-  std::lock_guard lock(propertyLock_);
-  return automaticPapercutTimer_;
+  return getAtomic(propertyLock_, automaticPapercutTimer_);
 }
 
 void PXMetricsTracker::setAutomaticPapercutTimer(PXRef<PXTimer> timer) {
-  PXRef<PXTimer> previous;  // released outside the lock
-  std::lock_guard lock(propertyLock_);
-  previous = std::exchange(automaticPapercutTimer_, std::move(timer));
+  setObservable(propertyLock_, automaticPapercutTimer_, std::move(timer), "automaticPapercutTimer");
 }
 
 PXString PXMetricsTracker::channel() const {
-  std::lock_guard lock(propertyLock_);
-  return channel_;
+  return getAtomic(propertyLock_, channel_);
 }
 
 void PXMetricsTracker::setChannel(PXString channel) {
-  willChangeValueForKey("channel");
-  {
-    std::lock_guard lock(propertyLock_);
-    channel_ = std::move(channel);
-  }
-  didChangeValueForKey("channel");
+  setObservable(propertyLock_, channel_, std::move(channel), "channel");
 }
 
 void PXMetricsTracker::setAutoSubmissionEnabled(bool enabled) {
@@ -471,17 +426,11 @@ void PXMetricsTracker::setAutoSubmissionEnabled(bool enabled) {
 }
 
 PXString PXMetricsTracker::metricsPostURL() const {
-  std::lock_guard lock(propertyLock_);
-  return metricsPostURL_;
+  return getAtomic(propertyLock_, metricsPostURL_);
 }
 
 void PXMetricsTracker::setMetricsPostURL(PXString url) {
-  willChangeValueForKey("metricsPostURL");
-  {
-    std::lock_guard lock(propertyLock_);
-    metricsPostURL_ = std::move(url);
-  }
-  didChangeValueForKey("metricsPostURL");
+  setObservable(propertyLock_, metricsPostURL_, std::move(url), "metricsPostURL");
 }
 
 void PXMetricsTracker::setEnabled(bool enabled) {

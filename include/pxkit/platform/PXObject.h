@@ -35,6 +35,7 @@
 #include <cstdint>
 #include <mutex>
 #include <string_view>
+#include <utility>
 
 class PXObject;
 namespace pxkit::internal {
@@ -156,6 +157,24 @@ class PXKIT_EXPORT PXObject {
     willChangeValueForKey(key);
     field = std::forward<Value>(value);
     didChangeValueForKey(key);
+  }
+  // The same for an atomic property guarded by `lock`: the old value is
+  // released after the lock is dropped, and observers run without it.
+  template <class Field, class Value>
+  void setObservable(std::mutex& lock, Field& field, Value&& value, std::string_view key) {
+    willChangeValueForKey(key);
+    [[maybe_unused]] Field previous;  // released after the lock
+    {
+      std::lock_guard guard(lock);
+      previous = std::exchange(field, std::forward<Value>(value));
+    }
+    didChangeValueForKey(key);
+  }
+  // Reads an atomic property guarded by `lock`.
+  template <class Field>
+  static Field getAtomic(std::mutex& lock, const Field& field) {
+    std::lock_guard guard(lock);
+    return field;
   }
 
  private:
