@@ -17,6 +17,12 @@ tsan: deps
 	cmake --build --preset tsan -j $(JOBS)
 	ctest --preset tsan
 
+# The optimised build of the pxkit tool alone, then its demonstration.
+demo: deps
+	cmake --preset release >/dev/null
+	cmake --build --preset release --target pxkit_cli -j $(JOBS)
+	build/release/tools/pxkit/pxkit demo
+
 bench: deps
 	cmake --preset release >/dev/null
 	cmake --build --preset release -j $(JOBS)

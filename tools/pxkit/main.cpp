@@ -1,0 +1,71 @@
+// pxkit: the kit's command-line tool.
+//
+//   pxkit demo [--keep]   the kit at work in a sample application (Demo.h)
+//   pxkit --help | --version
+#include <pxkit/PXKit.h>
+
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Demo.h"
+
+namespace {
+
+constexpr const char* kUsage =
+    "Usage: pxkit <command> [options]\n"
+    "\n"
+    "Commands:\n"
+    "  demo [--keep]   show the kit at work: a sample application records usage\n"
+    "                  from several threads, saves it, is launched again, restores\n"
+    "                  it and cuts its daily papercut at midnight, in a throw-away\n"
+    "                  home on a virtual clock (--keep leaves the home in place)\n"
+    "\n"
+    "Options:\n"
+    "  --help          show this help\n"
+    "  --version       show the kit's version\n";
+
+// Exit status for a command line that cannot be understood.
+constexpr int kUsageError = 2;
+
+int usageError(const std::string& message) {
+  std::fprintf(stderr, "pxkit: %s\nTry 'pxkit --help'.\n", message.c_str());
+  return kUsageError;
+}
+
+int demo(const std::vector<std::string_view>& args) {
+  bool keep = false;
+  for (size_t i = 0; i < args.size(); ++i) {
+    if (args[i] == "--keep") {
+      keep = true;
+    } else if (args[i] == "--second-launch" && i + 1 < args.size()) {
+      // Internal: the demo's first launch starts its second launch this way.
+      return PXKitDemo::runSecondLaunch(std::string(args[i + 1]));
+    } else {
+      return usageError("demo: unknown option '" + std::string(args[i]) + "'");
+    }
+  }
+  return PXKitDemo::run(keep);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) {
+    std::fputs(kUsage, stderr);
+    return kUsageError;
+  }
+  const std::string_view command = argv[1];
+  const std::vector<std::string_view> args(argv + 2, argv + argc);
+  if (command == "--help" || command == "-h" || command == "help") {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
+  if (command == "--version") {
+    std::printf("pxkit %s\n", PXKitVersionString());
+    return 0;
+  }
+  if (command == "demo") return demo(args);
+  return usageError("unknown command '" + std::string(command) + "'");
+}
