@@ -667,8 +667,9 @@ TEST(PXKeyedUnarchiver, FuzzEntryHoldsItsPropertiesOnMutatedArchives) {
   GRand* rand = g_rand_new_with_seed(99);
   for (const std::vector<uint8_t>& seed : seeds) {
     ASSERT_TRUE(decodeBytes(archive::wrapPayload(seed))) << "the seed itself must decode";
-    std::vector<uint8_t> input = {1};
-    input.insert(input.end(), seed.begin(), seed.end());
+    std::vector<uint8_t> input(seed.size() + 1);
+    input[0] = 1;  // as archive contents, behind a valid header
+    std::copy(seed.begin(), seed.end(), input.begin() + 1);
     ASSERT_EQ(LLVMFuzzerTestOneInput(input.data(), input.size()), 0);
     for (int i = 0; i < 3000; ++i) {
       std::vector<uint8_t> mutated = input;

@@ -34,6 +34,7 @@
 #include <pxkit/platform/PXError.h>
 #include <pxkit/platform/PXValue.h>
 
+#include <string>
 #include <string_view>
 
 // Scope names. An application is an application id or kPXPreferencesCurrentApplication.
