@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <new>
 #include <thread>
 
 // How a serial queue works
@@ -43,20 +44,48 @@ inline void cpuRelax() noexcept {
 }
 
 // ---- node pool -------------------------------------------------------------------
-constexpr size_t kPooledNodesLimit = 1024;  // nodes kept for reuse beyond this are freed
-constexpr std::align_val_t kNodeAlignment{64};
+// Workers hand finished nodes back in batches; a producer whose cache is empty
+// takes the whole shared stack at once (taking everything makes the stack immune
+// to the ABA problem, and batches keep that exchange rare).
+constexpr size_t kRecycleBatch = 64;        // nodes a worker gathers before handing them back
+constexpr size_t kPooledNodesLimit = 4096;  // nodes kept for reuse beyond this are freed
 
+// Nodes are carved from page-sized slabs, 63 at a time, so that a burst of
+// jobs costs one allocation per 63 nodes; a slab is freed once all its nodes
+// have been released (its first slot holds the count).
+constexpr size_t kSlabBytes = 4096;
+constexpr size_t kNodesPerSlab = kSlabBytes / sizeof(DispatchNode) - 1;
+struct SlabHeader {
+  std::atomic<uint32_t> released{0};
+};
+static_assert(sizeof(SlabHeader) <= sizeof(DispatchNode));
+
+// The calling thread's free nodes, linked through `next`.
+thread_local DispatchNode* tlFreeNodes __attribute__((tls_model("initial-exec"))) = nullptr;
+
+// A node from a new slab; the slab's other nodes go to the calling thread's cache.
 DispatchNode* newNode() {
-  void* memory = ::operator new(sizeof(DispatchNode), kNodeAlignment);
-  return ::new (memory) DispatchNode();
+  void* slab = std::aligned_alloc(kSlabBytes, kSlabBytes);
+  if (!slab) throw std::bad_alloc();
+  ::new (slab) SlabHeader();
+  auto* nodes = reinterpret_cast<DispatchNode*>(static_cast<unsigned char*>(slab) + sizeof(DispatchNode));
+  for (size_t i = kNodesPerSlab - 1; i >= 1; --i) {
+    DispatchNode* node = ::new (&nodes[i]) DispatchNode();
+    node->next.store(tlFreeNodes, std::memory_order_relaxed);
+    tlFreeNodes = node;
+  }
+  return ::new (&nodes[0]) DispatchNode();
 }
 void deleteNode(DispatchNode* node) noexcept {
+  auto* slab =
+      reinterpret_cast<SlabHeader*>(reinterpret_cast<uintptr_t>(node) & ~(uintptr_t{kSlabBytes} - 1));
   node->~DispatchNode();
-  ::operator delete(node, kNodeAlignment);
+  if (slab->released.fetch_add(1, std::memory_order_acq_rel) + 1 == kNodesPerSlab) {
+    slab->~SlabHeader();
+    std::free(slab);
+  }
 }
 
-// Nodes returned by workers, pushed one at a time, taken by producers all at once
-// (taking the whole list makes the stack immune to the ABA problem).
 struct NodePool {
   alignas(64) std::atomic<DispatchNode*> head{nullptr};
   alignas(64) std::atomic<size_t> count{0};  // approximate: used only to bound the pool
@@ -66,9 +95,8 @@ NodePool& pool() {
   return *p;
 }
 
-// The calling thread's free nodes, linked through `next`.
-thread_local DispatchNode* tlFreeNodes __attribute__((tls_model("initial-exec"))) = nullptr;
 thread_local bool tlCacheClosed __attribute__((tls_model("initial-exec"))) = false;
+thread_local bool tlReaperArmed __attribute__((tls_model("initial-exec"))) = false;
 
 // Frees the thread's cache when the thread ends.
 struct CacheReaper {
@@ -82,31 +110,62 @@ struct CacheReaper {
 };
 
 DispatchNode* acquireSlow() {
-  if (tlCacheClosed) return newNode();
-  static thread_local CacheReaper reaper;
-  (void)reaper;
+  if (tlCacheClosed) {
+    DispatchNode* node = newNode();  // the rest of the slab is freed at once: nothing caches it now
+    while (DispatchNode* spare = tlFreeNodes) {
+      tlFreeNodes = spare->next.load(std::memory_order_relaxed);
+      deleteNode(spare);
+    }
+    return node;
+  }
+  if (!tlReaperArmed) {
+    static thread_local CacheReaper reaper;
+    (void)reaper;
+    tlReaperArmed = true;
+  }
   NodePool& p = pool();
-  if (DispatchNode* stolen = p.head.exchange(nullptr, std::memory_order_acquire)) {
-    p.count.store(0, std::memory_order_relaxed);
-    tlFreeNodes = stolen->next.load(std::memory_order_relaxed);
-    return stolen;
+  if (p.head.load(std::memory_order_relaxed)) {
+    if (DispatchNode* stolen = p.head.exchange(nullptr, std::memory_order_acquire)) {
+      p.count.store(0, std::memory_order_relaxed);
+      tlFreeNodes = stolen->next.load(std::memory_order_relaxed);
+      return stolen;
+    }
   }
   return newNode();
 }
 
-// Called by workers with a node whose job has run.
-void recycle(DispatchNode* node) noexcept {
-  NodePool& p = pool();
-  if (p.count.load(std::memory_order_relaxed) >= kPooledNodesLimit) {
-    deleteNode(node);
-    return;
+// A worker's finished nodes, handed back to the pool in one exchange.
+struct RecycleBatch {
+  DispatchNode* first = nullptr;
+  DispatchNode* last = nullptr;
+  size_t count = 0;
+
+  void add(DispatchNode* node) noexcept {
+    node->next.store(first, std::memory_order_relaxed);
+    if (!first) last = node;
+    first = node;
+    if (++count >= kRecycleBatch) flush();
   }
-  p.count.fetch_add(1, std::memory_order_relaxed);
-  DispatchNode* head = p.head.load(std::memory_order_relaxed);
-  do {
-    node->next.store(head, std::memory_order_relaxed);
-  } while (!p.head.compare_exchange_weak(head, node, std::memory_order_release, std::memory_order_relaxed));
-}
+  void flush() noexcept {
+    if (!first) return;
+    NodePool& p = pool();
+    if (p.count.load(std::memory_order_relaxed) >= kPooledNodesLimit) {
+      while (DispatchNode* node = first) {
+        first = node->next.load(std::memory_order_relaxed);
+        deleteNode(node);
+      }
+    } else {
+      p.count.fetch_add(count, std::memory_order_relaxed);
+      DispatchNode* head = p.head.load(std::memory_order_relaxed);
+      do {
+        last->next.store(head, std::memory_order_relaxed);
+      } while (
+          !p.head.compare_exchange_weak(head, first, std::memory_order_release, std::memory_order_relaxed));
+    }
+    first = last = nullptr;
+    count = 0;
+  }
+};
 
 thread_local PXDispatchQueue* tlCurrentQueue = nullptr;
 
@@ -191,7 +250,9 @@ struct DispatchQueueCore {
     return nullptr;
   }
   bool isEmpty() const noexcept {
-    return tail.load(std::memory_order_seq_cst) == head && !head->next.load(std::memory_order_acquire);
+    // The link of our own last node first: it changes only when a job arrives,
+    // so spinning on it leaves the producers' tail alone.
+    return !head->next.load(std::memory_order_acquire) && tail.load(std::memory_order_seq_cst) == head;
   }
 
   // Returns false when the worker should end (stopping and drained).
@@ -212,18 +273,20 @@ struct DispatchQueueCore {
   }
 
   void run() noexcept {
+    RecycleBatch finished;
     for (;;) {
       if (DispatchNode* node = pop()) {
         tlCurrentQueue = owner.load(std::memory_order_relaxed);
         node->run(node);  // a throwing job ends the process here (noexcept)
         tlCurrentQueue = nullptr;
-        recycle(node);
+        finished.add(node);
         continue;
       }
       if (!isEmpty()) {
         cpuRelax();  // a producer is linking its node
         continue;
       }
+      finished.flush();  // idle: give the nodes back before spinning and sleeping
       if (!park()) return;
     }
   }
