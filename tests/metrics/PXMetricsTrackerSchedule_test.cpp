@@ -29,6 +29,14 @@ constexpr double kNewYorkSpringEve = 731700000;       // 2024-03-09 13:00 EST
 constexpr double kNewYorkSpringMidnight = 731739601;  // 2024-03-10 00:00:01 EST
 constexpr double kNewYorkAfterSpring = 731822401;     // 2024-03-11 00:00:01 EDT
 
+// The number of stored papercuts, read under the list's own lock (the metrics
+// queue appends to it).
+size_t storedPapercuts(PXMetricsTracker& tracker) {
+  PXRef<PXMutableArray> cuts = tracker.paperCuts();
+  std::lock_guard lock(cuts->monitor());
+  return cuts->count();
+}
+
 void useZone(const char* zone) {
   setenv("TZ", zone, 1);
   PXCalendar::resetTimeZone();
@@ -100,8 +108,7 @@ TEST_F(PXMetricsTrackerScheduleTest, TimerCutsTheDaysPapercutAtMidnightStampedWi
   armedTimer(*tracker);
 
   // Let virtual time run to the firing: 00:00:01 of day 2.
-  ASSERT_TRUE(
-      PXRunLoopUntil([&] { return tracker->paperCuts()->count() == 1; }, {.maxVirtualSeconds = 86400}));
+  ASSERT_TRUE(PXRunLoopUntil([&] { return storedPapercuts(*tracker) == 1; }, {.maxVirtualSeconds = 86400}));
   tracker->settleOutstandingOperationsWithOperationSync();
   EXPECT_EQ(clock.now(), PXDate(kBerlinSpringMidnight));
   PXRef<PXDictionary> cut = tracker->paperCuts()->objectAtIndex(0).dictionaryValue();
@@ -142,7 +149,7 @@ TEST_F(PXMetricsTrackerScheduleTest, WakeAfterSleepingAcrossMidnightFiresAtOnce)
   bus.emitSignal("org.freedesktop.login1", "/org/freedesktop/login1", "org.freedesktop.login1.Manager",
                  "PrepareForSleep", "b", {g_variant_new_boolean(FALSE)});
   ASSERT_TRUE(PXRunLoopUntil([&] { return woke; }));
-  ASSERT_TRUE(PXRunLoopUntil([&] { return tracker->paperCuts()->count() == 1; }));
+  ASSERT_TRUE(PXRunLoopUntil([&] { return storedPapercuts(*tracker) == 1; }));
   EXPECT_EQ(clock.now(), PXDate(kBerlinSpringEve + 10 * 3600)) << "fired on waking, without moving time on";
   ASSERT_TRUE(PXRunLoopUntil([&] { return tracker->automaticPapercutTimer() != timer; }));
   tracker->automaticPapercutTimer()->invalidate();
