@@ -11,6 +11,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "json/internal/JSONContainers.h"
@@ -233,10 +234,11 @@ class Parser {
       return;
     }
     bool ok;
+    const Place top{Place::Result, 0, &result};
     if (*p_ == '[') {
-      ok = parseArray(1, result);
+      ok = parseArray(1, top);
     } else if (*p_ == '{') {
-      ok = parseObject(1, result);
+      ok = parseObject(1, top);
     } else {
       fail(kMessageExpectedContainer, p_);
       return;
@@ -246,8 +248,38 @@ class Parser {
     if (!failed_ && p_ < end_) fail(kMessageTrailingText, p_);
   }
 
+  // ---- Places --------------------------------------------------------------
+  // Where a parsed value goes. Values are constructed in the slot they keep until
+  // their container is built (an array's stack, a dictionary entry, the result),
+  // never in a temporary that is then copied: the value constructors write their
+  // bytes piecemeal, and reading them back at once right after stalls the CPU.
+  struct Place {
+    enum Mode : uint8_t { ArrayElement, DictionaryValue, Result } mode;
+    size_t index;     // the entry, for DictionaryValue
+    PXValue* result;  // for Result
+  };
+
+  template <class... Args>
+  [[gnu::always_inline]] void construct(const Place& place, Args&&... args) {
+    switch (place.mode) {
+      case Place::ArrayElement:
+        st_.values.emplace_back(std::forward<Args>(args)...);
+        return;
+      case Place::DictionaryValue: {
+        PXValue* slot = &st_.entries[place.index].second;  // absent until now
+        slot->~PXValue();
+        new (slot) PXValue(std::forward<Args>(args)...);
+        return;
+      }
+      case Place::Result:
+        place.result->~PXValue();
+        new (place.result) PXValue(std::forward<Args>(args)...);
+        return;
+    }
+  }
+
   // ---- Containers ----------------------------------------------------------
-  bool parseArray(size_t depth, PXValue& out) {
+  bool parseArray(size_t depth, const Place& place) {
     if (depth > kPXJSONMaxDepth) return fail(kMessageUnableToParse, p_);
     ++p_;  // '['
     const size_t base = st_.values.size();
@@ -259,7 +291,7 @@ class Parser {
       if (c == ']') {
         if (!(state & kAcceptEnd)) return fail(kMessageUnexpectedArrayEnd, p_);
         ++p_;
-        finishArray(base, out);
+        finishArray(base, place);
         return true;
       }
       if (c == ',') {
@@ -271,21 +303,18 @@ class Parser {
       if (c == '}' || c == ':') return failExpected(state, kWordValue, kWordArrayEnd, p_, 1);
       if (!isValueStart(c)) return fail(kMessageUnexpectedToken, p_);
       if (!(state & kAcceptValue)) return fail(kMessageUnexpectedValue, p_);
-      // Parsed into a local: nested containers grow the stack underneath.
-      PXValue value;
-      if (!parseValue(c, depth, value)) return false;
-      st_.values.push_back(std::move(value));
+      if (!parseValue(c, depth, Place{Place::ArrayElement, 0, nullptr})) return false;
       state = kAcceptComma | kAcceptEnd;
     }
   }
 
-  void finishArray(size_t base, PXValue& out) {
+  void finishArray(size_t base, const Place& place) {
     std::vector<PXValue>& values = st_.values;
     if (values.size() == base) {
       if constexpr (Mutable) {
-        out = PXValue(PXRef<PXObject>::adopt(new PXMutableArray()));
+        construct(place, PXRef<PXObject>::adopt(new PXMutableArray()));
       } else {
-        out = PXValue(PXArray::array());
+        construct(place, PXRef<PXObject>(PXArray::array()));
       }
       return;
     }
@@ -293,13 +322,13 @@ class Parser {
                                std::make_move_iterator(values.end()));
     values.erase(values.begin() + static_cast<ptrdiff_t>(base), values.end());
     if constexpr (Mutable) {
-      out = PXValue(PXRef<PXObject>::adopt(new PXMutableArray(std::move(items))));
+      construct(place, PXRef<PXObject>::adopt(new PXMutableArray(std::move(items))));
     } else {
-      out = PXValue(PXRef<PXObject>::adopt(new PXArray(std::move(items))));
+      construct(place, PXRef<PXObject>::adopt(new PXArray(std::move(items))));
     }
   }
 
-  bool parseObject(size_t depth, PXValue& out) {
+  bool parseObject(size_t depth, const Place& place) {
     if (depth > kPXJSONMaxDepth) return fail(kMessageUnableToParse, p_);
     ++p_;  // '{'
     const size_t base = st_.entries.size();
@@ -313,7 +342,10 @@ class Parser {
         StringToken key;
         if (!scanString(key)) return false;
         const uint64_t hash = hashBytes(key.data, key.length);
-        PXValue keyValue = makeString(key, hash);  // before the value reuses the scratch buffer
+        // The key goes in first (before the value reuses the scratch buffer), the
+        // value into its entry once read.
+        const size_t index = st_.entries.size();
+        emplaceKey(key, hash);
         skipWhitespace();
         if (p_ >= end_) return failEndOfBuffer();
         if (*p_ != ':') return fail(kMessageExpectedColon, p_);
@@ -326,17 +358,14 @@ class Parser {
             return failExpected(kAcceptValue, kWordValue, "", p_, 1);
           return fail(kMessageUnexpectedToken, p_);
         }
-        PXValue value;
-        if (!parseValue(c, depth, value)) return false;
-        st_.entries.emplace_back(std::move(keyValue), std::move(value));
-        st_.keyHashes.push_back(hash);
+        if (!parseValue(c, depth, Place{Place::DictionaryValue, index, nullptr})) return false;
         state = kAcceptComma | kAcceptEnd;
         continue;
       }
       if (c == '}') {
         if (!(state & kAcceptEnd)) return fail(kMessageUnexpectedObjectEnd, p_);
         ++p_;
-        finishObject(base, out);
+        finishObject(base, place);
         return true;
       }
       if (c == ',') {
@@ -358,14 +387,14 @@ class Parser {
     }
   }
 
-  void finishObject(size_t base, PXValue& out) {
+  void finishObject(size_t base, const Place& place) {
     std::vector<Entry>& entries = st_.entries;
     const size_t count = entries.size() - base;
     if (count == 0) {
       if constexpr (Mutable) {
-        out = PXValue(PXRef<PXObject>::adopt(new PXMutableDictionary()));
+        construct(place, PXRef<PXObject>::adopt(new PXMutableDictionary()));
       } else {
-        out = PXValue(PXDictionary::dictionary());
+        construct(place, PXRef<PXObject>(PXDictionary::dictionary()));
       }
       return;
     }
@@ -375,9 +404,9 @@ class Parser {
     entries.erase(entries.begin() + static_cast<ptrdiff_t>(base), entries.end());
     st_.keyHashes.resize(base);
     if constexpr (Mutable) {
-      out = PXValue(PXRef<PXObject>::adopt(new AdoptedMutableDictionary(std::move(items))));
+      construct(place, PXRef<PXObject>::adopt(new AdoptedMutableDictionary(std::move(items))));
     } else {
-      out = PXValue(PXRef<PXObject>::adopt(new AdoptedDictionary(std::move(items))));
+      construct(place, PXRef<PXObject>::adopt(new AdoptedDictionary(std::move(items))));
     }
   }
 
@@ -437,22 +466,23 @@ class Parser {
   }
 
   // ---- Values --------------------------------------------------------------
-  bool parseValue(uint8_t c, size_t depth, PXValue& out) {
+  bool parseValue(uint8_t c, size_t depth, const Place& place) {
     switch (c) {
       case '"': {
         StringToken s;
         if (!scanString(s)) return false;
-        if (s.length < StringCache::kMinLength) {
-          out = PXValue(std::string_view(reinterpret_cast<const char*>(s.data), s.length));
+        const std::string_view text(reinterpret_cast<const char*>(s.data), s.length);
+        if (const PXString* shared = sharedString(s)) {
+          construct(place, *shared);
         } else {
-          out = makeString(s, hashBytes(s.data, s.length));
+          construct(place, text);
         }
         return true;
       }
       case '[':
-        return parseArray(depth + 1, out);
+        return parseArray(depth + 1, place);
       case '{':
-        return parseObject(depth + 1, out);
+        return parseObject(depth + 1, place);
       case 't':
       case 'f':
       case 'n': {
@@ -460,14 +490,14 @@ class Parser {
         if (!matchLiteral(c, length)) return false;
         p_ += length;
         if (c == 'n') {
-          out = PXValue::null();
+          construct(place, PXValue::null());
         } else {
-          out = PXValue(c == 't');
+          construct(place, c == 't');
         }
         return true;
       }
       default:
-        return parseNumber(out);
+        return parseNumber(place);
     }
   }
 
@@ -481,17 +511,33 @@ class Parser {
     return fail(kMessageUnexpectedToken, p_);
   }
 
-  // A string value, shared through the cache when it is long enough to need an allocation.
-  PXValue makeString(const StringToken& s, uint64_t hash) {
+  // The cached string with these bytes, for strings long enough to need an
+  // allocation (and short enough to repeat); null for the others.
+  const PXString* sharedString(const StringToken& s, uint64_t hash = 0) {
+    if (s.length < StringCache::kMinLength || s.length > StringCache::kMaxLength) return nullptr;
+    if (hash == 0) hash = hashBytes(s.data, s.length);
     const std::string_view text(reinterpret_cast<const char*>(s.data), s.length);
-    if (s.length < StringCache::kMinLength || s.length > StringCache::kMaxLength) return PXValue(text);
     if (!st_.cache) st_.cache = std::make_unique<StringCache>();
     StringCache::Slot& slot = st_.cache->slots[hash & (StringCache::kSlots - 1)];
-    if (slot.hash == hash && slot.string.view() == text) return PXValue(slot.string);
-    PXString string(text);
-    slot.hash = hash;
-    slot.string = string;
-    return PXValue(string);
+    if (slot.hash != hash || slot.string.view() != text) {
+      slot.hash = hash;
+      slot.string = PXString(text);
+    }
+    return &slot.string;
+  }
+
+  // A dictionary entry with this key and, for now, no value.
+  void emplaceKey(const StringToken& key, uint64_t hash) {
+    if (const PXString* shared = sharedString(key, hash)) {
+      st_.entries.emplace_back(std::piecewise_construct, std::forward_as_tuple(*shared),
+                               std::forward_as_tuple());
+    } else {
+      st_.entries.emplace_back(
+          std::piecewise_construct,
+          std::forward_as_tuple(std::string_view(reinterpret_cast<const char*>(key.data), key.length)),
+          std::forward_as_tuple());
+    }
+    st_.keyHashes.push_back(hash);
   }
 
   // ---- Numbers -------------------------------------------------------------
@@ -507,6 +553,32 @@ class Parser {
     int exponent = 0;          // decimal exponent of the significand's last digit
   };
 
+  // Reads the run of digits at `q` (at least one) into the significand `w`,
+  // eight at a time where it can. Leading zeros are not significant digits; past
+  // 19 digits `w` is no longer exact and `digits` says so. With `exponent`
+  // (fraction digits), each digit also moves the decimal exponent down.
+  static void readDigits(const uint8_t*& q, const uint8_t* end, uint64_t& w, int& digits, int* exponent) {
+    while (end - q >= 8 && (w != 0 || *q != '0')) {  // leading zeros: one at a time, below
+      uint64_t chunk;
+      std::memcpy(&chunk, q, 8);
+      const int count = leadingDigitCount(chunk);
+      if (count == 0) return;
+      if (digits + count > 19) break;
+      w = w * kPowersOfTen[count] + leadingDigitsValue(chunk, count);
+      digits += count;
+      if (exponent) *exponent -= count;
+      q += count;
+      if (count < 8) return;
+    }
+    while (q < end && isDigit(*q)) {
+      const unsigned d = static_cast<unsigned>(*q - '0');
+      if (digits < 20) w = w * 10 + d;
+      if (digits != 0 || d != 0) ++digits;
+      if (exponent) --*exponent;
+      ++q;
+    }
+  }
+
   bool scanNumber(NumberScan& n) {
     const uint8_t* q = p_;
     const uint8_t* const end = end_;
@@ -521,18 +593,7 @@ class Parser {
       ++q;
       if (q < end && isDigit(*q)) return fail(kMessageInvalidNumber, p_);
     } else if (isDigit(*q)) {
-      do {
-        uint64_t chunk;
-        if (digits <= 11 && end - q >= 8 && (std::memcpy(&chunk, q, 8), isEightDigits(chunk))) {
-          w = w * 100000000 + eightDigitsValue(chunk);
-          digits += 8;
-          q += 8;
-          continue;
-        }
-        w = w * 10 + static_cast<unsigned>(*q - '0');  // wraps past 19 digits; `digits` says so
-        ++digits;
-        ++q;
-      } while (q < end && isDigit(*q));
+      readDigits(q, end, w, digits, nullptr);
     } else {
       return fail(kMessageInvalidNumber, p_);
     }
@@ -541,21 +602,7 @@ class Parser {
       n.isFloat = true;
       ++q;
       if (q >= end || !isDigit(*q)) return fail(kMessageInvalidNumber, p_);
-      do {
-        uint64_t chunk;
-        if (w != 0 && digits <= 11 && end - q >= 8 && (std::memcpy(&chunk, q, 8), isEightDigits(chunk))) {
-          w = w * 100000000 + eightDigitsValue(chunk);
-          digits += 8;
-          exponent -= 8;
-          q += 8;
-          continue;
-        }
-        const unsigned d = static_cast<unsigned>(*q - '0');
-        if (digits < 20) w = w * 10 + d;
-        if (digits != 0 || d != 0) ++digits;
-        --exponent;
-        ++q;
-      } while (q < end && isDigit(*q));
+      readDigits(q, end, w, digits, &exponent);
     }
     if (q < end && (*q | 0x20) == 'e') {
       n.isFloat = true;
@@ -585,7 +632,7 @@ class Parser {
     return true;
   }
 
-  bool parseNumber(PXValue& out) {
+  bool parseNumber(const Place& place) {
     NumberScan n;
     if (!scanNumber(n)) return false;
     const uint8_t* start = p_;
@@ -593,26 +640,26 @@ class Parser {
     if (!n.isFloat) {
       if (n.digits <= 19) {
         if (!n.negative) {
-          out = PXValue(static_cast<unsigned long long>(n.significand));
+          construct(place, static_cast<unsigned long long>(n.significand));
           return true;
         }
         if (n.significand == 0) {  // "-0" is read as the double -0.0, which keeps its sign
-          out = PXValue(-0.0);
+          construct(place, -0.0);
           return true;
         }
         if (n.significand <= static_cast<uint64_t>(INT64_MAX) + 1) {
-          out = PXValue(static_cast<long long>(0 - n.significand));
+          construct(place, static_cast<long long>(0 - n.significand));
           return true;
         }
       }
     } else if (n.digits <= 19) {
       if (n.significand == 0) {
-        out = PXValue(n.negative ? -0.0 : 0.0);
+        construct(place, n.negative ? -0.0 : 0.0);
         return true;
       }
       double d;
       if (decimalToDouble(n.significand, n.exponent, n.negative, d)) {
-        out = PXValue(d);
+        construct(place, d);
         return true;
       }
     }
@@ -625,13 +672,13 @@ class Parser {
     }
     switch (number.kind) {
       case NumberValue::Kind::Signed:
-        out = PXValue(static_cast<long long>(number.i));
+        construct(place, static_cast<long long>(number.i));
         break;
       case NumberValue::Kind::Unsigned:
-        out = PXValue(static_cast<unsigned long long>(number.u));
+        construct(place, static_cast<unsigned long long>(number.u));
         break;
       case NumberValue::Kind::Double:
-        out = PXValue(number.d);
+        construct(place, number.d);
         break;
     }
     return true;

@@ -4,6 +4,7 @@
 #include <pxkit/platform/PXFormat.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <vector>
@@ -24,18 +25,23 @@ namespace {
 
 constexpr char kHexDigits[] = "0123456789abcdef";
 
-// The output: a byte vector written through a cursor. Room is made in chunks
-// before each write, so the writes themselves are plain stores.
+// The output: a growable byte buffer written through a cursor. Room is made in
+// chunks before each write, so the writes themselves are plain stores. It grows
+// with realloc (large blocks move without copying) and is never zero-filled; the
+// result object gets one copy at the end.
 class Output {
  public:
-  Output() { bytes_.resize(kInitialSize); }
+  Output() = default;
+  Output(const Output&) = delete;
+  Output& operator=(const Output&) = delete;
+  ~Output() { std::free(bytes_); }
 
   // At least `n` writable bytes at the returned cursor; finish with commit().
   char* reserve(size_t n) {
-    if (bytes_.size() - used_ < n) grow(n);
-    return reinterpret_cast<char*>(bytes_.data()) + used_;
+    if (capacity_ - used_ < n) grow(n);
+    return bytes_ + used_;
   }
-  void commit(char* end) { used_ = static_cast<size_t>(end - reinterpret_cast<char*>(bytes_.data())); }
+  void commit(char* end) { used_ = static_cast<size_t>(end - bytes_); }
   void put(char c) {
     char* p = reserve(1);
     *p = c;
@@ -47,20 +53,20 @@ class Output {
     commit(p + n);
   }
 
-  std::string_view view() const { return {reinterpret_cast<const char*>(bytes_.data()), used_}; }
-  std::vector<uint8_t> take() {
-    bytes_.resize(used_);
-    return std::move(bytes_);
-  }
+  std::string_view view() const { return {bytes_ ? bytes_ : "", used_}; }
 
  private:
-  static constexpr size_t kInitialSize = 256;
+  static constexpr size_t kInitialSize = 4096;
   void grow(size_t n) {
-    size_t size = bytes_.size() * 2;
-    while (size - used_ < n) size *= 2;
-    bytes_.resize(size);
+    size_t capacity = capacity_ ? capacity_ * 2 : kInitialSize;
+    while (capacity - used_ < n) capacity *= 2;
+    void* grown = std::realloc(bytes_, capacity);
+    if (!grown) throw std::bad_alloc();
+    bytes_ = static_cast<char*>(grown);
+    capacity_ = capacity;
   }
-  std::vector<uint8_t> bytes_;
+  char* bytes_ = nullptr;
+  size_t capacity_ = 0;
   size_t used_ = 0;
 };
 
@@ -271,10 +277,11 @@ class Serializer {
   }
 
   void newline(size_t depth) {
+    static constexpr char kSpaces[] = "                ";  // sixteen
     const size_t width = depth * 2;
-    char* w = out_.reserve(width + 1);
+    char* w = out_.reserve(width + 1 + 16);
     *w++ = '\n';
-    std::memset(w, ' ', width);
+    for (size_t i = 0; i < width; i += 16) std::memcpy(w + i, kSpaces, 16);  // may write past: slack
     out_.commit(w + width);
   }
 
@@ -383,7 +390,7 @@ PXRef<PXData> serializeToData(const PXValue& object, JSONSerializeOptionFlags op
     Serializer serializer(options, formatter);
     if (run(serializer, object, formatter, collectionEntry, includeQuotes, message)) {
       try {
-        return PXData::dataWithBytes(serializer.output().take());
+        return PXData::dataWithBytes(serializer.output().view().data(), serializer.output().view().size());
       } catch (const std::bad_alloc&) {
         message = kMessageDataObjectMemory;
       }

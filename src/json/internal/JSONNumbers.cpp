@@ -114,23 +114,24 @@ bool seventeenDigits(uint64_t bits, uint64_t& digits, int& exponent10) noexcept 
 }  // namespace
 
 char* writeUInt64(uint64_t value, char* out) noexcept {
-  char buffer[24];
-  char* end = buffer + sizeof buffer;
-  char* p = end;
+  // The number of digits from the bit length, corrected by one comparison.
+  const int bits = 64 - __builtin_clzll(value | 1);
+  int length = (bits * 1233) >> 12;  // floor(bits * log10(2))
+  if (length < 19 && value >= kPow10[length]) ++length;
+  if (length == 19 && value >= kPow10[19]) length = 20;
+  if (length == 0) length = 1;
+  char* p = out + length;
   while (value >= 100) {
     p -= 2;
     std::memcpy(p, kDigitPairs + 2 * (value % 100), 2);
     value /= 100;
   }
   if (value >= 10) {
-    p -= 2;
-    std::memcpy(p, kDigitPairs + 2 * value, 2);
+    std::memcpy(p - 2, kDigitPairs + 2 * value, 2);
   } else {
-    *--p = static_cast<char>('0' + value);
+    p[-1] = static_cast<char>('0' + value);
   }
-  const size_t n = static_cast<size_t>(end - p);
-  std::memcpy(out, p, n);
-  return out + n;
+  return out + length;
 }
 
 char* writeInt64(int64_t value, char* out) noexcept {

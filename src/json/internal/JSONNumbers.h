@@ -40,6 +40,45 @@ inline uint32_t eightDigitsValue(uint64_t chunk) noexcept {
   return static_cast<uint32_t>(chunk);
 }
 
+// How many of the 8 bytes, from the first, are ASCII digits (0 to 8).
+inline int leadingDigitCount(uint64_t chunk) noexcept {
+  // Per byte, nonzero when it is not a digit. A carry out of a byte only
+  // disturbs the bytes after a non-digit, which are not counted anyway.
+  const uint64_t notDigit =
+      ((chunk & 0xF0F0F0F0F0F0F0F0ull) ^ 0x3030303030303030ull) |
+      (((chunk + 0x0606060606060606ull) & 0xF0F0F0F0F0F0F0F0ull) ^ 0x3030303030303030ull);
+  return notDigit == 0 ? 8 : __builtin_ctzll(notDigit) / 8;
+}
+
+// The value of the first `count` (1 to 8) bytes of the chunk, all ASCII digits.
+inline uint32_t leadingDigitsValue(uint64_t chunk, int count) noexcept {
+  if (count == 8) return eightDigitsValue(chunk);
+  // Move the digits to the end and put '0's before them.
+  const int shift = 8 * (8 - count);
+  return eightDigitsValue((chunk << shift) | (0x3030303030303030ull >> (8 * count)));
+}
+
+inline constexpr uint64_t kPowersOfTen[] = {1ull,
+                                            10ull,
+                                            100ull,
+                                            1000ull,
+                                            10000ull,
+                                            100000ull,
+                                            1000000ull,
+                                            10000000ull,
+                                            100000000ull,
+                                            1000000000ull,
+                                            10000000000ull,
+                                            100000000000ull,
+                                            1000000000000ull,
+                                            10000000000000ull,
+                                            100000000000000ull,
+                                            1000000000000000ull,
+                                            10000000000000000ull,
+                                            100000000000000000ull,
+                                            1000000000000000000ull,
+                                            10000000000000000000ull};
+
 // 5^q as a 128-bit significand and a binary exponent, 5^q = significand * 2^exponent
 // with the significand in [2^127, 2^128): exact for q >= 0, rounded down by less
 // than one unit for q < 0.
@@ -95,7 +134,7 @@ inline constexpr PowersOfFive kPowersOfFive{};
 // only where this quick method cannot decide (exponents outside [-27, 55], rare
 // near-ties, subnormal or overflowing results), and the caller then uses the
 // general converter.
-inline bool decimalToDouble(uint64_t w, int q, bool negative, double& out) noexcept {
+[[gnu::always_inline]] inline bool decimalToDouble(uint64_t w, int q, bool negative, double& out) noexcept {
   // Exact operands and one correctly rounded operation.
   static constexpr double kExactPowers[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
                                             1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
