@@ -126,7 +126,8 @@ class Parser {
         comments_((options & kPXJSONParseOptionComments) != 0),
         unicodeNewlines_((options & kPXJSONParseOptionUnicodeNewlines) != 0),
         looseUnicode_((options & kPXJSONParseOptionLooseUnicode) != 0),
-        permitTrailingText_((options & kPXJSONParseOptionPermitTextAfterValidJSON) != 0) {}
+        permitTrailingText_((options & kPXJSONParseOptionPermitTextAfterValidJSON) != 0),
+        plainWhitespaceOnly_(!comments_ && !unicodeNewlines_) {}
 
   // The document's value, or absent with message() and errorIndex() set.
   PXValue parseDocument() {
@@ -168,15 +169,27 @@ class Parser {
   }
 
   // ---- White space ---------------------------------------------------------
-  // Inline for the common case: the next byte already starts a token.
+  // Inline for the common cases: the next byte already starts a token, or one
+  // space stands before it (as after a colon in indented documents).
   void skipWhitespace() {
-    if (p_<end_&& * p_> ' ' && ((*p_ != '/' && *p_ < 0x80) || (!comments_ && !unicodeNewlines_))) return;
+    if (p_ < end_) {
+      const uint8_t c = *p_;
+      if (c > ' ') {
+        if (plainWhitespaceOnly_ || (c != '/' && c < 0x80)) return;
+      } else if (c == ' ' && end_ - p_ > 1) {
+        const uint8_t next = p_[1];
+        if (next > ' ' && (plainWhitespaceOnly_ || (next != '/' && next < 0x80))) {
+          ++p_;
+          return;
+        }
+      }
+    }
     skipWhitespaceRun();
   }
 
   [[gnu::noinline]] void skipWhitespaceRun() {
     p_ = skipPlainWhitespace(p_, end_);
-    if (!comments_ && !unicodeNewlines_) return;
+    if (plainWhitespaceOnly_) return;
     while (p_ < end_ && (*p_ == '/' || *p_ >= 0x80) && skipExtendedWhitespace()) {
       p_ = skipPlainWhitespace(p_, end_);
     }
@@ -314,7 +327,8 @@ class Parser {
       if constexpr (Mutable) {
         construct(place, PXRef<PXObject>::adopt(new PXMutableArray()));
       } else {
-        construct(place, PXRef<PXObject>(PXArray::array()));
+        if (!emptyArray_) emptyArray_ = PXValue(PXArray::array());
+        construct(place, emptyArray_);  // one shared empty array: a copy is one count
       }
       return;
     }
@@ -394,7 +408,8 @@ class Parser {
       if constexpr (Mutable) {
         construct(place, PXRef<PXObject>::adopt(new PXMutableDictionary()));
       } else {
-        construct(place, PXRef<PXObject>(PXDictionary::dictionary()));
+        if (!emptyDictionary_) emptyDictionary_ = PXValue(PXDictionary::dictionary());
+        construct(place, emptyDictionary_);
       }
       return;
     }
@@ -854,7 +869,9 @@ class Parser {
   const bool unicodeNewlines_;
   const bool looseUnicode_;
   const bool permitTrailingText_;
+  const bool plainWhitespaceOnly_;  // neither comments nor Unicode line breaks
   bool failed_ = false;
+  PXValue emptyArray_, emptyDictionary_;  // the shared empty immutable containers, once fetched
   PXString message_;
   size_t errorIndex_ = 0;
 };

@@ -199,6 +199,27 @@ TEST(JSONNumbers, IntegersMatchTheirDecimalText) {
   }
 }
 
+TEST(JSONNumbers, EightByteDigitRunsMatchOneByteAtATime) {
+  std::mt19937_64 rng(5);
+  const char alphabet[] = "0123456789012345678901234567890123456789.eE+-,]} \x7f\xff/:";
+  for (int i = 0; i < 200000; ++i) {
+    char bytes[8];
+    for (char& b : bytes) b = alphabet[rng() % (sizeof alphabet - 1)];
+    if (rng() % 4 == 0) bytes[rng() % 8] = static_cast<char>(rng());  // any byte at all
+    uint64_t chunk;
+    std::memcpy(&chunk, bytes, 8);
+    int count = 0;
+    uint32_t value = 0;
+    while (count < 8 && bytes[count] >= '0' && bytes[count] <= '9')
+      value = value * 10 + (bytes[count++] - '0');
+    ASSERT_EQ(leadingDigitCount(chunk), count) << std::string(bytes, 8);
+    ASSERT_EQ(isEightDigits(chunk), count == 8);
+    if (count > 0) {
+      ASSERT_EQ(leadingDigitsValue(chunk, count), value) << std::string(bytes, 8);
+    }
+  }
+}
+
 TEST(JSONNumbers, ConversionReportsTokensItCannotConsume) {
   // The scanner only hands over grammatical tokens, so this is the converter's own guard.
   NumberValue number;

@@ -133,9 +133,6 @@ inline constexpr WhitespaceBytes kWhitespaceBytes{};
 // The first byte in [p, end) that is not JSON white space. Indented documents
 // have long runs of it, compact ones none or a single space.
 inline const uint8_t* skipPlainWhitespace(const uint8_t* p, const uint8_t* end) noexcept {
-  if (p >= end || !kWhitespaceBytes.table[*p]) return p;
-  ++p;
-  if (p >= end || !kWhitespaceBytes.table[*p]) return p;
 #if defined(__SSE2__)
   const __m128i space = _mm_set1_epi8(' ');
   const __m128i newline = _mm_set1_epi8('\n');
