@@ -94,15 +94,19 @@ namespace {
 void writeUnifiedID(std::string& out, std::string_view identifier, std::string_view primary,
                     std::string_view secondary) {
   if (identifier.data() == nullptr) identifier = "(null)";
-  out.clear();
-  out.reserve(identifier.size() + primary.size() + secondary.size() + 8);
-  out.append("{")
-      .append(identifier)
-      .append("}-{")
-      .append(primary)
-      .append("}-{")
-      .append(secondary)
-      .append("}");
+  out.resize(identifier.size() + primary.size() + secondary.size() + 8);
+  char* at = out.data();
+  auto put = [&at](std::string_view text) {
+    if (!text.empty()) std::memcpy(at, text.data(), text.size());
+    at += text.size();
+  };
+  put("{");
+  put(identifier);
+  put("}-{");
+  put(primary);
+  put("}-{");
+  put(secondary);
+  put("}");
 }
 
 // A metric identity copied into a queued operation: inline when short (the

@@ -31,8 +31,8 @@ using RegistrationRef = std::shared_ptr<ObservationRegistration>;
 ObservationInfo* infoIfPresent(const PXObject& object) {
   ObjectExtras* extras = pxkit::internal::extrasIfPresent(object);
   if (!extras) return nullptr;
-  std::lock_guard lock(extras->mutex);  // the state is created under this mutex
-  return static_cast<ObservationInfo*>(extras->observation.get());
+  // Published once, after it is made, and kept until the object goes.
+  return static_cast<ObservationInfo*>(extras->publishedObservation.load(std::memory_order_acquire));
 }
 
 ObservationInfo& infoFor(const PXObject& object) {

@@ -25,6 +25,7 @@ PXObject::~PXObject() {
   // (destruction blocks) that look at other objects.
   std::vector<Association> associations = std::move(extras->associations);
   associations.clear();
+  extras->publishedObservation.store(nullptr, std::memory_order_relaxed);
   extras->observation.reset();
   if (WeakControl* weak = extras->weak.load(std::memory_order_acquire))
     pxkit::internal::weakControlRelease(weak);
@@ -117,7 +118,7 @@ PXRef<PXObject> PXObject::mutableCopy() const {
 
 // ---- Monitor ----------------------------------------------------------------
 
-std::recursive_mutex& PXObject::monitor() const {
+PXMonitor& PXObject::monitor() const {
   return extras().monitor;
 }
 

@@ -28,6 +28,7 @@
 
 #include <pxkit/export.h>
 #include <pxkit/platform/PXClass.h>
+#include <pxkit/platform/PXMonitor.h>
 #include <pxkit/platform/PXRef.h>
 #include <pxkit/platform/PXValue.h>
 
@@ -111,7 +112,7 @@ class PXKIT_EXPORT PXObject {
 
   // ---- Monitor -----------------------------------------------------------
   // The object's recursive monitor, made on first use: `std::lock_guard g(obj->monitor());`
-  std::recursive_mutex& monitor() const;
+  PXMonitor& monitor() const;
 
   // ---- Associated objects ------------------------------------------------
   // Sets (or, with an absent value, removes) the value associated under `key`.

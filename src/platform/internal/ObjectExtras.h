@@ -36,18 +36,24 @@ struct Association {
 };
 
 struct ObjectExtras {
-  std::recursive_mutex monitor;
+  PXMonitor monitor;
   std::mutex mutex;  // guards associations, weak and observation creation
   std::vector<Association> associations;
   std::atomic<WeakControl*> weak{nullptr};
   std::unique_ptr<ObservationState> observation;
+  // The same state, published once made, so that announcing a change of an
+  // object nobody observes costs one load and no lock.
+  std::atomic<ObservationState*> publishedObservation{nullptr};
 };
 
 // The observation state kept in `extras`, created on first use (under the extras mutex).
 template <class State>
 State& observationState(ObjectExtras& extras) {
   std::lock_guard lock(extras.mutex);
-  if (!extras.observation) extras.observation = std::make_unique<State>();
+  if (!extras.observation) {
+    extras.observation = std::make_unique<State>();
+    extras.publishedObservation.store(extras.observation.get(), std::memory_order_release);
+  }
   return static_cast<State&>(*extras.observation);
 }
 
