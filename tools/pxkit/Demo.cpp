@@ -661,7 +661,7 @@ int secondLaunch(const std::string& root) {
   if (!check(timer && midnight && timer->fireDate() == *midnight, "the daily timer is armed for 00:00:01")) {
     return 1;
   }
-  Console::field("timer", "armed for " + clockText(timer->fireDate()), 10);
+  Console::field("timer", "armed for " + clockText(timer->fireDate()), 12);
   Console::line("Running the main loop; the virtual clock moves on to the timer...");
   const PXDate periodStart = tracker->metricsTimeBase();
   // The loop lets virtual time move on to its next timer when idle; the timer
@@ -751,7 +751,10 @@ int PXKitDemo::run(bool keep, const std::string& self) {
   } else {
     std::error_code error;
     fs::remove_all(*root, error);
-    if (error) return fail("cannot remove " + *root + ": " + error.message()) ? 0 : 1;
+    if (error) {
+      fail("cannot remove " + *root + ": " + error.message());
+      return 1;
+    }
     Console::line("The demo's home is removed (pxkit demo --keep leaves it in place).");
   }
   Console::flush();
@@ -760,7 +763,10 @@ int PXKitDemo::run(bool keep, const std::string& self) {
 
 int PXKitDemo::runSecondLaunch(const std::string& root) {
   std::error_code error;
-  if (!fs::is_directory(homeDir(root), error)) return fail("no demo home at " + root) ? 0 : 1;
+  if (!fs::is_directory(homeDir(root), error)) {
+    fail("no demo home at " + root);
+    return 1;
+  }
   if (!enterDemoHome(root)) return 1;
   const int status = secondLaunch(root);
   Console::flush();

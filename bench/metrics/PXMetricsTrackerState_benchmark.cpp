@@ -1,0 +1,176 @@
+// The cost of the tracker's saved state as it grows: storeAsData and
+// restoreFromData for a large state (100,000 persisted metrics, a year of
+// stored papercuts) against one a tenth of its size (10,000 metrics, 36
+// papercuts). Both should grow linearly: about ten times the time for ten
+// times the state.
+//
+// The states are built in non-shared trackers inside a temporary home, on a
+// virtual clock that stands still, so no automatic papercut interferes.
+#include <pxkit/metrics/PXMetricsTracker.h>
+#include <pxkit/platform/PXBundle.h>
+#include <pxkit/platform/PXClock.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <map>
+#include <string>
+#include <utility>
+
+#include "support/PXBenchRatio.h"
+
+namespace {
+
+// Each stored papercut reports this many metrics (a day's worth of use).
+constexpr int kMetricsPerPapercut = 50;
+constexpr double kBenchClock = 771033600;  // 2025-06-08 00:00:00 UTC, seconds since 2001
+constexpr int64_t kLarge[] = {100000, 365};
+constexpr int64_t kSmall[] = {10000, 36};
+
+// HOME and the XDG directories in a fresh temporary tree for the whole run:
+// the trackers' user defaults and by-host preferences land there. Made before
+// the kit's first GLib call.
+class TemporaryHome {
+ public:
+  TemporaryHome() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "pxkit-bench-XXXXXX").string();
+    if (!mkdtemp(pattern.data())) std::abort();
+    root_ = pattern;
+    for (const char* name :
+         {"HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME"}) {
+      const std::string dir = root_ + "/" + name;
+      std::filesystem::create_directories(dir);
+      setenv(name, dir.c_str(), 1);
+    }
+    const std::string machineID = root_ + "/machine-id";
+    if (FILE* f = std::fopen(machineID.c_str(), "w")) {
+      std::fputs("3b8f5a1c9d2e4f6a7b0c1d2e3f4a5b6c\n", f);
+      std::fclose(f);
+    }
+    setenv("PXKIT_MACHINE_ID_PATH", machineID.c_str(), 1);
+  }
+  ~TemporaryHome() {
+    std::error_code ignored;
+    std::filesystem::remove_all(root_, ignored);
+  }
+
+ private:
+  std::string root_;
+};
+
+// A tracker with `metricCount` persisted metrics, every one with a value and
+// a third of them qualified, and `papercutCount` stored papercuts of one day
+// each, cut by the kit from a day's metrics.
+PXRef<PXMetricsTracker> makeState(int64_t metricCount, int64_t papercutCount) {
+  auto tracker = PXMake<PXMetricsTracker>();
+  for (int64_t i = 0; i < metricCount; ++i) {
+    const std::string identifier = "org.example.editor.metric." + std::to_string(i);
+    PXString primary = i % 3 == 0 ? PXString("primary." + std::to_string(i % 17)) : PXString();
+    PXRef<PXMetric> metric = tracker->metricForIdentifier(identifier, primary, {});
+    metric->setValue(static_cast<int32_t>(i % 1000 + 1));
+  }
+  auto day = PXMake<PXMetricsTracker>();
+  for (int i = 0; i < kMetricsPerPapercut; ++i) {
+    day->metricForIdentifier("org.example.editor.daily." + std::to_string(i), {}, {});
+  }
+  for (int64_t d = 0; d < papercutCount; ++d) {
+    PXRef<PXArray> dayMetrics = day->metrics();
+    for (const PXValue& value : *dayMetrics) {
+      static_cast<PXMetric*>(value.objectPointer())->setValue(static_cast<int32_t>(d + 1));
+    }
+    PXDate stamp(kBenchClock - 86400.0 * static_cast<double>(papercutCount - d));
+    tracker->_addPapercut(day->_papercutDictWithTimestamp(stamp, /*reset=*/false));
+  }
+  return tracker;
+}
+
+struct State {
+  PXRef<PXMetricsTracker> tracker;
+  PXRef<PXData> blob;
+};
+
+// Built once per size, dropped before the temporary home goes.
+std::map<std::pair<int64_t, int64_t>, State>& states() {
+  static std::map<std::pair<int64_t, int64_t>, State> all;
+  return all;
+}
+
+State& state(int64_t metricCount, int64_t papercutCount) {
+  State& s = states()[{metricCount, papercutCount}];
+  if (!s.tracker) {
+    s.tracker = makeState(metricCount, papercutCount);
+    s.blob = s.tracker->storeAsData();
+  }
+  return s;
+}
+
+void BM_State_StoreAsData(benchmark::State& bench) {
+  State& s = state(bench.range(0), bench.range(1));
+  if (!s.blob) return bench.SkipWithError("the state could not be stored");
+  for (auto _ : bench) {
+    PXRef<PXData> data = s.tracker->storeAsData();
+    benchmark::DoNotOptimize(data.get());
+  }
+  bench.counters["bytes"] = static_cast<double>(s.blob->length());
+}
+// The archive is made on the tracker's queue: the CPU column counts every thread of
+// the process. Ratios use the median wall time of the repetitions.
+BENCHMARK(BM_State_StoreAsData)
+    ->Args({kSmall[0], kSmall[1]})
+    ->Args({kLarge[0], kLarge[1]})
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
+    ->Repetitions(5)
+    ->ReportAggregatesOnly(true);
+
+void BM_State_RestoreFromData(benchmark::State& bench) {
+  State& s = state(bench.range(0), bench.range(1));
+  if (!s.blob) return bench.SkipWithError("the state could not be stored");
+  PXRef<PXMetricsTracker> fresh;
+  for (auto _ : bench) {
+    // A fresh tracker each time; making it (and dropping the last one) is not timed.
+    bench.PauseTiming();
+    fresh = {};
+    fresh = PXMake<PXMetricsTracker>();
+    bench.ResumeTiming();
+    if (!fresh->restoreFromData(s.blob)) return bench.SkipWithError("the state did not restore");
+  }
+  // After the timed loop: the last restore is complete.
+  const bool complete = fresh->metrics()->count() == static_cast<size_t>(bench.range(0)) &&
+                        fresh->paperCuts()->count() == static_cast<size_t>(bench.range(1));
+  if (!complete) bench.SkipWithError("the restored state is incomplete");
+}
+BENCHMARK(BM_State_RestoreFromData)
+    ->Args({kSmall[0], kSmall[1]})
+    ->Args({kLarge[0], kLarge[1]})
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
+    ->Repetitions(5)
+    ->ReportAggregatesOnly(true);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  TemporaryHome home;
+  PXClock::useVirtualClock(PXDate(kBenchClock));
+  PXBundle::setMainBundleIdentity("org.example.BenchEditor", "1.0", "1");
+  std::map<std::string, double> t = PXBenchRunAll(argc, argv);
+  // The median of the repetitions of one size ("BM_.../100000/365/process_time/repeats:5_median").
+  auto time = [&](const char* benchmark, const int64_t(&size)[2]) {
+    const std::string run =
+        std::string(benchmark) + "/" + std::to_string(size[0]) + "/" + std::to_string(size[1]) + "/";
+    for (const auto& [name, seconds] : t) {
+      if (name.starts_with(run) && name.ends_with("_median")) return seconds;
+    }
+    return 0.0;
+  };
+  auto ratio = [&](const char* name, const char* benchmark) {
+    const double large = time(benchmark, kLarge);
+    const double small = time(benchmark, kSmall);
+    if (large > 0 && small > 0) PXBenchReportRatio(name, large / small);
+  };
+  ratio("state-save-100k-vs-10k", "BM_State_StoreAsData");
+  ratio("state-restore-100k-vs-10k", "BM_State_RestoreFromData");
+  states().clear();
+  PXClock::useRealClock();
+  return 0;
+}
