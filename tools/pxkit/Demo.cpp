@@ -103,9 +103,11 @@ constexpr Fixed kFixedValues[] = {
 constexpr const char* kEditing = "demo.editing";
 constexpr const char* kEditingPrimary = "markdown";
 constexpr const char* kPreview = "demo.preview";
-constexpr double kEditingAutostop = 300;
-constexpr int32_t kEditingSeconds = 390;
+constexpr int32_t kEditingAutostop = 300;
+constexpr int32_t kEditingContinuedAfter = 90;
 constexpr int32_t kPreviewSeconds = 45;
+constexpr int32_t kFirstLaunchSeconds = 690;  // the first launch quits at 23:51:30
+constexpr int32_t kEditingSeconds = kEditingContinuedAfter + kEditingAutostop;
 
 std::string_view view(const char* text) {
   return text ? std::string_view(text) : std::string_view();
@@ -398,15 +400,15 @@ std::vector<std::string> recordUsage(PXMetricsTracker& tracker) {
   const PXDate began = PXDate::now();
   tracker.startOrContinueUsageWithAutostopAfterInterval(kEditingAutostop, kEditing, kEditingPrimary);
   at("start   demo.editing markdown  (stops by itself 300 s after the last call)");
-  advance(90);
+  advance(kEditingContinuedAfter);
   tracker.startOrContinueUsageWithAutostopAfterInterval(kEditingAutostop, kEditing, kEditingPrimary);
-  tracker.startOrContinueUsageWithAutostopAfterInterval(0, kPreview);
+  tracker.startOrContinueUsageWithAutostopAfterInterval(0, kPreview);  // no autostop: stopped below
   at("continue demo.editing markdown; start demo.preview");
   advance(kPreviewSeconds);
   tracker.stopUsageForIdentifier(kPreview);
   at("stop    demo.preview");
-  advance(555);
-  at("demo.editing stopped by itself at " + timeText(began + 90 + kEditingAutostop));
+  advance(kFirstLaunchSeconds - kEditingContinuedAfter - kPreviewSeconds);
+  at("demo.editing stopped by itself at " + timeText(began + kEditingSeconds));
   tracker.settleOutstandingOperationsWithOperationSync();
   return story;
 }
