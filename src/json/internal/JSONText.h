@@ -126,7 +126,9 @@ inline const uint8_t* findStringSpecial(const uint8_t* p, const uint8_t* end) no
 // The four white-space characters of JSON.
 struct WhitespaceBytes {
   bool table[256];
-  constexpr WhitespaceBytes() : table() { table[0x20] = table[0x09] = table[0x0A] = table[0x0D] = true; }  // space, tab, LF, CR
+  constexpr WhitespaceBytes() : table() {
+    table[0x20] = table[0x09] = table[0x0A] = table[0x0D] = true;
+  }  // space, tab, LF, CR
 };
 inline constexpr WhitespaceBytes kWhitespaceBytes{};
 
