@@ -3,6 +3,8 @@
 #include <pxkit/json/JSONSerializer.h>
 
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "json/JSONTestDocuments.h"
 #include "support/PXTestPaths.h"
@@ -121,4 +123,36 @@ TEST(JSONRoundTrip, AcceptedDocumentsReadBackEqualAfterWriting) {
     // Writing is stable: the second value writes the same text.
     ASSERT_EQ(JSONString(second), written);
   }
+}
+
+// Results are ordinary immutable values: any thread may read and write them out
+// while other threads decode with decoders of their own.
+TEST(JSONRoundTrip, ThreadsShareResultsAndKeepTheirOwnDecoders) {
+  JSONTestDocuments generator(4);
+  std::vector<PXValue> documents;
+  for (int i = 0; i < 20; ++i) documents.push_back(generator.value(4));
+  std::vector<std::string> texts;
+  for (const PXValue& doc : documents) texts.push_back(JSONString(doc).str());
+  const PXValue shared = objectFromJSONString(PXString(texts[0]));
+  ASSERT_TRUE(shared);
+  std::vector<std::thread> threads;
+  std::vector<int> mismatches(4, 0);
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      auto decoder = JSONDecoder::decoder();
+      for (int round = 0; round < 25; ++round) {
+        for (size_t i = 0; i < texts.size(); ++i) {
+          PXValue parsed = decoder->objectWithUTF8String(texts[i].data(), texts[i].size());
+          if (!parsed.isEqual(documents[i])) ++mismatches[t];
+        }
+        if (JSONString(shared).view() != texts[0]) ++mismatches[t];
+        if (shared.isDictionary() && shared.dictionaryValue()->count() > 0) {
+          const PXValue& key = shared.dictionaryValue()->entries().front().first;
+          if (!shared.dictionaryValue()->objectForKey(key)) ++mismatches[t];
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  for (int t = 0; t < 4; ++t) EXPECT_EQ(mismatches[t], 0) << "thread " << t;
 }
