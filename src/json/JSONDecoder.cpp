@@ -278,16 +278,25 @@ class Parser {
       case Place::ArrayElement:
         st_.values.emplace_back(std::forward<Args>(args)...);
         return;
-      case Place::DictionaryValue: {
-        PXValue* slot = &st_.entries[place.index].second;  // absent until now
-        slot->~PXValue();
-        new (slot) PXValue(std::forward<Args>(args)...);
+      case Place::DictionaryValue:
+        constructAt(&st_.entries[place.index].second, std::forward<Args>(args)...);  // absent until now
         return;
-      }
       case Place::Result:
-        place.result->~PXValue();
-        new (place.result) PXValue(std::forward<Args>(args)...);
+        constructAt(place.result, std::forward<Args>(args)...);
         return;
+    }
+  }
+
+  // Replaces the absent value in `slot`; if making the new one throws (out of
+  // memory), the slot holds an absent value again.
+  template <class... Args>
+  static void constructAt(PXValue* slot, Args&&... args) {
+    slot->~PXValue();
+    try {
+      new (slot) PXValue(std::forward<Args>(args)...);
+    } catch (...) {
+      new (slot) PXValue();
+      throw;
     }
   }
 
