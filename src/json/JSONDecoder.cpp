@@ -334,7 +334,7 @@ class Parser {
     std::vector<PXValue>& values = st_.values;
     if (values.size() == base) {
       if constexpr (Mutable) {
-        construct(place, PXRef<PXObject>::adopt(new PXMutableArray()));
+        construct(place, PXValue::adoptObject(new PXMutableArray()));
       } else {
         if (!emptyArray_) emptyArray_ = PXValue(PXArray::array());
         construct(place, emptyArray_);  // one shared empty array: a copy is one count
@@ -345,9 +345,9 @@ class Parser {
                                std::make_move_iterator(values.end()));
     values.erase(values.begin() + static_cast<ptrdiff_t>(base), values.end());
     if constexpr (Mutable) {
-      construct(place, PXRef<PXObject>::adopt(new PXMutableArray(std::move(items))));
+      construct(place, PXValue::adoptObject(new PXMutableArray(std::move(items))));
     } else {
-      construct(place, PXRef<PXObject>::adopt(new PXArray(std::move(items))));
+      construct(place, PXValue::adoptObject(new PXArray(std::move(items))));
     }
   }
 
@@ -415,7 +415,7 @@ class Parser {
     const size_t count = entries.size() - base;
     if (count == 0) {
       if constexpr (Mutable) {
-        construct(place, PXRef<PXObject>::adopt(new PXMutableDictionary()));
+        construct(place, PXValue::adoptObject(new PXMutableDictionary()));
       } else {
         if (!emptyDictionary_) emptyDictionary_ = PXValue(PXDictionary::dictionary());
         construct(place, emptyDictionary_);
@@ -428,9 +428,9 @@ class Parser {
     entries.erase(entries.begin() + static_cast<ptrdiff_t>(base), entries.end());
     st_.keyHashes.resize(base);
     if constexpr (Mutable) {
-      construct(place, PXRef<PXObject>::adopt(new AdoptedMutableDictionary(std::move(items))));
+      construct(place, PXValue::adoptObject(new AdoptedMutableDictionary(std::move(items))));
     } else {
-      construct(place, PXRef<PXObject>::adopt(new AdoptedDictionary(std::move(items))));
+      construct(place, PXValue::adoptObject(new AdoptedDictionary(std::move(items))));
     }
   }
 

@@ -77,6 +77,13 @@ class PXKIT_EXPORT PXValue {
   PXValue(const PXRef<PXObject>& object) noexcept;  // NOLINT(google-explicit-constructor)
   template <class T, class = std::enable_if_t<std::is_base_of_v<PXObject, T>>>
   PXValue(const PXRef<T>& object) noexcept : PXValue(PXRef<PXObject>(object)) {}  // NOLINT
+  // Takes over the one count the caller owns on `object` (non-null, not a PXData),
+  // adding and dropping none: for builders that have just made the object with `new`.
+  static PXValue adoptObject(PXObject* object) noexcept {
+    PXValue v;
+    v.setScalar(Kind::Object, object);
+    return v;
+  }
   // Nonsense conversions are refused rather than silently made booleans.
   PXValue(const void*) = delete;
   PXValue(std::nullptr_t) = delete;
