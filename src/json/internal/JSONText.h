@@ -140,12 +140,22 @@ inline const uint8_t* skipPlainWhitespace(const uint8_t* p, const uint8_t* end) 
   const __m128i newline = _mm_set1_epi8('\n');
   const __m128i carriageReturn = _mm_set1_epi8('\r');
   const __m128i tab = _mm_set1_epi8('\t');
-  while (end - p >= 16) {
-    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+  auto whiteMask = [&](const uint8_t* at) {
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
     const __m128i white =
         _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, space), _mm_cmpeq_epi8(v, newline)),
                      _mm_or_si128(_mm_cmpeq_epi8(v, carriageReturn), _mm_cmpeq_epi8(v, tab)));
-    const unsigned other = ~static_cast<unsigned>(_mm_movemask_epi8(white)) & 0xFFFFu;
+    return static_cast<uint32_t>(_mm_movemask_epi8(white));
+  };
+  // Thirty-two bytes per step: a line break and the indentation of an indented
+  // document usually end within the first step.
+  while (end - p >= 32) {
+    const uint32_t other = ~(whiteMask(p) | (whiteMask(p + 16) << 16));
+    if (other != 0) return p + __builtin_ctz(other);
+    p += 32;
+  }
+  if (end - p >= 16) {
+    const uint32_t other = ~whiteMask(p) & 0xFFFFu;
     if (other != 0) return p + __builtin_ctz(other);
     p += 16;
   }
