@@ -622,3 +622,40 @@ TEST(JSONDecoder, ADecoderIsReusableAndItsCacheOnlySharesStorage) {
   EXPECT_FALSE(decoder->objectWithUTF8String("[[[1,", 5));
   EXPECT_TRUE(decoder->objectWithUTF8String(text.data(), text.size()).isEqual(first));
 }
+
+// The scanners work in blocks of 16 and 32 bytes: runs ending at, across and
+// after block edges, and at the end of the input.
+TEST(JSONDecoder, RunsOfEveryLengthAroundBlockEdges) {
+  const char whiteSpace[] = " \t\n\r";
+  for (size_t n = 0; n <= 70; ++n) {
+    std::string run;
+    for (size_t i = 0; i < n; ++i) run += whiteSpace[i % 4];
+    SCOPED_TRACE(n);
+    PXValue doc = parse("[" + run + "1" + run + "," + run + "2" + run + "]" + run);
+    ASSERT_TRUE(doc.isArray());
+    ASSERT_EQ(doc.arrayValue()->count(), 2u);
+    PXErrorRef error;
+    EXPECT_FALSE(parse("[1]" + run + "x", 0, &error));
+    EXPECT_EQ(
+        error->localizedDescription(),
+        "A valid JSON object was parsed but there were additional non-white-space characters remaining.");
+    EXPECT_EQ(info(error, "PXJSONAtIndexKey").unsignedLongLongValue(), 3 + n);
+  }
+  // One special byte at every position of strings of every length up to 70.
+  const std::pair<std::string, std::string> specials[] = {
+      {"\\n", "\n"}, {"\\u00e9", "\xc3\xa9"}, {"\xc3\xa9", "\xc3\xa9"}, {"\xe4\xb8\xad", "\xe4\xb8\xad"}};
+  for (const auto& [raw, decoded] : specials) {
+    for (size_t length = 0; length <= 70; ++length) {
+      for (size_t at = 0; at <= length; ++at) {
+        const std::string text = std::string(at, 'a') + raw + std::string(length - at, 'b');
+        const std::string expected = std::string(at, 'a') + decoded + std::string(length - at, 'b');
+        ASSERT_EQ(only("[\"" + text + "\"]").stringValue(), expected) << text;
+      }
+      // And a control character there is found where it is.
+      PXErrorRef error;
+      const std::string bad = "[\"" + std::string(length, 'a') + "\x01\"]";
+      ASSERT_FALSE(parse(bad, 0, &error));
+      EXPECT_EQ(info(error, "PXJSONAtIndexKey").unsignedLongLongValue(), 2 + length);
+    }
+  }
+}
