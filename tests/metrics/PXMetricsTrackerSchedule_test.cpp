@@ -105,6 +105,7 @@ TEST_F(PXMetricsTrackerScheduleTest, TimerCutsTheDaysPapercutAtMidnightStampedWi
   PXDate dayOne = tracker->metricsTimeBase();
   tracker->updateMetricValue(3, "clicks");
   tracker->startOrContinueUsageWithAutostopAfterInterval(600, "editing");
+  tracker->settleOutstandingOperationsWithOperationSync();  // recorded at 21:00, before time moves
   armedTimer(*tracker);
 
   // Let virtual time run to the firing: 00:00:01 of day 2.
@@ -136,6 +137,7 @@ TEST_F(PXMetricsTrackerScheduleTest, WakeAfterSleepingAcrossMidnightFiresAtOnce)
   PXScopedVirtualClock clock{PXDate(kBerlinSpringEve)};
   auto tracker = PXMake<PXMetricsTracker>();
   tracker->updateMetricValue(1, "before.sleep");
+  tracker->settleOutstandingOperationsWithOperationSync();
   tracker->considerAutomaticPapercutWithSchedule(true);
   PXRef<PXTimer> timer = armedTimer(*tracker);
 
