@@ -119,6 +119,8 @@ class ArchiveEncoder {
     std::string rootBytes;
     if (!value(root, rootBytes, 0, /*isRoot=*/true)) return false;
     std::string payload;
+    // Sized once: each entry adds at most a 10-byte length prefix.
+    payload.reserve(10 + totalBytes_ + entries_.size() * 10 + rootBytes.size());
     appendVarint(payload, entries_.size());
     for (const std::string& entry : entries_) appendString(payload, entry);
     payload += rootBytes;
