@@ -257,8 +257,11 @@ struct DispatchQueueCore {
 
   // Returns false when the worker should end (stopping and drained).
   bool park() noexcept {
+    // Spin on the link a producer writes next, not on `tail`: a consumer that
+    // keeps reading `tail` pulls its cache line away from the producers, and
+    // every enqueue then pays a transfer for its exchange.
     for (int i = 0; i < kSpinsBeforeSleep; ++i) {
-      if (!isEmpty()) return true;
+      if (head->next.load(std::memory_order_acquire)) return true;
       cpuRelax();
     }
     state.store(kSleeping, std::memory_order_seq_cst);
