@@ -26,33 +26,12 @@ inline void writeFixedDigits(uint32_t value, char* out, int count) noexcept {
   }
 }
 
-constexpr uint64_t kPow10[] = {1ull,
-                               10ull,
-                               100ull,
-                               1000ull,
-                               10000ull,
-                               100000ull,
-                               1000000ull,
-                               10000000ull,
-                               100000000ull,
-                               1000000000ull,
-                               10000000000ull,
-                               100000000000ull,
-                               1000000000000ull,
-                               10000000000000ull,
-                               100000000000000ull,
-                               1000000000000000ull,
-                               10000000000000000ull,
-                               100000000000000000ull,
-                               1000000000000000000ull,
-                               10000000000000000000ull};
-
 __extension__ typedef unsigned __int128 u128;
 
 inline u128 pow10u128(int k) noexcept {
   // 10^k for 0 <= k <= 38.
-  if (k <= 19) return kPow10[k];
-  return static_cast<u128>(kPow10[19]) * kPow10[k - 19];
+  if (k <= 19) return kPowersOfTen[k];
+  return static_cast<u128>(kPowersOfTen[19]) * kPowersOfTen[k - 19];
 }
 
 // The 17 significant digits of a positive normal double, correctly rounded
@@ -117,8 +96,8 @@ char* writeUInt64(uint64_t value, char* out) noexcept {
   // The number of digits from the bit length, corrected by one comparison.
   const int bits = 64 - __builtin_clzll(value | 1);
   int length = (bits * 1233) >> 12;  // floor(bits * log10(2))
-  if (length < 19 && value >= kPow10[length]) ++length;
-  if (length == 19 && value >= kPow10[19]) length = 20;
+  if (length < 19 && value >= kPowersOfTen[length]) ++length;
+  if (length == 19 && value >= kPowersOfTen[19]) length = 20;
   if (length == 0) length = 1;
   char* p = out + length;
   while (value >= 100) {
@@ -160,8 +139,8 @@ char* writeDouble(double value, char* out) noexcept {
   }
   if (negative) *out++ = '-';
   char d[17];
-  d[0] = static_cast<char>('0' + n / kPow10[16]);
-  const uint64_t rest = n % kPow10[16];
+  d[0] = static_cast<char>('0' + n / kPowersOfTen[16]);
+  const uint64_t rest = n % kPowersOfTen[16];
   writeFixedDigits(static_cast<uint32_t>(rest / 100000000u), d + 1, 8);
   writeFixedDigits(static_cast<uint32_t>(rest % 100000000u), d + 9, 8);
   int last = 16;  // index of the last digit kept: "%g" drops trailing zeros
