@@ -146,9 +146,7 @@ int main(int argc, char** argv) {
     auto add = [&](const std::string& name, void (*run)(benchmark::State&, const Corpus&)) {
       benchmark::RegisterBenchmark((name + "/" + corpus->name).c_str(),
                                    [run, corpus](benchmark::State& state) { run(state, *corpus); })
-          ->Unit(benchmark::kMillisecond)
-          ->ComputeStatistics(
-              "min", [](const std::vector<double>& v) { return *std::min_element(v.begin(), v.end()); });
+          ->Unit(benchmark::kMillisecond);
     };
     add("BM_JSONParse_Immutable", parseImmutable);
     add("BM_JSONParse_Mutable", parseMutable);
@@ -167,13 +165,7 @@ int main(int argc, char** argv) {
   // Ours over the peer's throughput: the peer's time over ours.
   auto ratio = [&](const std::string& label, const std::string& ours, const std::string& peer,
                    const std::string& corpus) {
-    // With --benchmark_repetitions, the fastest repetition of each (the least
-    // disturbed by other work on the machine).
-    auto find = [&](const std::string& name) {
-      auto it = seconds.find(name + "_min");
-      return it != seconds.end() ? it : seconds.find(name);
-    };
-    auto a = find(ours + "/" + corpus), b = find(peer + "/" + corpus);
+    auto a = seconds.find(ours + "/" + corpus), b = seconds.find(peer + "/" + corpus);
     if (a == seconds.end() || b == seconds.end() || a->second <= 0) return;
     PXBenchReportRatio(label + "-" + corpus, b->second / a->second);
   };

@@ -113,14 +113,12 @@ void BM_State_StoreAsData(benchmark::State& bench) {
   bench.counters["bytes"] = static_cast<double>(s.blob->length());
 }
 // The archive is made on the tracker's queue: the CPU column counts every thread of
-// the process. Ratios use the median wall time of the repetitions.
+// the process. Ratios use wall time.
 BENCHMARK(BM_State_StoreAsData)
     ->Args({kSmall[0], kSmall[1]})
     ->Args({kLarge[0], kLarge[1]})
     ->Unit(benchmark::kMillisecond)
-    ->MeasureProcessCPUTime()
-    ->Repetitions(5)
-    ->ReportAggregatesOnly(true);
+    ->MeasureProcessCPUTime();
 
 void BM_State_RestoreFromData(benchmark::State& bench) {
   State& s = state(bench.range(0), bench.range(1));
@@ -143,9 +141,7 @@ BENCHMARK(BM_State_RestoreFromData)
     ->Args({kSmall[0], kSmall[1]})
     ->Args({kLarge[0], kLarge[1]})
     ->Unit(benchmark::kMillisecond)
-    ->MeasureProcessCPUTime()
-    ->Repetitions(5)
-    ->ReportAggregatesOnly(true);
+    ->MeasureProcessCPUTime();
 
 }  // namespace
 
@@ -154,12 +150,12 @@ int main(int argc, char** argv) {
   PXClock::useVirtualClock(PXDate(kBenchClock));
   PXBundle::setMainBundleIdentity("org.example.BenchEditor", "1.0", "1");
   std::map<std::string, double> t = PXBenchRunAll(argc, argv);
-  // The median of the repetitions of one size ("BM_.../100000/365/process_time/repeats:5_median").
+  // One size's time ("BM_.../100000/365/process_time").
   auto time = [&](const char* benchmark, const int64_t(&size)[2]) {
     const std::string run =
         std::string(benchmark) + "/" + std::to_string(size[0]) + "/" + std::to_string(size[1]) + "/";
     for (const auto& [name, seconds] : t) {
-      if (name.starts_with(run) && name.ends_with("_median")) return seconds;
+      if (name.starts_with(run)) return seconds;
     }
     return 0.0;
   };

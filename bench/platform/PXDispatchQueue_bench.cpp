@@ -143,15 +143,11 @@ void BM_CondvarQueue_Async(benchmark::State& state) {
 BENCHMARK(BM_DispatchQueue_Async)
     ->Setup(setUpDispatch)
     ->Teardown(tearDownDispatch)
-    ->Repetitions(5)
-    ->ReportAggregatesOnly(true)
     ->ThreadRange(1, 4)
     ->UseManualTime();
 BENCHMARK(BM_CondvarQueue_Async)
     ->Setup(setUpCondvar)
     ->Teardown(tearDownCondvar)
-    ->Repetitions(5)
-    ->ReportAggregatesOnly(true)
     ->ThreadRange(1, 4)
     ->UseManualTime();
 
@@ -159,9 +155,9 @@ BENCHMARK(BM_CondvarQueue_Async)
 
 int main(int argc, char** argv) {
   std::map<std::string, double> times = PXBenchRunAll(argc, argv);
-  // Medians of the repetitions, per producer count.
+  // Per producer count.
   for (int threads : {1, 2, 4}) {
-    const std::string suffix = "/repeats:5/manual_time/threads:" + std::to_string(threads) + "_median";
+    const std::string suffix = "/manual_time/threads:" + std::to_string(threads);
     auto dispatch = times.find("BM_DispatchQueue_Async" + suffix);
     auto condvar = times.find("BM_CondvarQueue_Async" + suffix);
     if (dispatch == times.end() || condvar == times.end() || condvar->second <= 0) continue;

@@ -11,8 +11,8 @@
 #include <map>
 #include <string>
 
-// Runs every registered benchmark and returns each run's seconds per iteration
-// (real time, adjusted for items when a benchmark reports them) by name.
+// Runs every registered benchmark and returns, by name, its real seconds per
+// iteration: the fastest repetition when run with --benchmark_repetitions.
 std::map<std::string, double> PXBenchRunAll(int argc, char** argv);
 // Prints and records "ratio <name>: <value>".
 void PXBenchReportRatio(const std::string& name, double value);
