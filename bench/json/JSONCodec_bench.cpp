@@ -144,9 +144,10 @@ int main(int argc, char** argv) {
   for (const Corpus& c : corpora) {
     const Corpus* corpus = &c;
     auto add = [&](const std::string& name, void (*run)(benchmark::State&, const Corpus&)) {
-      benchmark::RegisterBenchmark((name + "/" + corpus->name).c_str(),
-                                   [run, corpus](benchmark::State& state) { run(state, *corpus); })
-          ->Unit(benchmark::kMillisecond);
+      benchmark::RegisterBenchmark((name + "/" + corpus->name).c_str(), [run,
+                                                                         corpus](benchmark::State& state) {
+        run(state, *corpus);
+      })->Unit(benchmark::kMillisecond);
     };
     add("BM_JSONParse_Immutable", parseImmutable);
     add("BM_JSONParse_Mutable", parseMutable);
