@@ -20,9 +20,9 @@
 #include <bit>
 #include <cmath>
 #include <cstring>
+#include <deque>
 #include <limits>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "platform/internal/KeyedArchiveFormat.h"
@@ -38,19 +38,26 @@ using namespace archive;
 namespace archive {
 
 namespace {
-constexpr std::array<uint32_t, 256> makeCrcTable() {
-  std::array<uint32_t, 256> table{};
+// Slicing by eight: table k advances the CRC of a byte followed by k zero bytes,
+// so eight bytes are folded per step with eight independent lookups.
+using CrcTables = std::array<std::array<uint32_t, 256>, 8>;
+constexpr CrcTables makeCrcTables() {
+  CrcTables tables{};
   for (uint32_t n = 0; n < 256; ++n) {
     uint32_t c = n;
     for (int k = 0; k < 8; ++k) c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
-    table[n] = c;
+    tables[0][n] = c;
   }
-  return table;
+  for (uint32_t n = 0; n < 256; ++n) {
+    for (size_t k = 1; k < 8; ++k)
+      tables[k][n] = tables[0][tables[k - 1][n] & 0xFF] ^ (tables[k - 1][n] >> 8);
+  }
+  return tables;
 }
-constexpr std::array<uint32_t, 256> kCrcTable = makeCrcTable();
+constexpr CrcTables kCrcTables = makeCrcTables();
 
-void appendU32(std::vector<uint8_t>& out, uint32_t v) {
-  for (int i = 0; i < 4; ++i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
+void writeU32(uint8_t* out, uint32_t v) {
+  for (int i = 0; i < 4; ++i) out[i] = static_cast<uint8_t>(v >> (8 * i));
 }
 uint32_t readU32(const uint8_t* p) {
   return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
@@ -60,7 +67,16 @@ uint32_t readU32(const uint8_t* p) {
 
 uint32_t crc32(std::span<const uint8_t> bytes) noexcept {
   uint32_t c = 0xFFFFFFFFu;
-  for (uint8_t b : bytes) c = kCrcTable[(c ^ b) & 0xFF] ^ (c >> 8);
+  const uint8_t* p = bytes.data();
+  size_t n = bytes.size();
+  for (; n >= 8; n -= 8, p += 8) {
+    const uint32_t low = c ^ readU32(p);
+    const uint32_t high = readU32(p + 4);
+    c = kCrcTables[7][low & 0xFF] ^ kCrcTables[6][(low >> 8) & 0xFF] ^ kCrcTables[5][(low >> 16) & 0xFF] ^
+        kCrcTables[4][low >> 24] ^ kCrcTables[3][high & 0xFF] ^ kCrcTables[2][(high >> 8) & 0xFF] ^
+        kCrcTables[1][(high >> 16) & 0xFF] ^ kCrcTables[0][high >> 24];
+  }
+  for (; n > 0; --n, ++p) c = kCrcTables[0][(c ^ *p) & 0xFF] ^ (c >> 8);
   return c ^ 0xFFFFFFFFu;
 }
 
@@ -72,15 +88,22 @@ void appendVarint(std::string& out, uint64_t value) {
   out.push_back(static_cast<char>(value));
 }
 
+void sealArchive(std::vector<uint8_t>& archive, uint8_t version) {
+  uint8_t* header = archive.data();
+  const std::span<const uint8_t> payload(header + kHeaderSize, archive.size() - kHeaderSize);
+  std::memcpy(header, kMagic, sizeof kMagic);
+  header[4] = version;
+  header[5] = 0;  // flags
+  header[6] = 0;  // reserved
+  header[7] = 0;
+  writeU32(header + 8, static_cast<uint32_t>(payload.size()));
+  writeU32(header + 12, crc32(payload));
+}
+
 std::vector<uint8_t> wrapPayload(std::span<const uint8_t> payload, uint8_t version) {
-  std::vector<uint8_t> out(std::begin(kMagic), std::end(kMagic));
-  out.push_back(version);
-  out.push_back(0);  // flags
-  out.push_back(0);  // reserved
-  out.push_back(0);
-  appendU32(out, static_cast<uint32_t>(payload.size()));
-  appendU32(out, crc32(payload));
-  out.insert(out.end(), payload.begin(), payload.end());
+  std::vector<uint8_t> out(kHeaderSize + payload.size());
+  if (!payload.empty()) std::memcpy(out.data() + kHeaderSize, payload.data(), payload.size());
+  sealArchive(out, version);
   return out;
 }
 
@@ -113,43 +136,155 @@ void appendString(std::string& out, std::string_view s) {
 
 // ---- Encoder ---------------------------------------------------------------
 
+// Where each object of the graph went in the table: open addressing over a flat
+// array, because archives of large states look up every object once and a
+// node-based map spends most of that time on allocation and cache misses.
+class ObjectIndexTable {
+ public:
+  static constexpr uint32_t kMissing = UINT32_MAX;
+
+  uint32_t find(const PXObject* object) const {
+    if (slots_.empty()) return kMissing;
+    for (size_t i = home(object);; i = (i + 1) & mask()) {
+      if (slots_[i].object == object) return slots_[i].index;
+      if (!slots_[i].object) return kMissing;
+    }
+  }
+
+  // Asks for the slot where a lookup of `object` starts, ahead of time.
+  void prefetch(const PXObject* object) const {
+    if (!slots_.empty()) __builtin_prefetch(&slots_[home(object)]);
+  }
+
+  // `object` must not be in the table yet.
+  void insert(const PXObject* object, uint32_t index) {
+    if ((count_ + 1) * 2 > slots_.size()) grow();
+    size_t i = home(object);
+    while (slots_[i].object) i = (i + 1) & mask();
+    slots_[i] = {object, index};
+    ++count_;
+  }
+
+ private:
+  struct Slot {
+    const PXObject* object = nullptr;
+    uint32_t index = 0;
+  };
+
+  size_t mask() const { return slots_.size() - 1; }
+  // Fibonacci hashing of the address; its low bits are alignment, its high bits the page.
+  size_t home(const PXObject* object) const {
+    const uint64_t h = reinterpret_cast<uintptr_t>(object) * 0x9E3779B97F4A7C15ull;
+    return static_cast<size_t>(h >> (64 - shift_));
+  }
+
+  void grow() {
+    std::vector<Slot> old = std::move(slots_);
+    shift_ = old.empty() ? 6 : shift_ + 1;
+    slots_.assign(size_t{1} << shift_, Slot{});
+    for (const Slot& slot : old) {
+      if (!slot.object) continue;
+      size_t i = home(slot.object);
+      while (slots_[i].object) i = (i + 1) & mask();
+      slots_[i] = slot;
+    }
+  }
+
+  std::vector<Slot> slots_;
+  size_t count_ = 0;
+  int shift_ = 0;
+};
+
 class ArchiveEncoder {
  public:
   bool archive(const PXValue& root, std::vector<uint8_t>* out) {
     std::string rootBytes;
-    if (!value(root, rootBytes, 0, /*isRoot=*/true)) return false;
-    std::string payload;
-    // Sized once: each entry adds at most a 10-byte length prefix.
-    payload.reserve(10 + totalBytes_ + entries_.size() * 10 + rootBytes.size());
-    appendVarint(payload, entries_.size());
-    for (const std::string& entry : entries_) appendString(payload, entry);
-    payload += rootBytes;
-    if (payload.size() + kHeaderSize > kPXKeyedArchiveMaxLength)
+    if (!value(root, rootBytes, 0, Source::Root)) return false;
+    // The payload: the entry count, each entry with its length, then the root.
+    std::string prefix;
+    appendVarint(prefix, entries_.size());
+    size_t payloadSize = prefix.size() + arena_.size() + rootBytes.size();
+    for (const Entry& entry : entries_) payloadSize += varintSize(entry.length);
+    if (payloadSize + kHeaderSize > kPXKeyedArchiveMaxLength)
       return fail("the archive would pass the length limit");
-    *out = wrapPayload({reinterpret_cast<const uint8_t*>(payload.data()), payload.size()},
-                       kPXKeyedArchiveVersion);
+    std::vector<uint8_t> bytes(kHeaderSize + payloadSize);
+    uint8_t* p = bytes.data() + kHeaderSize;
+    auto put = [&p](std::string_view s) {
+      std::memcpy(p, s.data(), s.size());
+      p += s.size();
+    };
+    put(prefix);
+    std::string length;
+    for (const Entry& entry : entries_) {
+      length.clear();
+      appendVarint(length, entry.length);
+      put(length);
+      put(std::string_view(arena_).substr(entry.offset, entry.length));
+    }
+    put(rootBytes);
+    sealArchive(bytes, kPXKeyedArchiveVersion);
+    *out = std::move(bytes);
     return true;
   }
 
   // One keyed field of the coded object being encoded (the innermost one).
   void field(std::string_view key, const PXValue& v, size_t depth) {
-    if (failed_ || fieldStack_.empty()) return;
-    std::string bytes;
-    if (!value(v, bytes, depth, false)) return;
-    FieldBuffer& top = fieldStack_.back();
-    appendString(top.bytes, key);
-    top.bytes += bytes;
-    ++top.count;
+    if (failed_ || openFields_.empty()) return;
+    // Not a reference to the back: encoding the value may open fields of its own.
+    std::string& bytes = *openFields_.back().bytes;
+    appendString(bytes, key);
+    if (!value(v, bytes, depth, Source::Field)) return;
+    ++openFields_.back().count;
   }
 
   bool failed() const { return failed_; }
   const std::string& why() const { return why_; }
 
  private:
-  struct FieldBuffer {
-    std::string bytes;
+  // Where a value comes from, which says who keeps its object alive while the
+  // table refers to it by address: the caller holds the root, and a container in
+  // the table holds its items; a coded object's field may be a temporary of its
+  // encodeWithCoder, so the encoder holds those itself.
+  enum class Source { Root, Item, Field };
+
+  // Where an entry's bytes are in arena_; entries are finished children first,
+  // so the arena is not in table order.
+  struct Entry {
+    size_t offset = 0;
+    size_t length = 0;
+    bool inProgress = true;
+  };
+  // The fields of a coded object as they are encoded.
+  struct OpenFields {
+    std::string* bytes;
     size_t count = 0;
   };
+
+  // Large states are containers of many objects scattered over the heap: each
+  // item's object and its index slot are asked for a few items ahead, so that
+  // their cache misses overlap instead of coming one after the other.
+  static constexpr size_t kPrefetchDistance = 8;
+  void prefetch(const PXValue& item) const {
+    if (const PXObject* object = item.objectPointer()) {
+      __builtin_prefetch(object);
+      index_.prefetch(object);
+    }
+  }
+
+  static size_t varintSize(uint64_t v) {
+    size_t n = 1;
+    while (v >= 0x80) v >>= 7, ++n;
+    return n;
+  }
+
+  // A buffer for work at one nesting depth. Only one entry per depth is open at
+  // a time, so each depth's buffer is reused by every entry at that depth.
+  std::string& scratch(std::deque<std::string>& buffers, size_t depth) {
+    while (buffers.size() <= depth) buffers.emplace_back();
+    std::string& buffer = buffers[depth];
+    buffer.clear();
+    return buffer;
+  }
 
   bool fail(std::string why) {
     if (!failed_) why_ = std::move(why);
@@ -157,11 +292,11 @@ class ArchiveEncoder {
     return false;
   }
 
-  bool value(const PXValue& v, std::string& out, size_t depth, bool isRoot) {
+  bool value(const PXValue& v, std::string& out, size_t depth, Source source) {
     if (failed_) return false;
     switch (v.kind()) {
       case PXValue::Kind::Absent:
-        if (!isRoot) return fail("an absent value inside the graph");
+        if (source != Source::Root) return fail("an absent value inside the graph");
         out.push_back(static_cast<char>(kAbsent));
         return true;
       case PXValue::Kind::Null:
@@ -197,33 +332,32 @@ class ArchiveEncoder {
     PXObject* object = v.objectPointer();
     if (!object) return fail("an object value without an object");
     size_t index = 0;
-    if (!objectIndex(object, depth, &index)) return false;
+    if (!objectIndex(object, depth, source, &index)) return false;
     out.push_back(static_cast<char>(kRef));
     appendVarint(out, index);
     return true;
   }
 
-  bool objectIndex(PXObject* object, size_t depth, size_t* index) {
-    if (auto found = index_.find(object); found != index_.end()) {
-      if (inProgress_[found->second] && object->objectTag() != PXObjectTag::Object)
+  bool objectIndex(PXObject* object, size_t depth, Source source, size_t* index) {
+    if (const uint32_t found = index_.find(object); found != ObjectIndexTable::kMissing) {
+      if (entries_[found].inProgress && object->objectTag() != PXObjectTag::Object)
         return fail("a container holds itself; such cycles cannot be archived");
-      *index = found->second;
+      *index = found;
       return true;
     }
     if (depth >= kPXKeyedArchiveMaxDepth) return fail("the graph nests deeper than the archive limit");
     if (entries_.size() >= kPXKeyedArchiveMaxObjects)
       return fail("the graph holds more objects than the archive limit");
     *index = entries_.size();
-    index_.emplace(object, *index);
-    keepAlive_.emplace_back(object);  // an address must not be reused while the table refers to it
+    index_.insert(object, static_cast<uint32_t>(*index));
+    if (source == Source::Field) keepAlive_.emplace_back(object);
     entries_.emplace_back();
-    inProgress_.push_back(true);
-    std::string entry;
+    std::string& entry = scratch(entryBuffers_, depth);
     if (!objectEntry(*object, entry, depth)) return false;
-    totalBytes_ += entry.size();
-    if (totalBytes_ > kPXKeyedArchiveMaxLength) return fail("the archive would pass the length limit");
-    entries_[*index] = std::move(entry);
-    inProgress_[*index] = false;
+    if (arena_.size() + entry.size() > kPXKeyedArchiveMaxLength)
+      return fail("the archive would pass the length limit");
+    entries_[*index] = {arena_.size(), entry.size(), false};
+    arena_ += entry;
     return true;
   }
 
@@ -239,8 +373,10 @@ class ArchiveEncoder {
         auto& array = static_cast<PXArray&>(object);
         out.push_back(static_cast<char>(array.isMutable() ? kMutableArray : kArray));
         appendVarint(out, array.count());
-        for (const PXValue& item : array) {
-          if (!value(item, out, depth + 1, false)) return false;
+        const std::span<const PXValue> items(array.begin(), array.end());
+        for (size_t i = 0; i < items.size(); ++i) {
+          if (i + kPrefetchDistance < items.size()) prefetch(items[i + kPrefetchDistance]);
+          if (!value(items[i], out, depth + 1, Source::Item)) return false;
         }
         return true;
       }
@@ -249,7 +385,8 @@ class ArchiveEncoder {
         out.push_back(static_cast<char>(dict.isMutable() ? kMutableDictionary : kDictionary));
         appendVarint(out, dict.count());
         for (const auto& [key, item] : dict) {
-          if (!value(key, out, depth + 1, false) || !value(item, out, depth + 1, false)) return false;
+          if (!value(key, out, depth + 1, Source::Item) || !value(item, out, depth + 1, Source::Item))
+            return false;
         }
         return true;
       }
@@ -263,25 +400,26 @@ class ArchiveEncoder {
       return fail("class " + cls.name() + " cannot be made by name (no registered factory)");
     if (cls.name().size() > kPXKeyedArchiveMaxClassNameLength)
       return fail("class name longer than the archive limit");
-    fieldStack_.emplace_back();
+    openFields_.push_back({&scratch(fieldBuffers_, depth)});
     PXKeyedArchiver coder(*this, depth + 1);
     coding->encodeWithCoder(coder);
-    FieldBuffer fields = std::move(fieldStack_.back());
-    fieldStack_.pop_back();
+    const OpenFields fields = openFields_.back();
+    openFields_.pop_back();
     if (failed_) return false;
     out.push_back(static_cast<char>(kCodedObject));
     appendString(out, cls.name());
     appendVarint(out, fields.count);
-    out += fields.bytes;
+    out += *fields.bytes;
     return true;
   }
 
-  std::unordered_map<const PXObject*, size_t> index_;
+  ObjectIndexTable index_;
   std::vector<PXRef<PXObject>> keepAlive_;
-  std::vector<std::string> entries_;
-  std::vector<bool> inProgress_;
-  std::vector<FieldBuffer> fieldStack_;
-  size_t totalBytes_ = 0;
+  std::vector<Entry> entries_;
+  std::string arena_;
+  std::deque<std::string> entryBuffers_;  // by depth
+  std::deque<std::string> fieldBuffers_;  // by depth
+  std::vector<OpenFields> openFields_;
   bool failed_ = false;
   std::string why_;
 };

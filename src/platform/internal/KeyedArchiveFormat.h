@@ -47,6 +47,9 @@ uint32_t crc32(std::span<const uint8_t> bytes) noexcept;
 // LEB128 unsigned varint.
 void appendVarint(std::string& out, uint64_t value);
 
+// Fills in the header of `archive`: kHeaderSize bytes to overwrite, then the payload.
+void sealArchive(std::vector<uint8_t>& archive, uint8_t version);
+
 // A complete archive around `payload`: header with this version, length and checksum.
 std::vector<uint8_t> wrapPayload(std::span<const uint8_t> payload, uint8_t version = 1);
 
