@@ -49,7 +49,7 @@ PXRef<PXMutableDictionary> PXMetricsTracker::_papercutDictWithTimestamp(PXDate t
 
 PXRef<PXMutableArray> PXMetricsTracker::_compileMetricsDataSetsFromMetrics(const PXArray& metricsToCompile,
                                                                            bool reset) {
-  auto result = PXMutableArray::array();
+  auto result = PXMutableArray::arrayWithCapacity(metricsToCompile.count());
   // Read without its lock: the tracker reaches here from its own queue.
   PXRef<PXMutableDictionary> lastDates = lastPaperCutDateByMetricID();
   for (const PXValue& value : metricsToCompile) {
@@ -64,7 +64,7 @@ PXRef<PXMutableArray> PXMetricsTracker::_compileMetricsDataSetsFromMetrics(const
       bool throttled =
           last && frequency != 0.0 && frequency > PXDate::now().timeIntervalSinceDate(last->dateValue());
       if (!throttled) {
-        auto dataSet = PXMutableDictionary::dictionary();
+        auto dataSet = PXMutableDictionary::dictionaryWithCapacity(4);
         if (identifier) dataSet->setObject(identifier, "identifier");
         if (PXString primary = metric->primary()) dataSet->setObject(primary, "primary");
         if (PXString secondary = metric->secondary()) dataSet->setObject(secondary, "secondary");
