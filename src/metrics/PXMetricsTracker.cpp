@@ -181,9 +181,8 @@ void PXMetricsTracker::enqueueRecording(std::string_view identifier, std::string
                                         std::string_view secondary, Body&& body) {
   // One check of `enabled` and one enqueue: calls made while disabled leave no trace.
   if (!enabled()) return;
-  metricsOperationQueue_->async([tracker = PXRef<PXMetricsTracker>(this),
-                                 identity = RecordedIdentity(identifier, primary, secondary),
-                                 body = std::forward<Body>(body)] {
+  auto job = [tracker = PXRef<PXMetricsTracker>(this),
+              identity = RecordedIdentity(identifier, primary, secondary), body = std::forward<Body>(body)] {
     // Each job holds the tracker lock while it runs; its temporaries die with it.
     std::lock_guard lock(tracker->monitor());
     // The metric is looked up (or created) when the job runs, not when the call was made.
@@ -191,7 +190,10 @@ void PXMetricsTracker::enqueueRecording(std::string_view identifier, std::string
             tracker->metricForRecording(identity.identifier(), identity.primary(), identity.secondary())) {
       body(*tracker, *metric);
     }
-  });
+  };
+  static_assert(PXDispatchQueue::storesInline<decltype(job)>(),
+                "a recording travels in its queue node: no allocation per call");
+  metricsOperationQueue_->async(std::move(job));
 }
 
 void PXMetricsTracker::updateMetricValue(int32_t delta, std::string_view identifier, std::string_view primary,

@@ -50,10 +50,10 @@ inline void cpuRelax() noexcept {
 constexpr size_t kRecycleBatch = 64;        // nodes a worker gathers before handing them back
 constexpr size_t kPooledNodesLimit = 4096;  // nodes kept for reuse beyond this are freed
 
-// Nodes are carved from page-sized slabs, 63 at a time, so that a burst of
-// jobs costs one allocation per 63 nodes; a slab is freed once all its nodes
-// have been released (its first slot holds the count).
-constexpr size_t kSlabBytes = 4096;
+// Nodes are carved from slabs, 63 at a time, so that a burst of jobs costs one
+// allocation per 63 nodes; a slab is freed once all its nodes have been
+// released (its first slot holds the count).
+constexpr size_t kSlabBytes = 64 * sizeof(DispatchNode);
 constexpr size_t kNodesPerSlab = kSlabBytes / sizeof(DispatchNode) - 1;
 struct SlabHeader {
   std::atomic<uint32_t> released{0};

@@ -41,10 +41,11 @@
 namespace pxkit::internal {
 
 // One queued job: an intrusive link, the function that runs and destroys the
-// job, and room for the job's callable inline (48 bytes: a reference and three
-// string handles, say; larger callables live on the heap).
+// job, and room for the job's callable inline (112 bytes: a reference, a few
+// short strings copied in place and a value, say; larger callables live on
+// the heap, which costs an allocation per job).
 struct DispatchNode {
-  static constexpr size_t kSize = 64;  // one cache line
+  static constexpr size_t kSize = 128;  // two cache lines
   static constexpr size_t kInlineBytes = kSize - 2 * sizeof(void*);
 
   std::atomic<DispatchNode*> next{nullptr};
@@ -85,6 +86,15 @@ class PXKIT_EXPORT PXDispatchQueue : public PXObject {
   template <class F>
   void async(F&& job);
 
+  // Whether `async` keeps a callable of type F inside its queue node, with no
+  // allocation of its own.
+  template <class F>
+  static constexpr bool storesInline() noexcept {
+    using Job = std::decay_t<F>;
+    return sizeof(Job) <= pxkit::internal::DispatchNode::kInlineBytes &&
+           alignof(Job) <= alignof(std::max_align_t) && std::is_nothrow_move_constructible_v<Job>;
+  }
+
   // Runs `job` on the queue's thread after every job enqueued before it, and
   // waits for it to finish. `job` is not copied.
   // Calling sync from a job of the same queue would wait on itself forever:
@@ -119,11 +129,8 @@ void PXDispatchQueue::async(F&& job) {
     if (!job) return;
   }
   DispatchNode* node = pxkit::internal::dispatchNodeAcquire();
-  constexpr bool kInline = sizeof(Job) <= DispatchNode::kInlineBytes &&
-                           alignof(Job) <= alignof(std::max_align_t) &&
-                           std::is_nothrow_move_constructible_v<Job>;
   try {
-    if constexpr (kInline) {
+    if constexpr (storesInline<F>()) {
       ::new (static_cast<void*>(node->storage)) Job(std::forward<F>(job));
       node->run = [](DispatchNode* n) {
         Job* callable = std::launder(reinterpret_cast<Job*>(n->storage));
