@@ -54,19 +54,18 @@ PXRef<PXMutableArray> observationArray(const PXObject& object) {
 template <class Take>
 std::vector<Token> takeFromArray(PXObject& object, PXMutableArray& array, Take&& take) {
   std::vector<Token> taken;
-  std::vector<PXValue>& values = array.mutableValues();
   std::vector<PXValue> kept;
-  kept.reserve(values.size());
-  for (PXValue& value : values) {
+  kept.reserve(array.count());
+  for (const PXValue& value : array) {
     auto* trampoline = static_cast<PXObjectBlockObserverTrampoline*>(value.objectPointer());
     if (trampoline && take(*trampoline)) {
       taken.emplace_back(trampoline);
     } else {
-      kept.push_back(std::move(value));
+      kept.push_back(value);
     }
   }
-  values = std::move(kept);
-  if (values.empty())
+  array.setArray(std::move(kept));
+  if (array.count() == 0)
     object.setAssociatedObject(kPXObjectBlockObserverArrayKey, PXValue(), PXAssociationPolicy::Retain);
   return taken;
 }

@@ -341,14 +341,17 @@ class Parser {
       }
       return;
     }
-    std::vector<PXValue> items(std::make_move_iterator(values.begin() + static_cast<ptrdiff_t>(base)),
-                               std::make_move_iterator(values.end()));
-    values.erase(values.begin() + static_cast<ptrdiff_t>(base), values.end());
+    // One allocation: the elements are kept with the array object. The stack
+    // is cut back before the array takes its place, which may be on it.
+    const std::span<PXValue> items(values.data() + base, values.size() - base);
+    PXArray* array;
     if constexpr (Mutable) {
-      construct(place, PXValue::adoptObject(new PXMutableArray(std::move(items))));
+      array = PXMutableArray::arrayByTakingValues(items).detach();
     } else {
-      construct(place, PXValue::adoptObject(new PXArray(std::move(items))));
+      array = PXArray::arrayByTakingValues(items).detach();
     }
+    values.erase(values.begin() + static_cast<ptrdiff_t>(base), values.end());
+    construct(place, PXValue::adoptObject(array));
   }
 
   bool parseObject(size_t depth, const Place& place) {
@@ -423,15 +426,17 @@ class Parser {
       return;
     }
     if (count > 1) removeRepeatedKeys(base, count);
-    std::vector<Entry> items(std::make_move_iterator(entries.begin() + static_cast<ptrdiff_t>(base)),
-                             std::make_move_iterator(entries.end()));
+    // One allocation: the entries are kept with the dictionary object.
+    const std::span<Entry> items(entries.data() + base, entries.size() - base);
+    PXDictionary* dictionary;
+    if constexpr (Mutable) {
+      dictionary = ParsedMutableDictionary::dictionaryByTakingTrustedEntries(items).detach();
+    } else {
+      dictionary = ParsedDictionary::dictionaryByTakingTrustedEntries(items).detach();
+    }
     entries.erase(entries.begin() + static_cast<ptrdiff_t>(base), entries.end());
     st_.keyHashes.resize(base);
-    if constexpr (Mutable) {
-      construct(place, PXValue::adoptObject(new AdoptedMutableDictionary(std::move(items))));
-    } else {
-      construct(place, PXValue::adoptObject(new AdoptedDictionary(std::move(items))));
-    }
+    construct(place, PXValue::adoptObject(dictionary));
   }
 
   // A repeated key keeps its first place and takes the last value; the later

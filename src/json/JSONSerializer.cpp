@@ -292,7 +292,7 @@ class Serializer {
 
   bool writeArray(const PXArray& array, size_t depth) {
     if (!checkDepth(depth)) return false;
-    const std::vector<PXValue>& values = array.values();
+    const std::span<const PXValue> values = array.values();
     out_.put('[');
     bool first = true;
     for (const PXValue& value : values) {

@@ -2,7 +2,10 @@
 #include <pxkit/platform/PXException.h>
 
 #include <algorithm>
+#include <iterator>
+#include <memory>
 
+#include "platform/internal/PackedContainer.h"
 #include "platform/internal/ValueText.h"
 
 PX_DEFINE_CLASS(PXArray, PXObject, [](PXClassBuilder<PXArray>& c) { c.factory(); })
@@ -16,11 +19,14 @@ namespace {
 }
 
 // Arrays built from a list take it whole; an absent element is a caller's bug.
-void checkNoAbsent(const std::vector<PXValue>& values, const PXObject& array) {
+void checkNoAbsent(std::span<const PXValue> values, const PXObject& array) {
   for (const PXValue& v : values) {
     if (!v) raiseInsertNil(array, "initWithObjects:count:");
   }
 }
+
+using PackedArray = pxkit::internal::PackedContainer<PXArray, PXValue>;
+using PackedMutableArray = pxkit::internal::PackedContainer<PXMutableArray, PXValue>;
 
 }  // namespace
 
@@ -38,9 +44,14 @@ PXRef<PXArray> PXArray::arrayWithObjects(std::initializer_list<PXValue> values) 
 }
 
 PXRef<PXArray> PXArray::arrayWithValues(std::vector<PXValue> values) {
+  return arrayByTakingValues(values);
+}
+
+PXRef<PXArray> PXArray::arrayByTakingValues(std::span<PXValue> values) {
   if (values.empty()) return array();
   checkNoAbsent(values, *array());
-  return PXMake<PXArray>(std::move(values));
+  return PackedArray::make(
+      values.size(), [&](PXValue* slots) { std::uninitialized_move(values.begin(), values.end(), slots); });
 }
 
 void PXArray::checkMutable(const char* method) const {
@@ -52,20 +63,20 @@ void PXArray::checkMutable(const char* method) const {
 
 void PXArray::raiseBounds(const char* method, size_t index) const {
   PXException::raise(kPXRangeException, "*** -[%@ %@]: index (%lu) beyond bounds (%lu)", pxClass().name(),
-                     method, index, values_.size());
+                     method, index, elements_.count);
 }
 
 const PXValue& PXArray::objectAtIndex(size_t index) const {
-  if (index >= values_.size()) raiseBounds("objectAtIndex:", index);
-  return values_[index];
+  if (index >= elements_.count) raiseBounds("objectAtIndex:", index);
+  return elements_.items[index];
 }
 
 PXValue PXArray::firstObject() const {
-  return values_.empty() ? PXValue() : values_.front();
+  return elements_.count == 0 ? PXValue() : elements_.items[0];
 }
 
 PXValue PXArray::lastObject() const {
-  return values_.empty() ? PXValue() : values_.back();
+  return elements_.count == 0 ? PXValue() : elements_.items[elements_.count - 1];
 }
 
 bool PXArray::containsObject(const PXValue& value) const {
@@ -73,22 +84,22 @@ bool PXArray::containsObject(const PXValue& value) const {
 }
 
 size_t PXArray::indexOfObject(const PXValue& value) const {
-  for (size_t i = 0; i < values_.size(); ++i) {
-    if (values_[i].isEqual(value)) return i;
+  for (size_t i = 0; i < elements_.count; ++i) {
+    if (elements_.items[i].isEqual(value)) return i;
   }
   return kPXNotFound;
 }
 
 size_t PXArray::indexOfObjectIdenticalTo(const PXValue& value) const {
-  for (size_t i = 0; i < values_.size(); ++i) {
-    if (values_[i].isIdenticalTo(value)) return i;
+  for (size_t i = 0; i < elements_.count; ++i) {
+    if (elements_.items[i].isIdenticalTo(value)) return i;
   }
   return kPXNotFound;
 }
 
 PXRef<PXArray> PXArray::filteredArray(const std::function<bool(const PXValue&)>& keep) const {
   std::vector<PXValue> kept;
-  for (const PXValue& v : values_) {
+  for (const PXValue& v : *this) {
     if (keep(v)) kept.push_back(v);
   }
   return arrayWithValues(std::move(kept));
@@ -98,9 +109,9 @@ bool PXArray::isEqual(const PXObject& other) const {
   if (this == &other) return true;
   if (other.objectTag() != PXObjectTag::Array) return false;
   const auto& that = static_cast<const PXArray&>(other);
-  if (values_.size() != that.values_.size()) return false;
-  for (size_t i = 0; i < values_.size(); ++i) {
-    if (!values_[i].isEqual(that.values_[i])) return false;
+  if (elements_.count != that.elements_.count) return false;
+  for (size_t i = 0; i < elements_.count; ++i) {
+    if (!elements_.items[i].isEqual(that.elements_.items[i])) return false;
   }
   return true;
 }
@@ -121,21 +132,23 @@ PXRef<PXObject> PXArray::mutableCopy() const {
 
 PXRef<PXArray> PXArray::copyArray() const {
   if (!isMutable()) return PXRef<PXArray>(const_cast<PXArray*>(this));
-  if (values_.empty()) return array();
-  return PXMake<PXArray>(values_);
+  if (elements_.count == 0) return array();
+  return PackedArray::make(elements_.count, [&](PXValue* slots) {
+    std::uninitialized_copy_n(elements_.items, elements_.count, slots);
+  });
 }
 
 PXRef<PXMutableArray> PXArray::mutableCopyArray() const {
-  return PXMake<PXMutableArray>(values_);
+  return PXMake<PXMutableArray>(std::vector<PXValue>(begin(), end()));
 }
 
 PXValue PXArray::valueForKey(std::string_view key) const {
   // "@count" and other "@"-keys ask the array itself; plain keys map over the elements.
-  if (key == "@count") return PXValue(static_cast<uint64_t>(values_.size()));
+  if (key == "@count") return PXValue(static_cast<uint64_t>(elements_.count));
   if (!key.empty() && key[0] == '@') return PXObject::valueForKey(key.substr(1));
   std::vector<PXValue> results;
-  results.reserve(values_.size());
-  for (const PXValue& element : values_) {
+  results.reserve(elements_.count);
+  for (const PXValue& element : *this) {
     PXObject* object = element.objectPointer();
     if (!object) {
       PXException::raise(kPXUndefinedKeyException,
@@ -151,84 +164,121 @@ PXValue PXArray::valueForKey(std::string_view key) const {
 
 // ---- PXMutableArray ---------------------------------------------------------
 
+PXRef<PXMutableArray> PXMutableArray::arrayByTakingValues(std::span<PXValue> values) {
+  checkNoAbsent(values, *array());
+  return PackedMutableArray::make(
+      values.size(), [&](PXValue* slots) { std::uninitialized_move(values.begin(), values.end(), slots); });
+}
+
 PXRef<PXMutableArray> PXMutableArray::arrayWithCapacity(size_t capacity) {
   auto array = PXMake<PXMutableArray>();
-  array->values_.reserve(capacity);
+  array->elements_.storage.reserve(capacity);
+  array->elements_.storageChanged();
   return array;
 }
 
 void PXMutableArray::addObject(const PXValue& value) {
   checkMutable("addObject:");
   if (!value) raiseInsertNil(*this, "addObject:");
-  values_.push_back(value);
+  elements_.moveToStorage();
+  elements_.storage.push_back(value);
+  elements_.storageChanged();
 }
 
 void PXMutableArray::insertObject(const PXValue& value, size_t index) {
   checkMutable("insertObject:atIndex:");
   if (!value) raiseInsertNil(*this, "insertObject:atIndex:");
-  if (index > values_.size()) raiseBounds("insertObject:atIndex:", index);
-  values_.insert(values_.begin() + static_cast<ptrdiff_t>(index), value);
+  if (index > elements_.count) raiseBounds("insertObject:atIndex:", index);
+  elements_.moveToStorage();
+  elements_.storage.insert(elements_.storage.begin() + static_cast<ptrdiff_t>(index), value);
+  elements_.storageChanged();
 }
 
 void PXMutableArray::removeObjectAtIndex(size_t index) {
   checkMutable("removeObjectAtIndex:");
-  if (index >= values_.size()) raiseBounds("removeObjectAtIndex:", index);
-  values_.erase(values_.begin() + static_cast<ptrdiff_t>(index));
+  if (index >= elements_.count) raiseBounds("removeObjectAtIndex:", index);
+  elements_.moveToStorage();
+  elements_.storage.erase(elements_.storage.begin() + static_cast<ptrdiff_t>(index));
+  elements_.storageChanged();
 }
 
 void PXMutableArray::removeLastObject() {
   checkMutable("removeLastObject");
-  if (values_.empty()) raiseBounds("removeLastObject", 0);
-  values_.pop_back();
+  if (elements_.count == 0) raiseBounds("removeLastObject", 0);
+  elements_.moveToStorage();
+  elements_.storage.pop_back();
+  elements_.storageChanged();
 }
 
 void PXMutableArray::removeObject(const PXValue& value) {
   checkMutable("removeObject:");
+  elements_.moveToStorage();
   // `value` may live in this array: compare against a copy.
   PXValue target = value;
-  std::erase_if(values_, [&](const PXValue& v) { return v.isEqual(target); });
+  std::erase_if(elements_.storage, [&](const PXValue& v) { return v.isEqual(target); });
+  elements_.storageChanged();
 }
 
 void PXMutableArray::removeObjectIdenticalTo(const PXValue& value) {
   checkMutable("removeObjectIdenticalTo:");
+  elements_.moveToStorage();
   PXValue target = value;
-  std::erase_if(values_, [&](const PXValue& v) { return v.isIdenticalTo(target); });
+  std::erase_if(elements_.storage, [&](const PXValue& v) { return v.isIdenticalTo(target); });
+  elements_.storageChanged();
 }
 
 void PXMutableArray::removeObjectsInArray(const PXArray& values) {
   checkMutable("removeObjectsInArray:");
+  elements_.moveToStorage();
   if (&values == this) {
-    values_.clear();
-    return;
+    elements_.storage.clear();
+  } else {
+    std::erase_if(elements_.storage, [&](const PXValue& v) { return values.containsObject(v); });
   }
-  std::erase_if(values_, [&](const PXValue& v) { return values.containsObject(v); });
+  elements_.storageChanged();
 }
 
 void PXMutableArray::removeAllObjects() {
   checkMutable("removeAllObjects");
-  values_.clear();
+  elements_.moveToStorage();
+  elements_.storage.clear();
+  elements_.storageChanged();
 }
 
 void PXMutableArray::replaceObjectAtIndex(size_t index, const PXValue& value) {
   checkMutable("replaceObjectAtIndex:withObject:");
   if (!value) raiseInsertNil(*this, "replaceObjectAtIndex:withObject:");
-  if (index >= values_.size()) raiseBounds("replaceObjectAtIndex:withObject:", index);
-  values_[index] = value;
+  if (index >= elements_.count) raiseBounds("replaceObjectAtIndex:withObject:", index);
+  elements_.moveToStorage();
+  elements_.storage[index] = value;
 }
 
 void PXMutableArray::addObjectsFromArray(const PXArray& values) {
   checkMutable("addObjectsFromArray:");
+  elements_.moveToStorage();
   if (&values == this) {
-    std::vector<PXValue> again = values_;
-    values_.insert(values_.end(), again.begin(), again.end());
-    return;
+    std::vector<PXValue> again = elements_.storage;
+    elements_.storage.insert(elements_.storage.end(), again.begin(), again.end());
+  } else {
+    elements_.storage.insert(elements_.storage.end(), values.begin(), values.end());
   }
-  values_.insert(values_.end(), values.begin(), values.end());
+  elements_.storageChanged();
 }
 
 void PXMutableArray::sortUsingComparator(
     const std::function<PXComparisonResult(const PXValue&, const PXValue&)>& cmp) {
   checkMutable("sortUsingComparator:");
-  std::stable_sort(values_.begin(), values_.end(),
+  elements_.moveToStorage();
+  std::stable_sort(elements_.storage.begin(), elements_.storage.end(),
                    [&](const PXValue& a, const PXValue& b) { return cmp(a, b) == PXOrderedAscending; });
+}
+
+void PXMutableArray::setArray(std::vector<PXValue> values) {
+  checkMutable("setArray:");
+  for (const PXValue& v : values) {
+    if (!v) raiseInsertNil(*this, "setArray:");
+  }
+  elements_.moveToStorage();  // the old elements go now, not with the block
+  elements_.storage = std::move(values);
+  elements_.storageChanged();
 }

@@ -2,8 +2,11 @@
 #include <pxkit/platform/PXException.h>
 
 #include <cstring>
+#include <iterator>
+#include <memory>
 
 #include "platform/internal/DictionaryIndex.h"
+#include "platform/internal/PackedContainer.h"
 #include "platform/internal/ValueText.h"
 
 using pxkit::internal::DictionaryIndex;
@@ -34,6 +37,9 @@ struct KeyMatcher {
   }
 };
 
+using PackedDictionary = pxkit::internal::PackedContainer<PXDictionary, PXDictionary::Entry>;
+using PackedMutableDictionary = pxkit::internal::PackedContainer<PXMutableDictionary, PXDictionary::Entry>;
+
 }  // namespace
 
 // ---- Construction -----------------------------------------------------------
@@ -51,7 +57,20 @@ PXRef<PXDictionary> PXDictionary::dictionaryWithEntries(std::initializer_list<En
 
 PXRef<PXDictionary> PXDictionary::dictionaryWithEntries(std::vector<Entry> entries) {
   if (entries.empty()) return dictionary();
-  return PXMake<PXDictionary>(std::move(entries));
+  // Checked, with object keys copied and repeated keys folded, by an ordinary
+  // dictionary; then packed with its object. Positions are unchanged, so a
+  // table built while folding serves the packed one.
+  PXDictionary checked(std::move(entries));
+  PXRef<PXDictionary> packed = dictionaryByTakingTrustedEntries(checked.elements_.storage);
+  packed->index_.store(checked.index_.exchange(nullptr, std::memory_order_relaxed),
+                       std::memory_order_relaxed);
+  return packed;
+}
+
+PXRef<PXDictionary> PXDictionary::dictionaryByTakingTrustedEntries(std::span<Entry> entries) {
+  if (entries.empty()) return dictionary();
+  return PackedDictionary::make(
+      entries.size(), [&](Entry* slots) { std::uninitialized_move(entries.begin(), entries.end(), slots); });
 }
 
 PXDictionary::PXDictionary(std::vector<Entry> entries) : PXDictionary(std::move(entries), false) {
@@ -59,14 +78,17 @@ PXDictionary::PXDictionary(std::vector<Entry> entries) : PXDictionary(std::move(
 }
 
 PXDictionary::PXDictionary(std::vector<Entry> entries, bool isMutable)
-    : PXObject(PXObjectTag::Dictionary, isMutable), entries_(std::move(entries)) {}
+    : PXObject(PXObjectTag::Dictionary, isMutable) {
+  elements_.storage = std::move(entries);
+  elements_.storageChanged();
+}
 
 PXDictionary::~PXDictionary() {
   if (DictionaryIndex* index = index_.load(std::memory_order_relaxed)) DictionaryIndex::destroy(index);
 }
 
 void PXDictionary::adoptEntries() {
-  for (Entry& entry : entries_) {
+  for (Entry& entry : elements_.storage) {
     if (!entry.first) {
       PXException::raise(kPXInvalidArgumentException, "*** -[%@ %@]: attempt to insert nil key",
                          pxClass().name(), kInitMethod);
@@ -79,17 +101,17 @@ void PXDictionary::adoptEntries() {
     if (entry.first.isObject()) entry.first = entry.first.copy();
   }
   // A later duplicate replaces the earlier value and keeps the earlier place.
-  size_t n = entries_.size();
+  size_t n = elements_.storage.size();
   size_t kept = 0;
   if (n <= DictionaryIndex::kLinearLimit) {
     for (size_t i = 0; i < n; ++i) {
-      KeyMatcher same{entries_[i].first};
+      KeyMatcher same{elements_.storage[i].first};
       size_t j = 0;
-      while (j < kept && !same(entries_[j].first)) ++j;
+      while (j < kept && !same(elements_.storage[j].first)) ++j;
       if (j < kept) {
-        entries_[j].second = std::move(entries_[i].second);
+        elements_.storage[j].second = std::move(elements_.storage[i].second);
       } else {
-        if (kept != i) entries_[kept] = std::move(entries_[i]);
+        if (kept != i) elements_.storage[kept] = std::move(elements_.storage[i]);
         ++kept;
       }
     }
@@ -97,20 +119,21 @@ void PXDictionary::adoptEntries() {
     // Deduplicating needs every key hashed anyway: keep the table for lookups.
     DictionaryIndex* index = DictionaryIndex::make(n);
     for (size_t i = 0; i < n; ++i) {
-      size_t hash = entries_[i].first.hash();
-      KeyMatcher same{entries_[i].first};
-      size_t j = index->find(hash, [&](size_t at) { return same(entries_[at].first); });
+      size_t hash = elements_.storage[i].first.hash();
+      KeyMatcher same{elements_.storage[i].first};
+      size_t j = index->find(hash, [&](size_t at) { return same(elements_.storage[at].first); });
       if (j != DictionaryIndex::kNotFound) {
-        entries_[j].second = std::move(entries_[i].second);
+        elements_.storage[j].second = std::move(elements_.storage[i].second);
       } else {
-        if (kept != i) entries_[kept] = std::move(entries_[i]);
+        if (kept != i) elements_.storage[kept] = std::move(elements_.storage[i]);
         index->insert(hash, kept);
         ++kept;
       }
     }
     index_.store(index, std::memory_order_release);
   }
-  entries_.resize(kept);
+  elements_.storage.resize(kept);
+  elements_.storageChanged();
 }
 
 // ---- Lookup -----------------------------------------------------------------
@@ -120,7 +143,7 @@ const DictionaryIndex* PXDictionary::ensureIndex() const {
   if (index) return index;
   // Immutable dictionaries may be read from many threads at once: each may
   // build a table, one wins, the others throw theirs away.
-  DictionaryIndex* made = DictionaryIndex::build(entries_);
+  DictionaryIndex* made = DictionaryIndex::build(entries());
   if (index_.compare_exchange_strong(index, made, std::memory_order_acq_rel, std::memory_order_acquire))
     return made;
   DictionaryIndex::destroy(made);
@@ -129,13 +152,13 @@ const DictionaryIndex* PXDictionary::ensureIndex() const {
 
 size_t PXDictionary::indexOfKey(const PXValue& key) const {
   KeyMatcher same{key};
-  if (entries_.size() <= DictionaryIndex::kLinearLimit) {
-    for (size_t i = 0; i < entries_.size(); ++i) {
-      if (same(entries_[i].first)) return i;
+  if (elements_.count <= DictionaryIndex::kLinearLimit) {
+    for (size_t i = 0; i < elements_.count; ++i) {
+      if (same(elements_.items[i].first)) return i;
     }
     return kPXNotFound;
   }
-  size_t at = ensureIndex()->find(key.hash(), [&](size_t i) { return same(entries_[i].first); });
+  size_t at = ensureIndex()->find(key.hash(), [&](size_t i) { return same(elements_.items[i].first); });
   return at == DictionaryIndex::kNotFound ? kPXNotFound : at;
 }
 
@@ -143,14 +166,14 @@ size_t PXDictionary::indexOfStringKey(std::string_view key) const {
   auto same = [&](const PXValue& candidate) {
     return candidate.isString() && candidate.stringValue() == key;
   };
-  if (entries_.size() <= DictionaryIndex::kLinearLimit) {
-    for (size_t i = 0; i < entries_.size(); ++i) {
-      if (same(entries_[i].first)) return i;
+  if (elements_.count <= DictionaryIndex::kLinearLimit) {
+    for (size_t i = 0; i < elements_.count; ++i) {
+      if (same(elements_.items[i].first)) return i;
     }
     return kPXNotFound;
   }
   size_t at = ensureIndex()->find(pxkit::internal::hashStringBytes(key),
-                                  [&](size_t i) { return same(entries_[i].first); });
+                                  [&](size_t i) { return same(elements_.items[i].first); });
   return at == DictionaryIndex::kNotFound ? kPXNotFound : at;
 }
 
@@ -167,32 +190,32 @@ PXValue PXDictionary::objectForKey(const PXValue& key) const {
 const PXValue* PXDictionary::find(const PXValue& key) const {
   if (!key) return nullptr;
   size_t i = indexOfKey(key);
-  return i == kPXNotFound ? nullptr : &entries_[i].second;
+  return i == kPXNotFound ? nullptr : &elements_.items[i].second;
 }
 
 const PXValue* PXDictionary::findStringKey(std::string_view key) const {
   size_t i = indexOfStringKey(key);
-  return i == kPXNotFound ? nullptr : &entries_[i].second;
+  return i == kPXNotFound ? nullptr : &elements_.items[i].second;
 }
 
 PXRef<PXArray> PXDictionary::allKeys() const {
   std::vector<PXValue> keys;
-  keys.reserve(entries_.size());
-  for (const Entry& e : entries_) keys.push_back(e.first);
+  keys.reserve(elements_.count);
+  for (const Entry& e : *this) keys.push_back(e.first);
   return PXArray::arrayWithValues(std::move(keys));
 }
 
 PXRef<PXArray> PXDictionary::allValues() const {
   std::vector<PXValue> values;
-  values.reserve(entries_.size());
-  for (const Entry& e : entries_) values.push_back(e.second);
+  values.reserve(elements_.count);
+  for (const Entry& e : *this) values.push_back(e.second);
   return PXArray::arrayWithValues(std::move(values));
 }
 
 void PXDictionary::enumerateKeysAndObjects(
     const std::function<void(const PXValue& key, const PXValue& value, bool* stop)>& block) const {
   bool stop = false;
-  for (const Entry& e : entries_) {
+  for (const Entry& e : *this) {
     block(e.first, e.second, &stop);
     if (stop) break;
   }
@@ -204,8 +227,8 @@ bool PXDictionary::isEqual(const PXObject& other) const {
   if (this == &other) return true;
   if (other.objectTag() != PXObjectTag::Dictionary) return false;
   const auto& that = static_cast<const PXDictionary&>(other);
-  if (entries_.size() != that.entries_.size()) return false;
-  for (const Entry& e : entries_) {
+  if (elements_.count != that.elements_.count) return false;
+  for (const Entry& e : *this) {
     const PXValue* found = that.find(e.first);
     if (!found || !found->isEqual(e.second)) return false;
   }
@@ -228,14 +251,17 @@ PXRef<PXObject> PXDictionary::mutableCopy() const {
 
 PXRef<PXDictionary> PXDictionary::copyDictionary() const {
   if (!isMutable()) return PXRef<PXDictionary>(const_cast<PXDictionary*>(this));
-  if (entries_.empty()) return dictionary();
+  if (elements_.count == 0) return dictionary();
   // The entries are already distinct and their keys copied.
-  return PXRef<PXDictionary>::adopt(new PXDictionary(entries_, false));
+  return PackedDictionary::make(elements_.count, [&](Entry* slots) {
+    std::uninitialized_copy_n(elements_.items, elements_.count, slots);
+  });
 }
 
 PXRef<PXMutableDictionary> PXDictionary::mutableCopyDictionary() const {
   auto copy = PXMake<PXMutableDictionary>();
-  copy->entries_ = entries_;
+  copy->elements_.storage.assign(begin(), end());
+  copy->elements_.storageChanged();
   return copy;
 }
 
@@ -243,7 +269,7 @@ PXRef<PXMutableDictionary> PXDictionary::mutableCopyDictionary() const {
 
 PXValue PXDictionary::valueForKey(std::string_view key) const {
   // "@"-keys ask the dictionary itself, as in "@count".
-  if (key == "@count") return PXValue(static_cast<uint64_t>(entries_.size()));
+  if (key == "@count") return PXValue(static_cast<uint64_t>(elements_.count));
   if (!key.empty() && key[0] == '@') return PXObject::valueForKey(key.substr(1));
   const PXValue* found = findStringKey(key);
   return found ? *found : PXValue();
@@ -275,9 +301,15 @@ PXMutableDictionary::PXMutableDictionary(std::vector<Entry> entries)
   adoptEntries();
 }
 
+PXRef<PXMutableDictionary> PXMutableDictionary::dictionaryByTakingTrustedEntries(std::span<Entry> entries) {
+  return PackedMutableDictionary::make(
+      entries.size(), [&](Entry* slots) { std::uninitialized_move(entries.begin(), entries.end(), slots); });
+}
+
 PXRef<PXMutableDictionary> PXMutableDictionary::dictionaryWithCapacity(size_t capacity) {
   auto dictionary = PXMake<PXMutableDictionary>();
-  dictionary->entries_.reserve(capacity);
+  dictionary->elements_.storage.reserve(capacity);
+  dictionary->elements_.storageChanged();
   return dictionary;
 }
 
@@ -291,15 +323,17 @@ void PXMutableDictionary::setObject(const PXValue& value, const PXValue& key) {
     PXException::raise(kPXInvalidArgumentException, "*** -[%@ %@]: attempt to insert nil value (key: %@)",
                        pxClass().name(), "setObject:forKey:", key);
   }
+  elements_.moveToStorage();
   size_t at = indexOfKey(key);
   if (at != kPXNotFound) {
-    entries_[at].second = value;  // replaced in place: the key keeps its position
+    elements_.storage[at].second = value;  // replaced in place: the key keeps its position
     return;
   }
-  entries_.emplace_back(key.isObject() ? key.copy() : key, value);
+  elements_.storage.emplace_back(key.isObject() ? key.copy() : key, value);
+  elements_.storageChanged();
   if (DictionaryIndex* index = index_.load(std::memory_order_relaxed)) {
     if (index->hasRoom()) {
-      index->insert(entries_.back().first.hash(), entries_.size() - 1);
+      index->insert(elements_.storage.back().first.hash(), elements_.storage.size() - 1);
     } else {
       invalidateIndex();  // rebuilt, larger, by the next lookup
     }
@@ -314,14 +348,18 @@ void PXMutableDictionary::removeObjectForKey(const PXValue& key) {
   }
   size_t at = indexOfKey(key);
   if (at == kPXNotFound) return;
-  entries_.erase(entries_.begin() + static_cast<ptrdiff_t>(at));
+  elements_.moveToStorage();
+  elements_.storage.erase(elements_.storage.begin() + static_cast<ptrdiff_t>(at));
+  elements_.storageChanged();
   // Positions after the removed entry moved down by one: the table is stale.
   invalidateIndex();
 }
 
 void PXMutableDictionary::removeAllObjects() {
   checkMutable("removeAllObjects");
-  entries_.clear();
+  elements_.moveToStorage();  // the old entries go now, not with the block
+  elements_.storage.clear();
+  elements_.storageChanged();
   invalidateIndex();
 }
 

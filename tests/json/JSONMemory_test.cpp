@@ -111,7 +111,7 @@ TEST(JSONMemory, EveryAllocationFailureInTheDecoderIsReported) {
                       .isEqual(expected))
           << "allocation " << n;
     }
-    EXPECT_GT(n, 100);
+    EXPECT_GT(n, 44);  // at least one allocation per container: the injection reached them all
     EXPECT_EQ(seen, memoryMessages);
   }
 }

@@ -84,6 +84,8 @@ TEST(PXArray, FailedMutationsLeaveTheArrayAsItWas) {
   EXPECT_EQ(text(*array), "(\n    1,\n    2\n)");
 }
 
+// Each mutation runs on an ordinary mutable array and on one packed with its
+// elements, which must move them to ordinary storage first.
 TEST(PXArray, MutationsTable) {
   struct Row {
     const char* name;
@@ -117,18 +119,50 @@ TEST(PXArray, MutationsTable) {
        [](PXMutableArray& a) { a.sortUsingComparator([](auto& x, auto& y) { return y.compare(x); }); },
        "( 3, 2, 1, 1 )"},
   };
+  auto packedOf = [](std::vector<PXValue> values) { return PXMutableArray::arrayByTakingValues(values); };
   for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    auto array = mutableOf({1, 2, 3, 1});
-    row.change(*array);
-    std::string folded;
-    for (char c : text(*array)) {
-      if (c == '\n') c = ' ';
-      if (c == ' ' && !folded.empty() && folded.back() == ' ') continue;
-      folded += c;
+    for (bool packed : {false, true}) {
+      SCOPED_TRACE(std::string(row.name) + (packed ? ", packed" : ""));
+      auto array = packed ? packedOf({1, 2, 3, 1}) : mutableOf({1, 2, 3, 1});
+      row.change(*array);
+      std::string folded;
+      for (char c : text(*array)) {
+        if (c == '\n') c = ' ';
+        if (c == ' ' && !folded.empty() && folded.back() == ' ') continue;
+        folded += c;
+      }
+      EXPECT_EQ(folded, row.after);
     }
-    EXPECT_EQ(folded, row.after);
   }
+}
+
+TEST(PXArray, TakingValuesMovesThemOrNothing) {
+  auto element = PXMake<PXObject>();
+  PXWeakRef<PXObject> watch = element;
+  std::vector<PXValue> values{PXValue(element), PXValue("text"), PXValue(3)};
+  element = {};
+
+  std::vector<PXValue> withAbsent{PXValue(1), PXValue(), values[0]};
+  EXPECT_THROW(PXArray::arrayByTakingValues(withAbsent), PXException);
+  EXPECT_THROW(PXMutableArray::arrayByTakingValues(withAbsent), PXException);
+  EXPECT_TRUE(withAbsent[0] && withAbsent[2]) << "a refused list keeps its values";
+  withAbsent.clear();
+
+  PXRef<PXArray> array = PXArray::arrayByTakingValues(values);
+  for (const PXValue& taken : values) EXPECT_FALSE(taken) << "the values are moved, not copied";
+  ASSERT_EQ(array->count(), 3u);
+  EXPECT_EQ(array->objectAtIndex(1).stringValue(), "text");
+  EXPECT_FALSE(array->isMutable());
+  EXPECT_EQ(&array->pxClass(), &PXArray::arrayWithObjects({1})->pxClass());
+
+  // A packed mutable copy releases its elements when emptied, not when it goes.
+  std::vector<PXValue> again(array->begin(), array->end());
+  PXRef<PXMutableArray> copy = PXMutableArray::arrayByTakingValues(again);
+  EXPECT_EQ(&copy->pxClass(), &PXMutableArray::array()->pxClass());
+  array = {};
+  EXPECT_TRUE(watch.lock());
+  copy->removeAllObjects();
+  EXPECT_FALSE(watch.lock()) << "the packed slots still held an element";
 }
 
 TEST(PXArray, SortIsStable) {

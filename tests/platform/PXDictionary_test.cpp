@@ -103,16 +103,38 @@ TEST(PXDictionary, LaterDuplicatesReplaceEarlierValuesAtBuild) {
     EXPECT_EQ(d->objectForKey("k0").stringValue(), "last");
     EXPECT_EQ(d->objectForKey(1).stringValue(), "bool");
     EXPECT_EQ(d->objectForKey(1u).stringValue(), "bool");
+    // Every other key is found where it was put (past eight entries through the hash index).
+    for (int i = 1; i < size; ++i) EXPECT_EQ(d->objectForKey(PXFormat("k%d", i)).intValue(), i) << i;
   }
 }
 
 // A mutable dictionary checked against a plain model through random
 // insertions, replacements and removals that cross the size where lookups
 // switch from a scan to the hash index, many times over.
-TEST(PXDictionary, LookupsStayRightAcrossTheIndexThreshold) {
+// Opens the factory that packs a mutable dictionary with its entries (as the
+// JSON decoder does for the mutable form).
+struct PackedMutableDictionaryMaker : PXMutableDictionary {
+  using PXMutableDictionary::dictionaryByTakingTrustedEntries;
+};
+
+class PXDictionaryStart : public ::testing::TestWithParam<int> {};
+INSTANTIATE_TEST_SUITE_P(Packed, PXDictionaryStart, ::testing::Values(0, 3, 10),
+                         [](const ::testing::TestParamInfo<int>& start) {
+                           return "from" + std::to_string(start.param) + "PackedEntries";
+                         });
+
+// The same model check, starting from a dictionary packed with its first
+// entries, which move to ordinary storage at the first change.
+TEST_P(PXDictionaryStart, LookupsStayRightAcrossTheIndexThreshold) {
   std::mt19937 random(8);
-  auto d = PXMutableDictionary::dictionary();
   std::vector<std::pair<PXValue, int>> model;  // in insertion order
+  std::vector<Entry> first;
+  for (int i = 0; i < GetParam(); ++i) {
+    first.emplace_back(PXFormat("k%d", i), -i);
+    model.emplace_back(PXFormat("k%d", i), -i);
+  }
+  PXRef<PXMutableDictionary> d = PackedMutableDictionaryMaker::dictionaryByTakingTrustedEntries(first);
+  for (const Entry& taken : first) ASSERT_FALSE(taken.first) << "the entries are moved, not copied";
   // Keys of several kinds, some equal across kinds (2 and 2.0), inline and heap strings.
   std::vector<PXValue> keys;
   for (int i = 0; i < 12; ++i) keys.emplace_back(PXFormat("k%d", i));

@@ -19,10 +19,12 @@
 #pragma once
 
 #include <pxkit/export.h>
+#include <pxkit/platform/PXContainerItems.h>
 #include <pxkit/platform/PXObject.h>
 
 #include <functional>
 #include <initializer_list>
+#include <span>
 #include <vector>
 
 class PXKIT_EXPORT PXArray : public PXObject {
@@ -33,8 +35,11 @@ class PXKIT_EXPORT PXArray : public PXObject {
   static PXRef<PXArray> arrayWithObjects(std::initializer_list<PXValue> values);
   // Takes the vector's values; absent values raise "attempt to insert nil".
   static PXRef<PXArray> arrayWithValues(std::vector<PXValue> values);
+  // Moves the values out of `values` (leaving each absent); absent values raise
+  // "attempt to insert nil" before anything is moved.
+  static PXRef<PXArray> arrayByTakingValues(std::span<PXValue> values);
 
-  size_t count() const noexcept { return values_.size(); }
+  size_t count() const noexcept { return elements_.count; }
   // Raises the bounds exception past the end.
   const PXValue& objectAtIndex(size_t index) const;
   const PXValue& operator[](size_t index) const { return objectAtIndex(index); }
@@ -46,14 +51,15 @@ class PXKIT_EXPORT PXArray : public PXObject {
   size_t indexOfObject(const PXValue& value) const;
   // By identity (same object / same scalar bits), or kPXNotFound.
   size_t indexOfObjectIdenticalTo(const PXValue& value) const;
-  const std::vector<PXValue>& values() const noexcept { return values_; }
-  auto begin() const noexcept { return values_.begin(); }
-  auto end() const noexcept { return values_.end(); }
+  // Valid until the next mutation.
+  std::span<const PXValue> values() const noexcept { return {elements_.items, elements_.count}; }
+  const PXValue* begin() const noexcept { return elements_.items; }
+  const PXValue* end() const noexcept { return elements_.items + elements_.count; }
   // The elements for which `keep` is true, as a new immutable array.
   PXRef<PXArray> filteredArray(const std::function<bool(const PXValue&)>& keep) const;
 
   bool isEqual(const PXObject& other) const override;
-  size_t hash() const override { return values_.size(); }
+  size_t hash() const override { return elements_.count; }
   // "(\n    1,\n    two\n)" — the property-list style text.
   PXString description() const override;
   PXRef<PXObject> copy() const override;         // self when immutable
@@ -66,12 +72,16 @@ class PXKIT_EXPORT PXArray : public PXObject {
 
  protected:
   explicit PXArray(bool isMutable) noexcept : PXObject(PXObjectTag::Array, isMutable) {}
-  PXArray(std::vector<PXValue> values, bool isMutable) noexcept
-      : PXObject(PXObjectTag::Array, isMutable), values_(std::move(values)) {}
+  PXArray(std::vector<PXValue> values, bool isMutable) noexcept : PXObject(PXObjectTag::Array, isMutable) {
+    elements_.storage = std::move(values);
+    elements_.storageChanged();
+  }
   // Raises the immutable-object exception when this is the immutable form.
   void checkMutable(const char* method) const;
   [[noreturn]] void raiseBounds(const char* method, size_t index) const;
-  std::vector<PXValue> values_;
+
+  // Kept with the object by the factories that know the count; see PXContainerItems.h.
+  pxkit::internal::ContainerItems<PXValue> elements_;
 
  public:
   PXArray() noexcept : PXArray(false) {}
@@ -87,6 +97,9 @@ class PXKIT_EXPORT PXMutableArray : public PXArray {
   explicit PXMutableArray(std::vector<PXValue> values) noexcept : PXArray(std::move(values), true) {}
   static PXRef<PXMutableArray> array() { return PXMake<PXMutableArray>(); }
   static PXRef<PXMutableArray> arrayWithCapacity(size_t capacity);
+  // A mutable array of the values moved out of `values` (each left absent);
+  // absent values raise "attempt to insert nil" before anything is moved.
+  static PXRef<PXMutableArray> arrayByTakingValues(std::span<PXValue> values);
 
   void addObject(const PXValue& value);                   // "addObject:"
   void insertObject(const PXValue& value, size_t index);  // "insertObject:atIndex:"
@@ -99,5 +112,6 @@ class PXKIT_EXPORT PXMutableArray : public PXArray {
   void replaceObjectAtIndex(size_t index, const PXValue& value);  // "replaceObjectAtIndex:withObject:"
   void addObjectsFromArray(const PXArray& values);
   void sortUsingComparator(const std::function<PXComparisonResult(const PXValue&, const PXValue&)>& cmp);
-  std::vector<PXValue>& mutableValues() noexcept { return values_; }
+  // Replaces every element by `values`; absent values raise "attempt to insert nil".
+  void setArray(std::vector<PXValue> values);  // "setArray:"
 };

@@ -20,11 +20,13 @@
 
 #include <pxkit/export.h>
 #include <pxkit/platform/PXArray.h>
+#include <pxkit/platform/PXContainerItems.h>
 #include <pxkit/platform/PXObject.h>
 
 #include <atomic>
 #include <functional>
 #include <initializer_list>
+#include <span>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -46,7 +48,7 @@ class PXKIT_EXPORT PXDictionary : public PXObject {
 
   ~PXDictionary() override;
 
-  size_t count() const noexcept { return entries_.size(); }
+  size_t count() const noexcept { return elements_.count; }
   // The value for `key`, or absent.
   PXValue objectForKey(const PXValue& key) const;
   const PXValue* find(const PXValue& key) const;  // null when missing; valid until the next mutation
@@ -54,14 +56,15 @@ class PXKIT_EXPORT PXDictionary : public PXObject {
   const PXValue* findStringKey(std::string_view key) const;
   PXRef<PXArray> allKeys() const;
   PXRef<PXArray> allValues() const;
-  const std::vector<Entry>& entries() const noexcept { return entries_; }
-  auto begin() const noexcept { return entries_.begin(); }
-  auto end() const noexcept { return entries_.end(); }
+  // In insertion order; valid until the next mutation.
+  std::span<const Entry> entries() const noexcept { return {elements_.items, elements_.count}; }
+  const Entry* begin() const noexcept { return elements_.items; }
+  const Entry* end() const noexcept { return elements_.items + elements_.count; }
   void enumerateKeysAndObjects(
       const std::function<void(const PXValue& key, const PXValue& value, bool* stop)>& block) const;
 
   bool isEqual(const PXObject& other) const override;
-  size_t hash() const override { return entries_.size(); }
+  size_t hash() const override { return elements_.count; }
   // "{\n    key = value;\n}" — the property-list style text.
   PXString description() const override;
   PXRef<PXObject> copy() const override;
@@ -79,6 +82,9 @@ class PXKIT_EXPORT PXDictionary : public PXObject {
  protected:
   // Takes the entries as they are: the caller guarantees distinct, present keys.
   PXDictionary(std::vector<Entry> entries, bool isMutable);
+  // A new immutable dictionary held in one allocation with its entries, moved
+  // out of `entries`; the caller guarantees distinct, present keys and values.
+  static PXRef<PXDictionary> dictionaryByTakingTrustedEntries(std::span<Entry> entries);
   // Checks for absent keys and values, copies object keys and folds duplicates
   // (a later one replaces the earlier value in place).
   void adoptEntries();
@@ -88,8 +94,9 @@ class PXKIT_EXPORT PXDictionary : public PXObject {
   const pxkit::internal::DictionaryIndex* ensureIndex() const;
   void invalidateIndex() noexcept;
 
-  std::vector<Entry> entries_;
-  // Hash index over entries_, built on first lookup past a few entries.
+  // Kept with the object by the factories that know the count; see PXContainerItems.h.
+  pxkit::internal::ContainerItems<Entry> elements_;
+  // Hash index over the entries, built on first lookup past a few entries.
   mutable std::atomic<pxkit::internal::DictionaryIndex*> index_{nullptr};
 };
 
@@ -105,4 +112,9 @@ class PXKIT_EXPORT PXMutableDictionary : public PXDictionary {
   void removeObjectForKey(const PXValue& key);               // "removeObjectForKey:"
   void removeAllObjects();
   void addEntriesFromDictionary(const PXDictionary& other);
+
+ protected:
+  // A new mutable dictionary of the entries moved out of `entries`; the caller
+  // guarantees distinct, present keys and values.
+  static PXRef<PXMutableDictionary> dictionaryByTakingTrustedEntries(std::span<Entry> entries);
 };

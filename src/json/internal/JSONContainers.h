@@ -1,31 +1,22 @@
-// Building parsed arrays and dictionaries without a second pass.
+// Building parsed dictionaries without a second pass.
 //
-// The decoder collects a container's elements on its own stack and hands the
-// finished vector over in one move. Dictionary entries arrive with their keys
-// already made unique (the decoder removes repeated keys itself), so the
-// dictionaries below take the vector as it is instead of inserting entry by
-// entry. They are the ordinary dictionary classes in every observable way: same
-// class object, same behaviour, same mutability.
+// The decoder collects a container's entries on its own stack and moves the
+// finished run into a dictionary packed with them. The entries arrive with
+// their keys already made unique (the decoder removes repeated keys itself), so
+// they are taken as they are instead of inserted one by one.
 #pragma once
 
 #include <pxkit/platform/PXDictionary.h>
 
-#include <utility>
-#include <vector>
-
 namespace pxkit::json::internal {
 
-class AdoptedDictionary final : public PXDictionary {
- public:
-  // `entries` must not repeat a key.
-  explicit AdoptedDictionary(std::vector<Entry>&& entries) noexcept
-      : PXDictionary(std::move(entries), false) {}
+// Parsed dictionaries are packed with their entries in one allocation by the
+// dictionaries' own factories for trusted entries; these only open them here.
+struct ParsedDictionary : PXDictionary {
+  using PXDictionary::dictionaryByTakingTrustedEntries;
 };
-
-class AdoptedMutableDictionary final : public PXMutableDictionary {
- public:
-  // `entries` must not repeat a key.
-  explicit AdoptedMutableDictionary(std::vector<Entry>&& entries) noexcept { entries_ = std::move(entries); }
+struct ParsedMutableDictionary : PXMutableDictionary {
+  using PXMutableDictionary::dictionaryByTakingTrustedEntries;
 };
 
 }  // namespace pxkit::json::internal

@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <new>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -49,7 +50,7 @@ struct DictionaryIndex {
   static void destroy(DictionaryIndex* index) noexcept { ::operator delete(index); }
 
   // A table over entries whose keys are known to be distinct.
-  static DictionaryIndex* build(const std::vector<PXDictionary::Entry>& entries) {
+  static DictionaryIndex* build(std::span<const PXDictionary::Entry> entries) {
     DictionaryIndex* index = make(entries.size());
     for (size_t i = 0; i < entries.size(); ++i) index->insert(entries[i].first.hash(), i);
     return index;
