@@ -50,8 +50,9 @@ PXRef<PXArray> PXArray::arrayWithValues(std::vector<PXValue> values) {
 PXRef<PXArray> PXArray::arrayByTakingValues(std::span<PXValue> values) {
   if (values.empty()) return array();
   checkNoAbsent(values, *array());
-  return PackedArray::make(
-      values.size(), [&](PXValue* slots) { std::uninitialized_move(values.begin(), values.end(), slots); });
+  return PackedArray::make(values.size(), values.size(), [&](PXValue* slots) {
+    std::uninitialized_move(values.begin(), values.end(), slots);
+  });
 }
 
 void PXArray::checkMutable(const char* method) const {
@@ -133,7 +134,7 @@ PXRef<PXObject> PXArray::mutableCopy() const {
 PXRef<PXArray> PXArray::copyArray() const {
   if (!isMutable()) return PXRef<PXArray>(const_cast<PXArray*>(this));
   if (elements_.count == 0) return array();
-  return PackedArray::make(elements_.count, [&](PXValue* slots) {
+  return PackedArray::make(elements_.count, elements_.count, [&](PXValue* slots) {
     std::uninitialized_copy_n(elements_.items, elements_.count, slots);
   });
 }
@@ -166,22 +167,23 @@ PXValue PXArray::valueForKey(std::string_view key) const {
 
 PXRef<PXMutableArray> PXMutableArray::arrayByTakingValues(std::span<PXValue> values) {
   checkNoAbsent(values, *array());
-  return PackedMutableArray::make(
-      values.size(), [&](PXValue* slots) { std::uninitialized_move(values.begin(), values.end(), slots); });
+  return PackedMutableArray::make(values.size(), values.size(), [&](PXValue* slots) {
+    std::uninitialized_move(values.begin(), values.end(), slots);
+  });
 }
 
 PXRef<PXMutableArray> PXMutableArray::arrayWithCapacity(size_t capacity) {
-  auto array = PXMake<PXMutableArray>();
-  array->elements_.storage.reserve(capacity);
-  array->elements_.storageChanged();
-  return array;
+  // Kept with the object: the first `capacity` additions cost no allocation.
+  return PackedMutableArray::make(0, capacity, [](PXValue*) {});
 }
 
 void PXMutableArray::addObject(const PXValue& value) {
   checkMutable("addObject:");
   if (!value) raiseInsertNil(*this, "addObject:");
+  if (elements_.emplaceInPlace(value)) return;
+  PXValue item = value;  // `value` may be one of the elements that move
   elements_.moveToStorage();
-  elements_.storage.push_back(value);
+  elements_.storage.push_back(std::move(item));
   elements_.storageChanged();
 }
 
@@ -189,8 +191,9 @@ void PXMutableArray::insertObject(const PXValue& value, size_t index) {
   checkMutable("insertObject:atIndex:");
   if (!value) raiseInsertNil(*this, "insertObject:atIndex:");
   if (index > elements_.count) raiseBounds("insertObject:atIndex:", index);
+  PXValue item = value;  // `value` may be one of the elements that move
   elements_.moveToStorage();
-  elements_.storage.insert(elements_.storage.begin() + static_cast<ptrdiff_t>(index), value);
+  elements_.storage.insert(elements_.storage.begin() + static_cast<ptrdiff_t>(index), std::move(item));
   elements_.storageChanged();
 }
 
@@ -249,8 +252,7 @@ void PXMutableArray::replaceObjectAtIndex(size_t index, const PXValue& value) {
   checkMutable("replaceObjectAtIndex:withObject:");
   if (!value) raiseInsertNil(*this, "replaceObjectAtIndex:withObject:");
   if (index >= elements_.count) raiseBounds("replaceObjectAtIndex:withObject:", index);
-  elements_.moveToStorage();
-  elements_.storage[index] = value;
+  elements_.items[index] = value;  // in place, wherever the elements are
 }
 
 void PXMutableArray::addObjectsFromArray(const PXArray& values) {

@@ -69,8 +69,9 @@ PXRef<PXDictionary> PXDictionary::dictionaryWithEntries(std::vector<Entry> entri
 
 PXRef<PXDictionary> PXDictionary::dictionaryByTakingTrustedEntries(std::span<Entry> entries) {
   if (entries.empty()) return dictionary();
-  return PackedDictionary::make(
-      entries.size(), [&](Entry* slots) { std::uninitialized_move(entries.begin(), entries.end(), slots); });
+  return PackedDictionary::make(entries.size(), entries.size(), [&](Entry* slots) {
+    std::uninitialized_move(entries.begin(), entries.end(), slots);
+  });
 }
 
 PXDictionary::PXDictionary(std::vector<Entry> entries) : PXDictionary(std::move(entries), false) {
@@ -253,7 +254,7 @@ PXRef<PXDictionary> PXDictionary::copyDictionary() const {
   if (!isMutable()) return PXRef<PXDictionary>(const_cast<PXDictionary*>(this));
   if (elements_.count == 0) return dictionary();
   // The entries are already distinct and their keys copied.
-  return PackedDictionary::make(elements_.count, [&](Entry* slots) {
+  return PackedDictionary::make(elements_.count, elements_.count, [&](Entry* slots) {
     std::uninitialized_copy_n(elements_.items, elements_.count, slots);
   });
 }
@@ -302,15 +303,14 @@ PXMutableDictionary::PXMutableDictionary(std::vector<Entry> entries)
 }
 
 PXRef<PXMutableDictionary> PXMutableDictionary::dictionaryByTakingTrustedEntries(std::span<Entry> entries) {
-  return PackedMutableDictionary::make(
-      entries.size(), [&](Entry* slots) { std::uninitialized_move(entries.begin(), entries.end(), slots); });
+  return PackedMutableDictionary::make(entries.size(), entries.size(), [&](Entry* slots) {
+    std::uninitialized_move(entries.begin(), entries.end(), slots);
+  });
 }
 
 PXRef<PXMutableDictionary> PXMutableDictionary::dictionaryWithCapacity(size_t capacity) {
-  auto dictionary = PXMake<PXMutableDictionary>();
-  dictionary->elements_.storage.reserve(capacity);
-  dictionary->elements_.storageChanged();
-  return dictionary;
+  // Kept with the object: the first `capacity` keys cost no allocation.
+  return PackedMutableDictionary::make(0, capacity, [](Entry*) {});
 }
 
 void PXMutableDictionary::setObject(const PXValue& value, const PXValue& key) {
@@ -323,17 +323,21 @@ void PXMutableDictionary::setObject(const PXValue& value, const PXValue& key) {
     PXException::raise(kPXInvalidArgumentException, "*** -[%@ %@]: attempt to insert nil value (key: %@)",
                        pxClass().name(), "setObject:forKey:", key);
   }
-  elements_.moveToStorage();
   size_t at = indexOfKey(key);
   if (at != kPXNotFound) {
-    elements_.storage[at].second = value;  // replaced in place: the key keeps its position
+    elements_.items[at].second = value;  // replaced in place: the key keeps its position
     return;
   }
-  elements_.storage.emplace_back(key.isObject() ? key.copy() : key, value);
-  elements_.storageChanged();
+  // Made before any entry moves: `key` and `value` may be parts of entries.
+  Entry entry(key.isObject() ? key.copy() : key, value);
+  if (!elements_.emplaceInPlace(std::move(entry))) {
+    elements_.moveToStorage();
+    elements_.storage.push_back(std::move(entry));
+    elements_.storageChanged();
+  }
   if (DictionaryIndex* index = index_.load(std::memory_order_relaxed)) {
     if (index->hasRoom()) {
-      index->insert(elements_.storage.back().first.hash(), elements_.storage.size() - 1);
+      index->insert(elements_.items[elements_.count - 1].first.hash(), elements_.count - 1);
     } else {
       invalidateIndex();  // rebuilt, larger, by the next lookup
     }

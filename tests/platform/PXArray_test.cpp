@@ -84,8 +84,9 @@ TEST(PXArray, FailedMutationsLeaveTheArrayAsItWas) {
   EXPECT_EQ(text(*array), "(\n    1,\n    2\n)");
 }
 
-// Each mutation runs on an ordinary mutable array and on one packed with its
-// elements, which must move them to ordinary storage first.
+// Each mutation runs on an ordinary mutable array, on one packed with its
+// elements (which must move them to ordinary storage first) and on one packed
+// with room to spare (which appends in place).
 TEST(PXArray, MutationsTable) {
   struct Row {
     const char* name;
@@ -121,9 +122,17 @@ TEST(PXArray, MutationsTable) {
   };
   auto packedOf = [](std::vector<PXValue> values) { return PXMutableArray::arrayByTakingValues(values); };
   for (const Row& row : rows) {
-    for (bool packed : {false, true}) {
-      SCOPED_TRACE(std::string(row.name) + (packed ? ", packed" : ""));
-      auto array = packed ? packedOf({1, 2, 3, 1}) : mutableOf({1, 2, 3, 1});
+    for (const char* kind : {"ordinary", "packed", "packed with room"}) {
+      SCOPED_TRACE(std::string(row.name) + ", " + kind);
+      PXRef<PXMutableArray> array;
+      if (kind == std::string("ordinary")) {
+        array = mutableOf({1, 2, 3, 1});
+      } else if (kind == std::string("packed")) {
+        array = packedOf({1, 2, 3, 1});
+      } else {
+        array = PXMutableArray::arrayWithCapacity(8);
+        for (int v : {1, 2, 3, 1}) array->addObject(v);
+      }
       row.change(*array);
       std::string folded;
       for (char c : text(*array)) {
@@ -133,6 +142,28 @@ TEST(PXArray, MutationsTable) {
       }
       EXPECT_EQ(folded, row.after);
     }
+  }
+}
+
+// Adding or inserting an element of the array itself, just as the elements
+// move out of the room kept with the object: the value must be taken first.
+// (AddressSanitizer reports the use after free otherwise.)
+TEST(PXArray, ElementsOfItselfSurviveTheMoveOutOfItsRoom) {
+  const PXValue first("the first element, long enough for the heap");
+  const PXValue second("the second element, long enough for the heap");
+  for (size_t room : {0, 1, 2}) {
+    SCOPED_TRACE(room);
+    auto array = PXMutableArray::arrayWithCapacity(room);
+    array->addObject(first);
+    array->addObject(second);
+    array->addObject(array->objectAtIndex(0));
+    array->insertObject(array->objectAtIndex(1), 0);
+    array->replaceObjectAtIndex(2, array->objectAtIndex(0));
+    ASSERT_EQ(array->count(), 4u);
+    EXPECT_TRUE(array->objectAtIndex(0).isEqual(second));
+    EXPECT_TRUE(array->objectAtIndex(1).isEqual(first));
+    EXPECT_TRUE(array->objectAtIndex(2).isEqual(second));
+    EXPECT_TRUE(array->objectAtIndex(3).isEqual(first));
   }
 }
 

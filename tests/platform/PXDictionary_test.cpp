@@ -182,6 +182,25 @@ TEST_P(PXDictionaryStart, LookupsStayRightAcrossTheIndexThreshold) {
   }
 }
 
+// Values and keys taken from the dictionary itself, just as its entries move
+// out of the room kept with the object. (AddressSanitizer reports the use
+// after free if they are not taken first.)
+TEST(PXDictionary, EntriesOfItselfSurviveTheMoveOutOfItsRoom) {
+  const PXValue value("a value long enough to live on the heap");
+  for (size_t room : {0, 1, 2}) {
+    SCOPED_TRACE(room);
+    auto d = PXMutableDictionary::dictionaryWithCapacity(room);
+    d->setObject(value, "first key, long enough for the heap");
+    d->setObject(*d->find("first key, long enough for the heap"), d->entries()[0].second);
+    d->setObject(d->entries()[1].first, "third");
+    ASSERT_EQ(d->count(), 3u);
+    EXPECT_TRUE(d->objectForKey(value).isEqual(value));
+    EXPECT_TRUE(d->objectForKey("third").isEqual(value));
+    d->setObject(*d->find("third"), "first key, long enough for the heap");  // replaced in place
+    EXPECT_EQ(d->count(), 3u);
+  }
+}
+
 TEST(PXDictionary, StringKeysAtTheInlineBoundary) {
   std::string fourteen(14, 'f'), fifteen(15, 'f');
   for (int size : {2, 20}) {
