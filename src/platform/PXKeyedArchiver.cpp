@@ -339,7 +339,12 @@ class ArchiveEncoder {
   }
 
   bool objectIndex(PXObject* object, size_t depth, Source source, size_t* index) {
-    if (const uint32_t found = index_.find(object); found != ObjectIndexTable::kMissing) {
+    // An item that nothing but its container holds is reached once: there is
+    // nothing to look up and nothing to record for a later reference. (Most
+    // objects of a large state are such items; the table stays small.)
+    const bool unshared = source == Source::Item && object->retainCount() == 1;
+    if (const uint32_t found = unshared ? ObjectIndexTable::kMissing : index_.find(object);
+        found != ObjectIndexTable::kMissing) {
       if (entries_[found].inProgress && object->objectTag() != PXObjectTag::Object)
         return fail("a container holds itself; such cycles cannot be archived");
       *index = found;
@@ -349,7 +354,7 @@ class ArchiveEncoder {
     if (entries_.size() >= kPXKeyedArchiveMaxObjects)
       return fail("the graph holds more objects than the archive limit");
     *index = entries_.size();
-    index_.insert(object, static_cast<uint32_t>(*index));
+    if (!unshared) index_.insert(object, static_cast<uint32_t>(*index));
     if (source == Source::Field) keepAlive_.emplace_back(object);
     entries_.emplace_back();
     std::string& entry = scratch(entryBuffers_, depth);
