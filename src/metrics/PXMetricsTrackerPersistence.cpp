@@ -30,13 +30,16 @@ PXRef<PXData> PXMetricsTracker::storeAsData() {
   PXRef<PXData> result;
   // On the queue, after every recording made before this call, tracker lock held.
   settleOutstandingOperationsWithOperationSync([&] {
-    PXRef<PXArray> all = metrics();
-    if (!all) return;
-    PXRef<PXArray> persisted = all->filteredArray([](const PXValue& value) {
-      auto* metric = dynamic_cast<PXMetric*>(value.objectPointer());
-      return metric && metric->needsPersistentStorage();
-    });
-    if (!persisted) return;
+    PXRef<PXArray> persisted;
+    {
+      // Filtered straight from the registry, under its lock: a snapshot first
+      // would retain and release every metric once more. The registry holds
+      // nothing but metrics (addMetric takes only PXMetric).
+      std::lock_guard registry(metricsDict_->monitor());
+      persisted = metrics_->filteredArray([](const PXValue& value) {
+        return static_cast<const PXMetric*>(value.objectPointer())->needsPersistentStorage();
+      });
+    }
     std::optional<PXDate> lastSubmission = lastAutoSubmissionDate();
     PXRef<PXMutableDictionary> root = dictionaryUntilFirstAbsent({
         {metricsTimeBase(), "TimeBase"},

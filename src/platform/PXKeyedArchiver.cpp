@@ -16,12 +16,14 @@
 #include <pxkit/platform/PXException.h>
 #include <pxkit/platform/PXKeyedArchiver.h>
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cmath>
 #include <cstring>
 #include <deque>
 #include <limits>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -203,7 +205,7 @@ class ArchiveEncoder {
     // The payload: the entry count, each entry with its length, then the root.
     std::string prefix;
     appendVarint(prefix, entries_.size());
-    size_t payloadSize = prefix.size() + arena_.size() + rootBytes.size();
+    size_t payloadSize = prefix.size() + entryBytes_ + rootBytes.size();
     for (const Entry& entry : entries_) payloadSize += varintSize(entry.length);
     if (payloadSize + kHeaderSize > kPXKeyedArchiveMaxLength)
       return fail("the archive would pass the length limit");
@@ -219,7 +221,7 @@ class ArchiveEncoder {
       length.clear();
       appendVarint(length, entry.length);
       put(length);
-      put(std::string_view(arena_).substr(entry.offset, entry.length));
+      put({entry.bytes, entry.length});
     }
     put(rootBytes);
     sealArchive(bytes, kPXKeyedArchiveVersion);
@@ -247,13 +249,30 @@ class ArchiveEncoder {
   // encodeWithCoder, so the encoder holds those itself.
   enum class Source { Root, Item, Field };
 
-  // Where an entry's bytes are in arena_; entries are finished children first,
-  // so the arena is not in table order.
+  // Where an entry's bytes are kept; entries are finished children first, so
+  // they are not kept in table order.
   struct Entry {
-    size_t offset = 0;
+    const char* bytes = nullptr;
     size_t length = 0;
     bool inProgress = true;
   };
+  static constexpr size_t kChunkBytes = 64 * 1024;
+
+  // A finished entry's bytes, copied into the current chunk (or a new one).
+  const char* keep(std::string_view entry) {
+    if (entry.size() > chunkLeft_) {
+      const size_t size = std::max(kChunkBytes, entry.size());
+      chunks_.push_back(std::make_unique_for_overwrite<char[]>(size));
+      chunkFree_ = chunks_.back().get();
+      chunkLeft_ = size;
+    }
+    char* at = chunkFree_;
+    if (!entry.empty()) std::memcpy(at, entry.data(), entry.size());
+    chunkFree_ += entry.size();
+    chunkLeft_ -= entry.size();
+    entryBytes_ += entry.size();
+    return at;
+  }
   // The fields of a coded object as they are encoded.
   struct OpenFields {
     std::string* bytes;
@@ -359,10 +378,9 @@ class ArchiveEncoder {
     entries_.emplace_back();
     std::string& entry = scratch(entryBuffers_, depth);
     if (!objectEntry(*object, entry, depth)) return false;
-    if (arena_.size() + entry.size() > kPXKeyedArchiveMaxLength)
+    if (entryBytes_ + entry.size() > kPXKeyedArchiveMaxLength)
       return fail("the archive would pass the length limit");
-    entries_[*index] = {arena_.size(), entry.size(), false};
-    arena_ += entry;
+    entries_[*index] = {keep(entry), entry.size(), false};
     return true;
   }
 
@@ -421,7 +439,12 @@ class ArchiveEncoder {
   ObjectIndexTable index_;
   std::vector<PXRef<PXObject>> keepAlive_;
   std::vector<Entry> entries_;
-  std::string arena_;
+  // Finished entries, in chunks that never move: the arena grows without
+  // copying (or faulting in twice) what it already holds.
+  std::vector<std::unique_ptr<char[]>> chunks_;
+  char* chunkFree_ = nullptr;
+  size_t chunkLeft_ = 0;
+  size_t entryBytes_ = 0;
   std::deque<std::string> entryBuffers_;  // by depth
   std::deque<std::string> fieldBuffers_;  // by depth
   std::vector<OpenFields> openFields_;

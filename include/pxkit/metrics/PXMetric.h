@@ -107,12 +107,18 @@ class PXKIT_EXPORT PXMetric : public PXObject, public PXCoding {
   [[nodiscard]] bool initWithCoder(PXKeyedUnarchiver& coder) override;
 
   PXString description() const override;
+  // The metric's own recursive lock (see Thread safety above).
+  PXMonitor& monitor() const override { return lock_; }
 
  private:
   friend struct PXMetricTestAccess;
   // Commits the running stretch into uncommittedUsageTime; returns now.
   double _updateUncommittedUsageTime();
 
+  // The metric's own recursive lock, which monitor() returns. Kept in the
+  // object rather than made on first use: a large registry locks every metric
+  // in turn, and each would otherwise cost an allocation and a pointer chase.
+  mutable PXMonitor lock_;
   mutable std::mutex propertyLock_;  // the atomic properties
   PXString identifier_;
   PXString primary_;

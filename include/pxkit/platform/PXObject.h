@@ -112,7 +112,9 @@ class PXKIT_EXPORT PXObject {
 
   // ---- Monitor -----------------------------------------------------------
   // The object's recursive monitor, made on first use: `std::lock_guard g(obj->monitor());`
-  PXMonitor& monitor() const;
+  // A class whose instances are locked often may keep one of its own and
+  // return it here.
+  virtual PXMonitor& monitor() const;
 
   // ---- Associated objects ------------------------------------------------
   // Sets (or, with an absent value, removes) the value associated under `key`.
