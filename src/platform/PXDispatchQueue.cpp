@@ -24,6 +24,9 @@
 // allocates nothing. See docs/internals/run-loops-and-timers.md.
 
 using pxkit::internal::DispatchNode;
+using pxkit::internal::DispatchNodeSize;
+using pxkit::internal::LargeDispatchNode;
+using pxkit::internal::SmallDispatchNode;
 
 namespace {
 
@@ -44,43 +47,60 @@ inline void cpuRelax() noexcept {
 }
 
 // ---- node pool -------------------------------------------------------------------
-// Workers hand finished nodes back in batches; a producer whose cache is empty
-// takes the whole shared stack at once (taking everything makes the stack immune
-// to the ABA problem, and batches keep that exchange rare).
+// One pool per node size. Workers hand finished nodes back in batches; a
+// producer whose cache is empty takes the whole shared stack at once (taking
+// everything makes the stack immune to the ABA problem, and batches keep that
+// exchange rare).
 constexpr size_t kRecycleBatch = 64;        // nodes a worker gathers before handing them back
-constexpr size_t kPooledNodesLimit = 4096;  // nodes kept for reuse beyond this are freed
+constexpr size_t kPooledNodesLimit = 4096;  // nodes of one size kept for reuse beyond this are freed
+constexpr size_t kNodeSizes = 2;
 
-// Nodes are carved from slabs, 63 at a time, so that a burst of jobs costs one
-// allocation per 63 nodes; a slab is freed once all its nodes have been
-// released (its first slot holds the count).
-constexpr size_t kSlabBytes = 64 * sizeof(DispatchNode);
-constexpr size_t kNodesPerSlab = kSlabBytes / sizeof(DispatchNode) - 1;
+size_t nodeBytes(DispatchNodeSize size) {
+  return size == DispatchNodeSize::Small ? sizeof(SmallDispatchNode) : sizeof(LargeDispatchNode);
+}
+
+// Nodes are carved from 8 KiB slabs (127 small or 63 large ones at a time), so
+// that a burst of jobs costs one allocation per slab; a slab is freed once all
+// its nodes have been released. Its first slot holds the count and the size.
+constexpr size_t kSlabBytes = 8192;
 struct SlabHeader {
   std::atomic<uint32_t> released{0};
+  uint32_t nodes = 0;
+  DispatchNodeSize size = DispatchNodeSize::Small;
 };
-static_assert(sizeof(SlabHeader) <= sizeof(DispatchNode));
+static_assert(sizeof(SlabHeader) <= sizeof(SmallDispatchNode));
 
-// The calling thread's free nodes, linked through `next`.
-thread_local DispatchNode* tlFreeNodes __attribute__((tls_model("initial-exec"))) = nullptr;
+SlabHeader* slabOf(DispatchNode* node) noexcept {
+  return reinterpret_cast<SlabHeader*>(reinterpret_cast<uintptr_t>(node) & ~(uintptr_t{kSlabBytes} - 1));
+}
+size_t sizeIndex(DispatchNode* node) noexcept {
+  return static_cast<size_t>(slabOf(node)->size);
+}
+
+// The calling thread's free nodes of each size, linked through `next`.
+thread_local DispatchNode* tlFreeNodes[kNodeSizes] __attribute__((tls_model("initial-exec"))) = {};
 
 // A node from a new slab; the slab's other nodes go to the calling thread's cache.
-DispatchNode* newNode() {
+DispatchNode* newNode(DispatchNodeSize size) {
   void* slab = std::aligned_alloc(kSlabBytes, kSlabBytes);
   if (!slab) throw std::bad_alloc();
-  ::new (slab) SlabHeader();
-  auto* nodes = reinterpret_cast<DispatchNode*>(static_cast<unsigned char*>(slab) + sizeof(DispatchNode));
-  for (size_t i = kNodesPerSlab - 1; i >= 1; --i) {
-    DispatchNode* node = ::new (&nodes[i]) DispatchNode();
-    node->next.store(tlFreeNodes, std::memory_order_relaxed);
-    tlFreeNodes = node;
+  const size_t bytes = nodeBytes(size);
+  auto* header = ::new (slab) SlabHeader();
+  header->nodes = static_cast<uint32_t>(kSlabBytes / bytes - 1);
+  header->size = size;
+  auto* first = static_cast<unsigned char*>(slab) + bytes;
+  DispatchNode*& cache = tlFreeNodes[static_cast<size_t>(size)];
+  for (size_t i = header->nodes - 1; i >= 1; --i) {
+    DispatchNode* node = ::new (first + i * bytes) DispatchNode();
+    node->next.store(cache, std::memory_order_relaxed);
+    cache = node;
   }
-  return ::new (&nodes[0]) DispatchNode();
+  return ::new (first) DispatchNode();
 }
 void deleteNode(DispatchNode* node) noexcept {
-  auto* slab =
-      reinterpret_cast<SlabHeader*>(reinterpret_cast<uintptr_t>(node) & ~(uintptr_t{kSlabBytes} - 1));
+  SlabHeader* slab = slabOf(node);
   node->~DispatchNode();
-  if (slab->released.fetch_add(1, std::memory_order_acq_rel) + 1 == kNodesPerSlab) {
+  if (slab->released.fetch_add(1, std::memory_order_acq_rel) + 1 == slab->nodes) {
     slab->~SlabHeader();
     std::free(slab);
   }
@@ -90,32 +110,34 @@ struct NodePool {
   alignas(64) std::atomic<DispatchNode*> head{nullptr};
   alignas(64) std::atomic<size_t> count{0};  // approximate: used only to bound the pool
 };
-NodePool& pool() {
-  static NodePool* p = new NodePool();  // never destroyed: workers may outlive static destruction
-  return *p;
+NodePool& pool(size_t sizeIndex) {
+  static NodePool* p = new NodePool[kNodeSizes];  // never destroyed: workers may outlive static destruction
+  return p[sizeIndex];
 }
 
 thread_local bool tlCacheClosed __attribute__((tls_model("initial-exec"))) = false;
 thread_local bool tlReaperArmed __attribute__((tls_model("initial-exec"))) = false;
 
-// Frees the thread's cache when the thread ends.
+void freeCache(DispatchNode*& cache) noexcept {
+  while (DispatchNode* node = cache) {
+    cache = node->next.load(std::memory_order_relaxed);
+    deleteNode(node);
+  }
+}
+
+// Frees the thread's caches when the thread ends.
 struct CacheReaper {
   ~CacheReaper() {
     tlCacheClosed = true;
-    while (DispatchNode* node = tlFreeNodes) {
-      tlFreeNodes = node->next.load(std::memory_order_relaxed);
-      deleteNode(node);
-    }
+    for (DispatchNode*& cache : tlFreeNodes) freeCache(cache);
   }
 };
 
-DispatchNode* acquireSlow() {
+DispatchNode* acquireSlow(DispatchNodeSize size) {
+  DispatchNode*& cache = tlFreeNodes[static_cast<size_t>(size)];
   if (tlCacheClosed) {
-    DispatchNode* node = newNode();  // the rest of the slab is freed at once: nothing caches it now
-    while (DispatchNode* spare = tlFreeNodes) {
-      tlFreeNodes = spare->next.load(std::memory_order_relaxed);
-      deleteNode(spare);
-    }
+    DispatchNode* node = newNode(size);  // the rest of the slab is freed at once: nothing caches it now
+    freeCache(cache);
     return node;
   }
   if (!tlReaperArmed) {
@@ -123,32 +145,32 @@ DispatchNode* acquireSlow() {
     (void)reaper;
     tlReaperArmed = true;
   }
-  NodePool& p = pool();
+  NodePool& p = pool(static_cast<size_t>(size));
   if (p.head.load(std::memory_order_relaxed)) {
     if (DispatchNode* stolen = p.head.exchange(nullptr, std::memory_order_acquire)) {
       p.count.store(0, std::memory_order_relaxed);
-      tlFreeNodes = stolen->next.load(std::memory_order_relaxed);
+      cache = stolen->next.load(std::memory_order_relaxed);
       return stolen;
     }
   }
-  return newNode();
+  return newNode(size);
 }
 
-// A worker's finished nodes, handed back to the pool in one exchange.
+// A worker's finished nodes of one size, handed back to the pool in one exchange.
 struct RecycleBatch {
   DispatchNode* first = nullptr;
   DispatchNode* last = nullptr;
   size_t count = 0;
 
-  void add(DispatchNode* node) noexcept {
+  void add(DispatchNode* node, size_t sizeIndex) noexcept {
     node->next.store(first, std::memory_order_relaxed);
     if (!first) last = node;
     first = node;
-    if (++count >= kRecycleBatch) flush();
+    if (++count >= kRecycleBatch) flush(sizeIndex);
   }
-  void flush() noexcept {
+  void flush(size_t sizeIndex) noexcept {
     if (!first) return;
-    NodePool& p = pool();
+    NodePool& p = pool(sizeIndex);
     if (p.count.load(std::memory_order_relaxed) >= kPooledNodesLimit) {
       while (DispatchNode* node = first) {
         first = node->next.load(std::memory_order_relaxed);
@@ -167,18 +189,31 @@ struct RecycleBatch {
   }
 };
 
+// One batch per node size.
+struct RecycleBatches {
+  RecycleBatch bySize[kNodeSizes];
+  void add(DispatchNode* node) noexcept {
+    const size_t index = sizeIndex(node);
+    bySize[index].add(node, index);
+  }
+  void flush() noexcept {
+    for (size_t index = 0; index < kNodeSizes; ++index) bySize[index].flush(index);
+  }
+};
+
 thread_local PXDispatchQueue* tlCurrentQueue = nullptr;
 
 }  // namespace
 
 namespace pxkit::internal {
 
-DispatchNode* dispatchNodeAcquire() {
-  if (DispatchNode* node = tlFreeNodes) {
-    tlFreeNodes = node->next.load(std::memory_order_relaxed);
+DispatchNode* dispatchNodeAcquire(DispatchNodeSize size) {
+  DispatchNode*& cache = tlFreeNodes[static_cast<size_t>(size)];
+  if (DispatchNode* node = cache) {
+    cache = node->next.load(std::memory_order_relaxed);
     return node;
   }
-  return acquireSlow();
+  return acquireSlow(size);
 }
 
 void dispatchNodeDiscard(DispatchNode* node) noexcept {
@@ -186,8 +221,9 @@ void dispatchNodeDiscard(DispatchNode* node) noexcept {
     deleteNode(node);
     return;
   }
-  node->next.store(tlFreeNodes, std::memory_order_relaxed);
-  tlFreeNodes = node;
+  DispatchNode*& cache = tlFreeNodes[sizeIndex(node)];
+  node->next.store(cache, std::memory_order_relaxed);
+  cache = node;
 }
 
 // The queue proper, shared by the PXDispatchQueue and its worker thread (which
@@ -276,7 +312,7 @@ struct DispatchQueueCore {
   }
 
   void run() noexcept {
-    RecycleBatch finished;
+    RecycleBatches finished;
     for (;;) {
       if (DispatchNode* node = pop()) {
         tlCurrentQueue = owner.load(std::memory_order_relaxed);

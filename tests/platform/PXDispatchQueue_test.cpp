@@ -111,10 +111,13 @@ TEST(PXDispatchQueue, ProducersThatWaitForEachJobNeverMissTheWorkersWakeUp) {
 TEST(PXDispatchQueue, CallablesOfEverySizeAreRunOnceAndDestroyed) {
   PXRef<PXDispatchQueue> queue = PXDispatchQueue::create();
   auto token = std::make_shared<int>(0);
-  std::array<char, 512> big{};  // too large for a node: goes to the heap
+  std::array<char, 80> middle{};  // too large for a small node: a large one
+  middle[79] = 5;
+  std::array<char, 512> big{};  // too large for any node: goes to the heap
   big[511] = 7;
-  int smallRuns = 0, bigRuns = 0, moveOnlyRuns = 0, functionRuns = 0;
+  int smallRuns = 0, middleRuns = 0, bigRuns = 0, moveOnlyRuns = 0, functionRuns = 0;
   queue->async([token, &smallRuns] { ++smallRuns; });
+  queue->async([token, middle, &middleRuns] { middleRuns += middle[79]; });
   queue->async([token, big, &bigRuns] { bigRuns += big[511]; });
   queue->async([owned = std::make_unique<int>(3), &moveOnlyRuns] { moveOnlyRuns += *owned; });
   std::function<void()> function = [token, &functionRuns] { ++functionRuns; };
@@ -122,11 +125,51 @@ TEST(PXDispatchQueue, CallablesOfEverySizeAreRunOnceAndDestroyed) {
   queue->async(std::function<void()>());  // empty: ignored
   queue->sync([] {});
   EXPECT_EQ(smallRuns, 1);
+  EXPECT_EQ(middleRuns, 5);
   EXPECT_EQ(bigRuns, 7);
   EXPECT_EQ(moveOnlyRuns, 3);
   EXPECT_EQ(functionRuns, 1);
   // Only our two copies remain: the queued callables were destroyed after running.
   EXPECT_EQ(token.use_count(), 2);
+}
+
+// Small, large and heap-held jobs from several producers at once: each size
+// has its own pool of nodes, recycled by the worker and reused by producers.
+TEST(PXDispatchQueue, JobsOfEverySizeFromManyProducersAllRunInOrder) {
+  PXRef<PXDispatchQueue> queue = PXDispatchQueue::create();
+  constexpr int kProducers = 4, kJobs = 6000;
+  std::array<std::vector<int>, kProducers> seen;  // written by the worker only
+  std::vector<std::thread> producers;
+  for (int p = 0; p < kProducers; ++p) {
+    producers.emplace_back([&, p] {
+      for (int i = 0; i < kJobs; ++i) {
+        std::vector<int>* mine = &seen[p];
+        switch (i % 3) {
+          case 0:
+            queue->async([mine, i] { mine->push_back(i); });
+            break;
+          case 1: {
+            std::array<int, 20> pad{};  // a large node
+            pad[19] = i;
+            queue->async([mine, pad] { mine->push_back(pad[19]); });
+            break;
+          }
+          default: {
+            std::array<int, 64> pad{};  // on the heap
+            pad[63] = i;
+            queue->async([mine, pad] { mine->push_back(pad[63]); });
+            break;
+          }
+        }
+      }
+    });
+  }
+  for (std::thread& t : producers) t.join();
+  queue->sync([] {});
+  for (int p = 0; p < kProducers; ++p) {
+    ASSERT_EQ(seen[p].size(), size_t{kJobs}) << "producer " << p;
+    for (int i = 0; i < kJobs; ++i) ASSERT_EQ(seen[p][i], i) << "producer " << p;
+  }
 }
 
 TEST(PXDispatchQueue, KnowsItsOwnJobsAndNamesItsThread) {

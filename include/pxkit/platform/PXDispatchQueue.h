@@ -2,8 +2,9 @@
 //
 // A PXDispatchQueue runs jobs one at a time, in the order they were enqueued,
 // on a worker thread of its own. `async` is the recording hot path of the kit:
-// it costs the caller one lock-free enqueue (an atomic exchange) into a pooled
-// node, and a futex wake only when the worker had gone to sleep.
+// it costs the caller one lock-free enqueue (an atomic exchange) of a pooled
+// node that holds the callable, and a futex wake only when the worker had gone
+// to sleep.
 //
 //   PXRef<PXDispatchQueue> queue = PXDispatchQueue::create("org.example.metrics");
 //   queue->async([tracker, delta] { tracker->apply(delta); });   // returns at once
@@ -40,25 +41,50 @@
 
 namespace pxkit::internal {
 
-// One queued job: an intrusive link, the function that runs and destroys the
-// job, and room for the job's callable inline (112 bytes: a reference, a few
-// short strings copied in place and a value, say; larger callables live on
-// the heap, which costs an allocation per job).
+// One queued job: an intrusive link and the function that runs and destroys
+// the job. The job's callable follows in the same node.
 struct DispatchNode {
-  static constexpr size_t kSize = 128;  // two cache lines
-  static constexpr size_t kInlineBytes = kSize - 2 * sizeof(void*);
-
   std::atomic<DispatchNode*> next{nullptr};
   void (*run)(DispatchNode*) = nullptr;  // runs the job, then destroys the callable
+};
+
+// Nodes come in two sizes, each with room for the callable inline: one cache
+// line (48 bytes: a reference, a value and three string handles, say), and two
+// (112 bytes: a reference, a value and a few short strings copied in place — a
+// recording). Larger callables live on the heap, which costs an allocation per job.
+template <size_t Size>
+struct DispatchNodeOf : DispatchNode {
+  static constexpr size_t kInlineBytes = Size - sizeof(DispatchNode);
   alignas(alignof(std::max_align_t)) unsigned char storage[kInlineBytes];
 };
-static_assert(sizeof(DispatchNode) == DispatchNode::kSize);
+using SmallDispatchNode = DispatchNodeOf<64>;
+using LargeDispatchNode = DispatchNodeOf<128>;
+static_assert(sizeof(SmallDispatchNode) == 64 && sizeof(LargeDispatchNode) == 128);
 
-// A free node from the calling thread's pool (or a new one). Never null; throws
-// std::bad_alloc when memory is exhausted.
-PXKIT_EXPORT DispatchNode* dispatchNodeAcquire();
+enum class DispatchNodeSize : uint8_t { Small, Large };
+
+// A free node of that size from the calling thread's pool (or a new one).
+// Never null; throws std::bad_alloc when memory is exhausted.
+PXKIT_EXPORT DispatchNode* dispatchNodeAcquire(DispatchNodeSize size);
 // Gives back a node whose job was never enqueued (its callable already destroyed).
 PXKIT_EXPORT void dispatchNodeDiscard(DispatchNode* node) noexcept;
+
+// Whether a callable of type Job fits inline in a node of type Node.
+template <class Node, class Job>
+inline constexpr bool kDispatchFits =
+    sizeof(Job) <= Node::kInlineBytes &&
+    alignof(Job) <= alignof(std::max_align_t) && std::is_nothrow_move_constructible_v<Job>;
+
+// Moves `job` into `node`, which has room for it, and sets its run function.
+template <class Node, class Job, class F>
+void dispatchNodeFill(DispatchNode* node, F&& job) {
+  ::new (static_cast<void*>(static_cast<Node*>(node)->storage)) Job(std::forward<F>(job));
+  node->run = [](DispatchNode* n) {
+    Job* callable = std::launder(reinterpret_cast<Job*>(static_cast<Node*>(n)->storage));
+    (*callable)();
+    callable->~Job();
+  };
+}
 
 struct DispatchQueueCore;
 
@@ -90,9 +116,7 @@ class PXKIT_EXPORT PXDispatchQueue : public PXObject {
   // allocation of its own.
   template <class F>
   static constexpr bool storesInline() noexcept {
-    using Job = std::decay_t<F>;
-    return sizeof(Job) <= pxkit::internal::DispatchNode::kInlineBytes &&
-           alignof(Job) <= alignof(std::max_align_t) && std::is_nothrow_move_constructible_v<Job>;
+    return pxkit::internal::kDispatchFits<pxkit::internal::LargeDispatchNode, std::decay_t<F>>;
   }
 
   // Runs `job` on the queue's thread after every job enqueued before it, and
@@ -124,28 +148,25 @@ class PXKIT_EXPORT PXDispatchQueue : public PXObject {
 template <class F>
 void PXDispatchQueue::async(F&& job) {
   using Job = std::decay_t<F>;
-  using pxkit::internal::DispatchNode;
+  using namespace pxkit::internal;
   if constexpr (std::is_same_v<Job, std::function<void()>> || std::is_pointer_v<Job>) {
     if (!job) return;
   }
-  DispatchNode* node = pxkit::internal::dispatchNodeAcquire();
+  // The smallest node the callable fits in; a pointer to it on the heap otherwise.
+  constexpr bool kSmall = kDispatchFits<SmallDispatchNode, Job>;
+  constexpr bool kLarge = !kSmall && kDispatchFits<LargeDispatchNode, Job>;
+  DispatchNode* node = dispatchNodeAcquire(kLarge ? DispatchNodeSize::Large : DispatchNodeSize::Small);
   try {
-    if constexpr (storesInline<F>()) {
-      ::new (static_cast<void*>(node->storage)) Job(std::forward<F>(job));
-      node->run = [](DispatchNode* n) {
-        Job* callable = std::launder(reinterpret_cast<Job*>(n->storage));
-        (*callable)();
-        callable->~Job();
-      };
+    if constexpr (kSmall) {
+      dispatchNodeFill<SmallDispatchNode, Job>(node, std::forward<F>(job));
+    } else if constexpr (kLarge) {
+      dispatchNodeFill<LargeDispatchNode, Job>(node, std::forward<F>(job));
     } else {
-      ::new (static_cast<void*>(node->storage)) Job*(new Job(std::forward<F>(job)));
-      node->run = [](DispatchNode* n) {
-        std::unique_ptr<Job> callable(*std::launder(reinterpret_cast<Job**>(n->storage)));
-        (*callable)();
-      };
+      auto onHeap = [callable = std::make_unique<Job>(std::forward<F>(job))] { (*callable)(); };
+      dispatchNodeFill<SmallDispatchNode, decltype(onHeap)>(node, std::move(onHeap));
     }
   } catch (...) {
-    pxkit::internal::dispatchNodeDiscard(node);
+    dispatchNodeDiscard(node);
     throw;
   }
   enqueue(node);
