@@ -13,15 +13,14 @@ PX_DEFINE_CLASS(PXMutableArray, PXArray, [](PXClassBuilder<PXMutableArray>& c) {
 
 namespace {
 
-[[noreturn]] void raiseInsertNil(const PXObject& array, const char* method) {
-  PXException::raise(kPXInvalidArgumentException, "*** -[%@ %@]: attempt to insert nil",
-                     array.pxClass().name(), method);
+[[noreturn]] void raiseInsertNil(const PXClass& cls, const char* method) {
+  PXException::raise(kPXInvalidArgumentException, "*** -[%@ %@]: attempt to insert nil", cls.name(), method);
 }
 
 // Arrays built from a list take it whole; an absent element is a caller's bug.
-void checkNoAbsent(std::span<const PXValue> values, const PXObject& array) {
+void checkNoAbsent(std::span<const PXValue> values, const PXClass& cls) {
   for (const PXValue& v : values) {
-    if (!v) raiseInsertNil(array, "initWithObjects:count:");
+    if (!v) raiseInsertNil(cls, "initWithObjects:count:");
   }
 }
 
@@ -49,7 +48,7 @@ PXRef<PXArray> PXArray::arrayWithValues(std::vector<PXValue> values) {
 
 PXRef<PXArray> PXArray::arrayByTakingValues(std::span<PXValue> values) {
   if (values.empty()) return array();
-  checkNoAbsent(values, *array());
+  checkNoAbsent(values, PXArray::classObject());
   return PackedArray::make(values.size(), values.size(), [&](PXValue* slots) {
     std::uninitialized_move(values.begin(), values.end(), slots);
   });
@@ -166,7 +165,7 @@ PXValue PXArray::valueForKey(std::string_view key) const {
 // ---- PXMutableArray ---------------------------------------------------------
 
 PXRef<PXMutableArray> PXMutableArray::arrayByTakingValues(std::span<PXValue> values) {
-  checkNoAbsent(values, *array());
+  checkNoAbsent(values, PXMutableArray::classObject());
   return PackedMutableArray::make(values.size(), values.size(), [&](PXValue* slots) {
     std::uninitialized_move(values.begin(), values.end(), slots);
   });
@@ -179,7 +178,7 @@ PXRef<PXMutableArray> PXMutableArray::arrayWithCapacity(size_t capacity) {
 
 void PXMutableArray::addObject(const PXValue& value) {
   checkMutable("addObject:");
-  if (!value) raiseInsertNil(*this, "addObject:");
+  if (!value) raiseInsertNil(pxClass(), "addObject:");
   if (elements_.emplaceInPlace(value)) return;
   PXValue item = value;  // `value` may be one of the elements that move
   elements_.moveToStorage();
@@ -189,7 +188,7 @@ void PXMutableArray::addObject(const PXValue& value) {
 
 void PXMutableArray::insertObject(const PXValue& value, size_t index) {
   checkMutable("insertObject:atIndex:");
-  if (!value) raiseInsertNil(*this, "insertObject:atIndex:");
+  if (!value) raiseInsertNil(pxClass(), "insertObject:atIndex:");
   if (index > elements_.count) raiseBounds("insertObject:atIndex:", index);
   PXValue item = value;  // `value` may be one of the elements that move
   elements_.moveToStorage();
@@ -250,7 +249,7 @@ void PXMutableArray::removeAllObjects() {
 
 void PXMutableArray::replaceObjectAtIndex(size_t index, const PXValue& value) {
   checkMutable("replaceObjectAtIndex:withObject:");
-  if (!value) raiseInsertNil(*this, "replaceObjectAtIndex:withObject:");
+  if (!value) raiseInsertNil(pxClass(), "replaceObjectAtIndex:withObject:");
   if (index >= elements_.count) raiseBounds("replaceObjectAtIndex:withObject:", index);
   elements_.items[index] = value;  // in place, wherever the elements are
 }
@@ -278,7 +277,7 @@ void PXMutableArray::sortUsingComparator(
 void PXMutableArray::setArray(std::vector<PXValue> values) {
   checkMutable("setArray:");
   for (const PXValue& v : values) {
-    if (!v) raiseInsertNil(*this, "setArray:");
+    if (!v) raiseInsertNil(pxClass(), "setArray:");
   }
   elements_.moveToStorage();  // the old elements go now, not with the block
   elements_.storage = std::move(values);

@@ -62,6 +62,17 @@ TEST(PXArray, MisuseRaisesWithExactMessages) {
          (void)PXArray::arrayWithValues({1, PXValue()});
        },
        kPXInvalidArgumentException, "*** -[PXArray initWithObjects:count:]: attempt to insert nil"},
+      {"build a mutable one with nil",
+       [] {
+         std::vector<PXValue> values{1, PXValue()};
+         (void)PXMutableArray::arrayByTakingValues(values);
+       },
+       kPXInvalidArgumentException, "*** -[PXMutableArray initWithObjects:count:]: attempt to insert nil"},
+      {"set with nil",
+       [] {
+         mutableOf({1})->setArray({2, PXValue()});
+       },
+       kPXInvalidArgumentException, "*** -[PXMutableArray setArray:]: attempt to insert nil"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
