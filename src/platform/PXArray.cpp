@@ -98,11 +98,30 @@ size_t PXArray::indexOfObjectIdenticalTo(const PXValue& value) const {
 }
 
 PXRef<PXArray> PXArray::filteredArray(const std::function<bool(const PXValue&)>& keep) const {
-  std::vector<PXValue> kept;
-  for (const PXValue& v : *this) {
-    if (keep(v)) kept.push_back(v);
+  using pxkit::internal::kItemPrefetchDistance;
+  const std::span<const PXValue> items = values();
+  // Nothing is copied up to the first item left out: an immutable array that
+  // keeps them all is its own result.
+  size_t firstLeftOut = 0;
+  for (; firstLeftOut < items.size(); ++firstLeftOut) {
+    if (firstLeftOut + kItemPrefetchDistance < items.size())
+      items[firstLeftOut + kItemPrefetchDistance].prefetchCount();
+    if (!keep(items[firstLeftOut])) break;
   }
-  return arrayWithValues(std::move(kept));
+  if (firstLeftOut == items.size() && !isMutable()) return PXRef<PXArray>(const_cast<PXArray*>(this));
+  std::vector<PXValue> kept;
+  kept.reserve(items.size());
+  kept.assign(items.begin(), items.begin() + static_cast<ptrdiff_t>(firstLeftOut));
+  for (size_t i = firstLeftOut + 1; i < items.size(); ++i) {
+    if (i + kItemPrefetchDistance < items.size()) items[i + kItemPrefetchDistance].prefetchCount();
+    if (keep(items[i])) kept.push_back(items[i]);
+  }
+  return arrayByTakingValues(kept);
+}
+
+void PXArray::prefetchContents() const noexcept {
+  const size_t n = std::min(elements_.count, pxkit::internal::kContentsPrefetchCount);
+  for (size_t i = 0; i < n; ++i) elements_.items[i].prefetchCount();
 }
 
 bool PXArray::isEqual(const PXObject& other) const {
@@ -134,7 +153,7 @@ PXRef<PXArray> PXArray::copyArray() const {
   if (!isMutable()) return PXRef<PXArray>(const_cast<PXArray*>(this));
   if (elements_.count == 0) return array();
   return PackedArray::make(elements_.count, elements_.count, [&](PXValue* slots) {
-    std::uninitialized_copy_n(elements_.items, elements_.count, slots);
+    pxkit::internal::copyItems(elements_.items, elements_.count, slots);
   });
 }
 

@@ -1,6 +1,7 @@
 #include <pxkit/platform/PXDictionary.h>
 #include <pxkit/platform/PXException.h>
 
+#include <algorithm>
 #include <cstring>
 #include <iterator>
 #include <memory>
@@ -224,6 +225,11 @@ void PXDictionary::enumerateKeysAndObjects(
 
 // ---- Identity, text, copies -------------------------------------------------
 
+void PXDictionary::prefetchContents() const noexcept {
+  const size_t n = std::min(elements_.count, pxkit::internal::kContentsPrefetchCount);
+  for (size_t i = 0; i < n; ++i) pxkit::internal::prefetchCounts(elements_.items[i]);
+}
+
 bool PXDictionary::isEqual(const PXObject& other) const {
   if (this == &other) return true;
   if (other.objectTag() != PXObjectTag::Dictionary) return false;
@@ -255,7 +261,7 @@ PXRef<PXDictionary> PXDictionary::copyDictionary() const {
   if (elements_.count == 0) return dictionary();
   // The entries are already distinct and their keys copied.
   return PackedDictionary::make(elements_.count, elements_.count, [&](Entry* slots) {
-    std::uninitialized_copy_n(elements_.items, elements_.count, slots);
+    pxkit::internal::copyItems(elements_.items, elements_.count, slots);
   });
 }
 

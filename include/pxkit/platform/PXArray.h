@@ -55,11 +55,13 @@ class PXKIT_EXPORT PXArray : public PXObject {
   std::span<const PXValue> values() const noexcept { return {elements_.items, elements_.count}; }
   const PXValue* begin() const noexcept { return elements_.items; }
   const PXValue* end() const noexcept { return elements_.items + elements_.count; }
-  // The elements for which `keep` is true, as a new immutable array.
+  // The elements for which `keep` is true, as an immutable array: a new one,
+  // or the receiver itself when it is immutable and keeps every element.
   PXRef<PXArray> filteredArray(const std::function<bool(const PXValue&)>& keep) const;
 
   bool isEqual(const PXObject& other) const override;
   size_t hash() const override { return elements_.count; }
+  void prefetchContents() const noexcept override;  // the first items' storage
   // "(\n    1,\n    two\n)" — the property-list style text.
   PXString description() const override;
   PXRef<PXObject> copy() const override;         // self when immutable

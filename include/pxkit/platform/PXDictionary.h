@@ -65,6 +65,7 @@ class PXKIT_EXPORT PXDictionary : public PXObject {
 
   bool isEqual(const PXObject& other) const override;
   size_t hash() const override { return elements_.count; }
+  void prefetchContents() const noexcept override;  // the first items' storage
   // "{\n    key = value;\n}" — the property-list style text.
   PXString description() const override;
   PXRef<PXObject> copy() const override;

@@ -110,6 +110,13 @@ class PXKIT_EXPORT PXObject {
   virtual PXRef<PXObject> copy() const;
   virtual PXRef<PXObject> mutableCopy() const;
 
+  // ---- Walks over large graphs -------------------------------------------
+  // Asks the processor, ahead of time, for the cache lines of what this object
+  // holds, because a walk over a large graph (releasing it, archiving it) is
+  // about to reach them: containers ask for their first items. A hint only,
+  // safe to skip; the default does nothing.
+  virtual void prefetchContents() const noexcept {}
+
   // ---- Monitor -----------------------------------------------------------
   // The object's recursive monitor, made on first use: `std::lock_guard g(obj->monitor());`
   // A class whose instances are locked often may keep one of its own and

@@ -41,7 +41,7 @@ class PackedContainer final : public Base {
 
   // Items that moved to storage left their slots empty.
   ~PackedContainer() override {
-    if (this->elements_.items == slots()) std::destroy_n(slots(), this->elements_.count);
+    if (this->elements_.items == slots()) destroyItems(slots(), this->elements_.count);
   }
 
   // The whole block goes, items included; every delete of a packed container
