@@ -19,8 +19,12 @@ void PXMetricsTracker::makePaperCutWithTimestamp(PXDate timestamp) {
 
 PXRef<PXMutableDictionary> PXMetricsTracker::_papercutDictWithTimestamp(PXDate timestamp, bool reset) {
   // A snapshot: metrics registered meanwhile are neither reported nor reset.
-  PXRef<PXArray> snapshot = metrics();
-  PXRef<PXMutableArray> dataSets = _compileMetricsDataSetsFromMetrics(*snapshot, reset);
+  return _papercutDictWithTimestamp(timestamp, reset, *metrics());
+}
+
+PXRef<PXMutableDictionary> PXMetricsTracker::_papercutDictWithTimestamp(PXDate timestamp, bool reset,
+                                                                        const PXArray& snapshot) {
+  PXRef<PXMutableArray> dataSets = _compileMetricsDataSetsFromMetrics(snapshot, reset);
   if (!dataSets) return {};
   PXString packageID =
       _md5ChecksumOfString(PXFormat("%@%f", systemID(), timestamp.timeIntervalSinceReferenceDate()));

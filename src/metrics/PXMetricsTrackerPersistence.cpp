@@ -30,16 +30,15 @@ PXRef<PXData> PXMetricsTracker::storeAsData() {
   PXRef<PXData> result;
   // On the queue, after every recording made before this call, tracker lock held.
   settleOutstandingOperationsWithOperationSync([&] {
-    PXRef<PXArray> persisted;
-    {
-      // Filtered straight from the registry, under its lock: a snapshot first
-      // would retain and release every metric once more. The registry holds
-      // nothing but metrics (addMetric takes only PXMetric).
-      std::lock_guard registry(metricsDict_->monitor());
-      persisted = metrics_->filteredArray([](const PXValue& value) {
-        return static_cast<const PXMetric*>(value.objectPointer())->needsPersistentStorage();
-      });
-    }
+    // One snapshot of the registry serves both the persisted metrics and the
+    // saved-state papercut, so a large registry is retained and released once,
+    // not twice. When every metric is persisted, the filtered array is the
+    // snapshot itself.
+    PXRef<PXArray> snapshot = metrics();
+    // The registry holds nothing but metrics (addMetric takes only PXMetric).
+    PXRef<PXArray> persisted = snapshot->filteredArray([](const PXValue& value) {
+      return static_cast<const PXMetric*>(value.objectPointer())->needsPersistentStorage();
+    });
     std::optional<PXDate> lastSubmission = lastAutoSubmissionDate();
     PXRef<PXMutableDictionary> root = dictionaryUntilFirstAbsent({
         {metricsTimeBase(), "TimeBase"},
@@ -48,7 +47,7 @@ PXRef<PXData> PXMetricsTracker::storeAsData() {
         {userData(), "Storage"},
         {paperCuts(), "PaperCuts"},
         {lastPaperCutDateByMetricID(), "LastPaperCutDateByMetricID"},
-        {_papercutDictWithTimestamp(metricsTimeBase(), /*reset=*/false), "SavedStatePaperCut"},
+        {_papercutDictWithTimestamp(metricsTimeBase(), /*reset=*/false, *snapshot), "SavedStatePaperCut"},
         {lastSubmission ? PXValue(*lastSubmission) : PXValue(), "LastAutoSubmissionDate"},
     });
     result = PXKeyedArchiver::archivedDataWithRootObject(root);

@@ -149,6 +149,9 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   // Cuts a resetting papercut stamped `timestamp` and stores it.
   void makePaperCutWithTimestamp(PXDate timestamp);
   PXRef<PXMutableDictionary> _papercutDictWithTimestamp(PXDate timestamp, bool reset);
+  // The same over `snapshot`, a copy of the registry the caller has already taken.
+  PXRef<PXMutableDictionary> _papercutDictWithTimestamp(PXDate timestamp, bool reset,
+                                                        const PXArray& snapshot);
   PXRef<PXMutableArray> _compileMetricsDataSetsFromMetrics(const PXArray& metrics, bool reset);
   void _addPapercut(const PXRef<PXDictionary>& papercut);
   static PXString _md5ChecksumOfString(const PXString& string);
