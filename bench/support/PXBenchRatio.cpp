@@ -40,6 +40,10 @@ std::map<std::string, double> PXBenchRunAll(int argc, char** argv) {
   CollectingReporter reporter(times);
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
+  if (std::getenv("PXKIT_BENCH_FASTEST")) {
+    for (const auto& [name, seconds] : times)
+      std::printf("fastest %s: %.3f ms\n", name.c_str(), seconds * 1e3);
+  }
   return times;
 }
 
