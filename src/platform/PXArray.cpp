@@ -100,28 +100,26 @@ size_t PXArray::indexOfObjectIdenticalTo(const PXValue& value) const {
 PXRef<PXArray> PXArray::filteredArray(const std::function<bool(const PXValue&)>& keep) const {
   using pxkit::internal::kItemPrefetchDistance;
   const std::span<const PXValue> items = values();
-  // Nothing is copied up to the first item left out: an immutable array that
-  // keeps them all is its own result.
-  size_t firstLeftOut = 0;
-  for (; firstLeftOut < items.size(); ++firstLeftOut) {
-    if (firstLeftOut + kItemPrefetchDistance < items.size())
-      items[firstLeftOut + kItemPrefetchDistance].prefetchCount();
-    if (!keep(items[firstLeftOut])) break;
-  }
-  if (firstLeftOut == items.size() && !isMutable()) return PXRef<PXArray>(const_cast<PXArray*>(this));
+  // Nothing is copied up to the first item left out: when every item is kept,
+  // the result is the array's own copy (itself, when it is immutable).
+  size_t firstLeftOut = items.size();
   std::vector<PXValue> kept;
-  kept.reserve(items.size());
-  kept.assign(items.begin(), items.begin() + static_cast<ptrdiff_t>(firstLeftOut));
-  for (size_t i = firstLeftOut + 1; i < items.size(); ++i) {
+  for (size_t i = 0; i < items.size(); ++i) {
     if (i + kItemPrefetchDistance < items.size()) items[i + kItemPrefetchDistance].prefetchCount();
-    if (keep(items[i])) kept.push_back(items[i]);
+    if (keep(items[i])) {
+      if (firstLeftOut < i) kept.push_back(items[i]);
+    } else if (firstLeftOut == items.size()) {
+      firstLeftOut = i;
+      kept.reserve(items.size());
+      kept.assign(items.begin(), items.begin() + static_cast<ptrdiff_t>(i));
+    }
   }
+  if (firstLeftOut == items.size()) return copyArray();
   return arrayByTakingValues(kept);
 }
 
 void PXArray::prefetchContents() const noexcept {
-  const size_t n = std::min(elements_.count, pxkit::internal::kContentsPrefetchCount);
-  for (size_t i = 0; i < n; ++i) elements_.items[i].prefetchCount();
+  elements_.prefetchFirstItems();
 }
 
 bool PXArray::isEqual(const PXObject& other) const {

@@ -1,7 +1,6 @@
 #include <pxkit/platform/PXDictionary.h>
 #include <pxkit/platform/PXException.h>
 
-#include <algorithm>
 #include <cstring>
 #include <iterator>
 #include <memory>
@@ -226,8 +225,7 @@ void PXDictionary::enumerateKeysAndObjects(
 // ---- Identity, text, copies -------------------------------------------------
 
 void PXDictionary::prefetchContents() const noexcept {
-  const size_t n = std::min(elements_.count, pxkit::internal::kContentsPrefetchCount);
-  for (size_t i = 0; i < n; ++i) pxkit::internal::prefetchCounts(elements_.items[i]);
+  elements_.prefetchFirstItems();
 }
 
 bool PXDictionary::isEqual(const PXObject& other) const {

@@ -77,6 +77,11 @@ struct ContainerItems {
 
   bool keptWithObject() const noexcept { return items != storage.data(); }
 
+  // What a container's prefetchContents asks for: its first items' counts.
+  void prefetchFirstItems() const noexcept {
+    for (size_t i = 0; i < count && i < kContentsPrefetchCount; ++i) prefetchCounts(items[i]);
+  }
+
   // After every change to `storage`.
   void storageChanged() noexcept {
     items = storage.data();
