@@ -193,20 +193,25 @@ std::vector<std::string> PreferencesStore::differingKeys(const PXDictionary& a, 
 
 std::optional<PreferencesDiskState> PreferencesStore::readIfChanged() const {
   PreferencesDiskState state;
-  {
+  for (bool current = false; !current;) {
+    {
+      std::lock_guard lock(mutex_);
+      state.generation = generation_;
+    }
+    std::string why;
+    bool exists = false;
+    if (!readWholeFile(path_, &state.bytes, &exists, &why)) return std::nullopt;
+    // An empty file that exists is one being written in place (truncated, not yet
+    // filled): wait for its content rather than announce every key removed.
+    if (exists && state.bytes.empty()) return std::nullopt;
     std::lock_guard lock(mutex_);
-    state.generation = generation_;
+    // A synchronize of another thread may have written the file since it was
+    // read here: those bytes could be older than what the store now holds,
+    // and would announce its own keys as changed. Read again.
+    current = state.generation == generation_;
+    if (current && state.bytes == lastBytes_) return std::nullopt;
   }
-  std::string why;
-  bool exists = false, ok = false;
-  if (!readWholeFile(path_, &state.bytes, &exists, &why)) return std::nullopt;
-  // An empty file that exists is one being written in place (truncated, not yet
-  // filled): wait for its content rather than announce every key removed.
-  if (exists && state.bytes.empty()) return std::nullopt;
-  {
-    std::lock_guard lock(mutex_);
-    if (state.bytes == lastBytes_) return std::nullopt;
-  }
+  bool ok = false;
   state.values = parse(state.bytes, &ok);
   if (!ok) return std::nullopt;
   return state;
@@ -214,6 +219,9 @@ std::optional<PreferencesDiskState> PreferencesStore::readIfChanged() const {
 
 std::vector<std::string> PreferencesStore::keysChangedBy(const PreferencesDiskState& state) const {
   std::lock_guard lock(mutex_);
+  // Overtaken by a synchronize or another reload: adopt() refuses it, and the
+  // newer content has been announced by whoever brought it in.
+  if (state.generation != generation_) return {};
   return differingKeys(*visible_, *mergedLocked(*state.values));
 }
 
