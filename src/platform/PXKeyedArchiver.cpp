@@ -15,8 +15,6 @@
 #include <pxkit/platform/PXDictionary.h>
 #include <pxkit/platform/PXException.h>
 #include <pxkit/platform/PXKeyedArchiver.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -25,7 +23,6 @@
 #include <cstring>
 #include <deque>
 #include <limits>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -140,24 +137,6 @@ void appendString(std::string& out, std::string_view s) {
 
 // ---- Encoder ---------------------------------------------------------------
 
-namespace {
-
-// The output of a large archive is a block the allocator maps afresh, written
-// once from start to end: each 4 KiB page of it would fault on its first
-// write, some 4,000 times for the state of a tracker with 100,000 metrics. One
-// call maps them all at once, which costs about a fifth less here. (Kernels
-// before 5.14 refuse the advice, and the pages fault as before.)
-constexpr size_t kPrefaultMinimum = size_t{1} << 20;
-void prefault(void* buffer, size_t length) {
-  if (length < kPrefaultMinimum) return;
-  const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
-  const uintptr_t start = (reinterpret_cast<uintptr_t>(buffer) + page - 1) & ~(page - 1);
-  const uintptr_t end = (reinterpret_cast<uintptr_t>(buffer) + length) & ~(page - 1);
-  if (end > start) madvise(reinterpret_cast<void*>(start), end - start, MADV_POPULATE_WRITE);
-}
-
-}  // namespace
-
 // Where each object of the graph went in the table: open addressing over a flat
 // array, because archives of large states look up every object once and a
 // node-based map spends most of that time on allocation and cache misses.
@@ -167,10 +146,8 @@ class ObjectIndexTable {
 
   uint32_t find(const PXObject* object) const {
     if (slots_.empty()) return kMissing;
-    for (size_t i = home(object);; i = (i + 1) & mask()) {
-      if (slots_[i].object == object) return slots_[i].index;
-      if (!slots_[i].object) return kMissing;
-    }
+    const size_t i = position(object);
+    return slots_[i].object ? slots_[i].index : kMissing;
   }
 
   // Asks for the slot where a lookup of `object` starts, ahead of time.
@@ -181,11 +158,12 @@ class ObjectIndexTable {
   // `object` must not be in the table yet.
   void insert(const PXObject* object, uint32_t index) {
     if ((count_ + 1) * 2 > slots_.size()) grow();
-    size_t i = home(object);
-    while (slots_[i].object) i = (i + 1) & mask();
-    slots_[i] = {object, index};
+    slots_[position(object)] = {object, index};
     ++count_;
   }
+
+  // `object` must be in the table.
+  void update(const PXObject* object, uint32_t index) { slots_[position(object)].index = index; }
 
  private:
   struct Slot {
@@ -199,16 +177,19 @@ class ObjectIndexTable {
     const uint64_t h = reinterpret_cast<uintptr_t>(object) * 0x9E3779B97F4A7C15ull;
     return static_cast<size_t>(h >> (64 - shift_));
   }
+  // The slot holding `object`, or the empty slot where it would go.
+  size_t position(const PXObject* object) const {
+    size_t i = home(object);
+    while (slots_[i].object && slots_[i].object != object) i = (i + 1) & mask();
+    return i;
+  }
 
   void grow() {
     std::vector<Slot> old = std::move(slots_);
     shift_ = old.empty() ? 6 : shift_ + 1;
     slots_.assign(size_t{1} << shift_, Slot{});
     for (const Slot& slot : old) {
-      if (!slot.object) continue;
-      size_t i = home(slot.object);
-      while (slots_[i].object) i = (i + 1) & mask();
-      slots_[i] = slot;
+      if (slot.object) slots_[position(slot.object)] = slot;
     }
   }
 
@@ -217,38 +198,34 @@ class ObjectIndexTable {
   int shift_ = 0;
 };
 
+// The encoder writes the archive front to back in one pass. Objects enter the
+// table as they are finished, children before the containers and coded objects
+// that hold them, so a finished entry goes straight after the ones before it and
+// every reference written so far is to an entry already in the table. The one
+// exception is a coded object reached again while it is still being encoded (a
+// cycle through coded objects): that reference is written as a placeholder of
+// fixed width and filled in when the object is finished.
 class ArchiveEncoder {
  public:
+  // `expectedLength` (0 when unknown) is room set aside up front: an archive
+  // that fits is written where it will stay, without being copied as it grows.
+  explicit ArchiveEncoder(size_t expectedLength) : out_(kTableStart) {
+    const size_t room = std::min(expectedLength, kPXKeyedArchiveMaxLength);
+    out_.reserve(room + room / 16);
+  }
+
   bool archive(const PXValue& root, std::vector<uint8_t>* out) {
     std::string rootBytes;
     if (!value(root, rootBytes, 0, Source::Root)) return false;
-    // The payload: the entry count, each entry with its length, then the root.
-    std::string prefix;
-    appendVarint(prefix, entries_.size());
-    size_t payloadSize = prefix.size() + entryBytes_ + rootBytes.size();
-    for (const Entry& entry : entries_) payloadSize += varintSize(entry.length);
-    if (payloadSize + kHeaderSize > kPXKeyedArchiveMaxLength)
+    if (out_.size() + rootBytes.size() > kPXKeyedArchiveMaxLength)
       return fail("the archive would pass the length limit");
-    std::vector<uint8_t> bytes;
-    bytes.reserve(kHeaderSize + payloadSize);
-    prefault(bytes.data(), bytes.capacity());
-    bytes.resize(kHeaderSize + payloadSize);
-    uint8_t* p = bytes.data() + kHeaderSize;
-    auto put = [&p](std::string_view s) {
-      std::memcpy(p, s.data(), s.size());
-      p += s.size();
-    };
-    put(prefix);
-    std::string length;
-    for (const Entry& entry : entries_) {
-      length.clear();
-      appendVarint(length, entry.length);
-      put(length);
-      put({entry.bytes, entry.length});
-    }
     put(rootBytes);
-    sealArchive(bytes, kPXKeyedArchiveVersion);
-    *out = std::move(bytes);
+    writeFixedVarint(out_.data() + kHeaderSize, count_);
+    sealArchive(out_, kPXKeyedArchiveVersion);
+    // The archive may be kept for long (in the user defaults, say): room that
+    // growing or a generous expectation left over is given back.
+    if (out_.capacity() - out_.size() > out_.size() / 8) out_.shrink_to_fit();
+    *out = std::move(out_);
     return true;
   }
 
@@ -272,30 +249,29 @@ class ArchiveEncoder {
   // encodeWithCoder, so the encoder holds those itself.
   enum class Source { Root, Item, Field };
 
-  // Where an entry's bytes are kept; entries are finished children first, so
-  // they are not kept in table order.
-  struct Entry {
-    const char* bytes = nullptr;
-    size_t length = 0;
-    bool inProgress = true;
-  };
-  static constexpr size_t kChunkBytes = 64 * 1024;
-
-  // A finished entry's bytes, copied into the current chunk (or a new one).
-  const char* keep(std::string_view entry) {
-    if (entry.size() > chunkLeft_) {
-      const size_t size = std::max(kChunkBytes, entry.size());
-      chunks_.push_back(std::make_unique_for_overwrite<char[]>(size));
-      chunkFree_ = chunks_.back().get();
-      chunkLeft_ = size;
-    }
-    char* at = chunkFree_;
-    if (!entry.empty()) std::memcpy(at, entry.data(), entry.size());
-    chunkFree_ += entry.size();
-    chunkLeft_ -= entry.size();
-    entryBytes_ += entry.size();
-    return at;
+  // The object count and the placeholders are varints padded to a fixed width
+  // (groups of zero with the continuation bit), wide enough for any count the
+  // limits allow: the count goes in front of a table written before its size
+  // is known.
+  static constexpr size_t kFixedVarintSize = 3;
+  static_assert(kPXKeyedArchiveMaxObjects < (uint64_t{1} << (7 * kFixedVarintSize)));
+  static constexpr size_t kTableStart = kHeaderSize + kFixedVarintSize;
+  static void writeFixedVarint(uint8_t* at, uint64_t value) {
+    for (size_t i = 0; i + 1 < kFixedVarintSize; ++i, value >>= 7)
+      at[i] = static_cast<uint8_t>((value & 0x7F) | 0x80);
+    at[kFixedVarintSize - 1] = static_cast<uint8_t>(value);
   }
+
+  // A table index is written while its object is still open.
+  static constexpr uint32_t kOpen = ObjectIndexTable::kMissing - 1;
+  // A placeholder for the index of an open object: `offset` into `buffer`, or
+  // into the archive once `buffer` is null.
+  struct Placeholder {
+    const std::string* buffer;
+    size_t offset;
+    const PXObject* object;
+  };
+
   // The fields of a coded object as they are encoded.
   struct OpenFields {
     std::string* bytes;
@@ -335,6 +311,20 @@ class ArchiveEncoder {
     std::string& buffer = buffers[depth];
     buffer.clear();
     return buffer;
+  }
+
+  // Appends to the archive.
+  void put(std::string_view s) {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(s.data());
+    out_.insert(out_.end(), bytes, bytes + s.size());
+  }
+
+  // `from`'s placeholders move along with its bytes, which now start at `base`
+  // of `to` (of the archive when `to` is null).
+  void movePlaceholders(const std::string* from, const std::string* to, size_t base) {
+    for (Placeholder& p : placeholders_) {
+      if (p.buffer == from) p = {to, base + p.offset, p.object};
+    }
   }
 
   bool fail(std::string why) {
@@ -382,38 +372,63 @@ class ArchiveEncoder {
     }
     PXObject* object = v.objectPointer();
     if (!object) return fail("an object value without an object");
-    size_t index = 0;
+    uint32_t index = 0;
     if (!objectIndex(object, depth, source, &index)) return false;
     out.push_back(static_cast<char>(kRef));
-    appendVarint(out, index);
+    if (index == kOpen) {
+      placeholders_.push_back({&out, out.size(), object});
+      out.append(kFixedVarintSize, '\0');
+    } else {
+      appendVarint(out, index);
+    }
     return true;
   }
 
-  bool objectIndex(PXObject* object, size_t depth, Source source, size_t* index) {
+  // The table index of `object`, encoding it first when it is not in the table
+  // yet; kOpen for a coded object that is still being encoded.
+  bool objectIndex(PXObject* object, size_t depth, Source source, uint32_t* index) {
     // An item that nothing but its container holds is reached once: there is
     // nothing to look up and nothing to record for a later reference. (Most
     // objects of a large state are such items; the table stays small.)
     const bool unshared = source == Source::Item && object->retainCount() == 1;
     if (const uint32_t found = unshared ? ObjectIndexTable::kMissing : index_.find(object);
         found != ObjectIndexTable::kMissing) {
-      if (entries_[found].inProgress && object->objectTag() != PXObjectTag::Object)
+      if (found == kOpen && object->objectTag() != PXObjectTag::Object)
         return fail("a container holds itself; such cycles cannot be archived");
       *index = found;
       return true;
     }
     if (depth >= kPXKeyedArchiveMaxDepth) return fail("the graph nests deeper than the archive limit");
-    if (entries_.size() >= kPXKeyedArchiveMaxObjects)
+    if (started_ >= kPXKeyedArchiveMaxObjects)
       return fail("the graph holds more objects than the archive limit");
-    *index = entries_.size();
-    if (!unshared) index_.insert(object, static_cast<uint32_t>(*index));
+    ++started_;
+    if (!unshared) index_.insert(object, kOpen);
     if (source == Source::Field) keepAlive_.emplace_back(object);
-    entries_.emplace_back();
     std::string& entry = scratch(entryBuffers_, depth);
     if (!objectEntry(*object, entry, depth)) return false;
-    if (entryBytes_ + entry.size() > kPXKeyedArchiveMaxLength)
-      return fail("the archive would pass the length limit");
-    entries_[*index] = {keep(entry), entry.size(), false};
+    // The finished entry joins the table, length first.
+    const size_t at = out_.size() + varintSize(entry.size());
+    if (at + entry.size() > kPXKeyedArchiveMaxLength) return fail("the archive would pass the length limit");
+    std::string length;
+    appendVarint(length, entry.size());
+    put(length);
+    put(entry);
+    *index = count_++;
+    if (!unshared) index_.update(object, *index);
+    if (!placeholders_.empty()) fillPlaceholders(object, &entry, at, *index);
     return true;
+  }
+
+  // `object`, whose entry now starts at `at` of the archive, has its index:
+  // the placeholders for it (in its own entry and in those of the objects it
+  // holds, all in the archive by now) get it.
+  void fillPlaceholders(const PXObject* object, const std::string* entry, size_t at, uint32_t index) {
+    movePlaceholders(entry, nullptr, at);
+    std::erase_if(placeholders_, [&](const Placeholder& p) {
+      if (p.object != object || p.buffer) return false;
+      writeFixedVarint(out_.data() + p.offset, index);
+      return true;
+    });
   }
 
   bool objectEntry(PXObject& object, std::string& out, size_t depth) {
@@ -466,19 +481,17 @@ class ArchiveEncoder {
     out.push_back(static_cast<char>(kCodedObject));
     appendString(out, cls.name());
     appendVarint(out, fields.count);
+    if (!placeholders_.empty()) movePlaceholders(fields.bytes, &out, out.size());
     out += *fields.bytes;
     return true;
   }
 
+  std::vector<uint8_t> out_;  // the archive so far: header and count to come, then the finished entries
+  uint32_t count_ = 0;        // entries in the table
+  size_t started_ = 0;        // entries in the table or open
   ObjectIndexTable index_;
+  std::vector<Placeholder> placeholders_;
   std::vector<PXRef<PXObject>> keepAlive_;
-  std::vector<Entry> entries_;
-  // Finished entries, in chunks that never move: the arena grows without
-  // copying (or faulting in twice) what it already holds.
-  std::vector<std::unique_ptr<char[]>> chunks_;
-  char* chunkFree_ = nullptr;
-  size_t chunkLeft_ = 0;
-  size_t entryBytes_ = 0;
   std::deque<std::string> entryBuffers_;  // by depth
   std::deque<std::string> fieldBuffers_;  // by depth
   std::vector<OpenFields> openFields_;
@@ -807,8 +820,9 @@ namespace archive = pxkit::internal::archive;
 
 // ---- PXKeyedArchiver -------------------------------------------------------
 
-PXRef<PXData> PXKeyedArchiver::archivedDataWithRootObject(const PXValue& root, PXErrorRef* error) {
-  ArchiveEncoder encoder;
+PXRef<PXData> PXKeyedArchiver::archivedDataWithRootObject(const PXValue& root, PXErrorRef* error,
+                                                          size_t expectedLength) {
+  ArchiveEncoder encoder(expectedLength);
   std::vector<uint8_t> bytes;
   std::string why;
   try {

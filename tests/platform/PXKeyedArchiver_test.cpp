@@ -404,6 +404,59 @@ TEST(PXKeyedArchiver, CyclesThroughCodedObjectsComeBackAsCycles) {
   breakCycles();
 }
 
+TEST(PXKeyedArchiver, ReferencesBackFromDeepInsideFindTheirObjectAtAnyTableSize) {
+  // The object is still being written when the references to it are: from
+  // inside a dictionary inside an array it holds, and from a coded object in
+  // there. Before the object itself, the table gets `filler` entries, so its
+  // index takes one, two and three bytes.
+  for (int filler : {0, 200, 20000}) {
+    SCOPED_TRACE(filler);
+    PXRef<PXArchiveTestNode> a = node(1), inner = node(2);
+    inner->peer = PXValue(a);
+    std::vector<PXValue> items;
+    for (int k = 0; k < filler; ++k) items.push_back(PXValue(PXData::dataWithString(std::to_string(k))));
+    items.push_back(dict({{"back", PXValue(a)}, {"inner", PXValue(inner)}}));
+    a->payload = PXValue(PXArray::arrayWithValues(items));
+    a->peer = PXValue(a);
+
+    PXValue back = roundTrip(array({PXValue(a), PXValue(inner)}));
+    ASSERT_TRUE(back.isArray());
+    auto ra = PXDynamicCast<PXArchiveTestNode>(back.arrayValue()->objectAtIndex(0).objectValue());
+    auto rinner = PXDynamicCast<PXArchiveTestNode>(back.arrayValue()->objectAtIndex(1).objectValue());
+    ASSERT_TRUE(ra && rinner);
+    EXPECT_EQ(ra->peer.objectPointer(), ra.get());
+    EXPECT_EQ(rinner->peer.objectPointer(), ra.get());
+    PXRef<PXArray> payload = ra->payload.arrayValue();
+    ASSERT_TRUE(payload);
+    ASSERT_EQ(payload->count(), static_cast<size_t>(filler) + 1);
+    if (filler > 0) {
+      EXPECT_EQ(payload->objectAtIndex(static_cast<size_t>(filler) - 1).dataValue()->view(),
+                std::to_string(filler - 1));
+    }
+    PXRef<PXDictionary> last = payload->lastObject().dictionaryValue();
+    ASSERT_TRUE(last);
+    EXPECT_EQ(last->objectForKey("back").objectPointer(), ra.get());
+    EXPECT_EQ(last->objectForKey("inner").objectPointer(), rinner.get());
+    breakCycles();
+  }
+}
+
+TEST(PXKeyedArchiver, TheExpectedLengthNeverChangesTheArchive) {
+  std::vector<PXValue> many;
+  for (int k = 0; k < 5000; ++k) many.push_back(array({k, "item " + std::to_string(k)}));
+  const PXValue root = dict({{"many", PXValue(PXArray::arrayWithValues(many))}, {"one", 1}});
+  PXRef<PXData> plain = PXKeyedArchiver::archivedDataWithRootObject(root);
+  ASSERT_TRUE(plain);
+  const size_t length = plain->length();
+  for (size_t expected : {size_t{1}, length / 2, length - 1, length, length + 1, 3 * length,
+                          kPXKeyedArchiveMaxLength + 1, SIZE_MAX}) {
+    SCOPED_TRACE(expected);
+    PXRef<PXData> again = PXKeyedArchiver::archivedDataWithRootObject(root, nullptr, expected);
+    ASSERT_TRUE(again);
+    EXPECT_TRUE(again->isEqual(*plain));
+  }
+}
+
 // ---- What cannot be archived ---------------------------------------------------------------
 
 TEST(PXKeyedArchiver, RefusesGraphsItCannotWrite) {

@@ -70,8 +70,15 @@ class PXKIT_EXPORT PXKeyedArchiver {
   // PXCoding, when it nests deeper than kPXKeyedArchiveMaxDepth (cycles through
   // containers do not count: an object is written once), or when the archive
   // would pass one of the limits.
+  //
+  // `expectedLength`, when known, is about how long the archive will be — the
+  // length of the last archive of the same graph, typically. The archive is
+  // then written into one buffer of that size (a little more), where a large
+  // one would otherwise be copied as it grows. A wrong guess costs nothing but
+  // that copy; the room left over is given back.
   [[nodiscard]] static PXRef<PXData> archivedDataWithRootObject(const PXValue& root,
-                                                                PXErrorRef* error = nullptr);
+                                                                PXErrorRef* error = nullptr,
+                                                                size_t expectedLength = 0);
 
   // ---- Inside encodeWithCoder --------------------------------------------
   // Each writes one keyed field of the object being encoded; writing a key
