@@ -10,6 +10,7 @@
 #include <pxkit/platform/PXBundle.h>
 #include <pxkit/platform/PXClock.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 
 #include <filesystem>
 #include <map>
@@ -103,14 +104,24 @@ State& state(int64_t metricCount, int64_t papercutCount) {
   return s;
 }
 
+// Page faults of the whole process so far (the state is made on the tracker's queue).
+long minorFaults() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_minflt;
+}
+
 void BM_State_StoreAsData(benchmark::State& bench) {
   State& s = state(bench.range(0), bench.range(1));
   if (!s.blob) return bench.SkipWithError("the state could not be stored");
+  const long faultsBefore = minorFaults();
   for (auto _ : bench) {
     PXRef<PXData> data = s.tracker->storeAsData();
     benchmark::DoNotOptimize(data.get());
   }
   bench.counters["bytes"] = static_cast<double>(s.blob->length());
+  bench.counters["faults"] = benchmark::Counter(static_cast<double>(minorFaults() - faultsBefore),
+                                                benchmark::Counter::kAvgIterations);
 }
 // The archive is made on the tracker's queue: the CPU column counts every thread of
 // the process. Ratios use wall time.

@@ -50,7 +50,9 @@ PXRef<PXData> PXMetricsTracker::storeAsData() {
         {_papercutDictWithTimestamp(metricsTimeBase(), /*reset=*/false, *snapshot), "SavedStatePaperCut"},
         {lastSubmission ? PXValue(*lastSubmission) : PXValue(), "LastAutoSubmissionDate"},
     });
-    result = PXKeyedArchiver::archivedDataWithRootObject(root);
+    result = PXKeyedArchiver::archivedDataWithRootObject(root, nullptr,
+                                                         storedStateLength_.load(std::memory_order_relaxed));
+    if (result) storedStateLength_.store(result->length(), std::memory_order_relaxed);
   });
   return result;
 }
@@ -59,6 +61,7 @@ bool PXMetricsTracker::restoreFromData(const PXRef<PXData>& data) {
   if (!data) return false;
   PXRef<PXDictionary> state = PXKeyedUnarchiver::unarchiveObjectWithData(data).dictionaryValue();
   if (!state) return false;
+  storedStateLength_.store(data->length(), std::memory_order_relaxed);
 
   std::lock_guard lock(monitor());
   // A value of another type than stored by this kit counts as absent: these

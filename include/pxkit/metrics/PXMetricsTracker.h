@@ -220,6 +220,8 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   bool autoSubmissionScheduled_ = false;  // guarded by the tracker lock
   PXString metricsPostURL_;
   std::atomic<bool> enabled_{true};
+  // The length of the last state archive stored or restored: the room the next one is written into.
+  std::atomic<size_t> storedStateLength_{0};
   PXRef<PXObject> preferenceObservationToken_;
   PXRef<PXObject> startObservationToken_;
 };
