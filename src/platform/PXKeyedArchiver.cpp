@@ -203,8 +203,8 @@ class ObjectIndexTable {
 // that hold them, so a finished entry goes straight after the ones before it and
 // every reference written so far is to an entry already in the table. The one
 // exception is a coded object reached again while it is still being encoded (a
-// cycle through coded objects): that reference is written as a placeholder of
-// fixed width and filled in when the object is finished.
+// cycle through coded objects): that reference is written at a fixed width,
+// blank, and its index filled in when the object is finished.
 class ArchiveEncoder {
  public:
   // `expectedLength` (0 when unknown) is room set aside up front: an archive
@@ -249,7 +249,7 @@ class ArchiveEncoder {
   // encodeWithCoder, so the encoder holds those itself.
   enum class Source { Root, Item, Field };
 
-  // The object count and the placeholders are varints padded to a fixed width
+  // The object count and open references are varints padded to a fixed width
   // (groups of zero with the continuation bit), wide enough for any count the
   // limits allow: the count goes in front of a table written before its size
   // is known.
@@ -262,11 +262,11 @@ class ArchiveEncoder {
     at[kFixedVarintSize - 1] = static_cast<uint8_t>(value);
   }
 
-  // A table index is written while its object is still open.
+  // The index table's mark of an object still being encoded.
   static constexpr uint32_t kOpen = ObjectIndexTable::kMissing - 1;
-  // A placeholder for the index of an open object: `offset` into `buffer`, or
-  // into the archive once `buffer` is null.
-  struct Placeholder {
+  // A reference to an object still being encoded, its index yet to be filled
+  // in: at `offset` of `buffer`, or of the archive once `buffer` is null.
+  struct OpenReference {
     const std::string* buffer;
     size_t offset;
     const PXObject* object;
@@ -319,11 +319,11 @@ class ArchiveEncoder {
     out_.insert(out_.end(), bytes, bytes + s.size());
   }
 
-  // `from`'s placeholders move along with its bytes, which now start at `base`
+  // `from`'s open references move along with its bytes, which now start at `base`
   // of `to` (of the archive when `to` is null).
-  void movePlaceholders(const std::string* from, const std::string* to, size_t base) {
-    for (Placeholder& p : placeholders_) {
-      if (p.buffer == from) p = {to, base + p.offset, p.object};
+  void moveOpenReferences(const std::string* from, const std::string* to, size_t base) {
+    for (OpenReference& r : openReferences_) {
+      if (r.buffer == from) r = {to, base + r.offset, r.object};
     }
   }
 
@@ -376,7 +376,7 @@ class ArchiveEncoder {
     if (!objectIndex(object, depth, source, &index)) return false;
     out.push_back(static_cast<char>(kRef));
     if (index == kOpen) {
-      placeholders_.push_back({&out, out.size(), object});
+      openReferences_.push_back({&out, out.size(), object});
       out.append(kFixedVarintSize, '\0');
     } else {
       appendVarint(out, index);
@@ -415,18 +415,18 @@ class ArchiveEncoder {
     put(entry);
     *index = count_++;
     if (!unshared) index_.update(object, *index);
-    if (!placeholders_.empty()) fillPlaceholders(object, &entry, at, *index);
+    if (!openReferences_.empty()) fillOpenReferences(object, &entry, at, *index);
     return true;
   }
 
   // `object`, whose entry now starts at `at` of the archive, has its index:
-  // the placeholders for it (in its own entry and in those of the objects it
+  // the open references to it (in its own entry and in those of the objects it
   // holds, all in the archive by now) get it.
-  void fillPlaceholders(const PXObject* object, const std::string* entry, size_t at, uint32_t index) {
-    movePlaceholders(entry, nullptr, at);
-    std::erase_if(placeholders_, [&](const Placeholder& p) {
-      if (p.object != object || p.buffer) return false;
-      writeFixedVarint(out_.data() + p.offset, index);
+  void fillOpenReferences(const PXObject* object, const std::string* entry, size_t at, uint32_t index) {
+    moveOpenReferences(entry, nullptr, at);
+    std::erase_if(openReferences_, [&](const OpenReference& r) {
+      if (r.object != object || r.buffer) return false;
+      writeFixedVarint(out_.data() + r.offset, index);
       return true;
     });
   }
@@ -481,7 +481,7 @@ class ArchiveEncoder {
     out.push_back(static_cast<char>(kCodedObject));
     appendString(out, cls.name());
     appendVarint(out, fields.count);
-    if (!placeholders_.empty()) movePlaceholders(fields.bytes, &out, out.size());
+    if (!openReferences_.empty()) moveOpenReferences(fields.bytes, &out, out.size());
     out += *fields.bytes;
     return true;
   }
@@ -490,7 +490,7 @@ class ArchiveEncoder {
   uint32_t count_ = 0;        // entries in the table
   size_t started_ = 0;        // entries in the table or open
   ObjectIndexTable index_;
-  std::vector<Placeholder> placeholders_;
+  std::vector<OpenReference> openReferences_;
   std::vector<PXRef<PXObject>> keepAlive_;
   std::deque<std::string> entryBuffers_;  // by depth
   std::deque<std::string> fieldBuffers_;  // by depth
