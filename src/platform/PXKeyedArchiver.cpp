@@ -298,12 +298,6 @@ class ArchiveEncoder {
     if (const PXObject* object = item.objectPointer()) object->prefetchContents();
   }
 
-  static size_t varintSize(uint64_t v) {
-    size_t n = 1;
-    while (v >= 0x80) v >>= 7, ++n;
-    return n;
-  }
-
   // A buffer for work at one nesting depth. Only one entry per depth is open at
   // a time, so each depth's buffer is reused by every entry at that depth.
   std::string& scratch(std::deque<std::string>& buffers, size_t depth) {
@@ -407,10 +401,10 @@ class ArchiveEncoder {
     std::string& entry = scratch(entryBuffers_, depth);
     if (!objectEntry(*object, entry, depth)) return false;
     // The finished entry joins the table, length first.
-    const size_t at = out_.size() + varintSize(entry.size());
-    if (at + entry.size() > kPXKeyedArchiveMaxLength) return fail("the archive would pass the length limit");
     std::string length;
     appendVarint(length, entry.size());
+    const size_t at = out_.size() + length.size();
+    if (at + entry.size() > kPXKeyedArchiveMaxLength) return fail("the archive would pass the length limit");
     put(length);
     put(entry);
     *index = count_++;
