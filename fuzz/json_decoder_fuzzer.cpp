@@ -10,7 +10,7 @@
 // generated and mutated documents, so the properties hold without clang too.
 #include <pxkit/json/JSONDecoder.h>
 #include <pxkit/json/JSONSerializer.h>
-#include <pxkit/platform/PXDictionary.h>
+#include <pxkit/objects/PXDictionary.h>
 
 #include <cstddef>
 #include <cstdint>

@@ -13,9 +13,9 @@
 // The same entry point runs in the ordinary test suite
 // (tests/platform/PXKeyedArchiver_test.cpp), fed with mutated archives, so the
 // properties hold without clang too.
-#include <pxkit/platform/PXArray.h>
-#include <pxkit/platform/PXDictionary.h>
-#include <pxkit/platform/PXKeyedArchiver.h>
+#include <pxkit/objects/PXArray.h>
+#include <pxkit/objects/PXDictionary.h>
+#include <pxkit/objects/PXKeyedArchiver.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -24,7 +24,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "platform/internal/KeyedArchiveFormat.h"
+#include "objects/internal/KeyedArchiveFormat.h"
 
 // A coded object with a field of every kind, so archives can name a class.
 class PXKeyedArchiveFuzzNode : public PXObject, public PXCoding {

@@ -7,8 +7,8 @@
 // The states are built in non-shared trackers inside a temporary home, on a
 // virtual clock that stands still, so no automatic papercut interferes.
 #include <pxkit/metrics/PXMetricsTracker.h>
+#include <pxkit/objects/PXClock.h>
 #include <pxkit/platform/PXBundle.h>
-#include <pxkit/platform/PXClock.h>
 #include <stdlib.h>
 #include <sys/resource.h>
 

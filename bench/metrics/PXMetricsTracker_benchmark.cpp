@@ -1,7 +1,7 @@
 // Recording cost, side by side with the simplest thing a host could do
 // instead: update a counter inline under a mutex.
 #include <pxkit/metrics/PXMetricsTracker.h>
-#include <pxkit/platform/PXClock.h>
+#include <pxkit/objects/PXClock.h>
 
 #include <cstdlib>
 #include <mutex>

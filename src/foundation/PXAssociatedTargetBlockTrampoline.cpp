@@ -1,7 +1,7 @@
 // Callback trampolines and destruction callbacks.
 #include <pxkit/foundation/PXAssociatedTargetBlockTrampoline.h>
-#include <pxkit/platform/PXDictionary.h>
-#include <pxkit/platform/PXFormat.h>
+#include <pxkit/objects/PXDictionary.h>
+#include <pxkit/objects/PXFormat.h>
 #include <pxkit/platform/PXNotificationCenter.h>
 
 #include <utility>

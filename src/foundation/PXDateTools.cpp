@@ -1,6 +1,6 @@
 #include <pxkit/foundation/PXDateTools.h>
+#include <pxkit/objects/PXFormat.h>
 #include <pxkit/platform/PXCalendar.h>
-#include <pxkit/platform/PXFormat.h>
 #include <unicode/datefmt.h>
 #include <unicode/locid.h>
 #include <unicode/parsepos.h>

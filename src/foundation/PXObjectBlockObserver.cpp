@@ -1,6 +1,6 @@
 // Key-value observing delivered to callbacks: trampolines and their bookkeeping.
 #include <pxkit/foundation/PXObjectBlockObserver.h>
-#include <pxkit/platform/PXArray.h>
+#include <pxkit/objects/PXArray.h>
 #include <pxkit/platform/PXDispatchQueue.h>
 #include <pxkit/platform/PXLog.h>
 

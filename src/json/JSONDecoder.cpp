@@ -1,8 +1,8 @@
 #include <pxkit/json/JSONDecoder.h>
-#include <pxkit/platform/PXArray.h>
-#include <pxkit/platform/PXDictionary.h>
-#include <pxkit/platform/PXException.h>
-#include <pxkit/platform/PXFormat.h>
+#include <pxkit/objects/PXArray.h>
+#include <pxkit/objects/PXDictionary.h>
+#include <pxkit/objects/PXException.h>
+#include <pxkit/objects/PXFormat.h>
 
 #include <algorithm>
 #include <cstdint>

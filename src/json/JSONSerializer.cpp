@@ -1,7 +1,7 @@
 #include <pxkit/json/JSONSerializer.h>
-#include <pxkit/platform/PXArray.h>
-#include <pxkit/platform/PXDictionary.h>
-#include <pxkit/platform/PXFormat.h>
+#include <pxkit/objects/PXArray.h>
+#include <pxkit/objects/PXDictionary.h>
+#include <pxkit/objects/PXFormat.h>
 
 #include <cmath>
 #include <cstdlib>

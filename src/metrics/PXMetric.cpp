@@ -1,6 +1,6 @@
 #include <pxkit/metrics/PXMetric.h>
-#include <pxkit/platform/PXDate.h>
-#include <pxkit/platform/PXFormat.h>
+#include <pxkit/objects/PXDate.h>
+#include <pxkit/objects/PXFormat.h>
 
 #include <cmath>
 #include <limits>

@@ -1,7 +1,7 @@
 #include <pxkit/metrics/PXMetricsTracker.h>
+#include <pxkit/objects/PXFormat.h>
 #include <pxkit/platform/PXApplication.h>
 #include <pxkit/platform/PXDispatchQueue.h>
-#include <pxkit/platform/PXFormat.h>
 #include <pxkit/platform/PXNotificationCenter.h>
 #include <pxkit/platform/PXOperationQueue.h>
 #include <pxkit/platform/PXPreferences.h>

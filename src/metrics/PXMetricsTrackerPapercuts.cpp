@@ -2,10 +2,10 @@
 // calendar day and on demand.
 #include <pxkit/foundation/PXAbsoluteTimeFire.h>
 #include <pxkit/metrics/PXMetricsTracker.h>
+#include <pxkit/objects/PXFormat.h>
 #include <pxkit/platform/PXBundle.h>
 #include <pxkit/platform/PXCalendar.h>
 #include <pxkit/platform/PXDigest.h>
-#include <pxkit/platform/PXFormat.h>
 #include <pxkit/platform/PXOperationQueue.h>
 #include <pxkit/platform/PXRunLoop.h>
 

@@ -1,7 +1,7 @@
 // The tracker's state across launches: one keyed archive per system ID, kept
 // under "Metrics" in the host application's user defaults.
 #include <pxkit/metrics/PXMetricsTracker.h>
-#include <pxkit/platform/PXKeyedArchiver.h>
+#include <pxkit/objects/PXKeyedArchiver.h>
 #include <pxkit/platform/PXOperationQueue.h>
 #include <pxkit/platform/PXUserDefaults.h>
 

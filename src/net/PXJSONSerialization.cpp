@@ -1,9 +1,9 @@
 #include <pxkit/json/JSONDecoder.h>
 #include <pxkit/json/JSONSerializer.h>
 #include <pxkit/net/PXJSONSerialization.h>
-#include <pxkit/platform/PXArray.h>
-#include <pxkit/platform/PXClass.h>
-#include <pxkit/platform/PXDictionary.h>
+#include <pxkit/objects/PXArray.h>
+#include <pxkit/objects/PXClass.h>
+#include <pxkit/objects/PXDictionary.h>
 
 #include <cstdlib>
 

@@ -1,4 +1,4 @@
-#include <pxkit/platform/PXFormat.h>
+#include <pxkit/objects/PXFormat.h>
 #include <pxkit/platform/PXNotificationCenter.h>
 #include <pxkit/platform/PXOperationQueue.h>
 

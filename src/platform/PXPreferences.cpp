@@ -1,6 +1,6 @@
 // PXKit — preference values by scope: application, user and host.
-#include <pxkit/platform/PXArray.h>
-#include <pxkit/platform/PXDictionary.h>
+#include <pxkit/objects/PXArray.h>
+#include <pxkit/objects/PXDictionary.h>
 #include <pxkit/platform/PXPreferences.h>
 #include <pxkit/platform/PXPropertyList.h>
 #include <pxkit/platform/PXUserDefaults.h>

@@ -1,7 +1,7 @@
 // PXKit — the property-list XML format: writer and GMarkup-driven reader.
 #include <glib.h>
-#include <pxkit/platform/PXArray.h>
-#include <pxkit/platform/PXDictionary.h>
+#include <pxkit/objects/PXArray.h>
+#include <pxkit/objects/PXDictionary.h>
 #include <pxkit/platform/PXPropertyList.h>
 
 #include <charconv>

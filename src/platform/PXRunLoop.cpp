@@ -1,4 +1,4 @@
-#include <pxkit/platform/PXClock.h>
+#include <pxkit/objects/PXClock.h>
 #include <pxkit/platform/PXRunLoop.h>
 #include <pxkit/platform/PXTimer.h>
 #include <unistd.h>

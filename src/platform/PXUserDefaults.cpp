@@ -1,5 +1,5 @@
 // PXKit — the host application's user defaults, kept in a property-list file.
-#include <pxkit/platform/PXException.h>
+#include <pxkit/objects/PXException.h>
 #include <pxkit/platform/PXNotificationCenter.h>
 #include <pxkit/platform/PXUserDefaults.h>
 

@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 #include <pxkit/foundation/PXAssociatedTargetBlockTrampoline.h>
 #include <pxkit/foundation/PXRuntime.h>
-#include <pxkit/platform/PXDictionary.h>
-#include <pxkit/platform/PXFormat.h>
+#include <pxkit/objects/PXDictionary.h>
+#include <pxkit/objects/PXFormat.h>
 #include <pxkit/platform/PXNotificationCenter.h>
 
 #include <memory>

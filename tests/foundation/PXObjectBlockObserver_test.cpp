@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 #include <pxkit/foundation/PXObjectBlockObserver.h>
 #include <pxkit/foundation/PXRuntime.h>
-#include <pxkit/platform/PXFormat.h>
+#include <pxkit/objects/PXFormat.h>
 
 #include <atomic>
 #include <memory>
@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/internal/ObservationInfo.h"
+#include "objects/internal/ObservationInfo.h"
 #include "support/PXLogCapture.h"
 
 namespace {

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 #include <pxkit/foundation/PXRuntime.h>
-#include <pxkit/platform/PXArray.h>
+#include <pxkit/objects/PXArray.h>
 
 #include <algorithm>
 

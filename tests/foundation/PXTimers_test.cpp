@@ -4,8 +4,8 @@
 #include <pxkit/foundation/PXAssociatedTargetBlockTrampoline.h>
 #include <pxkit/foundation/PXBlocks.h>
 #include <pxkit/foundation/PXRuntime.h>
+#include <pxkit/objects/PXClock.h>
 #include <pxkit/platform/PXCalendar.h>
-#include <pxkit/platform/PXClock.h>
 #include <pxkit/platform/PXNotificationCenter.h>
 #include <pxkit/platform/PXRunLoop.h>
 #include <pxkit/platform/PXWorkspace.h>

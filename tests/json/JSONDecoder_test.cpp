@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 #include <pxkit/json/JSONDecoder.h>
-#include <pxkit/platform/PXArray.h>
-#include <pxkit/platform/PXDictionary.h>
-#include <pxkit/platform/PXException.h>
+#include <pxkit/objects/PXArray.h>
+#include <pxkit/objects/PXDictionary.h>
+#include <pxkit/objects/PXException.h>
 
 #include <cmath>
 #include <cstring>

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <pxkit/json/JSONDecoder.h>
-#include <pxkit/platform/PXArray.h>
+#include <pxkit/objects/PXArray.h>
 
 #include <cfloat>
 #include <cmath>

@@ -2,8 +2,8 @@
 // varied layouts) and value trees. Deterministic for a given seed.
 #pragma once
 
-#include <pxkit/platform/PXArray.h>
-#include <pxkit/platform/PXDictionary.h>
+#include <pxkit/objects/PXArray.h>
+#include <pxkit/objects/PXDictionary.h>
 
 #include <cmath>
 #include <cstdint>

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 #include <pxkit/metrics/PXMetric.h>
-#include <pxkit/platform/PXClock.h>
-#include <pxkit/platform/PXKeyedArchiver.h>
+#include <pxkit/objects/PXClock.h>
+#include <pxkit/objects/PXKeyedArchiver.h>
 
 #include <vector>
 

@@ -3,8 +3,8 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pxkit/metrics/PXMetricsTracker.h>
+#include <pxkit/objects/PXClock.h>
 #include <pxkit/platform/PXBundle.h>
-#include <pxkit/platform/PXClock.h>
 #include <pxkit/platform/PXUserDefaults.h>
 #include <signal.h>
 #include <spawn.h>

@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 #include <pxkit/metrics/PXMetricsTracker.h>
+#include <pxkit/objects/PXClock.h>
 #include <pxkit/platform/PXBundle.h>
 #include <pxkit/platform/PXCalendar.h>
-#include <pxkit/platform/PXClock.h>
 #include <pxkit/platform/PXPreferences.h>
 
 #include <cstdlib>

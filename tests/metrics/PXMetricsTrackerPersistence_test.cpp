@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 #include <pxkit/metrics/PXMetricsTracker.h>
+#include <pxkit/objects/PXClock.h>
+#include <pxkit/objects/PXKeyedArchiver.h>
 #include <pxkit/platform/PXBundle.h>
 #include <pxkit/platform/PXCalendar.h>
-#include <pxkit/platform/PXClock.h>
-#include <pxkit/platform/PXKeyedArchiver.h>
 #include <pxkit/platform/PXUserDefaults.h>
 
 #include <cstdlib>

@@ -1,9 +1,9 @@
 // The daily papercut timer, end to end on the real main loop and the virtual clock.
 #include <gtest/gtest.h>
 #include <pxkit/metrics/PXMetricsTracker.h>
+#include <pxkit/objects/PXClock.h>
 #include <pxkit/platform/PXBundle.h>
 #include <pxkit/platform/PXCalendar.h>
-#include <pxkit/platform/PXClock.h>
 #include <pxkit/platform/PXTimer.h>
 #include <pxkit/platform/PXWorkspace.h>
 

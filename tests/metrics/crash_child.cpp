@@ -2,8 +2,8 @@
 // After every completed save it writes the saved generation (a 64-bit integer)
 // to file descriptor 3.
 #include <pxkit/metrics/PXMetricsTracker.h>
+#include <pxkit/objects/PXClock.h>
 #include <pxkit/platform/PXBundle.h>
-#include <pxkit/platform/PXClock.h>
 #include <unistd.h>
 
 #include <cstdint>

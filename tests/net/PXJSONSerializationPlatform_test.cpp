@@ -2,8 +2,8 @@
 // forwarded to it, except reading from a stream, which never returns.
 #include <gtest/gtest.h>
 #include <pxkit/net/PXJSONSerialization.h>
-#include <pxkit/platform/PXArray.h>
-#include <pxkit/platform/PXObject.h>
+#include <pxkit/objects/PXArray.h>
+#include <pxkit/objects/PXObject.h>
 
 #include <sstream>
 #include <string>

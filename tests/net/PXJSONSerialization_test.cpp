@@ -1,8 +1,8 @@
 // The JSON facade on a system without a platform JSON service: the built-in codec.
 #include <gtest/gtest.h>
 #include <pxkit/net/PXJSONSerialization.h>
-#include <pxkit/platform/PXArray.h>
-#include <pxkit/platform/PXDictionary.h>
+#include <pxkit/objects/PXArray.h>
+#include <pxkit/objects/PXDictionary.h>
 
 #include <atomic>
 #include <sstream>

@@ -2,8 +2,8 @@
 // read, and what is refused.
 #include <glib.h>
 #include <gtest/gtest.h>
-#include <pxkit/platform/PXArray.h>
-#include <pxkit/platform/PXDictionary.h>
+#include <pxkit/objects/PXArray.h>
+#include <pxkit/objects/PXDictionary.h>
 #include <pxkit/platform/PXPropertyList.h>
 
 #include <bit>

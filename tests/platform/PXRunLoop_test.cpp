@@ -1,6 +1,6 @@
 #include <glib.h>
 #include <gtest/gtest.h>
-#include <pxkit/platform/PXClock.h>
+#include <pxkit/objects/PXClock.h>
 #include <pxkit/platform/PXOperationQueue.h>
 #include <pxkit/platform/PXRunLoop.h>
 #include <pxkit/platform/PXTimer.h>

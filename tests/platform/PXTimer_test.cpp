@@ -1,5 +1,5 @@
 #include <gtest/gtest.h>
-#include <pxkit/platform/PXClock.h>
+#include <pxkit/objects/PXClock.h>
 #include <pxkit/platform/PXRunLoop.h>
 #include <pxkit/platform/PXTimer.h>
 

@@ -5,8 +5,8 @@
 #include <gio/gio.h>
 #include <glib.h>
 #include <gtest/gtest.h>
+#include <pxkit/objects/PXException.h>
 #include <pxkit/platform/PXBundle.h>
-#include <pxkit/platform/PXException.h>
 #include <pxkit/platform/PXNotificationCenter.h>
 #include <pxkit/platform/PXPropertyList.h>
 #include <pxkit/platform/PXUserDefaults.h>

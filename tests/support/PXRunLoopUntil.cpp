@@ -1,7 +1,7 @@
 #include "support/PXRunLoopUntil.h"
 
 #include <glib.h>
-#include <pxkit/platform/PXClock.h>
+#include <pxkit/objects/PXClock.h>
 #include <pxkit/platform/PXRunLoop.h>
 
 #include <cmath>

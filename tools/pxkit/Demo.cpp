@@ -3,10 +3,10 @@
 #include <pxkit/PXKit.h>
 #include <pxkit/metrics/PXMetricsTracker.h>
 #include <pxkit/net/PXJSONSerialization.h>
+#include <pxkit/objects/PXClock.h>
 #include <pxkit/platform/PXApplication.h>
 #include <pxkit/platform/PXBundle.h>
 #include <pxkit/platform/PXCalendar.h>
-#include <pxkit/platform/PXClock.h>
 #include <pxkit/platform/PXLog.h>
 #include <pxkit/platform/PXPreferences.h>
 #include <pxkit/platform/PXRunLoop.h>

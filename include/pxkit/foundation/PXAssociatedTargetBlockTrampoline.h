@@ -24,8 +24,8 @@
 #pragma once
 
 #include <pxkit/export.h>
-#include <pxkit/platform/PXObject.h>
-#include <pxkit/platform/PXString.h>
+#include <pxkit/objects/PXObject.h>
+#include <pxkit/objects/PXString.h>
 
 #include <functional>
 #include <mutex>

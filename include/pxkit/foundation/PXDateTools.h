@@ -20,8 +20,8 @@
 #pragma once
 
 #include <pxkit/export.h>
-#include <pxkit/platform/PXDate.h>
-#include <pxkit/platform/PXString.h>
+#include <pxkit/objects/PXDate.h>
+#include <pxkit/objects/PXString.h>
 
 #include <cstddef>
 #include <optional>

@@ -20,9 +20,9 @@
 #pragma once
 
 #include <pxkit/export.h>
-#include <pxkit/platform/PXArray.h>
-#include <pxkit/platform/PXClass.h>
-#include <pxkit/platform/PXObject.h>
+#include <pxkit/objects/PXArray.h>
+#include <pxkit/objects/PXClass.h>
+#include <pxkit/objects/PXObject.h>
 
 #include <functional>
 #include <string_view>

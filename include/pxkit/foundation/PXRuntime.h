@@ -16,9 +16,9 @@
 #pragma once
 
 #include <pxkit/export.h>
-#include <pxkit/platform/PXClass.h>
-#include <pxkit/platform/PXObject.h>
-#include <pxkit/platform/PXValue.h>
+#include <pxkit/objects/PXClass.h>
+#include <pxkit/objects/PXObject.h>
+#include <pxkit/objects/PXValue.h>
 
 #include <optional>
 #include <vector>

@@ -30,9 +30,9 @@
 
 #include <pxkit/export.h>
 #include <pxkit/json/JSONCodec.h>
-#include <pxkit/platform/PXData.h>
-#include <pxkit/platform/PXError.h>
-#include <pxkit/platform/PXObject.h>
+#include <pxkit/objects/PXData.h>
+#include <pxkit/objects/PXError.h>
+#include <pxkit/objects/PXObject.h>
 
 #include <cstddef>
 #include <memory>

@@ -28,9 +28,9 @@
 
 #include <pxkit/export.h>
 #include <pxkit/json/JSONCodec.h>
-#include <pxkit/platform/PXData.h>
-#include <pxkit/platform/PXError.h>
-#include <pxkit/platform/PXValue.h>
+#include <pxkit/objects/PXData.h>
+#include <pxkit/objects/PXError.h>
+#include <pxkit/objects/PXValue.h>
 
 #include <functional>
 #include <string_view>

@@ -25,10 +25,10 @@
 #pragma once
 
 #include <pxkit/export.h>
-#include <pxkit/platform/PXCoder.h>
-#include <pxkit/platform/PXDictionary.h>
-#include <pxkit/platform/PXKeyedArchiver.h>
-#include <pxkit/platform/PXObject.h>
+#include <pxkit/objects/PXCoder.h>
+#include <pxkit/objects/PXDictionary.h>
+#include <pxkit/objects/PXKeyedArchiver.h>
+#include <pxkit/objects/PXObject.h>
 
 #include <atomic>
 #include <functional>

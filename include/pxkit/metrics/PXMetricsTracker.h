@@ -25,10 +25,10 @@
 
 #include <pxkit/export.h>
 #include <pxkit/metrics/PXMetric.h>
-#include <pxkit/platform/PXArray.h>
-#include <pxkit/platform/PXDate.h>
-#include <pxkit/platform/PXDictionary.h>
-#include <pxkit/platform/PXObject.h>
+#include <pxkit/objects/PXArray.h>
+#include <pxkit/objects/PXDate.h>
+#include <pxkit/objects/PXDictionary.h>
+#include <pxkit/objects/PXObject.h>
 
 #include <functional>
 #include <memory>

@@ -20,9 +20,9 @@
 #pragma once
 
 #include <pxkit/export.h>
-#include <pxkit/platform/PXData.h>
-#include <pxkit/platform/PXError.h>
-#include <pxkit/platform/PXValue.h>
+#include <pxkit/objects/PXData.h>
+#include <pxkit/objects/PXError.h>
+#include <pxkit/objects/PXValue.h>
 
 #include <cstdint>
 #include <iosfwd>

@@ -31,8 +31,8 @@
 #pragma once
 
 #include <pxkit/export.h>
+#include <pxkit/objects/PXObject.h>
 #include <pxkit/platform/PXNotificationCenter.h>
-#include <pxkit/platform/PXObject.h>
 
 class PXKIT_EXPORT PXApplication : public PXObject {
   PX_DECLARE_CLASS(PXApplication)

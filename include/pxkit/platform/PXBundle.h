@@ -31,10 +31,10 @@
 #pragma once
 
 #include <pxkit/export.h>
-#include <pxkit/platform/PXArray.h>
-#include <pxkit/platform/PXDictionary.h>
-#include <pxkit/platform/PXObject.h>
-#include <pxkit/platform/PXString.h>
+#include <pxkit/objects/PXArray.h>
+#include <pxkit/objects/PXDictionary.h>
+#include <pxkit/objects/PXObject.h>
+#include <pxkit/objects/PXString.h>
 
 // Keys of the info dictionary.
 PXKIT_EXPORT extern const char* const kPXBundleIdentifierKey;          // "CFBundleIdentifier"

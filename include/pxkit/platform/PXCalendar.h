@@ -14,7 +14,7 @@
 #pragma once
 
 #include <pxkit/export.h>
-#include <pxkit/platform/PXDate.h>
+#include <pxkit/objects/PXDate.h>
 
 #include <compare>
 #include <optional>

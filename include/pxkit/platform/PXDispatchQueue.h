@@ -26,7 +26,7 @@
 #pragma once
 
 #include <pxkit/export.h>
-#include <pxkit/platform/PXObject.h>
+#include <pxkit/objects/PXObject.h>
 
 #include <atomic>
 #include <cstddef>

@@ -15,7 +15,7 @@
 #pragma once
 
 #include <pxkit/export.h>
-#include <pxkit/platform/PXFormat.h>
+#include <pxkit/objects/PXFormat.h>
 
 #include <functional>
 #include <string_view>

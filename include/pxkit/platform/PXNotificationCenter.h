@@ -37,10 +37,10 @@
 #pragma once
 
 #include <pxkit/export.h>
-#include <pxkit/platform/PXDictionary.h>
-#include <pxkit/platform/PXObject.h>
-#include <pxkit/platform/PXRef.h>
-#include <pxkit/platform/PXString.h>
+#include <pxkit/objects/PXDictionary.h>
+#include <pxkit/objects/PXObject.h>
+#include <pxkit/objects/PXRef.h>
+#include <pxkit/objects/PXString.h>
 
 #include <functional>
 #include <memory>

@@ -31,8 +31,8 @@
 #pragma once
 
 #include <pxkit/export.h>
-#include <pxkit/platform/PXError.h>
-#include <pxkit/platform/PXValue.h>
+#include <pxkit/objects/PXError.h>
+#include <pxkit/objects/PXValue.h>
 
 #include <string>
 #include <string_view>

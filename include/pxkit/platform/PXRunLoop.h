@@ -31,8 +31,8 @@
 #pragma once
 
 #include <pxkit/export.h>
-#include <pxkit/platform/PXDate.h>
-#include <pxkit/platform/PXObject.h>
+#include <pxkit/objects/PXDate.h>
+#include <pxkit/objects/PXObject.h>
 
 #include <functional>
 #include <memory>

@@ -28,11 +28,11 @@
 #pragma once
 
 #include <pxkit/export.h>
-#include <pxkit/platform/PXDate.h>
-#include <pxkit/platform/PXObject.h>
-#include <pxkit/platform/PXRef.h>
+#include <pxkit/objects/PXDate.h>
+#include <pxkit/objects/PXObject.h>
+#include <pxkit/objects/PXRef.h>
+#include <pxkit/objects/PXValue.h>
 #include <pxkit/platform/PXRunLoop.h>
-#include <pxkit/platform/PXValue.h>
 
 #include <cstdint>
 #include <functional>

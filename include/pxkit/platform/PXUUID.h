@@ -6,7 +6,7 @@
 #pragma once
 
 #include <pxkit/export.h>
-#include <pxkit/platform/PXString.h>
+#include <pxkit/objects/PXString.h>
 
 namespace PXUUID {
 

@@ -35,11 +35,11 @@
 #pragma once
 
 #include <pxkit/export.h>
-#include <pxkit/platform/PXArray.h>
-#include <pxkit/platform/PXData.h>
-#include <pxkit/platform/PXDictionary.h>
-#include <pxkit/platform/PXError.h>
-#include <pxkit/platform/PXObject.h>
+#include <pxkit/objects/PXArray.h>
+#include <pxkit/objects/PXData.h>
+#include <pxkit/objects/PXDictionary.h>
+#include <pxkit/objects/PXError.h>
+#include <pxkit/objects/PXObject.h>
 
 #include <atomic>
 #include <cstdint>

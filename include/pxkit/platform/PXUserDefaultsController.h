@@ -23,7 +23,7 @@
 #pragma once
 
 #include <pxkit/export.h>
-#include <pxkit/platform/PXObject.h>
+#include <pxkit/objects/PXObject.h>
 #include <pxkit/platform/PXUserDefaults.h>
 
 class PXKIT_EXPORT PXUserDefaultsController : public PXObject {

@@ -15,8 +15,8 @@
 #pragma once
 
 #include <pxkit/export.h>
+#include <pxkit/objects/PXObject.h>
 #include <pxkit/platform/PXNotificationCenter.h>
-#include <pxkit/platform/PXObject.h>
 
 class PXKIT_EXPORT PXWorkspace : public PXObject {
   PX_DECLARE_CLASS(PXWorkspace)

@@ -22,7 +22,7 @@
 // are immutable and cached for the life of the process.
 #pragma once
 
-#include <pxkit/platform/PXString.h>
+#include <pxkit/objects/PXString.h>
 
 #include <cstddef>
 #include <memory>

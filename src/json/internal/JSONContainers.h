@@ -6,7 +6,7 @@
 // they are taken as they are instead of inserted one by one.
 #pragma once
 
-#include <pxkit/platform/PXDictionary.h>
+#include <pxkit/objects/PXDictionary.h>
 
 namespace pxkit::json::internal {
 

@@ -3,7 +3,7 @@
 // (kept on purpose: the three-word "Expected ..." form has no closing quote).
 #pragma once
 
-#include <pxkit/platform/PXString.h>
+#include <pxkit/objects/PXString.h>
 
 #include <string_view>
 

@@ -1,6 +1,6 @@
 #include "json/internal/JSONNumbers.h"
 
-#include <pxkit/platform/PXFormat.h>
+#include <pxkit/objects/PXFormat.h>
 
 #include <charconv>
 #include <climits>

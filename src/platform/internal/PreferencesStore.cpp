@@ -2,7 +2,7 @@
 #include "platform/internal/PreferencesStore.h"
 
 #include <glib.h>
-#include <pxkit/platform/PXArray.h>
+#include <pxkit/objects/PXArray.h>
 #include <pxkit/platform/PXBundle.h>
 #include <pxkit/platform/PXPropertyList.h>
 

@@ -15,8 +15,8 @@
 // under the store's locks.
 #pragma once
 
-#include <pxkit/platform/PXDictionary.h>
-#include <pxkit/platform/PXError.h>
+#include <pxkit/objects/PXDictionary.h>
+#include <pxkit/objects/PXError.h>
 
 #include <cstdint>
 #include <memory>

@@ -9,11 +9,11 @@
 // for casts and exceptions, weak references. Exit status 0 only when all hold.
 #include <dlfcn.h>
 #include <pxkit/PXKit.h>
-#include <pxkit/platform/PXArray.h>
-#include <pxkit/platform/PXDictionary.h>
-#include <pxkit/platform/PXException.h>
-#include <pxkit/platform/PXFormat.h>
-#include <pxkit/platform/PXRef.h>
+#include <pxkit/objects/PXArray.h>
+#include <pxkit/objects/PXDictionary.h>
+#include <pxkit/objects/PXException.h>
+#include <pxkit/objects/PXFormat.h>
+#include <pxkit/objects/PXRef.h>
 
 #include <cstdio>
 #include <filesystem>

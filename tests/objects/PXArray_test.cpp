@@ -1,0 +1,371 @@
+#include <gtest/gtest.h>
+#include <pxkit/objects/PXArray.h>
+#include <pxkit/objects/PXDictionary.h>
+#include <pxkit/objects/PXException.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace {
+
+PXRef<PXMutableArray> mutableOf(std::initializer_list<PXValue> values) {
+  return PXArray::arrayWithObjects(values)->mutableCopyArray();
+}
+
+std::string text(const PXArray& array) {
+  return array.description().str();
+}
+
+}  // namespace
+
+TEST(PXArray, MisuseRaisesWithExactMessages) {
+  struct Row {
+    const char* name;
+    std::function<void()> call;
+    const char* exception;
+    const char* reason;
+  };
+  auto three = PXArray::arrayWithObjects({1, 2, 3});
+  const Row rows[] = {
+      {"read past the end", [&] { (void)three->objectAtIndex(3); }, kPXRangeException,
+       "*** -[PXArray objectAtIndex:]: index (3) beyond bounds (3)"},
+      {"subscript past the end", [&] { (void)(*three)[7]; }, kPXRangeException,
+       "*** -[PXArray objectAtIndex:]: index (7) beyond bounds (3)"},
+      {"read the empty array", [] { (void)PXArray::array()->objectAtIndex(0); }, kPXRangeException,
+       "*** -[PXArray objectAtIndex:]: index (0) beyond bounds (0)"},
+      {"mutable read past the end", [] { (void)mutableOf({1})->objectAtIndex(1); }, kPXRangeException,
+       "*** -[PXMutableArray objectAtIndex:]: index (1) beyond bounds (1)"},
+      {"add nil", [] { mutableOf({1})->addObject(PXValue()); }, kPXInvalidArgumentException,
+       "*** -[PXMutableArray addObject:]: attempt to insert nil"},
+      {"insert nil", [] { mutableOf({1})->insertObject(PXValue(), 0); }, kPXInvalidArgumentException,
+       "*** -[PXMutableArray insertObject:atIndex:]: attempt to insert nil"},
+      {"insert past the end",
+       [] {
+         mutableOf({1, 2, 3})->insertObject(9, 5);
+       },
+       kPXRangeException, "*** -[PXMutableArray insertObject:atIndex:]: index (5) beyond bounds (3)"},
+      {"remove past the end",
+       [] {
+         mutableOf({1, 2})->removeObjectAtIndex(2);
+       },
+       kPXRangeException, "*** -[PXMutableArray removeObjectAtIndex:]: index (2) beyond bounds (2)"},
+      {"remove last of none", [] { PXMutableArray::array()->removeLastObject(); }, kPXRangeException,
+       "*** -[PXMutableArray removeLastObject]: index (0) beyond bounds (0)"},
+      {"replace with nil", [] { mutableOf({1})->replaceObjectAtIndex(0, PXValue()); },
+       kPXInvalidArgumentException,
+       "*** -[PXMutableArray replaceObjectAtIndex:withObject:]: attempt to insert nil"},
+      {"replace past the end", [] { mutableOf({1})->replaceObjectAtIndex(1, 2); }, kPXRangeException,
+       "*** -[PXMutableArray replaceObjectAtIndex:withObject:]: index (1) beyond bounds (1)"},
+      {"build with nil",
+       [] {
+         (void)PXArray::arrayWithValues({1, PXValue()});
+       },
+       kPXInvalidArgumentException, "*** -[PXArray initWithObjects:count:]: attempt to insert nil"},
+      {"build a mutable one with nil",
+       [] {
+         std::vector<PXValue> values{1, PXValue()};
+         (void)PXMutableArray::arrayByTakingValues(values);
+       },
+       kPXInvalidArgumentException, "*** -[PXMutableArray initWithObjects:count:]: attempt to insert nil"},
+      {"set with nil",
+       [] {
+         mutableOf({1})->setArray({2, PXValue()});
+       },
+       kPXInvalidArgumentException, "*** -[PXMutableArray setArray:]: attempt to insert nil"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    try {
+      row.call();
+      ADD_FAILURE() << "no exception";
+    } catch (const PXException& e) {
+      EXPECT_EQ(e.name(), row.exception);
+      EXPECT_EQ(e.reason(), row.reason);
+      EXPECT_STREQ(e.what(), row.reason);
+    }
+  }
+}
+
+TEST(PXArray, FailedMutationsLeaveTheArrayAsItWas) {
+  auto array = mutableOf({1, 2});
+  EXPECT_THROW(array->insertObject(3, 3), PXException);
+  EXPECT_THROW(array->addObject(PXValue()), PXException);
+  EXPECT_THROW(array->replaceObjectAtIndex(0, PXValue()), PXException);
+  EXPECT_EQ(text(*array), "(\n    1,\n    2\n)");
+}
+
+// Each mutation runs on an ordinary mutable array, on one packed with its
+// elements (which must move them to ordinary storage first) and on one packed
+// with room to spare (which appends in place).
+TEST(PXArray, MutationsTable) {
+  struct Row {
+    const char* name;
+    std::function<void(PXMutableArray&)> change;
+    const char* after;  // description with the newlines and indents folded to " "
+  };
+  const Row rows[] = {
+      {"add", [](PXMutableArray& a) { a.addObject("x"); }, "( 1, 2, 3, 1, x )"},
+      {"insert at the end", [](PXMutableArray& a) { a.insertObject(9, a.count()); }, "( 1, 2, 3, 1, 9 )"},
+      {"insert at the front", [](PXMutableArray& a) { a.insertObject(0, 0); }, "( 0, 1, 2, 3, 1 )"},
+      {"remove at", [](PXMutableArray& a) { a.removeObjectAtIndex(1); }, "( 1, 3, 1 )"},
+      {"remove last", [](PXMutableArray& a) { a.removeLastObject(); }, "( 1, 2, 3 )"},
+      {"remove equal values of any kind", [](PXMutableArray& a) { a.removeObject(1.0); }, "( 2, 3 )"},
+      {"remove identical only", [](PXMutableArray& a) { a.removeObjectIdenticalTo(1.0); }, "( 1, 2, 3, 1 )"},
+      {"remove identical", [](PXMutableArray& a) { a.removeObjectIdenticalTo(3); }, "( 1, 2, 1 )"},
+      {"remove in array",
+       [](PXMutableArray& a) {
+         a.removeObjectsInArray(*PXArray::arrayWithObjects({true, 3}));
+       },
+       "( 2 )"},
+      {"remove itself", [](PXMutableArray& a) { a.removeObjectsInArray(a); }, "( )"},
+      {"remove all", [](PXMutableArray& a) { a.removeAllObjects(); }, "( )"},
+      {"replace", [](PXMutableArray& a) { a.replaceObjectAtIndex(2, "z"); }, "( 1, 2, z, 1 )"},
+      {"add from array",
+       [](PXMutableArray& a) {
+         a.addObjectsFromArray(*PXArray::arrayWithObjects({7, 8}));
+       },
+       "( 1, 2, 3, 1, 7, 8 )"},
+      {"add itself", [](PXMutableArray& a) { a.addObjectsFromArray(a); }, "( 1, 2, 3, 1, 1, 2, 3, 1 )"},
+      {"sort",
+       [](PXMutableArray& a) { a.sortUsingComparator([](auto& x, auto& y) { return y.compare(x); }); },
+       "( 3, 2, 1, 1 )"},
+  };
+  auto packedOf = [](std::vector<PXValue> values) { return PXMutableArray::arrayByTakingValues(values); };
+  for (const Row& row : rows) {
+    for (const char* kind : {"ordinary", "packed", "packed with room"}) {
+      SCOPED_TRACE(std::string(row.name) + ", " + kind);
+      PXRef<PXMutableArray> array;
+      if (kind == std::string("ordinary")) {
+        array = mutableOf({1, 2, 3, 1});
+      } else if (kind == std::string("packed")) {
+        array = packedOf({1, 2, 3, 1});
+      } else {
+        array = PXMutableArray::arrayWithCapacity(8);
+        for (int v : {1, 2, 3, 1}) array->addObject(v);
+      }
+      row.change(*array);
+      std::string folded;
+      for (char c : text(*array)) {
+        if (c == '\n') c = ' ';
+        if (c == ' ' && !folded.empty() && folded.back() == ' ') continue;
+        folded += c;
+      }
+      EXPECT_EQ(folded, row.after);
+    }
+  }
+}
+
+// Adding or inserting an element of the array itself, just as the elements
+// move out of the room kept with the object: the value must be taken first.
+// (AddressSanitizer reports the use after free otherwise.)
+TEST(PXArray, ElementsOfItselfSurviveTheMoveOutOfItsRoom) {
+  const PXValue first("the first element, long enough for the heap");
+  const PXValue second("the second element, long enough for the heap");
+  for (size_t room : {0, 1, 2}) {
+    SCOPED_TRACE(room);
+    auto array = PXMutableArray::arrayWithCapacity(room);
+    array->addObject(first);
+    array->addObject(second);
+    array->addObject(array->objectAtIndex(0));
+    array->insertObject(array->objectAtIndex(1), 0);
+    array->replaceObjectAtIndex(2, array->objectAtIndex(0));
+    ASSERT_EQ(array->count(), 4u);
+    EXPECT_TRUE(array->objectAtIndex(0).isEqual(second));
+    EXPECT_TRUE(array->objectAtIndex(1).isEqual(first));
+    EXPECT_TRUE(array->objectAtIndex(2).isEqual(second));
+    EXPECT_TRUE(array->objectAtIndex(3).isEqual(first));
+  }
+}
+
+TEST(PXArray, TakingValuesMovesThemOrNothing) {
+  auto element = PXMake<PXObject>();
+  PXWeakRef<PXObject> watch = element;
+  std::vector<PXValue> values{PXValue(element), PXValue("text"), PXValue(3)};
+  element = {};
+
+  std::vector<PXValue> withAbsent{PXValue(1), PXValue(), values[0]};
+  EXPECT_THROW(PXArray::arrayByTakingValues(withAbsent), PXException);
+  EXPECT_THROW(PXMutableArray::arrayByTakingValues(withAbsent), PXException);
+  EXPECT_TRUE(withAbsent[0] && withAbsent[2]) << "a refused list keeps its values";
+  withAbsent.clear();
+
+  PXRef<PXArray> array = PXArray::arrayByTakingValues(values);
+  for (const PXValue& taken : values) EXPECT_FALSE(taken) << "the values are moved, not copied";
+  ASSERT_EQ(array->count(), 3u);
+  EXPECT_EQ(array->objectAtIndex(1).stringValue(), "text");
+  EXPECT_FALSE(array->isMutable());
+  EXPECT_EQ(&array->pxClass(), &PXArray::arrayWithObjects({1})->pxClass());
+
+  // A packed mutable copy releases its elements when emptied, not when it goes.
+  std::vector<PXValue> again(array->begin(), array->end());
+  PXRef<PXMutableArray> copy = PXMutableArray::arrayByTakingValues(again);
+  EXPECT_EQ(&copy->pxClass(), &PXMutableArray::array()->pxClass());
+  array = {};
+  EXPECT_TRUE(watch.lock());
+  copy->removeAllObjects();
+  EXPECT_FALSE(watch.lock()) << "the packed slots still held an element";
+}
+
+TEST(PXArray, SortIsStable) {
+  auto array = PXMutableArray::array();
+  const char* words[] = {"bb", "a", "cc", "b", "aa", "c"};
+  for (const char* w : words) array->addObject(w);
+  array->sortUsingComparator([](const PXValue& x, const PXValue& y) {
+    return PXValue(static_cast<long long>(x.stringValue().size()))
+        .compare(PXValue(static_cast<long long>(y.stringValue().size())));
+  });
+  EXPECT_EQ(text(*array), "(\n    a,\n    b,\n    c,\n    bb,\n    cc,\n    aa\n)");
+}
+
+TEST(PXArray, LookupsByEqualityAndIdentity) {
+  auto heap = PXValue("a string long enough for the heap");
+  auto array = PXArray::arrayWithObjects({"a", 2, heap, 2.0});
+  EXPECT_EQ(array->indexOfObject(2.0), 1u);
+  EXPECT_EQ(array->indexOfObject(true), kPXNotFound);
+  EXPECT_EQ(array->indexOfObjectIdenticalTo(2.0), 3u);
+  EXPECT_EQ(array->indexOfObjectIdenticalTo(heap), 2u);
+  EXPECT_EQ(array->indexOfObjectIdenticalTo(PXValue("a string long enough for the heap")), kPXNotFound);
+  EXPECT_TRUE(array->containsObject("a"));
+  EXPECT_FALSE(array->containsObject("A"));
+  EXPECT_EQ(array->firstObject().stringValue(), "a");
+  EXPECT_TRUE(array->lastObject().isIdenticalTo(2.0));
+  EXPECT_FALSE(PXArray::array()->firstObject());
+  EXPECT_FALSE(PXArray::array()->lastObject());
+  auto numbers = array->filteredArray([](const PXValue& v) { return v.isNumber(); });
+  EXPECT_EQ(numbers->count(), 2u);
+}
+
+// Filtering copies nothing until the first element left out; the rest of the
+// elements must still come through in order, wherever that first one sits.
+TEST(PXArray, FilteringKeepsOrderWhereverTheFirstElementLeftOutSits) {
+  struct Row {
+    const char* name;
+    std::vector<int> numbers;
+    std::vector<int> kept;  // the even numbers
+  } rows[] = {
+      {"empty", {}, {}},
+      {"all kept", {2, 4, 6}, {2, 4, 6}},
+      {"none kept", {1, 3}, {}},
+      {"first left out", {1, 2, 4}, {2, 4}},
+      {"middle left out", {2, 3, 4, 5, 6}, {2, 4, 6}},
+      {"last left out", {2, 4, 5}, {2, 4}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    std::vector<PXValue> values(row.numbers.begin(), row.numbers.end());
+    for (bool isMutable : {false, true}) {
+      PXRef<PXArray> array = PXArray::arrayWithValues(values);
+      if (isMutable) array = array->mutableCopyArray();
+      PXRef<PXArray> even = array->filteredArray([](const PXValue& v) { return v.intValue() % 2 == 0; });
+      EXPECT_FALSE(even->isMutable());
+      std::vector<int> kept;
+      for (const PXValue& v : *even) kept.push_back(v.intValue());
+      EXPECT_EQ(kept, row.kept) << (isMutable ? "mutable" : "immutable");
+    }
+  }
+  // Keeping everything of an immutable array gives the array itself; of a
+  // mutable one, a copy that later changes do not reach.
+  auto frozen = PXArray::arrayWithObjects({2, 4});
+  EXPECT_EQ(frozen->filteredArray([](const PXValue&) { return true; }).get(), frozen.get());
+  auto live = mutableOf({2, 4});
+  PXRef<PXArray> snapshot = live->filteredArray([](const PXValue&) { return true; });
+  live->addObject(6);
+  EXPECT_EQ(snapshot->count(), 2u);
+}
+
+// Copies and destruction of packed containers ask for their items' lines a few
+// items ahead; every item must still be retained and released exactly once,
+// at every size around those distances.
+TEST(PXArray, CopyingAndDroppingCountEveryElementOnce) {
+  for (size_t size : {0, 1, 5, 6, 7, 15, 16, 17, 40}) {
+    SCOPED_TRACE(size);
+    std::vector<PXRef<PXObject>> objects;
+    auto live = PXMutableArray::array();
+    for (size_t i = 0; i < size; ++i) {
+      objects.push_back(PXMake<PXObject>());
+      // Nested containers held by nothing else: dropping the copy drops them too.
+      if (i % 3 == 0)
+        live->addObject(PXArray::arrayWithObjects({PXValue(objects.back())}));
+      else
+        live->addObject(objects.back());
+    }
+    auto countsAre = [&](uint32_t expected) {
+      for (size_t i = 0; i < size; ++i) {
+        if (i % 3 == 0) continue;
+        EXPECT_EQ(objects[i]->retainCount(), expected) << "element " << i;
+      }
+    };
+    countsAre(2);
+    {
+      PXRef<PXArray> copy = live->copyArray();
+      ASSERT_EQ(copy->count(), size);
+      countsAre(3);
+      live->removeAllObjects();
+      countsAre(2);
+    }
+    countsAre(1);
+    for (size_t i = 0; i < size; i += 3) EXPECT_EQ(objects[i]->retainCount(), 1u) << "element " << i;
+  }
+}
+
+TEST(PXArray, CopiesAndTheSharedEmptyArray) {
+  auto frozen = PXArray::arrayWithObjects({1, 2});
+  EXPECT_EQ(frozen->copy().get(), frozen.get());
+  EXPECT_EQ(PXArray::array().get(), PXArray::arrayWithValues({}).get());
+  EXPECT_EQ(PXArray::array().get(), PXArray::arrayWithObjects({}).get());
+  EXPECT_EQ(PXMutableArray::array()->copyArray().get(), PXArray::array().get());
+
+  auto live = frozen->mutableCopyArray();
+  EXPECT_TRUE(live->isMutable());
+  live->addObject(3);
+  EXPECT_EQ(frozen->count(), 2u);
+
+  PXRef<PXArray> snapshot = live->copyArray();
+  EXPECT_FALSE(snapshot->isMutable());
+  EXPECT_NE(snapshot.get(), live.get());
+  live->removeAllObjects();
+  EXPECT_EQ(snapshot->count(), 3u);
+  EXPECT_TRUE(snapshot->isEqual(*PXArray::arrayWithObjects({1, 2, 3})));
+  EXPECT_EQ(live->mutableCopy().get() == live.get(), false);
+  EXPECT_EQ(snapshot->pxClass().name(), "PXArray");
+  EXPECT_EQ(live->pxClass().name(), "PXMutableArray");
+}
+
+TEST(PXArray, DescriptionInPropertyListStyle) {
+  struct Row {
+    PXRef<PXArray> array;
+    const char* text;
+  };
+  const Row rows[] = {
+      {PXArray::array(), "(\n)"},
+      {PXArray::arrayWithObjects({1, 2}), "(\n    1,\n    2\n)"},
+      {PXArray::arrayWithObjects({"plain", "two words", "", "a\"b\\c", "line\nbreak"}),
+       "(\n    plain,\n    \"two words\",\n    \"\",\n    \"a\\\"b\\\\c\",\n    \"line\\nbreak\"\n)"},
+      {PXArray::arrayWithObjects({0.5, -1, true, PXValue::null(), PXDate(0)}),
+       "(\n    \"0.5\",\n    \"-1\",\n    1,\n    \"<null>\",\n    \"2001-01-01 00:00:00 +0000\"\n)"},
+      {PXArray::arrayWithObjects({PXArray::arrayWithObjects({1}), PXArray::array(),
+                                  PXDictionary::dictionaryWithEntries({{"k", "v"}})}),
+       "(\n    (\n        1\n    ),\n    (\n    ),\n    {\n        k = v;\n    }\n)"},
+  };
+  for (const Row& row : rows) EXPECT_EQ(text(*row.array), row.text);
+}
+
+TEST(PXArray, ValueForKeyMapsOverTheElements) {
+  auto people = PXArray::arrayWithObjects({PXDictionary::dictionaryWithEntries({{"name", "Ann"}}),
+                                           PXDictionary::dictionaryWithEntries({{"age", 4}})});
+  PXValue names = people->valueForKey("name");
+  ASSERT_TRUE(names.isArray());
+  EXPECT_TRUE(names.arrayValue()->isEqual(*PXArray::arrayWithObjects({"Ann", PXValue::null()})));
+  EXPECT_TRUE(people->valueForKey("@count").isEqual(2));
+  auto strings = PXArray::arrayWithObjects({"not an object"});
+  try {
+    (void)strings->valueForKey("length");
+    ADD_FAILURE() << "no exception";
+  } catch (const PXException& e) {
+    EXPECT_EQ(e.name(), kPXUndefinedKeyException);
+    EXPECT_NE(e.reason().view().find("[<NSString "), std::string_view::npos);
+    EXPECT_NE(e.reason().view().find("not key value coding-compliant for the key length."),
+              std::string_view::npos);
+  }
+}

@@ -1,0 +1,167 @@
+#include <gtest/gtest.h>
+#include <pxkit/objects/PXArray.h>
+#include <pxkit/objects/PXFormat.h>
+
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <iterator>
+#include <limits>
+#include <random>
+#include <string>
+
+namespace {
+
+// The C library's text for the same format and arguments; the attribute lets
+// the compiler check every row of the table below.
+__attribute__((format(printf, 1, 2))) std::string cFormat(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  char buffer[1024];
+  std::vsnprintf(buffer, sizeof buffer, format, args);
+  va_end(args);
+  return buffer;
+}
+
+#define EXPECT_LIKE_C(...) EXPECT_EQ(PXFormat(__VA_ARGS__).str(), cFormat(__VA_ARGS__)) << #__VA_ARGS__
+
+}  // namespace
+
+TEST(PXFormat, NumericDirectivesMatchTheCLibrary) {
+  const int64_t big = std::numeric_limits<int64_t>::max();
+  const uint64_t huge = std::numeric_limits<uint64_t>::max();
+  const size_t count = 12345;
+  const void* pointer = reinterpret_cast<const void*>(uintptr_t{0xdeadbeef});
+  EXPECT_LIKE_C("%d", 0);
+  EXPECT_LIKE_C("%d|%i", -17, 42);
+  EXPECT_LIKE_C("%5d|%-5d|%05d|%+d|% d", 42, 42, -42, 42, 42);
+  EXPECT_LIKE_C("%.3d|%8.3d|%-8.3d|", 7, -7, 7);
+  EXPECT_LIKE_C("%*d|%-*d|%*d", 6, 1, 6, 2, -6, 3);
+  EXPECT_LIKE_C("%.*d", 4, 5);
+  EXPECT_LIKE_C("%.*d", -1, 5);
+  EXPECT_LIKE_C("%u|%u", 4000000000u, 0u);
+  EXPECT_LIKE_C("%ld|%lu", -3L, 3UL);
+  EXPECT_LIKE_C("%lld|%llu", static_cast<long long>(big), static_cast<unsigned long long>(huge));
+  EXPECT_LIKE_C("%lld", std::numeric_limits<long long>::min());
+  EXPECT_LIKE_C("%zu|%zd", count, static_cast<ssize_t>(-5));
+  EXPECT_LIKE_C("%hhd|%hd|%hhu|%hu", 300, 70000, 300, 70000);
+  EXPECT_LIKE_C("%x|%X|%#x|%#X|%o|%#o", 255u, 255u, 255u, 255u, 8u, 8u);
+  EXPECT_LIKE_C("%02x|%2.2x|%4.4x|%08lx|%llx", 10u, 10u, 0xbeefu, 0xabcUL,
+                static_cast<unsigned long long>(huge));
+  EXPECT_LIKE_C("%f|%.0f|%.01f|%.2f|%10.3f|%-10.1f|%+f", 3.14159, 2.5, 0.05, -1.005, 2.0, 2.0, 1.0);
+  EXPECT_LIKE_C("%.17g|%.17g|%.17g", 0.1, 1e300, -2.5e-300);
+  EXPECT_LIKE_C("%g|%g|%g|%g|%G", 100000.0, 1000000.0, 0.0001, 0.00001, 1e-10);
+  EXPECT_LIKE_C("%e|%.2e|%E|%12.4e", 12345.678, 0.000123, 1e100, -5.5);
+  EXPECT_LIKE_C("%a|%A", 1.0, 0.5);
+  EXPECT_LIKE_C("%f|%f|%f", std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity(),
+                std::numeric_limits<double>::quiet_NaN());
+  EXPECT_LIKE_C("%.0f", 1e300);  // longer than any stack buffer
+  EXPECT_LIKE_C("%c%c%c|%3c|%-3c|", 'a', 'b', 'c', 'x', 'y');
+  EXPECT_LIKE_C("%s|%10s|%-10s|%.2s|%*.*s|", "text", "right", "left", "cut", 6, 3, "abcdef");
+  EXPECT_LIKE_C("%p|%20p|%-20p|", pointer, pointer, pointer);
+  EXPECT_LIKE_C("%p", static_cast<const void*>(nullptr));
+  EXPECT_LIKE_C("100%% sure, %d%%", 5);
+}
+
+TEST(PXFormat, ObjectDirectiveAndTypeChecks) {
+  struct Row {
+    PXString got;
+    const char* expected;
+  };
+  const std::string standard = "std";
+  const Row rows[] = {
+      {PXFormat("%@", PXValue()), "(null)"},
+      {PXFormat("%@", PXString()), "(null)"},
+      {PXFormat("%@ and %@", PXString("this"), standard), "this and std"},
+      {PXFormat("%@", std::string_view("view")), "view"},
+      {PXFormat("%@", PXValue(2.5)), "2.5"},
+      {PXFormat("%@", PXValue(true)), "1"},
+      {PXFormat("%@", PXDate(0)), "2001-01-01 00:00:00 +0000"},
+      {PXFormat("%@", PXArray::arrayWithObjects({1, 2})), "(\n    1,\n    2\n)"},
+      {PXFormat("%@", PXRef<PXArray>()), "(null)"},
+      {PXFormat("%@", "c string"), "c string"},
+      {PXFormat("%@", static_cast<const char*>(nullptr)), "(null)"},
+      {PXFormat("[%8@][%-8@][%.3@]", PXString("abc"), PXString("abc"), PXString("abcdef")),
+       "[     abc][abc     ][abc]"},
+      {PXFormat("{%@}-{%@}-{%@}", PXString("id"), PXString(), PXString("")), "{id}-{(null)}-{}"},
+      // JSON codec messages.
+      {PXFormat("Expected %@, not '%*.*s'", PXString("a value"), 3, 3, "abc]"),
+       "Expected a value, not 'abc'"},
+      {PXFormat("Invalid character < 0x20 found in string: 0x%2.2x.", 9),
+       "Invalid character < 0x20 found in string: 0x09."},
+      {PXFormat("\\u%4.4x\\u%4.4x", 0xd83d, 0xde00), "\\ud83d\\ude00"},
+      // Arguments of another type than the directive asks for are shown as well as they can be.
+      {PXFormat("%d", PXValue(42)), "42"},
+      {PXFormat("%d", int64_t{1} << 40), "1099511627776"},
+      {PXFormat("%u", -1), "4294967295"},
+      {PXFormat("%lu", -1L), "18446744073709551615"},
+      {PXFormat("%x", int64_t{-1} << 40), "ffffff0000000000"},
+      {PXFormat("%f", 3), "3.000000"},
+      {PXFormat("%d", 2.9), "2"},
+      {PXFormat("%d", 1e300), "9223372036854775807"},
+      {PXFormat("%s", PXString("pxstring")), "pxstring"},
+      {PXFormat("%s", 12), "12"},
+      {PXFormat("%s", PXValue(PXArray::array())), "(\n)"},
+      {PXFormat("%lc", 0xe9), "\xc3\xa9"},
+      {PXFormat("%.1f", PXValue("2.25")), "2.2"},
+      // Missing arguments, stray and unknown directives.
+      {PXFormat("%@ %d %s %f"), "(null) 0 (null) 0.000000"},
+      {PXFormat("ends with %"), "ends with %"},
+      {PXFormat("%y %k", 1), "%y %k"},
+      {PXFormat("%n%d", 7), "0"},
+      // Positions.
+      {PXFormat("%2$@ before %1$@", PXString("one"), PXString("two")), "two before one"},
+      {PXFormat("no directives"), "no directives"},
+      {PXFormat(""), ""},
+  };
+  for (const Row& row : rows) EXPECT_EQ(row.got.view(), row.expected);
+}
+
+TEST(PXFormat, RandomNumericDirectivesMatchTheCLibrary) {
+  // Every combination of flags, width, precision and conversion the C library
+  // defines for numbers, with awkward values, must come out byte for byte the same.
+  std::mt19937_64 random(1024);
+  const char* flagSets[] = {"", "-", "+", " ", "#", "0", "-+", "0+", "# ", "-0#"};
+  const char integerConversions[] = {'d', 'i', 'u', 'x', 'X', 'o'};
+  const char doubleConversions[] = {'f', 'F', 'e', 'E', 'g', 'G', 'a'};
+  const long long integers[] = {0,
+                                1,
+                                -1,
+                                42,
+                                -4096,
+                                2147483647,
+                                -2147483647 - 1,
+                                9007199254740993LL,
+                                std::numeric_limits<long long>::min(),
+                                std::numeric_limits<long long>::max()};
+  const double doubles[] = {0.0, -0.0, 0.1, -2.5, 1e-300, 6.02214076e23, 123456.789, 0.5, 1.5, 2.5e-5};
+  for (int i = 0; i < 4000; ++i) {
+    std::string spec = "%";
+    spec += flagSets[random() % std::size(flagSets)];
+    if (random() % 2) spec += std::to_string(random() % 25);
+    if (random() % 2) spec += "." + std::to_string(random() % 20);
+    bool integral = random() % 2;
+    char text[512];
+    PXString ours;
+    if (integral) {
+      char conversion = integerConversions[random() % std::size(integerConversions)];
+      long long value = integers[random() % std::size(integers)];
+      spec += "ll";
+      spec += conversion;
+      if (conversion == 'd' || conversion == 'i') {
+        std::snprintf(text, sizeof text, spec.c_str(), value);
+        ours = PXFormat(spec.c_str(), value);
+      } else {
+        auto unsignedValue = static_cast<unsigned long long>(value);
+        std::snprintf(text, sizeof text, spec.c_str(), unsignedValue);
+        ours = PXFormat(spec.c_str(), unsignedValue);
+      }
+    } else {
+      spec += doubleConversions[random() % std::size(doubleConversions)];
+      double value = doubles[random() % std::size(doubles)];
+      std::snprintf(text, sizeof text, spec.c_str(), value);
+      ours = PXFormat(spec.c_str(), value);
+    }
+    ASSERT_EQ(ours.view(), text) << spec;
+  }
+}
