@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/internal/RunLoopContext.h"
 #include "support/PXRunLoopUntil.h"
 
 namespace {
@@ -52,14 +53,14 @@ TEST(PXRunLoop, TheMainThreadsLoopIsTheDefaultContextAndEachThreadHasItsOwn) {
   PXRunLoop* main = PXRunLoop::main();
   EXPECT_EQ(PXRunLoop::current(), main);
   EXPECT_TRUE(main->isMain());
-  EXPECT_EQ(main->mainContext(), g_main_context_default());
+  EXPECT_EQ(main->context()->glib, g_main_context_default());
 
   PXRunLoop* first = nullptr;
   bool stable = false, pushedIsItsContext = false, isMain = true;
   std::thread worker([&] {
     first = PXRunLoop::current();
     stable = PXRunLoop::current() == first;
-    pushedIsItsContext = g_main_context_get_thread_default() == first->mainContext();
+    pushedIsItsContext = g_main_context_get_thread_default() == first->context()->glib;
     isMain = first->isMain();
   });
   worker.join();  // (its loop is gone with it)
@@ -73,7 +74,7 @@ TEST(PXRunLoop, AContextPushedByOthersIsThatThreadsRunLoop) {
   GMainContext* context = g_main_context_new();
   g_main_context_push_thread_default(context);
   PXRunLoop* loop = PXRunLoop::current();
-  EXPECT_EQ(loop->mainContext(), context);
+  EXPECT_EQ(loop->context()->glib, context);
   EXPECT_EQ(PXRunLoop::current(), loop);
   bool ran = false;
   loop->performBlock([&] { ran = true; });
