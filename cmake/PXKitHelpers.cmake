@@ -30,6 +30,33 @@ function(pxkit_add_library area)
   set_property(GLOBAL APPEND PROPERTY PXKIT_AREAS ${target})
 endfunction()
 
+# pxkit_link_areas_whole(<target> <libs>...)
+# Links <libs> into <target>, every area library (pxkit_<area>) among them or
+# reached through them whole: classes and rule functions registered by static
+# initializers in a file that nothing else references must be present in every
+# binary that links the area, as they are in libpxkit.so. Call it after every
+# area has been added (tests and benchmarks are).
+function(pxkit_link_areas_whole target)
+  get_property(areas GLOBAL PROPERTY PXKIT_AREAS)
+  list(REVERSE areas)  # users first, as in libpxkit.so
+  # An archive linked whole must appear once: the other libraries (which may
+  # need areas themselves) go first, the areas after them, users first, so
+  # that none is repeated after its users.
+  set(others ${ARGN})
+  set(used)
+  foreach(area IN LISTS areas)
+    if(area IN_LIST others)
+      list(REMOVE_ITEM others ${area})
+      list(APPEND used ${area})
+    endif()
+  endforeach()
+  target_link_libraries(${target} PRIVATE ${others} ${used})
+  if(areas)
+    string(REPLACE ";" "," areas_csv "${areas}")
+    set_property(TARGET ${target} PROPERTY LINK_LIBRARY_OVERRIDE "WHOLE_ARCHIVE,${areas_csv}")
+  endif()
+endfunction()
+
 # pxkit_add_test(<name> SOURCES ... [LIBS ...] [ENVIRONMENT ...] [WRAPPER cmd ...] [TIMEOUT s])
 # A GoogleTest executable; each test case runs in its own process, so GLib's
 # per-process singletons (buses, XDG dirs) start clean in every case.
@@ -38,7 +65,7 @@ function(pxkit_add_test name)
   add_executable(${name} ${ARG_SOURCES})
   target_compile_options(${name} PRIVATE ${PXKIT_WARNINGS})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/tests)
-  target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gtest GTest::gmock GTest::gtest_main)
+  pxkit_link_areas_whole(${name} ${ARG_LIBS} GTest::gtest GTest::gmock GTest::gtest_main)
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
   endif()
@@ -61,6 +88,6 @@ function(pxkit_add_benchmark name)
   add_executable(${name} ${ARG_SOURCES})
   target_compile_options(${name} PRIVATE ${PXKIT_WARNINGS})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/bench)
-  target_link_libraries(${name} PRIVATE ${ARG_LIBS} benchmark::benchmark)
+  pxkit_link_areas_whole(${name} ${ARG_LIBS} benchmark::benchmark)
   set_property(GLOBAL APPEND PROPERTY PXKIT_BENCHMARKS ${name})
 endfunction()
