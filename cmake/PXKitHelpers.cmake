@@ -38,14 +38,29 @@ endfunction()
 # area has been added (tests and benchmarks are).
 function(pxkit_link_areas_whole target)
   get_property(areas GLOBAL PROPERTY PXKIT_AREAS)
-  list(REVERSE areas)  # users first, as in libpxkit.so
-  # An archive linked whole must appear once: the other libraries (which may
-  # need areas themselves) go first, the areas after them, users first, so
-  # that none is repeated after its users.
+  # Every area reached from <libs>, directly or through another library.
+  set(reached)
+  set(queue ${ARGN})
+  while(queue)
+    list(POP_FRONT queue lib)
+    string(REGEX REPLACE "^\\$<LINK_ONLY:(.*)>$" "\\1" lib "${lib}")
+    if(lib IN_LIST reached OR NOT TARGET ${lib})
+      continue()
+    endif()
+    list(APPEND reached ${lib})
+    get_target_property(deps ${lib} INTERFACE_LINK_LIBRARIES)
+    if(deps)
+      list(APPEND queue ${deps})
+    endif()
+  endwhile()
+  # An archive linked whole must appear once on the link line: the other
+  # libraries go first, then every area reached, users first (as in
+  # libpxkit.so), so that none has to be repeated after one of its users.
   set(others ${ARGN})
   set(used)
+  list(REVERSE areas)
   foreach(area IN LISTS areas)
-    if(area IN_LIST others)
+    if(area IN_LIST reached)
       list(REMOVE_ITEM others ${area})
       list(APPEND used ${area})
     endif()

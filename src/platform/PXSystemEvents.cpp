@@ -117,7 +117,8 @@ void installTimeZoneWatch(const std::string& path) {
   // that cannot be watched gives no monitor, and so no notifications (said
   // once in the log); nothing else fails.
   pxkit::glib::Error error;
-  watch.monitor.reset(g_file_monitor_file(file.get(), G_FILE_MONITOR_WATCH_MOVES, nullptr, pxkit::glib::out(error)));
+  watch.monitor.reset(
+      g_file_monitor_file(file.get(), G_FILE_MONITOR_WATCH_MOVES, nullptr, pxkit::glib::out(error)));
   if (!watch.monitor) {
     PXLogWithLevel(PXLogLevel::Warning, "PXKit: cannot watch %s, so no time-zone change will be posted: %s",
                    watch.path.c_str(), error ? error->message : "no file monitor");
@@ -168,9 +169,10 @@ void onInhibitReply(GObject* source, GAsyncResult* result, gpointer) {
   pxkit::glib::Object<GUnixFDList> fds(rawList);
   if (!reply || !fds) {
     // Refused (policy) or gone: sleep simply is not delayed.
-    PXLogWithLevel(PXLogLevel::Warning,
-                   "PXKit: the login manager gave no sleep delay, so will-sleep observers may be cut short: %s",
-                   error ? error->message : "no descriptor in the reply");
+    PXLogWithLevel(
+        PXLogLevel::Warning,
+        "PXKit: the login manager gave no sleep delay, so will-sleep observers may be cut short: %s",
+        error ? error->message : "no descriptor in the reply");
     return;
   }
   gint32 index = -1;

@@ -123,7 +123,8 @@ void PXUserDefaults::startMonitoring() {
       g_main_context_default(),
       [this, maker, returned] {
         monitor_->start(this, path_);
-        if (std::this_thread::get_id() != maker || returned->load(std::memory_order_acquire)) reloadFromFile();
+        if (std::this_thread::get_id() != maker || returned->load(std::memory_order_acquire))
+          reloadFromFile();
       },
       pxkit::internal::RunOnContextMode::DontWait);
   if (!ranHere) returned->store(true, std::memory_order_release);

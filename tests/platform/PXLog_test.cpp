@@ -175,7 +175,6 @@ TEST(PXLog, EachLevelReachesGLibWithItsLevelAndPriority) {
 
 // ---- Registration that cannot vanish -------------------------------------------------
 
-
 // This binary (logging only) references nothing of these classes' files: they
 // are here only because the area libraries are linked whole, with their static
 // registrations, as they are in libpxkit.so.

@@ -353,7 +353,8 @@ TEST(PXNotificationCenter, ObservingARegisteredSystemNotificationStartsItsSource
       {PXNotificationCenter::defaultCenter(), "SomethingElse", {}},
       {PXNotificationCenter::defaultCenter(), PXString(), {}},  // any name: no source
       {PXNotificationCenter::defaultCenter(), "PXTestSourceNotification", {"first source", "second source"}},
-      {PXWorkspace::sharedWorkspace()->notificationCenter(), "PXTestSourceNotification",
+      {PXWorkspace::sharedWorkspace()->notificationCenter(),
+       "PXTestSourceNotification",
        {"first source", "second source"}},
   };
   for (const Case& c : cases) {
@@ -366,7 +367,8 @@ TEST(PXNotificationCenter, ObservingARegisteredSystemNotificationStartsItsSource
   // Target/action registrations start them as well.
   started.clear();
   auto listener = PXMake<Listener>();
-  PXNotificationCenter::defaultCenter()->addObserver(listener.get(), &Listener::heard, "PXTestSourceNotification");
+  PXNotificationCenter::defaultCenter()->addObserver(listener.get(), &Listener::heard,
+                                                     "PXTestSourceNotification");
   EXPECT_EQ(started, (std::vector<std::string>{"first source", "second source"}));
   PXNotificationCenter::defaultCenter()->removeObserver(listener.get());
 }

@@ -3,15 +3,14 @@
 // other applications' values (their files, or their GSettings schema).
 #include <glib.h>
 #include <gtest/gtest.h>
+#include <pxkit/objects/PXArray.h>
+#include <pxkit/objects/PXData.h>
+#include <pxkit/objects/PXDictionary.h>
 #include <pxkit/platform/PXBundle.h>
 #include <pxkit/platform/PXPreferences.h>
 #include <pxkit/platform/PXPropertyList.h>
 #include <pxkit/platform/PXUserDefaults.h>
 #include <sys/wait.h>
-
-#include <pxkit/objects/PXArray.h>
-#include <pxkit/objects/PXData.h>
-#include <pxkit/objects/PXDictionary.h>
 
 #include <algorithm>
 #include <string>

@@ -291,9 +291,8 @@ TEST_F(PXSystemBusLogind, AWatchRemovedDuringDeliveryHearsNothingMore) {
     EXPECT_EQ(watch.state(), SystemBusWatchState::Removed);
   };
   watch = SystemBus::watch(std::move(watcher));
-  ASSERT_TRUE(PXIterateMainContextUntil([&] {
-    return listening(watch) && listening(bystanderWatch) && removedInside.count("appeared") == 1;
-  }));
+  ASSERT_TRUE(PXIterateMainContextUntil(
+      [&] { return listening(watch) && listening(bystanderWatch) && removedInside.count("appeared") == 1; }));
 
   ASSERT_TRUE(emitPrepareForSleep(*bus_, true));
   ASSERT_TRUE(emitPrepareForSleep(*bus_, false));

@@ -101,7 +101,8 @@ bool runOnContext(GMainContext* context, std::function<void()> work, RunOnContex
   handOver->waited = mode == RunOnContextMode::Wait;
   glib::Source source(g_idle_source_new());
   g_source_set_priority(source.get(), G_PRIORITY_DEFAULT);
-  g_source_set_callback(source.get(), runHandedOver, new std::shared_ptr<HandOver>(handOver), releaseHandOver);
+  g_source_set_callback(source.get(), runHandedOver, new std::shared_ptr<HandOver>(handOver),
+                        releaseHandOver);
   g_source_attach(source.get(), context);
   source.reset();  // the context holds it now
   if (mode == RunOnContextMode::DontWait) return false;

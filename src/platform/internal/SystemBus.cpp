@@ -111,11 +111,12 @@ void subscribe(const EntryRef& entry, GDBusConnection* bus) {
   for (const SystemBusSignalMatch& match : entry->watcher.signals) {
     entry->subscriptions.push_back(g_dbus_connection_signal_subscribe(
         bus, name, match.interface.empty() ? nullptr : match.interface.c_str(),
-        match.member.empty() ? nullptr : match.member.c_str(), match.path.empty() ? nullptr : match.path.c_str(),
-        nullptr, G_DBUS_SIGNAL_FLAGS_NONE, onSignal, carry(entry), dropCarried));
+        match.member.empty() ? nullptr : match.member.c_str(),
+        match.path.empty() ? nullptr : match.path.c_str(), nullptr, G_DBUS_SIGNAL_FLAGS_NONE, onSignal,
+        carry(entry), dropCarried));
   }
   entry->nameWatch = g_bus_watch_name_on_connection(bus, name, G_BUS_NAME_WATCHER_FLAGS_NONE, onNameAppeared,
-                                                     onNameVanished, carry(entry), dropCarried);
+                                                    onNameVanished, carry(entry), dropCarried);
   // The subscriptions' match rules are sent without a reply; the answer to
   // any later call on the connection proves the bus daemon has applied them.
   g_dbus_connection_call(
@@ -134,7 +135,8 @@ void subscribe(const EntryRef& entry, GDBusConnection* bus) {
 void subscribeOnItsContext(const EntryRef& entry, GDBusConnection* bus) {
   glib::Object<GDBusConnection> held = glib::ref(bus);
   runOnContext(
-      entry->context.get(), [entry, held = std::shared_ptr<GDBusConnection>(held.release(), g_object_unref)] {
+      entry->context.get(),
+      [entry, held = std::shared_ptr<GDBusConnection>(held.release(), g_object_unref)] {
         subscribe(entry, held.get());
       },
       RunOnContextMode::DontWait);
