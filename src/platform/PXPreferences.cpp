@@ -1,6 +1,7 @@
 // PXKit — preference values by scope: application, user and host.
 #include <pxkit/objects/PXArray.h>
 #include <pxkit/objects/PXDictionary.h>
+#include <pxkit/platform/PXLog.h>
 #include <pxkit/platform/PXPreferences.h>
 #include <pxkit/platform/PXPropertyList.h>
 #include <pxkit/platform/PXUserDefaults.h>
@@ -51,7 +52,12 @@ std::string machineIdentity() {
   for (const std::string& path : paths) {
     std::string bytes, why;
     bool exists = false;
-    if (!pxkit::internal::readWholeFile(path, &bytes, &exists, &why) || bytes.size() > 4096) continue;
+    if (!pxkit::internal::readWholeFile(path, &bytes, &exists, &why)) {
+      // The next source is used instead, which changes the by-host file's name.
+      PXLogWithLevel(PXLogLevel::Warning, "PXPreferences: machine id unread: %s", why.c_str());
+      continue;
+    }
+    if (bytes.size() > 4096) continue;
     if (std::string id = trimmed(std::move(bytes)); !id.empty()) return id;
   }
   const char* host = g_get_host_name();
@@ -101,9 +107,16 @@ ResolvedScope resolve(std::string_view application, std::string_view user, std::
 PXValue valueInFile(const std::string& path, std::string_view key) {
   std::string bytes, why;
   bool exists = false;
-  if (!pxkit::internal::readWholeFile(path, &bytes, &exists, &why) || !exists) return {};
+  if (!pxkit::internal::readWholeFile(path, &bytes, &exists, &why)) {
+    PXLogWithLevel(PXLogLevel::Warning, "PXPreferences: %s", why.c_str());
+    return {};
+  }
+  if (!exists) return {};
   PXRef<PXDictionary> dict = PXPropertyList::propertyListWithString(bytes).dictionaryValue();
-  if (!dict) return {};
+  if (!dict) {
+    PXLogWithLevel(PXLogLevel::Warning, "PXPreferences: %s holds no property-list dictionary", path.c_str());
+    return {};
+  }
   const PXValue* v = dict->findStringKey(key);
   return v ? *v : PXValue();
 }

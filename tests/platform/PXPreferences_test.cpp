@@ -18,6 +18,7 @@
 
 #include "platform/internal/GLibHandles.h"
 #include "platform/internal/VariantValue.h"
+#include "support/PXLogCapture.h"
 #include "support/PXTempHome.h"
 
 #ifndef PXKIT_PREFS_CHILD
@@ -254,6 +255,25 @@ TEST_F(PXPreferencesTest, AnotherApplicationsGSettingsAreReadWhenItKeepsNoFile) 
                  PXPropertyList::XMLStringWithPropertyList(
                      PXValue(PXDictionary::dictionaryWithEntries({{"volume", 3}}))));
   EXPECT_TRUE(PXPreferences::copyAppValue("volume", "org.pxkit.Gadget").isEqual(3));
+}
+
+TEST_F(PXPreferencesTest, FilesThatCannotBeReadAreAbsentAndSaidSoInTheLog) {
+  PXLogCapture log;
+  const std::string path = appDirectory("org.pxkit.Editor") + "/org.pxkit.Editor.plist";
+  home.makeDirectory(path);  // a directory where the file should be
+  EXPECT_FALSE(PXPreferences::copyAppValue("LastUsed", "org.pxkit.Editor"));
+  home.writeFile(appDirectory("org.pxkit.Viewer") + "/org.pxkit.Viewer.plist", "not a property list");
+  EXPECT_FALSE(PXPreferences::copyAppValue("LastUsed", "org.pxkit.Viewer"));
+  // An unreadable machine id: the host name stands in.
+  home.makeDirectory("machine-id-dir");
+  g_setenv("PXKIT_MACHINE_ID_PATH", (home.root() + "/machine-id-dir").c_str(), TRUE);
+  EXPECT_FALSE(PXPreferences::hostKey(kAppID).empty());
+  EXPECT_EQ(log.lines(PXLogLevel::Warning),
+            (std::vector<std::string>{"PXPreferences: cannot read " + path + ": Is a directory",
+                                      "PXPreferences: " + appDirectory("org.pxkit.Viewer") +
+                                          "/org.pxkit.Viewer.plist holds no property-list dictionary",
+                                      "PXPreferences: machine id unread: cannot read " + home.root() +
+                                          "/machine-id-dir: Is a directory"}));
 }
 
 // ---- GVariant -> value (shared with the system-bus watchers) ----------------------------
