@@ -30,6 +30,48 @@ function(pxkit_add_library area)
   set_property(GLOBAL APPEND PROPERTY PXKIT_AREAS ${target})
 endfunction()
 
+# pxkit_link_areas_whole(<target> <libs>...)
+# Links <libs> into <target>, every area library (pxkit_<area>) among them or
+# reached through them whole: classes and rule functions registered by static
+# initializers in a file that nothing else references must be present in every
+# binary that links the area, as they are in libpxkit.so. Call it after every
+# area has been added (tests and benchmarks are).
+function(pxkit_link_areas_whole target)
+  get_property(areas GLOBAL PROPERTY PXKIT_AREAS)
+  # Every area reached from <libs>, directly or through another library.
+  set(reached)
+  set(queue ${ARGN})
+  while(queue)
+    list(POP_FRONT queue lib)
+    string(REGEX REPLACE "^\\$<LINK_ONLY:(.*)>$" "\\1" lib "${lib}")
+    if(lib IN_LIST reached OR NOT TARGET ${lib})
+      continue()
+    endif()
+    list(APPEND reached ${lib})
+    get_target_property(deps ${lib} INTERFACE_LINK_LIBRARIES)
+    if(deps)
+      list(APPEND queue ${deps})
+    endif()
+  endwhile()
+  # An archive linked whole must appear once on the link line: the other
+  # libraries go first, then every area reached, users first (as in
+  # libpxkit.so), so that none has to be repeated after one of its users.
+  set(others ${ARGN})
+  set(used)
+  list(REVERSE areas)
+  foreach(area IN LISTS areas)
+    if(area IN_LIST reached)
+      list(REMOVE_ITEM others ${area})
+      list(APPEND used ${area})
+    endif()
+  endforeach()
+  target_link_libraries(${target} PRIVATE ${others} ${used})
+  if(areas)
+    string(REPLACE ";" "," areas_csv "${areas}")
+    set_property(TARGET ${target} PROPERTY LINK_LIBRARY_OVERRIDE "WHOLE_ARCHIVE,${areas_csv}")
+  endif()
+endfunction()
+
 # pxkit_add_test(<name> SOURCES ... [LIBS ...] [ENVIRONMENT ...] [WRAPPER cmd ...] [TIMEOUT s])
 # A GoogleTest executable; each test case runs in its own process, so GLib's
 # per-process singletons (buses, XDG dirs) start clean in every case.
@@ -38,7 +80,7 @@ function(pxkit_add_test name)
   add_executable(${name} ${ARG_SOURCES})
   target_compile_options(${name} PRIVATE ${PXKIT_WARNINGS})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/tests)
-  target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gtest GTest::gmock GTest::gtest_main)
+  pxkit_link_areas_whole(${name} ${ARG_LIBS} GTest::gtest GTest::gmock GTest::gtest_main)
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
   endif()
@@ -61,6 +103,6 @@ function(pxkit_add_benchmark name)
   add_executable(${name} ${ARG_SOURCES})
   target_compile_options(${name} PRIVATE ${PXKIT_WARNINGS})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/bench)
-  target_link_libraries(${name} PRIVATE ${ARG_LIBS} benchmark::benchmark)
+  pxkit_link_areas_whole(${name} ${ARG_LIBS} benchmark::benchmark)
   set_property(GLOBAL APPEND PROPERTY PXKIT_BENCHMARKS ${name})
 endfunction()

@@ -2,6 +2,7 @@
 // under "Metrics" in the host application's user defaults.
 #include <pxkit/metrics/PXMetricsTracker.h>
 #include <pxkit/objects/PXKeyedArchiver.h>
+#include <pxkit/platform/PXLog.h>
 #include <pxkit/platform/PXOperationQueue.h>
 #include <pxkit/platform/PXUserDefaults.h>
 
@@ -118,7 +119,11 @@ void PXMetricsTracker::saveToPreferences() {
   }
   all->setObject(data, system);
   defaults->setObject(all, kMetricsDefaultsKey);
-  (void)defaults->synchronize();  // a failed write leaves the previous file whole; the next save tries again
+  // A failed write leaves the previous file whole; the next save tries again.
+  PXErrorRef error;
+  if (!defaults->synchronize(&error))
+    PXLogWithLevel(PXLogLevel::Warning, "PXMetricsTracker: cannot save the tracker's state: %@",
+                   error ? error->localizedDescription() : PXString("unknown error"));
 }
 
 void PXMetricsTracker::loadFromPreferences() {

@@ -12,6 +12,8 @@
 #include <mutex>
 
 #include "platform/internal/GLibHandles.h"
+#include "platform/internal/RunOnContext.h"
+#include "platform/internal/SystemEvents.h"
 
 namespace {
 
@@ -45,27 +47,11 @@ void postOnThisThread(PXApplication* app, bool drain) {
 }
 
 // Posts on the main thread: here, when this thread owns the main context or
-// can take it; otherwise on the main loop's next iteration. Returns false when
-// the posting was handed over.
-bool postOnMainThread(PXApplication* app) {
-  GMainContext* main = g_main_context_default();
-  if (g_main_context_is_owner(main)) {
-    postOnThisThread(app, /*drain=*/true);
-    return true;
-  }
-  if (g_main_context_acquire(main)) {
-    postOnThisThread(app, /*drain=*/true);
-    g_main_context_release(main);
-    return true;
-  }
-  g_main_context_invoke(
-      main,
-      [](gpointer data) -> gboolean {
-        postOnThisThread(static_cast<PXApplication*>(data), /*drain=*/true);
-        return G_SOURCE_REMOVE;
-      },
-      app);
-  return false;
+// can take it; otherwise on the main loop's next iteration.
+void postOnMainThread(PXApplication* app) {
+  pxkit::internal::runOnContext(
+      g_main_context_default(), [app] { postOnThisThread(app, /*drain=*/true); },
+      pxkit::internal::RunOnContextMode::DontWait);
 }
 
 // The last resort: the process is exiting and nobody said so. The main thread
@@ -75,15 +61,10 @@ bool postOnMainThread(PXApplication* app) {
 void onExit() {
   if (gPosted.load(std::memory_order_acquire)) return;
   PXApplication* app = PXApplication::sharedApplication();
-  GMainContext* main = g_main_context_default();
-  if (g_main_context_is_owner(main)) {
-    postOnThisThread(app, /*drain=*/true);
-  } else if (g_main_context_acquire(main)) {
-    postOnThisThread(app, /*drain=*/true);
-    g_main_context_release(main);
-  } else {
+  if (!pxkit::internal::runOnContext(
+          g_main_context_default(), [app] { postOnThisThread(app, /*drain=*/true); },
+          pxkit::internal::RunOnContextMode::OnlyHere))
     postOnThisThread(app, /*drain=*/false);
-  }
 }
 
 gboolean onTerminationSignal(gpointer data) {
@@ -107,6 +88,10 @@ gboolean onTerminationSignal(gpointer data) {
   kill(getpid(), signal);
   _exit(128 + signal);  // not reached: the default action ends the process first
 }
+
+// Observing will-terminate arranges the last-resort exit handler.
+[[maybe_unused]] const bool gWillTerminateSourceAdded = pxkit::internal::addSystemNotificationSource(
+    kPXApplicationWillTerminateNotification, [] { PXApplication::sharedApplication(); });
 
 }  // namespace
 

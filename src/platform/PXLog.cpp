@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <string>
 
 namespace {
 
@@ -43,7 +44,48 @@ void PXLogSetHandler(PXLogHandler handler) {
   // `previous` is released here, outside the lock: destroying it may run arbitrary code.
 }
 
-void PXLogLine(std::string_view line) {
+namespace {
+
+struct GLibLevel {
+  GLogLevelFlags flags;
+  const char* priority;  // syslog numbering, as the journal expects
+};
+
+GLibLevel glibLevel(PXLogLevel level) noexcept {
+  switch (level) {
+    case PXLogLevel::Debug:
+      return {G_LOG_LEVEL_DEBUG, "7"};
+    case PXLogLevel::Info:
+      return {G_LOG_LEVEL_INFO, "6"};
+    case PXLogLevel::Notice:
+      return {G_LOG_LEVEL_MESSAGE, "5"};
+    case PXLogLevel::Warning:
+      return {G_LOG_LEVEL_WARNING, "4"};
+    case PXLogLevel::Error:
+      return {G_LOG_LEVEL_WARNING, "3"};
+  }
+  return {G_LOG_LEVEL_MESSAGE, "5"};
+}
+
+}  // namespace
+
+const char* PXLogLevelName(PXLogLevel level) noexcept {
+  switch (level) {
+    case PXLogLevel::Debug:
+      return "debug";
+    case PXLogLevel::Info:
+      return "info";
+    case PXLogLevel::Notice:
+      return "notice";
+    case PXLogLevel::Warning:
+      return "warning";
+    case PXLogLevel::Error:
+      return "error";
+  }
+  return "notice";
+}
+
+void PXLogLineWithLevel(PXLogLevel level, std::string_view line) {
   Snapshot snapshot;
   {
     std::lock_guard lock(handlerMutex);
@@ -54,10 +96,20 @@ void PXLogLine(std::string_view line) {
     struct Leave {
       ~Leave() { --handlerDepth; }
     } leave;
-    (*snapshot.handler)(line);
+    (*snapshot.handler)(level, line);
     return;
   }
-  // The line is the whole message: no file, line or function fields.
-  g_log_structured("PXKit", G_LOG_LEVEL_MESSAGE, "MESSAGE", "%.*s", static_cast<int>(line.size()),
-                   line.data());
+  // The line is the whole message: no file, line or function fields. The
+  // fields are given whole (not through g_log_structured, which would derive
+  // PRIORITY from the GLib level and could not say "error" without ending the
+  // process).
+  // GLib's stderr writer reads MESSAGE as a C string: give it one.
+  const GLibLevel glib = glibLevel(level);
+  const std::string message(line);
+  const GLogField fields[] = {
+      {"PRIORITY", glib.priority, -1},
+      {"GLIB_DOMAIN", "PXKit", -1},
+      {"MESSAGE", message.c_str(), -1},
+  };
+  g_log_structured_array(glib.flags, fields, G_N_ELEMENTS(fields));
 }

@@ -5,7 +5,10 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
+#include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/internal/SystemEvents.h"
@@ -202,6 +205,43 @@ void setAnnouncesSystemEvents(PXNotificationCenter& center) {
   NotificationCenterCore::of(center).announcesSystemEvents.store(true, std::memory_order_release);
 }
 
+namespace {
+
+// The sources of the system notifications, by name, as their code registered
+// them (from static initializers: made on first use, never freed).
+struct SystemNotificationSources {
+  std::mutex mutex;
+  std::unordered_map<std::string, std::vector<std::function<void()>>> byName;
+};
+
+SystemNotificationSources& systemNotificationSources() {
+  static auto* sources = new SystemNotificationSources;
+  return *sources;
+}
+
+// Starts the sources of `name`, outside the lock (a source may observe in turn).
+void startSystemNotificationSources(const PXString& name) {
+  std::vector<std::function<void()>> starts;
+  {
+    SystemNotificationSources& sources = systemNotificationSources();
+    std::lock_guard lock(sources.mutex);
+    auto found = sources.byName.find(std::string(name.view()));
+    if (found == sources.byName.end()) return;
+    starts = found->second;
+  }
+  for (const auto& start : starts) start();
+}
+
+}  // namespace
+
+bool addSystemNotificationSource(const char* name, std::function<void()> start) {
+  if (!name || !start) return true;
+  SystemNotificationSources& sources = systemNotificationSources();
+  std::lock_guard lock(sources.mutex);
+  sources.byName[name].push_back(std::move(start));
+  return true;
+}
+
 }  // namespace pxkit::internal
 
 using pxkit::internal::Registration;
@@ -240,7 +280,7 @@ PXRef<PXObject> PXNotificationCenter::addObserverForName(PXString name, const PX
   PXRef<PXObject> token = registration->token;
   core_->add(std::move(registration));
   if (name && core_->announcesSystemEvents.load(std::memory_order_acquire))
-    pxkit::internal::systemNotificationObserved(name.view());
+    pxkit::internal::startSystemNotificationSources(name);
   return token;
 }
 
@@ -256,7 +296,7 @@ void PXNotificationCenter::addObserver(PXObject* observer, PXNotificationBlock a
   registration->block = std::move(action);
   core_->add(std::move(registration));
   if (name && core_->announcesSystemEvents.load(std::memory_order_acquire))
-    pxkit::internal::systemNotificationObserved(name.view());
+    pxkit::internal::startSystemNotificationSources(name);
 }
 
 void PXNotificationCenter::removeObserver(const PXObject* observer) {

@@ -1,6 +1,7 @@
 // PXKit — preference values by scope: application, user and host.
 #include <pxkit/objects/PXArray.h>
 #include <pxkit/objects/PXDictionary.h>
+#include <pxkit/platform/PXLog.h>
 #include <pxkit/platform/PXPreferences.h>
 #include <pxkit/platform/PXPropertyList.h>
 #include <pxkit/platform/PXUserDefaults.h>
@@ -11,6 +12,7 @@
 #include "platform/internal/AtomicFile.h"
 #include "platform/internal/GLibHandles.h"
 #include "platform/internal/PreferencesStore.h"
+#include "platform/internal/VariantValue.h"
 
 using pxkit::internal::PreferencesStore;
 
@@ -50,7 +52,12 @@ std::string machineIdentity() {
   for (const std::string& path : paths) {
     std::string bytes, why;
     bool exists = false;
-    if (!pxkit::internal::readWholeFile(path, &bytes, &exists, &why) || bytes.size() > 4096) continue;
+    if (!pxkit::internal::readWholeFile(path, &bytes, &exists, &why)) {
+      // The next source is used instead, which changes the by-host file's name.
+      PXLogWithLevel(PXLogLevel::Warning, "PXPreferences: machine id unread: %s", why.c_str());
+      continue;
+    }
+    if (bytes.size() > 4096) continue;
     if (std::string id = trimmed(std::move(bytes)); !id.empty()) return id;
   }
   const char* host = g_get_host_name();
@@ -100,85 +107,21 @@ ResolvedScope resolve(std::string_view application, std::string_view user, std::
 PXValue valueInFile(const std::string& path, std::string_view key) {
   std::string bytes, why;
   bool exists = false;
-  if (!pxkit::internal::readWholeFile(path, &bytes, &exists, &why) || !exists) return {};
+  if (!pxkit::internal::readWholeFile(path, &bytes, &exists, &why)) {
+    PXLogWithLevel(PXLogLevel::Warning, "PXPreferences: %s", why.c_str());
+    return {};
+  }
+  if (!exists) return {};
   PXRef<PXDictionary> dict = PXPropertyList::propertyListWithString(bytes).dictionaryValue();
-  if (!dict) return {};
+  if (!dict) {
+    PXLogWithLevel(PXLogLevel::Warning, "PXPreferences: %s holds no property-list dictionary", path.c_str());
+    return {};
+  }
   const PXValue* v = dict->findStringKey(key);
   return v ? *v : PXValue();
 }
 
 // ---- GSettings ---------------------------------------------------------------------
-
-constexpr size_t kMaxVariantDepth = 64;
-
-PXValue valueOfVariant(GVariant* v, size_t depth) {
-  if (!v || depth > kMaxVariantDepth) return {};
-  switch (g_variant_classify(v)) {
-    case G_VARIANT_CLASS_BOOLEAN:
-      return PXValue(static_cast<bool>(g_variant_get_boolean(v)));
-    case G_VARIANT_CLASS_BYTE:
-      return PXValue(static_cast<long long>(g_variant_get_byte(v)));
-    case G_VARIANT_CLASS_INT16:
-      return PXValue(static_cast<long long>(g_variant_get_int16(v)));
-    case G_VARIANT_CLASS_UINT16:
-      return PXValue(static_cast<long long>(g_variant_get_uint16(v)));
-    case G_VARIANT_CLASS_INT32:
-      return PXValue(static_cast<long long>(g_variant_get_int32(v)));
-    case G_VARIANT_CLASS_UINT32:
-      return PXValue(static_cast<long long>(g_variant_get_uint32(v)));
-    case G_VARIANT_CLASS_INT64:
-      return PXValue(static_cast<long long>(g_variant_get_int64(v)));
-    case G_VARIANT_CLASS_UINT64:
-      return PXValue(static_cast<unsigned long long>(g_variant_get_uint64(v)));
-    case G_VARIANT_CLASS_HANDLE:
-      return PXValue(static_cast<long long>(g_variant_get_handle(v)));
-    case G_VARIANT_CLASS_DOUBLE:
-      return PXValue(g_variant_get_double(v));
-    case G_VARIANT_CLASS_STRING:
-    case G_VARIANT_CLASS_OBJECT_PATH:
-    case G_VARIANT_CLASS_SIGNATURE:
-      return PXValue(g_variant_get_string(v, nullptr));
-    case G_VARIANT_CLASS_VARIANT: {
-      pxkit::glib::Variant inner(g_variant_get_variant(v));
-      return valueOfVariant(inner.get(), depth + 1);
-    }
-    case G_VARIANT_CLASS_MAYBE: {
-      pxkit::glib::Variant inner(g_variant_get_maybe(v));
-      return valueOfVariant(inner.get(), depth + 1);
-    }
-    case G_VARIANT_CLASS_ARRAY: {
-      if (g_variant_is_of_type(v, G_VARIANT_TYPE_BYTESTRING)) {
-        gsize n = 0;
-        const void* bytes = g_variant_get_fixed_array(v, &n, 1);
-        return PXValue(PXData::dataWithBytes(bytes, n));
-      }
-      const gsize n = g_variant_n_children(v);
-      const bool isDictionary = g_variant_type_is_dict_entry(g_variant_type_element(g_variant_get_type(v)));
-      if (isDictionary) {
-        std::vector<PXDictionary::Entry> entries;
-        for (gsize i = 0; i < n; ++i) {
-          pxkit::glib::Variant entry(g_variant_get_child_value(v, i));
-          pxkit::glib::Variant key(g_variant_get_child_value(entry.get(), 0));
-          pxkit::glib::Variant value(g_variant_get_child_value(entry.get(), 1));
-          PXValue k = valueOfVariant(key.get(), depth + 1), item = valueOfVariant(value.get(), depth + 1);
-          if (k && item) entries.emplace_back(k.isString() ? k : PXValue(k.description()), item);
-        }
-        return PXValue(PXDictionary::dictionaryWithEntries(std::move(entries)));
-      }
-      [[fallthrough]];
-    }
-    case G_VARIANT_CLASS_TUPLE: {
-      std::vector<PXValue> items;
-      for (gsize i = 0, n = g_variant_n_children(v); i < n; ++i) {
-        pxkit::glib::Variant child(g_variant_get_child_value(v, i));
-        if (PXValue item = valueOfVariant(child.get(), depth + 1)) items.push_back(std::move(item));
-      }
-      return PXValue(PXArray::arrayWithValues(std::move(items)));
-    }
-    default:
-      return {};
-  }
-}
 
 using SchemaHandle = pxkit::glib::Handle<GSettingsSchema, g_settings_schema_unref>;
 
@@ -193,7 +136,7 @@ PXValue gsettingsValue(const std::string& schemaID, std::string_view key) {
     return {};
   pxkit::glib::Object<GSettings> settings(g_settings_new_full(schema.get(), nullptr, nullptr));
   pxkit::glib::Variant value(g_settings_get_value(settings.get(), name.c_str()));
-  return valueOfVariant(value.get(), 0);
+  return pxkit::internal::valueOfVariant(value.get());
 }
 
 }  // namespace

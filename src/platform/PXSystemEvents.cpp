@@ -7,6 +7,7 @@
 #include <pxkit/platform/PXApplication.h>
 #include <pxkit/platform/PXBundle.h>
 #include <pxkit/platform/PXCalendar.h>
+#include <pxkit/platform/PXLog.h>
 #include <pxkit/platform/PXNotificationCenter.h>
 #include <pxkit/platform/PXWorkspace.h>
 #include <time.h>
@@ -20,6 +21,8 @@
 #include <string>
 
 #include "platform/internal/GLibHandles.h"
+#include "platform/internal/RunOnContext.h"
+#include "platform/internal/SystemBus.h"
 #include "platform/internal/SystemEvents.h"
 
 namespace {
@@ -30,20 +33,6 @@ constexpr const char* kLocalTimePathVariable = "PXKIT_LOCALTIME_PATH";
 constexpr const char* kLogindName = "org.freedesktop.login1";
 constexpr const char* kLogindPath = "/org/freedesktop/login1";
 constexpr const char* kLogindManager = "org.freedesktop.login1.Manager";
-
-// Runs `work` on the main context: at once when this thread owns it or can
-// take it (GLib then makes it this thread's default for the call, so sources
-// made inside attach to it), else at the main loop's next iteration.
-void onMainContext(std::function<void()> work) {
-  using Work = std::function<void()>;
-  g_main_context_invoke_full(
-      nullptr, G_PRIORITY_DEFAULT,
-      [](gpointer data) -> gboolean {
-        (*static_cast<Work*>(data))();
-        return G_SOURCE_REMOVE;
-      },
-      new Work(std::move(work)), [](gpointer data) { delete static_cast<Work*>(data); });
-}
 
 // ---- Time zone ------------------------------------------------------------------
 
@@ -116,33 +105,44 @@ void onLocalTimeEvent(GFileMonitor*, GFile*, GFile*, GFileMonitorEvent event, gp
 }
 
 // On the main context.
-void installTimeZoneWatch(std::string path) {
+void installTimeZoneWatch(const std::string& path) {
   TimeZoneWatch& watch = timeZoneWatch();
   {
     std::lock_guard lock(gPathMutex);
-    watch.path = std::move(path);
+    watch.path = path;
   }
   watch.fingerprint = readZoneFingerprint(watch.path);
   pxkit::glib::Object<GFile> file(g_file_new_for_path(watch.path.c_str()));
-  // WATCH_MOVES: a swap by rename into place arrives as one event. A missing
-  // directory gives no monitor, and so no notifications; nothing else fails.
-  watch.monitor.reset(g_file_monitor_file(file.get(), G_FILE_MONITOR_WATCH_MOVES, nullptr, nullptr));
-  if (!watch.monitor) return;
+  // WATCH_MOVES: a swap by rename into place arrives as one event. A path
+  // that cannot be watched gives no monitor, and so no notifications (said
+  // once in the log); nothing else fails.
+  pxkit::glib::Error error;
+  watch.monitor.reset(
+      g_file_monitor_file(file.get(), G_FILE_MONITOR_WATCH_MOVES, nullptr, pxkit::glib::out(error)));
+  if (!watch.monitor) {
+    PXLogWithLevel(PXLogLevel::Warning, "PXKit: cannot watch %s, so no time-zone change will be posted: %s",
+                   watch.path.c_str(), error ? error->message : "no file monitor");
+    return;
+  }
   g_signal_connect(watch.monitor.get(), "changed", G_CALLBACK(onLocalTimeEvent), nullptr);
   watch.watching.store(true, std::memory_order_release);
 }
 
+// Observing the time-zone change on the default centre starts the watch.
+[[maybe_unused]] const bool gTimeZoneSourceAdded = pxkit::internal::addSystemNotificationSource(
+    kPXSystemTimeZoneDidChangeNotification, &PXSystemEvents::startTimeZoneWatch);
+
 // ---- Sleep and wake ---------------------------------------------------------------
 
 struct SleepWatch {
-  std::atomic<PXSystemEvents::SleepWatchState> state{PXSystemEvents::SleepWatchState::Stopped};
+  std::atomic<bool> started{false};
   std::atomic<bool> holdsInhibitor{false};
+  pxkit::internal::SystemBusWatch logind;  // set once, by the starting thread
   // Main context only:
-  pxkit::glib::Object<GDBusConnection> bus;
-  int inhibitor = -1;  // the delay inhibitor's descriptor; closing it releases it
+  pxkit::glib::Object<GDBusConnection> bus;  // while the login manager is present
+  int inhibitor = -1;                        // the delay inhibitor's descriptor; closing it releases it
   bool inhibitPending = false;
   bool preparingForSleep = false;
-  bool logindPresent = false;
 };
 
 SleepWatch& sleepWatch() {
@@ -163,15 +163,27 @@ void onInhibitReply(GObject* source, GAsyncResult* result, gpointer) {
   SleepWatch& watch = sleepWatch();
   watch.inhibitPending = false;
   GUnixFDList* rawList = nullptr;
-  pxkit::glib::Variant reply(
-      g_dbus_connection_call_with_unix_fd_list_finish(G_DBUS_CONNECTION(source), &rawList, result, nullptr));
+  pxkit::glib::Error error;
+  pxkit::glib::Variant reply(g_dbus_connection_call_with_unix_fd_list_finish(
+      G_DBUS_CONNECTION(source), &rawList, result, pxkit::glib::out(error)));
   pxkit::glib::Object<GUnixFDList> fds(rawList);
-  if (!reply || !fds) return;  // refused (policy) or gone: sleep simply is not delayed
+  if (!reply || !fds) {
+    // Refused (policy) or gone: sleep simply is not delayed.
+    PXLogWithLevel(
+        PXLogLevel::Warning,
+        "PXKit: the login manager gave no sleep delay, so will-sleep observers may be cut short: %s",
+        error ? error->message : "no descriptor in the reply");
+    return;
+  }
   gint32 index = -1;
   g_variant_get(reply.get(), "(h)", &index);
-  const int fd = g_unix_fd_list_get(fds.get(), index, nullptr);  // our own duplicate
-  if (fd < 0) return;
-  if (watch.preparingForSleep || !watch.logindPresent || watch.inhibitor >= 0) {
+  const int fd = g_unix_fd_list_get(fds.get(), index, pxkit::glib::out(error));  // our own duplicate
+  if (fd < 0) {
+    PXLogWithLevel(PXLogLevel::Warning, "PXKit: cannot take the login manager's sleep delay: %s",
+                   error ? error->message : "no such descriptor");
+    return;
+  }
+  if (watch.preparingForSleep || !watch.bus || watch.inhibitor >= 0) {
     close(fd);  // the moment it was for has passed
     return;
   }
@@ -191,11 +203,10 @@ void takeInhibitor() {
       G_VARIANT_TYPE("(h)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr, onInhibitReply, nullptr);
 }
 
-void onPrepareForSleep(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
-                       GVariant* parameters, gpointer) {
-  if (!g_variant_is_of_type(parameters, G_VARIANT_TYPE("(b)"))) return;
+void onPrepareForSleep(const pxkit::internal::SystemBusSignal& signal) {
+  if (!g_variant_is_of_type(signal.parameters, G_VARIANT_TYPE("(b)"))) return;
   gboolean goingToSleep = FALSE;
-  g_variant_get(parameters, "(b)", &goingToSleep);
+  g_variant_get(signal.parameters, "(b)", &goingToSleep);
   SleepWatch& watch = sleepWatch();
   PXWorkspace* workspace = PXWorkspace::sharedWorkspace();
   if (goingToSleep) {
@@ -209,44 +220,30 @@ void onPrepareForSleep(GDBusConnection*, const gchar*, const gchar*, const gchar
   }
 }
 
-void onLogindAppeared(GDBusConnection*, const gchar*, const gchar*, gpointer) {
-  sleepWatch().logindPresent = true;
-  takeInhibitor();
-}
-
-void onLogindVanished(GDBusConnection*, const gchar*, gpointer) {
-  sleepWatch().logindPresent = false;
-  releaseInhibitor();
-}
-
-void onBusReady(GObject*, GAsyncResult* result, gpointer) {
+void startSleepWatchOnce() {
+  pxkit::internal::SystemBusWatcher watcher;
+  watcher.busName = kLogindName;
+  watcher.signals = {{kLogindManager, "PrepareForSleep", kLogindPath}};
+  watcher.signal = onPrepareForSleep;
+  watcher.nameAppeared = [](GDBusConnection* bus, const char*) {
+    sleepWatch().bus = pxkit::glib::ref(bus);
+    takeInhibitor();
+  };
+  watcher.nameVanished = [] {
+    sleepWatch().bus.reset();
+    releaseInhibitor();
+  };
   SleepWatch& watch = sleepWatch();
-  pxkit::glib::Error error;
-  watch.bus.reset(g_bus_get_finish(result, pxkit::glib::out(error)));
-  if (!watch.bus) {
-    // No system bus (containers, CI, minimal systems): there are no sleep events
-    // to hear, which is not an error of the host's.
-    g_debug("PXKit: no system bus, so no sleep and wake notifications: %s", error ? error->message : "");
-    watch.state.store(PXSystemEvents::SleepWatchState::Unavailable, std::memory_order_release);
-    return;
-  }
-  g_dbus_connection_signal_subscribe(watch.bus.get(), kLogindName, kLogindManager, "PrepareForSleep",
-                                     kLogindPath, nullptr, G_DBUS_SIGNAL_FLAGS_NONE, onPrepareForSleep,
-                                     nullptr, nullptr);
-  g_bus_watch_name_on_connection(watch.bus.get(), kLogindName, G_BUS_NAME_WATCHER_FLAGS_NONE,
-                                 onLogindAppeared, onLogindVanished, nullptr, nullptr);
-  // The subscription's match rule is sent without a reply; the answer to any
-  // later call on the connection proves the bus daemon has applied it.
-  g_dbus_connection_call(
-      watch.bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId",
-      nullptr, G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr,
-      [](GObject* source, GAsyncResult* reply, gpointer) {
-        pxkit::glib::Variant ignored(
-            g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), reply, nullptr));
-        sleepWatch().state.store(PXSystemEvents::SleepWatchState::Listening, std::memory_order_release);
-      },
-      nullptr);
+  watch.logind = pxkit::internal::SystemBus::watch(std::move(watcher), g_main_context_default());
+  watch.started.store(true, std::memory_order_release);
 }
+
+// Observing will-sleep or did-wake on the workspace centre starts the watch.
+[[maybe_unused]] const bool gSleepSourcesAdded =
+    pxkit::internal::addSystemNotificationSource(kPXWorkspaceWillSleepNotification,
+                                                 &PXSystemEvents::startSleepWatch) &&
+    pxkit::internal::addSystemNotificationSource(kPXWorkspaceDidWakeNotification,
+                                                 &PXSystemEvents::startSleepWatch);
 
 }  // namespace
 
@@ -261,17 +258,15 @@ void PXSystemEvents::startTimeZoneWatch() {
   std::call_once(gTimeZoneStart, [] {
     const char* overridden = std::getenv(kLocalTimePathVariable);
     std::string path = overridden && *overridden ? overridden : kDefaultLocalTimePath;
-    onMainContext([path = std::move(path)]() mutable { installTimeZoneWatch(std::move(path)); });
+    pxkit::internal::runOnContext(
+        g_main_context_default(), [path = std::move(path)] { installTimeZoneWatch(path); },
+        pxkit::internal::RunOnContextMode::DontWait);
   });
 }
 
 void PXSystemEvents::startSleepWatch() {
-  std::call_once(gSleepStart, [] {
-    sleepWatch().state.store(SleepWatchState::Connecting, std::memory_order_release);
-    // Asynchronous: with no system bus the answer comes back on the main loop
-    // later, and the caller never waits for it.
-    onMainContext([] { g_bus_get(G_BUS_TYPE_SYSTEM, nullptr, onBusReady, nullptr); });
-  });
+  // Never blocks: the system bus is reached asynchronously, on the main loop.
+  std::call_once(gSleepStart, startSleepWatchOnce);
 }
 
 std::string PXSystemEvents::localTimePath() {
@@ -288,19 +283,20 @@ bool PXSystemEvents::isTimeZoneCheckPending() {
 }
 
 PXSystemEvents::SleepWatchState PXSystemEvents::sleepWatchState() {
-  return sleepWatch().state.load(std::memory_order_acquire);
+  SleepWatch& watch = sleepWatch();
+  if (!watch.started.load(std::memory_order_acquire)) return SleepWatchState::Stopped;
+  switch (watch.logind.state()) {
+    case pxkit::internal::SystemBusWatchState::Listening:
+      return SleepWatchState::Listening;
+    case pxkit::internal::SystemBusWatchState::Unavailable:
+      return SleepWatchState::Unavailable;
+    case pxkit::internal::SystemBusWatchState::Connecting:
+    case pxkit::internal::SystemBusWatchState::Removed:
+      break;
+  }
+  return SleepWatchState::Connecting;
 }
 
 bool PXSystemEvents::holdsSleepInhibitor() {
   return sleepWatch().holdsInhibitor.load(std::memory_order_acquire);
-}
-
-void pxkit::internal::systemNotificationObserved(std::string_view name) {
-  if (name == kPXSystemTimeZoneDidChangeNotification) {
-    PXSystemEvents::startTimeZoneWatch();
-  } else if (name == kPXWorkspaceDidWakeNotification || name == kPXWorkspaceWillSleepNotification) {
-    PXSystemEvents::startSleepWatch();
-  } else if (name == kPXApplicationWillTerminateNotification) {
-    PXApplication::sharedApplication();  // arranges the last-resort exit handler
-  }
 }

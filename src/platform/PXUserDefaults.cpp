@@ -3,12 +3,16 @@
 #include <pxkit/platform/PXNotificationCenter.h>
 #include <pxkit/platform/PXUserDefaults.h>
 
+#include <atomic>
+#include <memory>
 #include <string>
+#include <thread>
 #include <unordered_map>
 
 #include "platform/internal/AtomicFile.h"
 #include "platform/internal/GLibHandles.h"
 #include "platform/internal/PreferencesStore.h"
+#include "platform/internal/RunOnContext.h"
 
 using pxkit::internal::PreferencesStore;
 
@@ -110,22 +114,20 @@ void PXUserDefaults::startMonitoring() {
   pxkit::internal::makeDirectories(directory);
   g_free(directory);
   monitor_ = std::make_unique<pxkit::internal::UserDefaultsMonitor>();
-  GMainContext* current = g_main_context_get_thread_default();
-  if (!current || current == g_main_context_default()) {
-    monitor_->start(this, path_);
-    return;
-  }
-  // This thread runs a context of its own: make the monitor on the main
-  // context instead, and catch up on what changed until it was there.
-  g_main_context_invoke(
+  // The monitor delivers on the main context: made here when this thread may
+  // run that context, else made there, catching up on what changed until then.
+  // Made there means: on another thread, or on this one after the call returned.
+  const std::thread::id maker = std::this_thread::get_id();
+  auto returned = std::make_shared<std::atomic<bool>>(false);
+  const bool ranHere = pxkit::internal::runOnContext(
       g_main_context_default(),
-      [](gpointer data) -> gboolean {
-        auto* self = static_cast<PXUserDefaults*>(data);
-        self->monitor_->start(self, self->path_);
-        self->reloadFromFile();
-        return G_SOURCE_REMOVE;
+      [this, maker, returned] {
+        monitor_->start(this, path_);
+        if (std::this_thread::get_id() != maker || returned->load(std::memory_order_acquire))
+          reloadFromFile();
       },
-      this);
+      pxkit::internal::RunOnContextMode::DontWait);
+  if (!ranHere) returned->store(true, std::memory_order_release);
 }
 
 // ---- Announcing --------------------------------------------------------------------

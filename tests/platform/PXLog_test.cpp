@@ -1,5 +1,6 @@
 #include <glib.h>
 #include <gtest/gtest.h>
+#include <pxkit/objects/PXClass.h>
 #include <pxkit/platform/PXLog.h>
 
 #include <atomic>
@@ -26,21 +27,25 @@ TEST(PXLog, CaptureSeesTheExactLines) {
 namespace {
 
 struct Written {
-  std::string domain, message;
+  std::string domain, message, priority;
   GLogLevelFlags level{};
   int count = 0;
+  std::vector<std::string> keys;
 };
 Written written;
 
 GLogWriterOutput recordingWriter(GLogLevelFlags level, const GLogField* fields, gsize n, gpointer) {
   ++written.count;
   written.level = level;
+  written.keys.clear();
   for (gsize i = 0; i < n; ++i) {
     std::string key = fields[i].key;
     std::string value = fields[i].length < 0 ? std::string(static_cast<const char*>(fields[i].value))
                                              : std::string(static_cast<const char*>(fields[i].value),
                                                            static_cast<size_t>(fields[i].length));
+    written.keys.push_back(key);
     if (key == "GLIB_DOMAIN") written.domain = value;
+    if (key == "PRIORITY") written.priority = value;
     if (key == "MESSAGE") written.message = value;
   }
   return G_LOG_WRITER_HANDLED;
@@ -71,7 +76,7 @@ TEST(PXLog, SwappingHandlersWhileOtherThreadsLogLosesNoLine) {
   constexpr int kWriters = 3, kLinesEach = 2000;
   std::atomic<int> first{0}, second{0};
   std::atomic<bool> firstRunning{false};
-  PXLogSetHandler([&](std::string_view) {
+  PXLogSetHandler([&](PXLogLevel, std::string_view) {
     firstRunning = true;
     ++first;
     firstRunning = false;
@@ -87,9 +92,9 @@ TEST(PXLog, SwappingHandlersWhileOtherThreadsLogLosesNoLine) {
   start.arrive_and_wait();
   int idleAfterSwap = 0;
   for (int swap = 0; swap < 50; ++swap) {
-    PXLogSetHandler([&](std::string_view) { ++second; });
+    PXLogSetHandler([&](PXLogLevel, std::string_view) { ++second; });
     if (!firstRunning) ++idleAfterSwap;
-    PXLogSetHandler([&](std::string_view) {
+    PXLogSetHandler([&](PXLogLevel, std::string_view) {
       firstRunning = true;
       ++first;
       firstRunning = false;
@@ -103,9 +108,9 @@ TEST(PXLog, SwappingHandlersWhileOtherThreadsLogLosesNoLine) {
 
 TEST(PXLog, AHandlerMaySwapHandlersAndLogFromWithin) {
   std::vector<std::string> outer, inner;
-  PXLogSetHandler([&](std::string_view line) {
+  PXLogSetHandler([&](PXLogLevel, std::string_view line) {
     outer.emplace_back(line);
-    PXLogSetHandler([&](std::string_view nested) { inner.emplace_back(nested); });
+    PXLogSetHandler([&](PXLogLevel, std::string_view nested) { inner.emplace_back(nested); });
     PXLogLine("from inside");
   });
   PXLogLine("first");
@@ -113,4 +118,71 @@ TEST(PXLog, AHandlerMaySwapHandlersAndLogFromWithin) {
   PXLogSetHandler(nullptr);
   EXPECT_EQ(outer, (std::vector<std::string>{"first"}));
   EXPECT_EQ(inner, (std::vector<std::string>{"from inside", "second"}));
+}
+
+// ---- Levels ---------------------------------------------------------------------
+
+namespace {
+
+struct LevelCase {
+  PXLogLevel level;
+  const char* name;
+  GLogLevelFlags glibLevel;
+  const char* priority;
+};
+
+const LevelCase kLevels[] = {
+    {PXLogLevel::Debug, "debug", G_LOG_LEVEL_DEBUG, "7"},
+    {PXLogLevel::Info, "info", G_LOG_LEVEL_INFO, "6"},
+    {PXLogLevel::Notice, "notice", G_LOG_LEVEL_MESSAGE, "5"},
+    {PXLogLevel::Warning, "warning", G_LOG_LEVEL_WARNING, "4"},
+    {PXLogLevel::Error, "error", G_LOG_LEVEL_WARNING, "3"},
+};
+
+}  // namespace
+
+TEST(PXLog, CaptureSeesEachLevelWithItsLine) {
+  PXLogCapture log;
+  for (const LevelCase& c : kLevels) PXLogWithLevel(c.level, "%s line %d", c.name, 7);
+  PXLog("default line");
+  std::vector<PXLogCapture::Entry> expected;
+  for (const LevelCase& c : kLevels) expected.emplace_back(c.level, std::string(c.name) + " line 7");
+  expected.emplace_back(PXLogLevel::Notice, "default line");
+  EXPECT_EQ(log.entries(), expected);
+  EXPECT_EQ(log.lines(PXLogLevel::Warning), (std::vector<std::string>{"warning line 7", "error line 7"}));
+  for (const LevelCase& c : kLevels) EXPECT_STREQ(PXLogLevelName(c.level), c.name);
+}
+
+TEST(PXLog, EachLevelReachesGLibWithItsLevelAndPriority) {
+  g_log_set_writer_func(recordingWriter, nullptr, nullptr);
+  for (const LevelCase& c : kLevels) {
+    SCOPED_TRACE(c.name);
+    const int before = written.count;
+    PXLogWithLevel(c.level, "PXKit: %s at %d%%", c.name, 100);
+    ASSERT_EQ(written.count, before + 1);
+    EXPECT_EQ(written.level & G_LOG_LEVEL_MASK, c.glibLevel);
+    EXPECT_EQ(written.priority, c.priority);
+    EXPECT_EQ(written.domain, "PXKit");
+    EXPECT_EQ(written.message, std::string("PXKit: ") + c.name + " at 100%");
+    // The line is the whole record: no file, line or function fields.
+    EXPECT_EQ(written.keys, (std::vector<std::string>{"PRIORITY", "GLIB_DOMAIN", "MESSAGE"}));
+  }
+  // A line that is not NUL-terminated where it ends is written as far as it goes.
+  const std::string longer = "cut here|not this";
+  PXLogLineWithLevel(PXLogLevel::Info, std::string_view(longer).substr(0, 8));
+  EXPECT_EQ(written.message, "cut here");
+}
+
+// ---- Registration that cannot vanish -------------------------------------------------
+
+// This binary (logging only) references nothing of these classes' files: they
+// are here only because the area libraries are linked whole, with their static
+// registrations, as they are in libpxkit.so.
+TEST(PXLinkedWhole, ClassesRegisteredOnlyByStaticInitializersArePresent) {
+  for (const char* name : {"PXUserDefaultsController", "PXUserDefaultsValues", "PXWorkspace", "PXTimer",
+                           "PXOperationQueue", "PXBundle", "PXMutableArray", "PXError"}) {
+    const PXClass* found = PXClass::named(name);
+    ASSERT_NE(found, nullptr) << name << " is not registered in this binary";
+    EXPECT_EQ(found->name(), name);
+  }
 }

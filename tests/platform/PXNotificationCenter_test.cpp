@@ -2,12 +2,14 @@
 #include <pxkit/platform/PXApplication.h>
 #include <pxkit/platform/PXNotificationCenter.h>
 #include <pxkit/platform/PXOperationQueue.h>
+#include <pxkit/platform/PXWorkspace.h>
 
 #include <atomic>
 #include <future>
 #include <thread>
 #include <vector>
 
+#include "platform/internal/SystemEvents.h"
 #include "support/PXDBusMock.h"
 
 namespace {
@@ -328,4 +330,45 @@ TEST(PXNotificationCenter, ConcurrentPostingAndObserverChurn) {
   EXPECT_EQ(permanent.load(), kPosters * kPostsEach);
   EXPECT_FALSE(lateCall.load());
   EXPECT_EQ(center->observerCount(), 1u);
+}
+
+// ---- Sources of system notifications, by registration -----------------------------------
+
+TEST(PXNotificationCenter, ObservingARegisteredSystemNotificationStartsItsSources) {
+  // A source registered the way the sleep/wake and time-zone code register theirs.
+  std::vector<std::string> started;
+  pxkit::internal::addSystemNotificationSource("PXTestSourceNotification",
+                                               [&] { started.push_back("first source"); });
+  pxkit::internal::addSystemNotificationSource("PXTestSourceNotification",
+                                               [&] { started.push_back("second source"); });
+  auto ignore = [](const PXNotification&) {};
+  struct Case {
+    PXNotificationCenter* center;
+    PXString name;
+    std::vector<std::string> expected;
+  };
+  auto privateCenter = PXMake<PXNotificationCenter>();
+  const Case cases[] = {
+      {privateCenter.get(), "PXTestSourceNotification", {}},  // a centre of one's own starts nothing
+      {PXNotificationCenter::defaultCenter(), "SomethingElse", {}},
+      {PXNotificationCenter::defaultCenter(), PXString(), {}},  // any name: no source
+      {PXNotificationCenter::defaultCenter(), "PXTestSourceNotification", {"first source", "second source"}},
+      {PXWorkspace::sharedWorkspace()->notificationCenter(),
+       "PXTestSourceNotification",
+       {"first source", "second source"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name ? c.name.str() : "(any name)");
+    started.clear();
+    PXRef<PXObject> token = c.center->addObserverForName(c.name, nullptr, nullptr, ignore);
+    EXPECT_EQ(started, c.expected);
+    c.center->removeObserver(token.get());
+  }
+  // Target/action registrations start them as well.
+  started.clear();
+  auto listener = PXMake<Listener>();
+  PXNotificationCenter::defaultCenter()->addObserver(listener.get(), &Listener::heard,
+                                                     "PXTestSourceNotification");
+  EXPECT_EQ(started, (std::vector<std::string>{"first source", "second source"}));
+  PXNotificationCenter::defaultCenter()->removeObserver(listener.get());
 }

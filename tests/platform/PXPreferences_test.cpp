@@ -3,15 +3,22 @@
 // other applications' values (their files, or their GSettings schema).
 #include <glib.h>
 #include <gtest/gtest.h>
+#include <pxkit/objects/PXArray.h>
+#include <pxkit/objects/PXData.h>
+#include <pxkit/objects/PXDictionary.h>
 #include <pxkit/platform/PXBundle.h>
 #include <pxkit/platform/PXPreferences.h>
 #include <pxkit/platform/PXPropertyList.h>
 #include <pxkit/platform/PXUserDefaults.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
+#include "platform/internal/GLibHandles.h"
+#include "platform/internal/VariantValue.h"
+#include "support/PXLogCapture.h"
 #include "support/PXTempHome.h"
 
 #ifndef PXKIT_PREFS_CHILD
@@ -248,4 +255,147 @@ TEST_F(PXPreferencesTest, AnotherApplicationsGSettingsAreReadWhenItKeepsNoFile) 
                  PXPropertyList::XMLStringWithPropertyList(
                      PXValue(PXDictionary::dictionaryWithEntries({{"volume", 3}}))));
   EXPECT_TRUE(PXPreferences::copyAppValue("volume", "org.pxkit.Gadget").isEqual(3));
+}
+
+TEST_F(PXPreferencesTest, FilesThatCannotBeReadAreAbsentAndSaidSoInTheLog) {
+  PXLogCapture log;
+  const std::string path = appDirectory("org.pxkit.Editor") + "/org.pxkit.Editor.plist";
+  home.makeDirectory(path);  // a directory where the file should be
+  EXPECT_FALSE(PXPreferences::copyAppValue("LastUsed", "org.pxkit.Editor"));
+  home.writeFile(appDirectory("org.pxkit.Viewer") + "/org.pxkit.Viewer.plist", "not a property list");
+  EXPECT_FALSE(PXPreferences::copyAppValue("LastUsed", "org.pxkit.Viewer"));
+  // An unreadable machine id: the host name stands in.
+  home.makeDirectory("machine-id-dir");
+  g_setenv("PXKIT_MACHINE_ID_PATH", (home.root() + "/machine-id-dir").c_str(), TRUE);
+  EXPECT_FALSE(PXPreferences::hostKey(kAppID).empty());
+  EXPECT_EQ(log.lines(PXLogLevel::Warning),
+            (std::vector<std::string>{"PXPreferences: cannot read " + path + ": Is a directory",
+                                      "PXPreferences: " + appDirectory("org.pxkit.Viewer") +
+                                          "/org.pxkit.Viewer.plist holds no property-list dictionary",
+                                      "PXPreferences: machine id unread: cannot read " + home.root() +
+                                          "/machine-id-dir: Is a directory"}));
+}
+
+// ---- GVariant -> value (shared with the system-bus watchers) ----------------------------
+
+namespace {
+
+// A value written with its kind, so that a bool, a signed and an unsigned
+// integer of the same number differ: "b:1", "i:-5", "u:7", "d:2.5", "s:text",
+// "x:0aff" (data), "[..., ...]", "{key=value, ...}" (keys sorted), "-" (absent).
+std::string typed(const PXValue& v) {
+  switch (v.kind()) {
+    case PXValue::Kind::Absent:
+      return "-";
+    case PXValue::Kind::Bool:
+      return std::string("b:") + (v.boolValue() ? "1" : "0");
+    case PXValue::Kind::Int:
+      return "i:" + std::to_string(v.longLongValue());
+    case PXValue::Kind::UInt:
+      return "u:" + std::to_string(v.unsignedLongLongValue());
+    case PXValue::Kind::Double:
+      return "d:" + v.description().str();
+    case PXValue::Kind::String:
+      return "s:" + std::string(v.stringValue());
+    case PXValue::Kind::Data: {
+      std::string hex = "x:";
+      for (uint8_t byte : v.dataValue()->bytes()) {
+        char two[3];
+        snprintf(two, sizeof two, "%02x", byte);
+        hex += two;
+      }
+      return hex;
+    }
+    default:
+      break;
+  }
+  if (v.isDictionary()) {
+    std::vector<std::string> entries;
+    for (const auto& [key, value] : *v.dictionaryValue()) entries.push_back(typed(key) + "=" + typed(value));
+    std::sort(entries.begin(), entries.end());
+    std::string text = "{";
+    for (size_t i = 0; i < entries.size(); ++i) text += (i ? ", " : "") + entries[i];
+    return text + "}";
+  }
+  if (v.isArray()) {
+    std::string text = "[";
+    const PXRef<PXArray> array = v.arrayValue();
+    for (size_t i = 0; i < array->count(); ++i) text += (i ? ", " : "") + typed((*array)[i]);
+    return text + "]";
+  }
+  return "?" + v.className().str();
+}
+
+struct VariantCase {
+  const char* text;  // GVariant text format, parsed with g_variant_parse
+  const char* expected;
+};
+
+const VariantCase kVariantCases[] = {
+    // Basic types
+    {"true", "b:1"},
+    {"false", "b:0"},
+    {"byte 0xff", "i:255"},
+    {"int16 -32768", "i:-32768"},
+    {"uint16 65535", "i:65535"},
+    {"int32 -2147483648", "i:-2147483648"},
+    {"uint32 4294967295", "i:4294967295"},
+    {"int64 -9223372036854775808", "i:-9223372036854775808"},
+    {"uint64 18446744073709551615", "u:18446744073709551615"},
+    {"handle 3", "i:3"},
+    {"2.5", "d:2.5"},
+    {"'text with ünïcode'", "s:text with ünïcode"},
+    {"objectpath '/org/freedesktop/UPower/devices/battery_BAT0'",
+     "s:/org/freedesktop/UPower/devices/battery_BAT0"},
+    {"signature 'a{sv}'", "s:a{sv}"},
+    // Containers
+    {"[byte 0x72, 0x61, 0x77, 0x01]", "x:72617701"},
+    {"b'raw'", "x:72617700"},  // a bytestring literal ends in its NUL
+    {"@ay []", "x:"},
+    {"[int32 1, 2, 3]", "[i:1, i:2, i:3]"},
+    {"@as []", "[]"},
+    {"('state', uint32 4, 87.5)", "[s:state, i:4, d:87.5]"},
+    {"{'Percentage': <87.5>, 'State': <uint32 2>}", "{s:Percentage=d:87.5, s:State=i:2}"},
+    {"{1: 'one', 2: 'two'}", "{s:1=s:one, s:2=s:two}"},  // keys written as text
+    {"<<'doubly wrapped'>>", "s:doubly wrapped"},
+    {"just 'something'", "s:something"},
+    {"@ms nothing", "-"},
+    {"[just 1, nothing, just 3]", "[i:1, i:3]"},  // absent items dropped
+    {"{'gone': @mi nothing, 'kept': @mi 1}", "{s:kept=i:1}"},
+    // Nested
+    {"({'Devices': <[objectpath '/a', '/b']>}, [(true, [byte 1])])",
+     "[{s:Devices=[s:/a, s:/b]}, [[b:1, x:01]]]"},
+};
+
+}  // namespace
+
+TEST(PXVariantValue, EachKindReadsAsTheMatchingValue) {
+  for (const VariantCase& c : kVariantCases) {
+    SCOPED_TRACE(c.text);
+    pxkit::glib::Error error;
+    pxkit::glib::Variant variant(g_variant_parse(nullptr, c.text, nullptr, nullptr, pxkit::glib::out(error)));
+    ASSERT_TRUE(variant) << (error ? error->message : "");
+    EXPECT_EQ(typed(pxkit::internal::valueOfVariant(variant.get())), c.expected);
+  }
+  EXPECT_TRUE(pxkit::internal::valueOfVariant(nullptr).isAbsent());
+}
+
+TEST(PXVariantValue, NestingBeyondTheLimitReadsAsAbsentThere) {
+  // 70 variants deep around a string: the innermost levels are cut off, no crash.
+  std::string deep = "'core'";
+  for (int i = 0; i < 70; ++i) deep = "<" + deep + ">";
+  pxkit::glib::Variant variant(g_variant_parse(nullptr, deep.c_str(), nullptr, nullptr, nullptr));
+  ASSERT_TRUE(variant);
+  EXPECT_TRUE(pxkit::internal::valueOfVariant(variant.get()).isAbsent());
+  // 60 deep is within the limit.
+  std::string shallow = "'core'";
+  for (int i = 0; i < 60; ++i) shallow = "[" + shallow + "]";
+  pxkit::glib::Variant nested(g_variant_parse(nullptr, shallow.c_str(), nullptr, nullptr, nullptr));
+  ASSERT_TRUE(nested);
+  PXValue value = pxkit::internal::valueOfVariant(nested.get());
+  for (int i = 0; i < 60; ++i) {
+    ASSERT_TRUE(value.isArray()) << "level " << i;
+    value = (*value.arrayValue())[0];
+  }
+  EXPECT_EQ(typed(value), "s:core");
 }

@@ -11,10 +11,12 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "platform/internal/SystemBus.h"
 #include "platform/internal/SystemEvents.h"
 #include "support/PXDBusMock.h"
 #include "support/PXLogCapture.h"
@@ -161,7 +163,7 @@ TEST(PXSystemEvents, BusWithoutLoginManagerListensQuietly) {
   ASSERT_TRUE(PXIterateMainContextUntil(
       [] { return PXSystemEvents::sleepWatchState() == PXSystemEvents::SleepWatchState::Listening; }));
   EXPECT_FALSE(PXSystemEvents::holdsSleepInhibitor());
-  EXPECT_TRUE(log.lines().empty());
+  EXPECT_TRUE(log.lines(PXLogLevel::Notice).empty());
 }
 
 TEST(PXSystemEvents, NoSystemBusMeansNoEventsNoErrorAndNoWait) {
@@ -181,7 +183,168 @@ TEST(PXSystemEvents, NoSystemBusMeansNoEventsNoErrorAndNoWait) {
       [] { return PXSystemEvents::sleepWatchState() == PXSystemEvents::SleepWatchState::Unavailable; }));
   EXPECT_FALSE(PXSystemEvents::holdsSleepInhibitor());
   EXPECT_TRUE(heard.names.empty());
-  EXPECT_TRUE(log.lines().empty());
+  EXPECT_TRUE(log.lines(PXLogLevel::Notice).empty());
+}
+
+// ---- The system-bus service: watchers by registration -------------------------------
+
+namespace {
+
+using pxkit::internal::SystemBus;
+using pxkit::internal::SystemBusSignal;
+using pxkit::internal::SystemBusWatch;
+using pxkit::internal::SystemBusWatcher;
+using pxkit::internal::SystemBusWatchState;
+
+// What one watcher of the login manager was told, in order.
+struct Told {
+  std::vector<std::string> events;  // "appeared", "vanished", "sleep:1", "sleep:0"
+  std::vector<std::thread::id> threads;
+
+  SystemBusWatcher watcher() {
+    SystemBusWatcher w;
+    w.busName = kLogind;
+    w.signals = {{kLogindManager, "PrepareForSleep", kLogindPath}};
+    w.nameAppeared = [this](GDBusConnection* bus, const char* owner) {
+      EXPECT_NE(bus, nullptr);
+      EXPECT_EQ(owner[0], ':') << "not a unique name: " << owner;
+      record("appeared");
+    };
+    w.nameVanished = [this] { record("vanished"); };
+    w.signal = [this](const SystemBusSignal& signal) {
+      EXPECT_STREQ(signal.interface, kLogindManager);
+      EXPECT_STREQ(signal.member, "PrepareForSleep");
+      EXPECT_STREQ(signal.path, kLogindPath);
+      gboolean sleeping = FALSE;
+      g_variant_get(signal.parameters, "(b)", &sleeping);
+      record(sleeping ? "sleep:1" : "sleep:0");
+    };
+    return w;
+  }
+  void record(const char* event) {
+    events.emplace_back(event);
+    threads.push_back(std::this_thread::get_id());
+  }
+  size_t count(const char* event) const {
+    return static_cast<size_t>(std::count(events.begin(), events.end(), event));
+  }
+};
+
+bool listening(const SystemBusWatch& watch) {
+  return watch.state() == SystemBusWatchState::Listening;
+}
+
+}  // namespace
+
+using PXSystemBusLogind = PXSystemEventsLogind;
+
+TEST_F(PXSystemBusLogind, AWatcherHearsItsNameAndSignalsOnItsContextUntilTheNameVanishes) {
+  Told told;
+  SystemBusWatch watch = SystemBus::watch(told.watcher());
+  EXPECT_EQ(watch.state(), SystemBusWatchState::Connecting) << "registering waited for the bus";
+  ASSERT_TRUE(PXIterateMainContextUntil([&] { return listening(watch) && told.count("appeared") == 1; }));
+
+  ASSERT_TRUE(emitPrepareForSleep(*bus_, true));
+  ASSERT_TRUE(emitPrepareForSleep(*bus_, false));
+  ASSERT_TRUE(PXIterateMainContextUntil([&] { return told.count("sleep:0") == 1; }));
+  ASSERT_TRUE(bus_->stopTemplate(kLogind));
+  ASSERT_TRUE(PXIterateMainContextUntil([&] { return told.count("vanished") == 1; }));
+
+  EXPECT_EQ(told.events, (std::vector<std::string>{"appeared", "sleep:1", "sleep:0", "vanished"}));
+  for (std::thread::id thread : told.threads) EXPECT_EQ(thread, std::this_thread::get_id());
+}
+
+TEST_F(PXSystemBusLogind, AWatcherOfAnotherContextIsToldOnThatContextsThread) {
+  pxkit::glib::MainContext context(g_main_context_new());
+  pxkit::glib::MainLoop loop(g_main_loop_new(context.get(), FALSE));
+  std::atomic<bool> done{false};
+  std::thread::id heardOn;
+  SystemBusWatcher watcher;
+  watcher.busName = kLogind;
+  watcher.nameAppeared = [&](GDBusConnection*, const char*) {
+    heardOn = std::this_thread::get_id();
+    done = true;
+    g_main_loop_quit(loop.get());
+  };
+  // Registered from the main thread for a context that only the worker runs.
+  SystemBusWatch watch = SystemBus::watch(std::move(watcher), context.get());
+  std::thread worker([&] {
+    pxkit::glib::ThreadDefaultContext scope(context.get());
+    g_main_loop_run(loop.get());
+  });
+  const std::thread::id workerID = worker.get_id();
+  worker.join();
+  EXPECT_TRUE(done);
+  EXPECT_EQ(heardOn, workerID);
+  watch.reset();
+}
+
+TEST_F(PXSystemBusLogind, AWatchRemovedDuringDeliveryHearsNothingMore) {
+  Told removedInside, bystander;
+  SystemBusWatch bystanderWatch = SystemBus::watch(bystander.watcher());
+  SystemBusWatch watch;
+  SystemBusWatcher watcher = removedInside.watcher();
+  auto record = watcher.signal;
+  watcher.signal = [&, record](const SystemBusSignal& signal) {
+    record(signal);
+    watch.reset();  // from inside its own callback
+    EXPECT_EQ(watch.state(), SystemBusWatchState::Removed);
+  };
+  watch = SystemBus::watch(std::move(watcher));
+  ASSERT_TRUE(PXIterateMainContextUntil(
+      [&] { return listening(watch) && listening(bystanderWatch) && removedInside.count("appeared") == 1; }));
+
+  ASSERT_TRUE(emitPrepareForSleep(*bus_, true));
+  ASSERT_TRUE(emitPrepareForSleep(*bus_, false));
+  ASSERT_TRUE(bus_->stopTemplate(kLogind));
+  // The bystander hears everything: by then the removed watch would have too.
+  ASSERT_TRUE(PXIterateMainContextUntil([&] { return bystander.count("vanished") == 1; }));
+  EXPECT_EQ(bystander.events, (std::vector<std::string>{"appeared", "sleep:1", "sleep:0", "vanished"}));
+  EXPECT_EQ(removedInside.events, (std::vector<std::string>{"appeared", "sleep:1"}));
+}
+
+TEST_F(PXSystemBusLogind, RemovalFromAnotherThreadWaitsForTheRunningCallback) {
+  std::atomic<bool> entered{false}, removing{false}, finished{false}, finishedWhenRemoved{false};
+  SystemBusWatcher watcher;
+  watcher.busName = kLogind;
+  watcher.signals = {{kLogindManager, "PrepareForSleep", kLogindPath}};
+  watcher.signal = [&](const SystemBusSignal&) {
+    entered = true;
+    while (!removing) std::this_thread::yield();
+    finished = true;
+  };
+  SystemBusWatch watch = SystemBus::watch(std::move(watcher));
+  ASSERT_TRUE(PXIterateMainContextUntil([&] { return listening(watch); }));
+  std::thread remover([&] {
+    while (!entered) std::this_thread::yield();
+    removing = true;
+    watch.reset();
+    finishedWhenRemoved = finished.load();
+  });
+  ASSERT_TRUE(emitPrepareForSleep(*bus_, true));
+  ASSERT_TRUE(PXIterateMainContextUntil([&] { return finished.load(); }));
+  remover.join();
+  EXPECT_TRUE(finishedWhenRemoved) << "reset() returned while the callback was still running";
+}
+
+TEST(PXSystemBus, NoSystemBusMeansUnavailableWatchersNoCallbacksAndNoWarning) {
+  PXTempHome home;
+  setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + home.runtimeDir() + "/no-bus-here").c_str(), 1);
+  g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_WARNING | G_LOG_LEVEL_CRITICAL));
+  PXLogCapture log;
+  Told early, late;
+  SystemBusWatch first = SystemBus::watch(early.watcher());
+  EXPECT_EQ(first.state(), SystemBusWatchState::Connecting);
+  ASSERT_TRUE(PXIterateMainContextUntil([&] { return first.state() == SystemBusWatchState::Unavailable; }));
+  // Known by now: a later watcher is unavailable at once.
+  SystemBusWatch second = SystemBus::watch(late.watcher());
+  EXPECT_EQ(second.state(), SystemBusWatchState::Unavailable);
+  while (g_main_context_iteration(nullptr, FALSE)) {
+  }
+  EXPECT_TRUE(early.events.empty());
+  EXPECT_TRUE(late.events.empty());
+  EXPECT_TRUE(log.lines(PXLogLevel::Warning).empty());
+  EXPECT_FALSE(SystemBus::watch(SystemBusWatcher{}));  // no bus name: nothing registered
 }
 
 // ---- Time zone --------------------------------------------------------------------

@@ -76,8 +76,8 @@ PXDBusMock::~PXDBusMock() {
     if (shared) g_dbus_connection_set_exit_on_close(shared.get(), FALSE);
   }
   for (auto& mock : mocks_) {
-    g_subprocess_send_signal(mock.get(), SIGTERM);
-    g_subprocess_wait(mock.get(), nullptr, nullptr);
+    g_subprocess_send_signal(mock.process.get(), SIGTERM);
+    g_subprocess_wait(mock.process.get(), nullptr, nullptr);
   }
   mocks_.clear();
   if (connection_) g_dbus_connection_close_sync(connection_.get(), nullptr, nullptr);
@@ -140,8 +140,19 @@ bool PXDBusMock::startTemplate(const std::string& templateName, const std::strin
     if (!wait.exited) g_subprocess_force_exit(mock.get());
     return fail(inTime ? "dbusmock exited before owning " + busName : "dbusmock never owned " + busName);
   }
-  mocks_.push_back(std::move(mock));
+  mocks_.push_back({busName, std::move(mock)});
   return true;
+}
+
+bool PXDBusMock::stopTemplate(const std::string& busName) {
+  for (auto mock = mocks_.begin(); mock != mocks_.end(); ++mock) {
+    if (mock->busName != busName) continue;
+    g_subprocess_send_signal(mock->process.get(), SIGTERM);
+    g_subprocess_wait(mock->process.get(), nullptr, nullptr);
+    mocks_.erase(mock);
+    return true;
+  }
+  return false;
 }
 
 pxkit::glib::Variant PXDBusMock::call(const char* busName, const char* path, const char* interface,

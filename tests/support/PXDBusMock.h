@@ -64,6 +64,10 @@ class PXDBusMock {
   bool startTemplate(const std::string& templateName, const std::string& busName,
                      const std::string& parametersJson = {}, std::string* error = nullptr);
 
+  // Stops the mock started for `busName` (SIGTERM, and waits for it to exit):
+  // the name vanishes from the bus. False when no mock owns it.
+  bool stopTemplate(const std::string& busName);
+
   // Calls a method on the bus from the test's connection; the reply, or null
   // with the message in *error. `args` may be floating (it is consumed).
   pxkit::glib::Variant call(const char* busName, const char* path, const char* interface, const char* method,
@@ -78,7 +82,11 @@ class PXDBusMock {
   bool hadSystemAddress_ = false;
   std::string savedSystemAddress_;
   pxkit::glib::Object<GDBusConnection> connection_;
-  std::vector<pxkit::glib::Object<GSubprocess>> mocks_;
+  struct Mock {
+    std::string busName;
+    pxkit::glib::Object<GSubprocess> process;
+  };
+  std::vector<Mock> mocks_;
 };
 
 // Iterates the main context (the global default one) until `done()` is true,

@@ -1,13 +1,11 @@
 #include "support/PXLogCapture.h"
 
-#include <pxkit/platform/PXLog.h>
-
 #include <algorithm>
 
 PXLogCapture::PXLogCapture() {
-  PXLogSetHandler([this](std::string_view line) {
+  PXLogSetHandler([this](PXLogLevel level, std::string_view line) {
     std::lock_guard lock(mutex_);
-    lines_.emplace_back(line);
+    entries_.emplace_back(level, std::string(line));
   });
 }
 
@@ -15,17 +13,26 @@ PXLogCapture::~PXLogCapture() {
   PXLogSetHandler(nullptr);
 }
 
-std::vector<std::string> PXLogCapture::lines() const {
+std::vector<std::string> PXLogCapture::lines(PXLogLevel atLeast) const {
   std::lock_guard lock(mutex_);
-  return lines_;
+  std::vector<std::string> lines;
+  for (const auto& [level, line] : entries_) {
+    if (level >= atLeast) lines.push_back(line);
+  }
+  return lines;
+}
+
+std::vector<PXLogCapture::Entry> PXLogCapture::entries() const {
+  std::lock_guard lock(mutex_);
+  return entries_;
 }
 
 bool PXLogCapture::contains(std::string_view line) const {
   std::lock_guard lock(mutex_);
-  return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
+  return std::any_of(entries_.begin(), entries_.end(), [&](const Entry& e) { return e.second == line; });
 }
 
 void PXLogCapture::clear() {
   std::lock_guard lock(mutex_);
-  lines_.clear();
+  entries_.clear();
 }

@@ -197,7 +197,7 @@ bool isNonEmptyFile(const std::string& path) {
 class KitLog {
  public:
   KitLog() {
-    PXLogSetHandler([this](std::string_view line) {
+    PXLogSetHandler([this](PXLogLevel, std::string_view line) {
       std::lock_guard lock(mutex_);
       lines_.emplace_back(line);
     });

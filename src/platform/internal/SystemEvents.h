@@ -12,7 +12,10 @@
 //
 // Both run on the main run loop (the global default main context) and post on
 // it. They start when someone first observes one of their notifications on its
-// centre, or when start() is called; they then run until the process ends.
+// centre (each registers itself as the source of its notifications with
+// addSystemNotificationSource), or when start() is called; they then run until
+// the process ends. The sleep watch is a watcher of the system-bus service
+// (SystemBus.h).
 // docs/linux-sources.md tells the whole story.
 //
 // Thread safety: any thread. Starting returns at once: the work is done on the
@@ -20,16 +23,22 @@
 // and the system bus is reached asynchronously.
 #pragma once
 
+#include <functional>
 #include <string>
-#include <string_view>
 
 class PXNotificationCenter;
 
 namespace pxkit::internal {
-// Marks a shared centre whose system notifications start the watchers.
+// Marks a shared centre (the default one, the workspace's) as one whose
+// observers start the sources of the system notifications they observe.
 void setAnnouncesSystemEvents(PXNotificationCenter& center);
-// Called by such a centre when an observer registers for `name`.
-void systemNotificationObserved(std::string_view name);
+// Registers `start` as a source of the system notification `name`: it is
+// called, on the observing thread, each time an observer registers for `name`
+// on a centre marked above (so it must be cheap after its first call). Meant
+// for a static initializer next to the code that posts `name`, which thereby
+// cannot be left out of a binary that could observe it (the areas are linked
+// whole). Returns true, so that it can initialise a constant. Any thread.
+bool addSystemNotificationSource(const char* name, std::function<void()> start);
 }  // namespace pxkit::internal
 
 class PXSystemEvents {
