@@ -107,7 +107,9 @@ bool armTimerFd(TimerState& s, double deadline) {
   }
   if (timerfd_settime(s.fd, TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &spec, nullptr) != 0) {
     if (!s.armFailureLogged)
-      PXLog("PXTimer: could not arm the timer fd (%s); waking by poll timeout instead", g_strerror(errno));
+      PXLogWithLevel(PXLogLevel::Warning,
+                     "PXTimer: could not arm the timer fd (%s); waking by poll timeout instead",
+                     g_strerror(errno));
     s.armFailureLogged = true;
     s.armedDeadline = std::numeric_limits<double>::quiet_NaN();
     return false;
@@ -159,7 +161,7 @@ gboolean check(GSource* source) {
       s.armedDeadline = std::numeric_limits<double>::quiet_NaN();
     } else if (errno != EAGAIN && errno != EINTR) {
       // Arm afresh at the next prepare rather than trust a fd in an unknown state.
-      PXLog("PXTimer: could not read the timer fd (%s)", g_strerror(errno));
+      PXLogWithLevel(PXLogLevel::Warning, "PXTimer: could not read the timer fd (%s)", g_strerror(errno));
       s.armedDeadline = std::numeric_limits<double>::quiet_NaN();
     }
   }
@@ -324,7 +326,9 @@ TimerSource* timerSourceAttach(GMainContext* context, PXRunLoop* loop) {
     s.fdTag = g_source_add_unix_fd(base, s.fd, G_IO_IN);
   } else {
     // Timers still fire, woken by poll timeouts on the monotonic clock (see prepare).
-    PXLog("PXTimer: could not create a timer fd (%s); waking by poll timeout instead", g_strerror(errno));
+    PXLogWithLevel(PXLogLevel::Warning,
+                   "PXTimer: could not create a timer fd (%s); waking by poll timeout instead",
+                   g_strerror(errno));
   }
   g_source_set_priority(base, G_PRIORITY_DEFAULT);
   g_source_set_can_recurse(base, TRUE);  // timers fire in nested runs of the loop too

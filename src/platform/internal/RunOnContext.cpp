@@ -10,6 +10,7 @@
 #include <mutex>
 
 #include "platform/internal/GLibHandles.h"
+#include "platform/internal/RunLoopContext.h"
 
 namespace pxkit::internal {
 
@@ -114,7 +115,7 @@ bool runOnContext(GMainContext* context, std::function<void()> work, RunOnContex
 }
 
 bool runOnRunLoop(PXRunLoop& runLoop, std::function<void()> work, RunOnContextMode mode) {
-  return runOnContext(static_cast<GMainContext*>(runLoop.mainContext()), std::move(work), mode);
+  return runOnContext(runLoop.context()->glib, std::move(work), mode);
 }
 
 }  // namespace pxkit::internal
