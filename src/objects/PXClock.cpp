@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -21,6 +22,12 @@ struct Observer {
 struct ClockState {
   std::atomic<bool> isVirtual{false};
   std::atomic<double> virtualNow{0.0};
+  // The monotonic clock: the virtual reading while the virtual clock is in
+  // use, else CLOCK_MONOTONIC plus an offset that only grows (so that leaving
+  // a virtual clock that ran ahead never takes the reading back). Written
+  // under changeMutex, the offset before the switch that publishes it.
+  std::atomic<double> virtualMonotonic{0.0};
+  std::atomic<double> monotonicOffset{0.0};
 
   std::recursive_mutex changeMutex;
   std::mutex observersMutex;  // guards observers and nextToken
@@ -54,6 +61,20 @@ void notifyObservers(ClockState& s) {
   }
 }
 
+double rawMonotonic() noexcept {
+  timespec ts{};
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+// Moves the virtual monotonic clock with a move of the virtual wall clock
+// (forward only); the caller holds changeMutex.
+void moveVirtualMonotonic(ClockState& s, double seconds) {
+  if (seconds > 0.0 && std::isfinite(seconds))
+    s.virtualMonotonic.store(s.virtualMonotonic.load(std::memory_order_acquire) + seconds,
+                             std::memory_order_release);
+}
+
 }  // namespace
 
 PXDate PXClock::now() noexcept {
@@ -70,10 +91,21 @@ bool PXClock::isVirtual() noexcept {
   return state().isVirtual.load(std::memory_order_acquire);
 }
 
+double PXClock::monotonicNow() noexcept {
+  ClockState& s = state();
+  if (s.isVirtual.load(std::memory_order_acquire)) return s.virtualMonotonic.load(std::memory_order_acquire);
+  return rawMonotonic() + s.monotonicOffset.load(std::memory_order_acquire);
+}
+
 void PXClock::useVirtualClock(PXDate date) {
   ClockState& s = state();
   std::lock_guard change(s.changeMutex);
   s.virtualNow.store(date.timeIntervalSinceReferenceDate(), std::memory_order_release);
+  // From the real clock, the monotonic clock goes on from the real reading;
+  // from another virtual clock, it simply stays.
+  if (!s.isVirtual.load(std::memory_order_acquire))
+    s.virtualMonotonic.store(rawMonotonic() + s.monotonicOffset.load(std::memory_order_acquire),
+                             std::memory_order_release);
   s.isVirtual.store(true, std::memory_order_release);
   notifyObservers(s);
 }
@@ -81,7 +113,12 @@ void PXClock::useVirtualClock(PXDate date) {
 void PXClock::useRealClock() {
   ClockState& s = state();
   std::lock_guard change(s.changeMutex);
-  if (!s.isVirtual.exchange(false, std::memory_order_acq_rel)) return;
+  if (!s.isVirtual.load(std::memory_order_acquire)) return;
+  // Resume the real monotonic clock no earlier than the virtual one stands.
+  const double behind = s.virtualMonotonic.load(std::memory_order_acquire) - rawMonotonic();
+  if (behind > s.monotonicOffset.load(std::memory_order_acquire))
+    s.monotonicOffset.store(behind, std::memory_order_release);
+  s.isVirtual.store(false, std::memory_order_release);
   notifyObservers(s);
 }
 
@@ -89,7 +126,9 @@ void PXClock::setVirtualNow(PXDate date) {
   ClockState& s = state();
   std::lock_guard change(s.changeMutex);
   if (!s.isVirtual.load(std::memory_order_acquire)) return;
-  s.virtualNow.store(date.timeIntervalSinceReferenceDate(), std::memory_order_release);
+  const double to = date.timeIntervalSinceReferenceDate();
+  moveVirtualMonotonic(s, to - s.virtualNow.load(std::memory_order_acquire));
+  s.virtualNow.store(to, std::memory_order_release);
   notifyObservers(s);
 }
 
@@ -97,6 +136,7 @@ void PXClock::advanceVirtualClock(double seconds) {
   ClockState& s = state();
   std::lock_guard change(s.changeMutex);
   if (!s.isVirtual.load(std::memory_order_acquire)) return;
+  moveVirtualMonotonic(s, seconds);
   s.virtualNow.store(s.virtualNow.load(std::memory_order_acquire) + seconds, std::memory_order_release);
   notifyObservers(s);
 }

@@ -5,6 +5,8 @@
 
 #include <utility>
 
+#include "platform/internal/RunLoopContext.h"
+
 PX_DEFINE_CLASS(PXOperationQueue, PXObject, nullptr)
 
 PXOperationQueue* PXOperationQueue::mainQueue() {
@@ -14,8 +16,7 @@ PXOperationQueue* PXOperationQueue::mainQueue() {
 
 PXOperationQueue* PXOperationQueue::currentQueue() {
   const bool onMainThread =
-      gettid() == getpid() ||
-      g_main_context_is_owner(static_cast<GMainContext*>(PXRunLoop::main()->mainContext()));
+      gettid() == getpid() || g_main_context_is_owner(PXRunLoop::main()->context()->glib);
   return onMainThread ? mainQueue() : nullptr;
 }
 

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "platform/internal/GLibHandles.h"
+#include "platform/internal/RunLoopContext.h"
 #include "platform/internal/RunLoopTimers.h"
 
 // A run loop is a GLib main context plus two sources of ours attached to it:
@@ -32,6 +33,7 @@ struct PerformSource {
 
 struct RunLoopCore {
   GMainContext* context;  // +1
+  RunLoopContext handle;  // what the platform layer sees (context, pending I/O)
   bool isMain;
   std::thread::id thread;  // the thread that made the loop (unused for the main loop)
   std::atomic<bool> stopRequested{false};
@@ -42,6 +44,7 @@ struct RunLoopCore {
   TimerSource* timers = nullptr;
 
   RunLoopCore(GMainContext* c, bool main) : context(g_main_context_ref(c)), isMain(main) {
+    handle.glib = context;
     if (!isMain) thread = std::this_thread::get_id();
   }
 
@@ -104,7 +107,7 @@ struct ThreadLoops {
   ~ThreadLoops() {
     foreign.clear();
     if (own) {
-      auto* context = static_cast<GMainContext*>(own->mainContext());
+      GMainContext* context = own->context()->glib;
       if (g_main_context_get_thread_default() == context) g_main_context_pop_thread_default(context);
       own = nullptr;
     }
@@ -178,9 +181,9 @@ PXRunLoop* PXRunLoop::current() {
     // the thread still has its own loop.
     return loops.own.get();
   }
-  if (loops.own && loops.own->mainContext() == pushed) return loops.own.get();
+  if (loops.own && loops.own->context()->glib == pushed) return loops.own.get();
   for (const PXRef<PXRunLoop>& loop : loops.foreign) {
-    if (loop->mainContext() == pushed) return loop.get();
+    if (loop->context()->glib == pushed) return loop.get();
   }
   loops.foreign.push_back(PXRef<PXRunLoop>::adopt(new PXRunLoop(pushed, false)));
   return loops.foreign.back().get();
@@ -190,8 +193,8 @@ bool PXRunLoop::isMain() const noexcept {
   return core_->isMain;
 }
 
-void* PXRunLoop::mainContext() const noexcept {
-  return core_->context;
+pxkit::internal::RunLoopContext* PXRunLoop::context() const noexcept {
+  return &core_->handle;
 }
 
 void PXRunLoop::run() {
@@ -226,6 +229,14 @@ void PXRunLoop::runUntilDate(PXDate date) {
       // moves to the next thing that can happen here: a timer's date or the end.
       if (!g_main_context_iteration(core_->context, FALSE)) {
         if (core_->stopRequested.exchange(false)) return;
+        if (core_->handle.pendingIO.load(std::memory_order_acquire) > 0) {
+          // An answer is on its way: wait for it in real time, at this virtual
+          // moment. The end of the last pending I/O wakes this wait (a wake-up
+          // sent before it began is not lost: GLib's wake-up fd stays set).
+          g_main_context_iteration(core_->context, TRUE);
+          if (core_->stopRequested.exchange(false)) return;
+          continue;
+        }
         PXDate next = date;
         if (std::optional<PXDate> earliest = nextTimerDate()) next = std::min(next, *earliest);
         if (next > now) PXClock::setVirtualNow(next);

@@ -4,6 +4,7 @@
 #include <time.h>
 
 #include <atomic>
+#include <limits>
 #include <thread>
 #include <vector>
 
@@ -122,6 +123,63 @@ TEST(PXClock, ReadersSeeAForwardMovingVirtualClockNeverGoBack) {
   for (std::thread& t : readers) t.join();
   EXPECT_EQ(regressions.load(), 0);
   EXPECT_EQ(PXDate::now(), PXDate(20000));
+}
+
+double rawMonotonic() {
+  timespec ts{};
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+TEST(PXClock, TheMonotonicClockFollowsVirtualTimeForwardOnlyAndNeverGoesBack) {
+  // A fresh process (one per test case): the real reading is CLOCK_MONOTONIC itself.
+  const double before = rawMonotonic();
+  const double real = PXClock::monotonicNow();
+  EXPECT_GE(real, before - 1e-6);
+  EXPECT_LE(real, rawMonotonic() + 1e-6);
+
+  double start;
+  {
+    PXScopedVirtualClock clock(PXDate(1000));
+    start = PXClock::monotonicNow();
+    EXPECT_GE(start, real);
+    EXPECT_EQ(PXClock::monotonicNow(), start);  // stands still with virtual time
+    struct Step {
+      const char* name;
+      enum { Advance, Set } kind;
+      double amount;
+      double expectedElapsed;
+    };
+    const Step steps[] = {
+        {"forward", Step::Advance, 10, 10},
+        {"the wall clock set back an hour", Step::Advance, -3600, 10},
+        {"a day later", Step::Set, 1000 - 3590 + 86400, 86410},
+        {"set back before the start", Step::Set, 0, 86410},
+        {"forward from there", Step::Set, 5, 86415},
+        {"no move", Step::Advance, 0, 86415},
+        {"an endless jump is ignored", Step::Advance, std::numeric_limits<double>::infinity(), 86415},
+    };
+    for (const Step& step : steps) {
+      SCOPED_TRACE(step.name);
+      if (step.kind == Step::Advance) {
+        clock.advance(step.amount);
+      } else {
+        clock.set(PXDate(step.amount));
+      }
+      EXPECT_EQ(PXClock::monotonicNow() - start, step.expectedElapsed);
+    }
+    clock.set(PXDate(0));  // leaves the virtual clock finite for the observers
+  }
+  // Back on the real clock, which resumes no earlier than virtual time stood.
+  const double resumed = PXClock::monotonicNow();
+  EXPECT_GE(resumed, start + 86415);
+  EXPECT_GE(PXClock::monotonicNow(), resumed);
+  // Switching to a virtual clock and back again does not take it back either.
+  {
+    PXScopedVirtualClock clock(PXDate(0));
+    EXPECT_GE(PXClock::monotonicNow(), resumed);
+  }
+  EXPECT_GE(PXClock::monotonicNow(), resumed);
 }
 
 TEST(PXClock, ScopedVirtualClockReturnsToTheWallClock) {

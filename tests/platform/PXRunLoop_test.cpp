@@ -1,12 +1,18 @@
+#include <arpa/inet.h>
 #include <glib.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <pxkit/objects/PXClock.h>
 #include <pxkit/platform/PXOperationQueue.h>
 #include <pxkit/platform/PXRunLoop.h>
 #include <pxkit/platform/PXTimer.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <future>
 #include <memory>
@@ -15,6 +21,8 @@
 #include <thread>
 #include <vector>
 
+#include "platform/internal/FdWatch.h"
+#include "platform/internal/RunLoopContext.h"
 #include "support/PXRunLoopUntil.h"
 
 namespace {
@@ -52,14 +60,14 @@ TEST(PXRunLoop, TheMainThreadsLoopIsTheDefaultContextAndEachThreadHasItsOwn) {
   PXRunLoop* main = PXRunLoop::main();
   EXPECT_EQ(PXRunLoop::current(), main);
   EXPECT_TRUE(main->isMain());
-  EXPECT_EQ(main->mainContext(), g_main_context_default());
+  EXPECT_EQ(main->context()->glib, g_main_context_default());
 
   PXRunLoop* first = nullptr;
   bool stable = false, pushedIsItsContext = false, isMain = true;
   std::thread worker([&] {
     first = PXRunLoop::current();
     stable = PXRunLoop::current() == first;
-    pushedIsItsContext = g_main_context_get_thread_default() == first->mainContext();
+    pushedIsItsContext = g_main_context_get_thread_default() == first->context()->glib;
     isMain = first->isMain();
   });
   worker.join();  // (its loop is gone with it)
@@ -73,7 +81,7 @@ TEST(PXRunLoop, AContextPushedByOthersIsThatThreadsRunLoop) {
   GMainContext* context = g_main_context_new();
   g_main_context_push_thread_default(context);
   PXRunLoop* loop = PXRunLoop::current();
-  EXPECT_EQ(loop->mainContext(), context);
+  EXPECT_EQ(loop->context()->glib, context);
   EXPECT_EQ(PXRunLoop::current(), loop);
   bool ran = false;
   loop->performBlock([&] { ran = true; });
@@ -217,6 +225,93 @@ TEST(PXRunLoop, RunUntilDateWithTheVirtualClockWalksFromTimerToTimer) {
   loop->runUntilDate(PXDate(0));
   EXPECT_TRUE(ran);
   EXPECT_EQ(PXDate::now(), PXDate(1100));
+}
+
+// A loopback TCP connection: the client end and the server's accepted end.
+struct LoopbackConnection {
+  int client = -1;
+  int server = -1;
+  LoopbackConnection() {
+    int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    auto* any = reinterpret_cast<sockaddr*>(&address);
+    EXPECT_EQ(bind(listener, any, length), 0);
+    EXPECT_EQ(listen(listener, 1), 0);
+    EXPECT_EQ(getsockname(listener, any, &length), 0);
+    client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    EXPECT_TRUE(connect(client, any, length) == 0 || errno == EINPROGRESS);
+    server = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    EXPECT_GE(server, 0);
+    close(listener);
+  }
+  ~LoopbackConnection() {
+    close(client);
+    close(server);
+  }
+};
+
+TEST(PXRunLoop, RunUntilDateWithTheVirtualClockWaitsForPendingIO) {
+  // A request goes out at virtual 23:59:30; its answer takes real time. The run
+  // to the next hour must not move the clock (nor fire the midnight timer)
+  // before the answer is in, or before the request is given up.
+  enum class Peer { Answers, GivesUpTheRequest, StopsTheRun };
+  struct Case {
+    const char* name;
+    Peer peer;
+    std::vector<std::string> expected;
+    double endsAt;
+  };
+  const double start = 86400 - 30;  // 23:59:30 UTC
+  const Case cases[] = {
+      {"the answer arrives", Peer::Answers, {"answer at 23:59:30", "midnight"}, 86400 + 3600},
+      {"the request is given up on another thread", Peer::GivesUpTheRequest, {"midnight"}, 86400 + 3600},
+      {"the run is stopped", Peer::StopsTheRun, {}, start},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    PXScopedVirtualClock clock{PXDate(start)};
+    PXRunLoop* loop = PXRunLoop::current();
+    LoopbackConnection connection;
+    std::vector<std::string> events;
+    std::atomic<bool> peerActed{false};
+    bool clockMovedFirst = false;
+    uint64_t observer = PXClock::addChangeObserver([&] { clockMovedFirst |= !peerActed.load(); });
+    PXRef<PXTimer> midnight = PXTimer::scheduledTimerWithTimeInterval(
+        30, false, [&](PXTimer*) { events.emplace_back("midnight"); });
+    pxkit::internal::PendingIO request(loop);
+    pxkit::internal::FdWatch answer;
+    answer =
+        pxkit::internal::FdWatch::watch(loop, connection.client, pxkit::internal::kFdReadable, [&](unsigned) {
+          char buffer[16];
+          if (read(connection.client, buffer, sizeof buffer) > 0)
+            events.emplace_back(PXClock::now() == PXDate(start) ? "answer at 23:59:30" : "answer later");
+          answer.reset();
+          request.reset();
+        });
+    pxkit::internal::PendingIO handedOver;
+    if (c.peer == Peer::GivesUpTheRequest) handedOver = std::move(request);
+    std::thread peer([&] {
+      // A slow server: real time passes. Not a synchronisation: without the
+      // wait for I/O the clock would move in microseconds, long before this.
+      std::this_thread::sleep_for(std::chrono::milliseconds(30));
+      peerActed = true;
+      if (c.peer == Peer::Answers) {
+        EXPECT_EQ(write(connection.server, "ok", 2), 2);
+      }
+      if (c.peer == Peer::GivesUpTheRequest) handedOver.reset();
+      if (c.peer == Peer::StopsTheRun) loop->stop();
+    });
+    loop->runUntilDate(PXDate(86400 + 3600));
+    peer.join();
+    PXClock::removeChangeObserver(observer);
+    EXPECT_FALSE(clockMovedFirst);
+    EXPECT_EQ(events, c.expected);
+    EXPECT_EQ(PXClock::now(), PXDate(c.endsAt));
+    midnight->invalidate();
+  }
 }
 
 TEST(PXRunLoop, RunUntilDateWithTheRealClockReturnsOnceTheDateHasCome) {

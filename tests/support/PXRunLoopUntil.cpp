@@ -6,6 +6,9 @@
 
 #include <cmath>
 
+#include "platform/internal/FdWatch.h"
+#include "platform/internal/RunLoopContext.h"
+
 bool PXRunLoopUntil(const std::function<bool()>& predicate, PXRunLoopUntilOptions options) {
   PXRunLoop* loop = PXRunLoop::current();
   const PXDate virtualLimit = PXClock::now() + options.maxVirtualSeconds;
@@ -18,7 +21,7 @@ bool PXRunLoopUntil(const std::function<bool()>& predicate, PXRunLoopUntilOption
         return G_SOURCE_REMOVE;
       },
       &hung, nullptr);
-  g_source_attach(guard, static_cast<GMainContext*>(loop->mainContext()));
+  g_source_attach(guard, loop->context()->glib);
 
   bool held = false;
   for (int i = 0; i < options.maxIterations && !hung; ++i) {
@@ -27,7 +30,8 @@ bool PXRunLoopUntil(const std::function<bool()>& predicate, PXRunLoopUntilOption
       break;
     }
     if (loop->runOnce(/*mayBlock=*/false)) continue;
-    if (PXClock::isVirtual() && options.maxVirtualSeconds > 0.0) {
+    // Virtual time waits for I/O in flight on the loop (see PXRunLoop::runUntilDate).
+    if (PXClock::isVirtual() && options.maxVirtualSeconds > 0.0 && !pxkit::internal::hasPendingIO(loop)) {
       std::optional<PXDate> next = loop->nextTimerDate();
       if (next && *next <= virtualLimit) {
         if (*next > PXClock::now()) PXClock::setVirtualNow(*next);

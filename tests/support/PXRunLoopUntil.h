@@ -11,7 +11,8 @@
 // Each round dispatches what is ready. When nothing is, and the virtual clock
 // is in use with a virtual-time allowance, the clock jumps to this loop's next
 // timer date within the allowance; otherwise the loop waits for an event (work
-// from another thread, a timer with the real clock).
+// from another thread, a timer with the real clock). While I/O is pending on
+// the loop, the clock stays and the loop waits for the I/O.
 #pragma once
 
 #include <functional>

@@ -6,6 +6,11 @@
 // still until the test sets or advances it. Moving the virtual clock wakes
 // every run loop, so timers that became due fire on their own threads.
 //
+// Beside the wall clock runs a monotonic one (monotonicNow) for timeouts and
+// intervals that must not jump when the wall clock is set: it never goes back.
+// It follows the virtual clock too: forward with every forward move, and not
+// at all when the virtual clock is set back.
+//
 //   PXScopedVirtualClock clock(PXDate(0));         // 2001-01-01 00:00:00 UTC
 //   auto timer = PXTimer::scheduledTimerWithTimeInterval(60, false, [](PXTimer*) { ... });
 //   clock.advance(60);                             // the timer is due now
@@ -30,6 +35,16 @@ class PXKIT_EXPORT PXClock {
   static PXDate now() noexcept;
   // Whether the virtual clock is in use.
   static bool isVirtual() noexcept;
+
+  // Monotonic seconds, for measuring timeouts and intervals (only differences
+  // of two readings mean anything; the origin is unspecified). With the real
+  // clock: CLOCK_MONOTONIC (which, on Linux, stands still while the machine
+  // sleeps). With the virtual clock: stands still until the virtual clock
+  // moves forward, then moves by as much; a backwards move (setVirtualNow to an
+  // earlier date, a negative advance) leaves it where it is. It never goes back,
+  // not even across a switch of clocks: after a test has advanced virtual time,
+  // the real monotonic clock resumes from the virtual reading.
+  static double monotonicNow() noexcept;
 
   // Switches to the virtual clock, standing at `date`. Wakes every run loop.
   static void useVirtualClock(PXDate date);

@@ -47,7 +47,8 @@ inline constexpr std::string_view kPXRunLoopCommonModes = "PXRunLoopCommonModes"
 
 namespace pxkit::internal {
 struct RunLoopCore;
-}
+struct RunLoopContext;  // platform layer only (src/platform/internal/RunLoopContext.h)
+}  // namespace pxkit::internal
 
 class PXKIT_EXPORT PXRunLoop : public PXObject {
   PX_DECLARE_CLASS(PXRunLoop)
@@ -76,6 +77,15 @@ class PXKIT_EXPORT PXRunLoop : public PXObject {
   // (or to `date`, whichever comes first), so the timers of the coming span
   // fire in order, each at its own date. A date in the past runs one
   // iteration without waiting.
+  // Virtual time waits for I/O: while the loop has pending I/O (a request of
+  // the platform layer in flight on this loop, such as an HTTP request whose
+  // answer comes through the loop's fd watches), an idle loop does not move
+  // the clock on; it really blocks until one of its sources is ready, the last
+  // pending I/O ends or stop() is called. So a test that moves the virtual
+  // clock to midnight sees the submission made at midnight reach its loopback
+  // server before the clock passes midnight. (The I/O's own timeouts run on
+  // the real monotonic clock, so a peer that never answers cannot hold the
+  // run for ever.) Pending I/O on other loops does not hold this one.
   void runUntilDate(PXDate date);
   // Runs one iteration: dispatches what is ready; waits for something to become
   // ready when `mayBlock`. Returns whether anything was dispatched.
@@ -109,9 +119,12 @@ class PXKIT_EXPORT PXRunLoop : public PXObject {
   // when it has none. Any thread.
   std::optional<PXDate> nextTimerDate() const;
 
-  // The GLib main context underneath (a GMainContext*, borrowed), for code in
-  // the platform layer that attaches its own sources.
-  void* mainContext() const noexcept;
+  // ---- For the platform layer -------------------------------------------------
+  // The GLib main context underneath and the loop's count of pending I/O, for
+  // code in the platform layer that attaches its own sources (file-descriptor
+  // watches, timeouts): see src/platform/internal/RunLoopContext.h. Never null;
+  // valid as long as the loop. Any thread.
+  pxkit::internal::RunLoopContext* context() const noexcept;
 
  private:
   friend class PXTimer;
