@@ -103,6 +103,8 @@
 #include <memory>
 #include <mutex>
 #include <string_view>
+#include <thread>
+#include <vector>
 
 class PXRunLoop;
 class PXWebRequest;
@@ -195,7 +197,8 @@ class PXKIT_EXPORT PXWebRequest : public PXObject {
   // holding itself until its finish event (autoRetainUntilRequestCompletion), on
   // the calling thread's run loop. None when it could not start (bad URL, unknown
   // scheme, cancelled from event 1); then no event 6 is delivered.
-  [[nodiscard]] static PXRef<PXWebRequest> startedGETRequestForURL(PXString url, PXWebRequestEventHandler handler);
+  [[nodiscard]] static PXRef<PXWebRequest> startedGETRequestForURL(PXString url,
+                                                                   PXWebRequestEventHandler handler);
   [[nodiscard]] static PXRef<PXWebRequest> startedPOSTRequestForURL(PXString url, PXRef<PXData> bodyData,
                                                                     PXWebRequestEventHandler handler);
   [[nodiscard]] static PXRef<PXWebRequest> startedRequestWithMethod(PXString method, PXRef<PXData> bodyData,
@@ -293,6 +296,7 @@ class PXKIT_EXPORT PXWebRequest : public PXObject {
   // Internal operations, named as the kit's other sources call them.
   static PXRef<PXMutableDictionary> _requestKeepAliveStreamTrackDictForURL(const PXString& hostTrackingID);
   static void _releaseKeepAliveStreamTrackDict(const PXRef<PXMutableDictionary>& record);
+  static std::vector<PXRef<PXDictionary>> _keepAliveStreamTrackDicts();  // copies, for tests
   void _callbackWithTransfer();  // the work of one run-loop dispatch of the transfer
   void _stopRequest(bool closeStream);
   void _notifyDelegateOfFinishedWithSuccess(bool success, bool canceled);
@@ -308,7 +312,7 @@ class PXKIT_EXPORT PXWebRequest : public PXObject {
   PXRef<PXDictionary> requestSSLOptions_;
   bool requestKeepAlive_ = false;
   double requestTimeout_ = 0.0;
-  mutable std::mutex handlerLock_;
+  mutable std::mutex stateLock_;  // guards eventHandler_, the thread and the cancel hand-over
   PXWebRequestEventHandler eventHandler_;
   PXRef<PXWebRequest> selfReference_;
   PXValue userData_;
@@ -326,8 +330,8 @@ class PXKIT_EXPORT PXWebRequest : public PXObject {
   std::atomic<bool> wasCancelled_{false};
 
   // Private state.
-  PXRef<PXMutableDictionary> streamTrackDict_;  // the tracking record in use
-  bool httpConnectionClose_ = false;            // the server said "Connection: close"
+  PXRef<PXMutableDictionary> streamTrackDict_;                     // the tracking record in use
+  bool httpConnectionClose_ = false;                               // the server said "Connection: close"
   std::unique_ptr<pxkit::internal::WebRequestTransfer> transfer_;  // the transfer in flight
   bool started_ = false;
   bool headerDataReceived_ = false;
@@ -337,4 +341,5 @@ class PXKIT_EXPORT PXWebRequest : public PXObject {
   std::atomic<bool> canceled_{false};
   std::atomic<bool> needsToExecuteCancel_{false};  // a cancel from another thread waits for ours
   PXRef<PXRunLoop> webRequestThread_;              // the run loop the request was started on
+  std::thread::id webRequestThreadID_;             // and its thread
 };
