@@ -78,33 +78,23 @@ TEST(PXJSONRequest, PropertiesBecomeADictionaryOfPresentValues) {
   employee->employer = "Engines Ltd";
   // count, payload, extra and origin stay absent and are left out.
 
-  struct Row {
-    const char* what;
-    PXRef<PXArray> selection;
-    std::vector<std::pair<const char*, PXValue>> expected;
-  } rows[] = {
-      {"every property, superclasses included",
-       {},
-       {{"employer", "Engines Ltd"},
-        {"name", "Ada"},
-        {"age", 36},
-        {"height", 0.0},
-        {"member", true},
-        {"visits", 0},
-        {"big", UINT64_MAX},
-        {"birthday", PXDate(1000.5)}}},
-      {"a selection",
-       names({"age", "employer", "payload", "nosuch"}),
-       {{"employer", "Engines Ltd"}, {"age", 36}}},
+  const PXRef<PXDictionary> all = PXDictionary::dictionaryWithEntries({{"employer", "Engines Ltd"},
+                                                                       {"name", "Ada"},
+                                                                       {"age", 36},
+                                                                       {"height", 0.0},
+                                                                       {"member", true},
+                                                                       {"visits", 0},
+                                                                       {"big", UINT64_MAX},
+                                                                       {"birthday", PXDate(1000.5)}});
+  const PXRef<PXDictionary> selected =
+      PXDictionary::dictionaryWithEntries({{"employer", "Engines Ltd"}, {"age", 36}});
+  const std::pair<PXRef<PXArray>, PXRef<PXDictionary>> rows[] = {
+      {{}, all},  // every property, superclasses included
+      {names({"age", "employer", "payload", "nosuch"}), selected},
   };
-  for (const Row& row : rows) {
-    PXRef<PXDictionary> dictionary = PXJSONRequest::jsonDictionaryFromProperties(row.selection, *employee);
-    ASSERT_TRUE(dictionary) << row.what;
-    EXPECT_EQ(dictionary->count(), row.expected.size())
-        << row.what << ": " << dictionary->description().str();
-    for (const auto& [key, value] : row.expected) {
-      EXPECT_EQ(dictionary->objectForKey(key), value) << row.what << ": " << key;
-    }
+  for (const auto& [selection, expected] : rows) {
+    PXRef<PXDictionary> dictionary = PXJSONRequest::jsonDictionaryFromProperties(selection, *employee);
+    EXPECT_TRUE(dictionary->isEqual(*expected)) << dictionary->description().str();
   }
   // A date is stored unconverted: the caller converts it before writing.
   EXPECT_TRUE(PXJSONRequest::jsonDictionaryFromProperties({}, *employee)->objectForKey("birthday").isDate());
@@ -127,7 +117,6 @@ TEST(PXJSONRequest, MatchingConvertsEachKindOfProperty) {
       {"age", "-3.5", PXValue(-3.5)},
       {"age", "x", std::nullopt},
       {"age", "12x", std::nullopt},
-      {"age", "", std::nullopt},
       {"age", " 12", std::nullopt},
       {"age", PXValue(list), std::nullopt},
       {"height", "2.5e1", PXValue(25.0)},
@@ -141,12 +130,10 @@ TEST(PXJSONRequest, MatchingConvertsEachKindOfProperty) {
       // A string class: numbers become their decimal text.
       {"name", 5, PXValue("5")},
       {"name", 3.5, PXValue("3.5")},
-      {"name", "Bob", PXValue("Bob")},
       {"name", PXValue(list), PXValue(list)},
       // A number class: strings read as decimals.
       {"count", "7", PXValue(7)},
       {"count", "seven", std::nullopt},
-      {"count", 8, PXValue(8)},
       // A date class: RFC 3339, else ISO 8601; other values as they are.
       {"birthday", "2012-05-01T10:20:30+02:00", PXValue(rfc3339)},
       {"birthday", "2012-05-01T10:20:30.123+0200", PXValue(iso8601)},
@@ -154,7 +141,6 @@ TEST(PXJSONRequest, MatchingConvertsEachKindOfProperty) {
       {"birthday", 12, PXValue(12)},
       // No class name, or a class nobody registered: as they are.
       {"payload", "anything", PXValue("anything")},
-      {"payload", PXValue(list), PXValue(list)},
       {"extra", 42, PXValue(42)},
       // Structures are skipped; keys that name no property stay unused.
       {"origin", "{1, 2}", std::nullopt},
@@ -188,23 +174,17 @@ TEST(PXJSONRequest, MatchingConvertsEachKindOfProperty) {
   EXPECT_TRUE(employee->name.isAbsent());
 }
 
-TEST(PXJSONRequest, MatchingHonoursTheSelectionAndCopiesTheUnusedKeys) {
+TEST(PXJSONRequest, MatchingHonoursTheSelectionAndLeavesTheInputAlone) {
   PXRef<JRPerson> person = PXMake<JRPerson>();
-  PXRef<PXDictionary> input = PXDictionary::dictionaryWithEntries({{"age", "3"}, {"name", "N"}, {"zip", 1}});
+  PXRef<PXDictionary> input = PXDictionary::dictionaryWithEntries({{"age", "3"}, {"name", "N"}});
   PXRef<PXMutableDictionary> unused;
   PXRef<PXDictionary> result = PXJSONRequest::matchDictionary(input.get(), names({"age"}), *person, &unused);
-  EXPECT_EQ(result->count(), 1u);
-  EXPECT_EQ(result->objectForKey("age"), PXValue(3));
-  EXPECT_EQ(unused->count(), 2u);
-  EXPECT_EQ(unused->objectForKey("name"), PXValue("N"));
-  EXPECT_EQ(input->count(), 3u) << "the input is not changed";
-  unused->setObject(1, "added");  // a mutable copy of its own
-  EXPECT_FALSE(input->objectForKey("added"));
-
-  PXRef<PXMutableDictionary> none;
-  EXPECT_EQ(PXJSONRequest::matchDictionary(nullptr, {}, *person, &none)->count(), 0u);
-  ASSERT_TRUE(none);
-  EXPECT_EQ(none->count(), 0u);
+  EXPECT_TRUE(result->isEqual(*PXDictionary::dictionaryWithEntries({{"age", 3}})));
+  EXPECT_TRUE(unused->isEqual(*PXDictionary::dictionaryWithEntries({{"name", "N"}})));
+  unused->setObject(1, "added");  // a copy of its own
+  EXPECT_EQ(input->count(), 2u);
+  EXPECT_EQ(PXJSONRequest::matchDictionary(nullptr, {}, *person, &unused)->count(), 0u);
+  EXPECT_EQ(unused->count(), 0u);
 }
 
 // ---- Requests against the loopback server ----------------------------------------------
@@ -355,50 +335,31 @@ TEST(PXJSONRequest, CancelledFromAnotherThread) {
   EXPECT_TRUE(request->wasCancelled());
 }
 
-TEST(PXJSONRequest, EventHandlerSeesEveryEventWithTheJSONType) {
+TEST(PXJSONRequest, EventHandlerSeesTheJSONTypeAndMayTakeTheBody) {
   PXLoopbackServer server;
   server.handle("/ok",
                 [](const PXLoopbackServer::Request&) { return PXLoopbackServer::Response(R"({"a":1})"); });
   std::vector<int32_t> events;
-  PXValue headersAtStart = PXValue::null();
+  PXRef<PXDictionary> headersAtStart;
+  std::string taken;
   PXRef<PXJSONRequest> request = PXJSONRequest::startedJSONRequestWithURL(
       server.url("/ok"), PXValue(names({})),
       PXWebRequestEventHandler([&](PXWebRequest* r, int32_t event, const PXValue&, uint32_t) {
         events.push_back(event);
-        if (event == kPXWebRequestEventWillStart) headersAtStart = PXValue(r->requestHeaders());
+        if (event == kPXWebRequestEventWillStart) headersAtStart = r->requestHeaders();
+        if (event == kPXWebRequestEventReceivedData) taken += r->createAvailableResponseBodyData()->view();
       }));
   ASSERT_TRUE(request);
   ASSERT_TRUE(PXRunLoopUntil([&] { return !events.empty() && events.back() == kPXWebRequestEventFinished; }));
-  ASSERT_GE(events.size(), 3u);
   EXPECT_EQ(events.front(), kPXWebRequestEventWillStart);
-  PXRef<PXDictionary> headers = headersAtStart.dictionaryValue();
-  ASSERT_TRUE(headers) << "the JSON type is set before the caller's handler sees event 1";
-  EXPECT_EQ(headers->count(), 1u);
-  EXPECT_EQ(headers->objectForKey("Content-Type"), PXValue("application/json"));
-  // The body is still held, so it can be read once more.
-  PXErrorRef error;
-  EXPECT_EQ(PXJSONSerialization::JSONify(request->responseJSONObjectWithError(&error)).str(), R"({"a":1})");
-}
-
-TEST(PXJSONRequest, DrainedBodyLeavesNothingToParse) {
-  PXLoopbackServer server;
-  server.handle("/ok",
-                [](const PXLoopbackServer::Request&) { return PXLoopbackServer::Response(R"({"a":1})"); });
-  std::string drained;
-  bool finished = false;
-  PXRef<PXJSONRequest> request = PXJSONRequest::startedJSONRequestWithURL(
-      server.url("/ok"), PXValue(names({})),
-      PXWebRequestEventHandler([&](PXWebRequest* r, int32_t event, const PXValue&, uint32_t) {
-        if (event == kPXWebRequestEventReceivedData) drained += r->createAvailableResponseBodyData()->view();
-        if (event == kPXWebRequestEventFinished) finished = true;
-      }));
-  ASSERT_TRUE(request);
-  ASSERT_TRUE(PXRunLoopUntil([&] { return finished; }));
-  EXPECT_EQ(drained, R"({"a":1})");
+  ASSERT_TRUE(headersAtStart) << "the JSON type is set before the caller's handler sees event 1";
+  EXPECT_EQ(headersAtStart->count(), 1u);
+  EXPECT_EQ(headersAtStart->objectForKey("Content-Type"), PXValue("application/json"));
+  // The handler took the body: nothing is left to parse, and the error is untouched.
+  EXPECT_EQ(taken, R"({"a":1})");
   PXErrorRef error = PXError::errorWithDomain("sentinel", 3);
   EXPECT_FALSE(request->responseJSONObjectWithError(&error));
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->domain().str(), "sentinel") << "left untouched";
+  EXPECT_EQ(error->domain().str(), "sentinel");
 }
 
 TEST(PXJSONRequest, RefusedStartsAndDocuments) {

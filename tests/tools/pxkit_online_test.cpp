@@ -1,54 +1,25 @@
 // `pxkit online` as a user runs it, in a network namespace of the test's own
 // (tests/net/run-in-netns) whose default route the test adds and removes on
-// the loopback interface. The tool inherits the namespace.
+// lo; the tool inherits the namespace.
 #include <fcntl.h>
-#include <glib.h>
 #include <gtest/gtest.h>
-#include <net/if.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <string>
 #include <vector>
+
+#include "support/PXNetworkNamespace.h"
 
 extern char** environ;
 
 namespace {
 
-// Why this process may not change routes (empty: it may).
-std::string netnsUnavailableReason() {
-  const char* inNamespace = getenv("PXKIT_TEST_NETNS");
-  if (!inNamespace || std::string(inNamespace) != "1") {
-    const char* reason = getenv("PXKIT_TEST_NETNS_UNAVAILABLE");
-    return reason ? std::string("no network namespace: ") + reason
-                  : "not started in a network namespace of its own (tests/net/run-in-netns)";
-  }
-  bool onlyLoopback = true;
-  if (struct if_nameindex* list = if_nameindex()) {
-    for (struct if_nameindex* i = list; i->if_index != 0; ++i)
-      onlyLoopback &= std::string(i->if_name) == "lo";
-    if_freenameindex(list);
-  }
-  return onlyLoopback ? "" : "the namespace has interfaces besides lo; its routes stay untouched";
-}
-
-bool ip(std::vector<const char*> args) {
-  std::vector<const char*> argv = {"/usr/sbin/ip"};
-  if (!g_file_test(argv[0], G_FILE_TEST_IS_EXECUTABLE)) argv[0] = "/sbin/ip";
-  argv.insert(argv.end(), args.begin(), args.end());
-  argv.push_back(nullptr);
-  gint status = 0;
-  return g_spawn_sync(nullptr, const_cast<gchar**>(argv.data()), nullptr,
-                      GSpawnFlags(G_SPAWN_STDOUT_TO_DEV_NULL | G_SPAWN_STDERR_TO_DEV_NULL), nullptr, nullptr,
-                      nullptr, nullptr, &status, nullptr) &&
-         g_spawn_check_wait_status(status, nullptr);
-}
-
-// The tool, started with its standard output on a pipe.
+// The tool, started with its standard output on a pipe; ended with SIGTERM
+// when still running at the end.
 class Tool {
  public:
   explicit Tool(std::vector<std::string> args) {
@@ -69,31 +40,25 @@ class Tool {
   ~Tool() {
     if (pid_ > 0) {
       kill(pid_, SIGTERM);
-      waitStatus();
+      exitStatus();
     }
-    if (out_ >= 0) close(out_);
+    close(out_);
   }
-
-  // The next line of output, without its newline; "" at the end of output or
-  // when nothing comes for a long time (a guard against a hang, not a timing).
+  // The next line printed; "" at the end of the output, or when nothing comes
+  // for a minute (a guard against a hang, not a measure of time).
   std::string nextLine() {
-    for (;;) {
-      if (size_t end = buffer_.find('\n'); end != std::string::npos) {
-        std::string line = buffer_.substr(0, end);
-        buffer_.erase(0, end + 1);
-        return line;
-      }
+    for (size_t end; (end = buffer_.find('\n')) == std::string::npos;) {
       struct pollfd ready = {out_, POLLIN, 0};
-      if (poll(&ready, 1, 60000) <= 0) return "";
       char chunk[512];
-      const ssize_t n = read(out_, chunk, sizeof chunk);
+      ssize_t n = poll(&ready, 1, 60000) > 0 ? read(out_, chunk, sizeof chunk) : 0;
       if (n <= 0) return "";
       buffer_.append(chunk, static_cast<size_t>(n));
     }
+    std::string line = buffer_.substr(0, buffer_.find('\n'));
+    buffer_.erase(0, line.size() + 1);
+    return line;
   }
-
-  // The exit status once the tool has ended by itself (-1 otherwise).
-  int waitStatus() {
+  int exitStatus() {
     int status = 0;
     while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
     }
@@ -107,54 +72,36 @@ class Tool {
   std::string buffer_;
 };
 
-class PXKitToolOnline : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (std::string reason = netnsUnavailableReason(); !reason.empty()) GTEST_SKIP() << reason;
-    unsetenv("GIO_USE_NETWORK_MONITOR");
-    ASSERT_TRUE(ip({"link", "set", "lo", "up"}));
-  }
-};
+constexpr const char* kNo = "network available: no (no route)";
+constexpr const char* kYes = "network available: yes (reachable)";
 
-TEST_F(PXKitToolOnline, AnswersOnceWithItsExitStatus) {
-  struct Row {
-    bool route;
-    const char* line;
-    int status;
-  } rows[] = {
-      {false, "network available: no (no route)", 1},
-      {true, "network available: yes (reachable)", 0},
-  };
-  for (const Row& row : rows) {
-    if (row.route) {
-      ASSERT_TRUE(ip({"route", "add", "default", "dev", "lo"}));
-    }
+TEST(PXKitToolOnline, AnswersOnceWithItsExitStatus) {
+  PX_SKIP_WITHOUT_NETWORK_NAMESPACE();
+  for (bool route : {false, true}) {
+    ASSERT_TRUE(!route || PXRunIp({"route", "add", "default", "dev", "lo"}));
     Tool tool({"online"});
-    EXPECT_EQ(tool.nextLine(), row.line);
+    EXPECT_EQ(tool.nextLine(), route ? kYes : kNo);
     EXPECT_EQ(tool.nextLine(), "") << "one line only";
-    EXPECT_EQ(tool.waitStatus(), row.status);
+    EXPECT_EQ(tool.exitStatus(), route ? 0 : 1);
   }
+  Tool refused({"online", "--forever"});
+  EXPECT_EQ(refused.nextLine(), "") << "the complaint goes to standard error";
+  EXPECT_EQ(refused.exitStatus(), 2);
 }
 
-TEST_F(PXKitToolOnline, WatchPrintsEachChange) {
+TEST(PXKitToolOnline, WatchPrintsEachChange) {
+  PX_SKIP_WITHOUT_NETWORK_NAMESPACE();
   Tool tool({"online", "--watch"});
-  ASSERT_EQ(tool.nextLine(), "network available: no (no route)");
-  // The default route comes and goes, twice. In between, an address added on
-  // lo is a routing change the monitor announces with the same verdict: the
-  // tool prints nothing for it.
-  for (int round = 0; round < 2; ++round) {
-    ASSERT_TRUE(ip({"route", "add", "default", "dev", "lo"}));
-    EXPECT_EQ(tool.nextLine(), "network available: yes (reachable)");
-    ASSERT_TRUE(ip({"address", "add", round == 0 ? "10.9.9.9/32" : "10.9.9.10/32", "dev", "lo"}));
-    ASSERT_TRUE(ip({"route", "del", "default", "dev", "lo"}));
-    EXPECT_EQ(tool.nextLine(), "network available: no (no route)");
+  ASSERT_EQ(tool.nextLine(), kNo);
+  // The route comes and goes twice. In between, an address added on lo is a
+  // routing change announced with the same verdict: the tool prints nothing.
+  for (const char* address : {"10.9.9.9/32", "10.9.9.10/32"}) {
+    ASSERT_TRUE(PXRunIp({"route", "add", "default", "dev", "lo"}));
+    EXPECT_EQ(tool.nextLine(), kYes);
+    ASSERT_TRUE(PXRunIp({"address", "add", address, "dev", "lo"}));
+    ASSERT_TRUE(PXRunIp({"route", "del", "default", "dev", "lo"}));
+    EXPECT_EQ(tool.nextLine(), kNo);
   }
-}
-
-TEST(PXKitToolOnlineUsage, RefusesUnknownOptions) {
-  Tool tool({"online", "--forever"});
-  EXPECT_EQ(tool.nextLine(), "") << "the complaint goes to standard error";
-  EXPECT_EQ(tool.waitStatus(), 2);
 }
 
 }  // namespace
