@@ -12,6 +12,7 @@
 #include <pxkit/platform/PXRunLoop.h>
 
 #include <array>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -204,8 +205,10 @@ void PXNetworkAvailabilityMonitor::switchOnMainThread(bool monitor) {
     {
       // GIO's monitor is made once per process and delivers its signals to the
       // context that was the thread's default when it was made: make sure that
-      // is the main context, whatever this thread has pushed.
-      pxkit::glib::ThreadDefaultContext mainContext(g_main_context_default());
+      // is the main context, should this thread have pushed another one.
+      GMainContext* pushed = g_main_context_get_thread_default();
+      std::optional<pxkit::glib::ThreadDefaultContext> mainContext;
+      if (pushed && pushed != g_main_context_default()) mainContext.emplace(g_main_context_default());
       system = g_network_monitor_get_default();  // borrowed; never null
     }
     started = std::make_shared<Watch>(this, system);
