@@ -426,6 +426,25 @@ TEST(PXWebRequest, ACancelFromAnotherThreadEndsAStalledTransferAtOnce) {
   EXPECT_FALSE(record->objectForKey(kPXWebRequestTrackIsUsedKey));
 }
 
+TEST(PXWebRequest, ARunningRequestReleasedOnAnotherThreadIsStoppedOnItsOwnLoop) {
+  Server server;
+  server.handleRaw("/drip", Server::RawResponse("HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\nfirst drop",
+                                                Server::RawEnding::Stall));
+  Recorder recorder;
+  PXRef<PXMutableDictionary> record;
+  recorder.also = [&](PXWebRequest* request, int32_t event) {
+    if (event == kPXWebRequestEventReceivedData) record = PXWebRequestTestHook::record(*request);
+  };
+  auto request = makeRequest(server.rawURL("/drip"), recorder);
+  ASSERT_TRUE(request->startRequestInRunLoopMode(kPXDefaultRunLoopMode));
+  ASSERT_TRUE(PXRunLoopUntil([&] { return record != nullptr; }));
+  std::thread([last = std::move(request)]() mutable { last = nullptr; }).join();
+  // The transfer is handed back to this loop, which stops it and frees the record.
+  ASSERT_TRUE(PXRunLoopUntil(
+      [&] { return !PXWebRequestTestHook::records()[0]->objectForKey(kPXWebRequestTrackIsUsedKey); }));
+  EXPECT_FALSE(recorder.finished());  // released, not finished: no event 6
+}
+
 // ---- Threads and time --------------------------------------------------------------------------------
 
 TEST(PXWebRequest, RunsOnTheRunLoopOfTheThreadThatStartedIt) {
@@ -450,6 +469,8 @@ TEST(PXWebRequest, RunsOnTheRunLoopOfTheThreadThatStartedIt) {
   EXPECT_EQ(calledOn[1], std::this_thread::get_id());
   EXPECT_EQ(bodies[0], "item");
   EXPECT_EQ(bodies[1], "item");
+  // The record's open connection went from the worker's loop to this one.
+  EXPECT_EQ(server.acceptedConnections(), 1);
 }
 
 TEST(PXWebRequest, VirtualTimeWaitsForTheAnswerInFlight) {
