@@ -459,6 +459,8 @@ bool PXWebRequest::startRequestInRunLoopMode(std::string_view) {
   curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, &WebMulti::onPrereq);
   curl_easy_setopt(easy, CURLOPT_PREREQDATA, transfer.get());
   curl_easy_setopt(easy, CURLOPT_HTTPHEADER, transfer->headers.get());
+  // Through a proxy (the environment's http_proxy and kin), only the server's header is the response's.
+  curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   const std::string_view method = requestMethod_.view();
   if (method == "GET" && !body) {
     curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);

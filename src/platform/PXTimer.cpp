@@ -1,9 +1,12 @@
 #include <pxkit/objects/PXClock.h>
+#include <pxkit/platform/PXLog.h>
 #include <pxkit/platform/PXTimer.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cmath>
 #include <limits>
 #include <mutex>
@@ -65,6 +68,7 @@ struct TimerState {
   int fd = -1;
   gpointer fdTag = nullptr;
   double armedDeadline = std::numeric_limits<double>::quiet_NaN();
+  bool armFailureLogged = false;  // one log line per run of failures, not one per iteration
   uint64_t clockObserver = 0;
 };
 
@@ -82,10 +86,12 @@ TimerState& stateOf(GSource* source) {
 // Points the timerfd at `deadline` (seconds since the reference date), or
 // disarms it with NaN. With TFD_TIMER_CANCEL_ON_SET a jump of the wall clock
 // (settimeofday, NTP step, resume) makes the fd readable with ECANCELED.
-void armTimerFd(TimerState& s, double deadline) {
-  if (s.fd < 0) return;
-  if (std::isnan(deadline) && std::isnan(s.armedDeadline)) return;
-  if (deadline == s.armedDeadline) return;
+// Returns whether the fd is set as asked; false with no fd or a failed call
+// (logged once per run of failures).
+bool armTimerFd(TimerState& s, double deadline) {
+  if (s.fd < 0) return false;
+  if (std::isnan(deadline) && std::isnan(s.armedDeadline)) return true;
+  if (deadline == s.armedDeadline) return true;
   itimerspec spec{};
   if (!std::isnan(deadline)) {
     double unix = std::max(deadline + kPXTimeIntervalSince1970, 1.0);
@@ -99,8 +105,25 @@ void armTimerFd(TimerState& s, double deadline) {
     spec.it_value.tv_sec = seconds;
     spec.it_value.tv_nsec = nanos;
   }
-  timerfd_settime(s.fd, TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &spec, nullptr);
+  if (timerfd_settime(s.fd, TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &spec, nullptr) != 0) {
+    if (!s.armFailureLogged)
+      PXLog("PXTimer: could not arm the timer fd (%s); waking by poll timeout instead", g_strerror(errno));
+    s.armFailureLogged = true;
+    s.armedDeadline = std::numeric_limits<double>::quiet_NaN();
+    return false;
+  }
+  s.armFailureLogged = false;
   s.armedDeadline = deadline;
+  return true;
+}
+
+// The poll timeout (milliseconds, rounded up) that wakes the loop at
+// `deadline` when no timerfd can: measured on the monotonic clock, so a jump
+// of the wall clock or a suspend makes it late or early; the loop re-reads the
+// wall clock when it wakes and waits again if need be.
+gint pollTimeoutFor(double deadline, double now) {
+  const double milliseconds = std::ceil((deadline - now) * 1000.0);
+  return static_cast<gint>(std::clamp(milliseconds, 1.0, static_cast<double>(INT_MAX)));
 }
 
 double earliestLocked(const TimerState& s) {
@@ -115,12 +138,14 @@ gboolean prepare(GSource* source, gint* timeout) {
     std::lock_guard lock(timersMutex());
     earliest = earliestLocked(s);
   }
-  if (isDue(earliest, nowSeconds())) {
+  const double now = nowSeconds();
+  if (isDue(earliest, now)) {
     *timeout = 0;
     return TRUE;
   }
   const bool useFd = !PXClock::isVirtual() && std::isfinite(earliest);
-  armTimerFd(s, useFd ? earliest : std::numeric_limits<double>::quiet_NaN());
+  const bool armed = armTimerFd(s, useFd ? earliest : std::numeric_limits<double>::quiet_NaN());
+  if (useFd && !armed) *timeout = pollTimeoutFor(earliest, now);
   return FALSE;
 }
 
@@ -131,6 +156,10 @@ gboolean check(GSource* source) {
     // Either the deadline passed or (ECANCELED) the wall clock was set: in both
     // cases the fd is spent; prepare arms it again.
     if (read(s.fd, &expirations, sizeof expirations) >= 0 || errno == ECANCELED) {
+      s.armedDeadline = std::numeric_limits<double>::quiet_NaN();
+    } else if (errno != EAGAIN && errno != EINTR) {
+      // Arm afresh at the next prepare rather than trust a fd in an unknown state.
+      PXLog("PXTimer: could not read the timer fd (%s)", g_strerror(errno));
       s.armedDeadline = std::numeric_limits<double>::quiet_NaN();
     }
   }
@@ -291,7 +320,12 @@ TimerSource* timerSourceAttach(GMainContext* context, PXRunLoop* loop) {
   s.context = context;
   s.loop = loop;
   s.fd = timerfd_create(CLOCK_REALTIME, TFD_NONBLOCK | TFD_CLOEXEC);
-  if (s.fd >= 0) s.fdTag = g_source_add_unix_fd(base, s.fd, G_IO_IN);
+  if (s.fd >= 0) {
+    s.fdTag = g_source_add_unix_fd(base, s.fd, G_IO_IN);
+  } else {
+    // Timers still fire, woken by poll timeouts on the monotonic clock (see prepare).
+    PXLog("PXTimer: could not create a timer fd (%s); waking by poll timeout instead", g_strerror(errno));
+  }
   g_source_set_priority(base, G_PRIORITY_DEFAULT);
   g_source_set_can_recurse(base, TRUE);  // timers fire in nested runs of the loop too
   g_source_set_static_name(base, "PXTimer");

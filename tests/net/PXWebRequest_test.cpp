@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 #include <pxkit/net/PXWebRequest.h>
 #include <pxkit/objects/PXArray.h>
+#include <pxkit/objects/PXClock.h>
 #include <pxkit/platform/PXRunLoop.h>
+#include <pxkit/platform/PXTimer.h>
 
 #include <algorithm>
 #include <functional>
@@ -422,6 +424,70 @@ TEST(PXWebRequest, ACancelFromAnotherThreadEndsAStalledTransferAtOnce) {
   ASSERT_TRUE(record);
   EXPECT_FALSE(hasConnection(record));
   EXPECT_FALSE(record->objectForKey(kPXWebRequestTrackIsUsedKey));
+}
+
+TEST(PXWebRequest, ARunningRequestReleasedOnAnotherThreadIsStoppedOnItsOwnLoop) {
+  Server server;
+  server.handleRaw("/drip", Server::RawResponse("HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\nfirst drop",
+                                                Server::RawEnding::Stall));
+  Recorder recorder;
+  PXRef<PXMutableDictionary> record;
+  recorder.also = [&](PXWebRequest* request, int32_t event) {
+    if (event == kPXWebRequestEventReceivedData) record = PXWebRequestTestHook::record(*request);
+  };
+  auto request = makeRequest(server.rawURL("/drip"), recorder);
+  ASSERT_TRUE(request->startRequestInRunLoopMode(kPXDefaultRunLoopMode));
+  ASSERT_TRUE(PXRunLoopUntil([&] { return record != nullptr; }));
+  std::thread([last = std::move(request)]() mutable { last = nullptr; }).join();
+  // The transfer is handed back to this loop, which stops it and frees the record.
+  ASSERT_TRUE(PXRunLoopUntil(
+      [&] { return !PXWebRequestTestHook::records()[0]->objectForKey(kPXWebRequestTrackIsUsedKey); }));
+  EXPECT_FALSE(recorder.finished());  // released, not finished: no event 6
+}
+
+// ---- Threads and time --------------------------------------------------------------------------------
+
+TEST(PXWebRequest, RunsOnTheRunLoopOfTheThreadThatStartedIt) {
+  Server server;
+  server.handle("/item", [](const Server::Request&) { return Server::Response("item"); });
+  std::thread::id worker, calledOn[2];
+  std::string bodies[2];
+  auto run = [&](int slot) {
+    Recorder recorder;
+    recorder.also = [&, slot](PXWebRequest*, int32_t) { calledOn[slot] = std::this_thread::get_id(); };
+    auto request = makeRequest(server.url("/item"), recorder);
+    runToFinish(*request, recorder);
+    bodies[slot] = recorder.body;
+  };
+  std::thread thread([&] {
+    worker = std::this_thread::get_id();
+    run(0);
+  });
+  thread.join();
+  run(1);  // the main thread's loop has a transport of its own
+  EXPECT_EQ(calledOn[0], worker);
+  EXPECT_EQ(calledOn[1], std::this_thread::get_id());
+  EXPECT_EQ(bodies[0], "item");
+  EXPECT_EQ(bodies[1], "item");
+  // The record's open connection went from the worker's loop to this one.
+  EXPECT_EQ(server.acceptedConnections(), 1);
+}
+
+TEST(PXWebRequest, VirtualTimeWaitsForTheAnswerInFlight) {
+  Server server;
+  server.handle("/item", [](const Server::Request&) { return Server::Response("item"); });
+  PXScopedVirtualClock clock(PXDate(0));
+  bool fired = false;
+  auto timer = PXTimer::scheduledTimerWithTimeInterval(30, false, [&](PXTimer*) { fired = true; });
+  Recorder recorder;
+  auto request = makeRequest(server.url("/item"), recorder);
+  ASSERT_TRUE(request->startRequestInRunLoopMode(kPXDefaultRunLoopMode));
+  // Idle while the answer travels: time must not jump to the timer meanwhile.
+  ASSERT_TRUE(PXRunLoopUntil([&] { return recorder.finished(); }, {.maxVirtualSeconds = 3600}));
+  EXPECT_FALSE(fired);
+  EXPECT_EQ(PXDate::now().timeIntervalSinceReferenceDate(), 0.0);
+  EXPECT_EQ(recorder.body, "item");
+  timer->invalidate();
 }
 
 // ---- Self-retention, delegate, observers -------------------------------------------------------------

@@ -1,7 +1,5 @@
-#include <arpa/inet.h>
 #include <glib.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <pxkit/objects/PXClock.h>
 #include <pxkit/platform/PXOperationQueue.h>
 #include <pxkit/platform/PXRunLoop.h>
@@ -11,7 +9,6 @@
 
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <future>
@@ -227,32 +224,6 @@ TEST(PXRunLoop, RunUntilDateWithTheVirtualClockWalksFromTimerToTimer) {
   EXPECT_EQ(PXDate::now(), PXDate(1100));
 }
 
-// A loopback TCP connection: the client end and the server's accepted end.
-struct LoopbackConnection {
-  int client = -1;
-  int server = -1;
-  LoopbackConnection() {
-    int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    auto* any = reinterpret_cast<sockaddr*>(&address);
-    EXPECT_EQ(bind(listener, any, length), 0);
-    EXPECT_EQ(listen(listener, 1), 0);
-    EXPECT_EQ(getsockname(listener, any, &length), 0);
-    client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    EXPECT_TRUE(connect(client, any, length) == 0 || errno == EINPROGRESS);
-    server = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    EXPECT_GE(server, 0);
-    close(listener);
-  }
-  ~LoopbackConnection() {
-    close(client);
-    close(server);
-  }
-};
-
 TEST(PXRunLoop, RunUntilDateWithTheVirtualClockWaitsForPendingIO) {
   // A request goes out at virtual 23:59:30; its answer takes real time. The run
   // to the next hour must not move the clock (nor fire the midnight timer)
@@ -274,7 +245,8 @@ TEST(PXRunLoop, RunUntilDateWithTheVirtualClockWaitsForPendingIO) {
     SCOPED_TRACE(c.name);
     PXScopedVirtualClock clock{PXDate(start)};
     PXRunLoop* loop = PXRunLoop::current();
-    LoopbackConnection connection;
+    std::array<int, 2> connection{};  // the client's end and the server's
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, connection.data()), 0);
     std::vector<std::string> events;
     std::atomic<bool> peerActed{false};
     bool clockMovedFirst = false;
@@ -284,9 +256,9 @@ TEST(PXRunLoop, RunUntilDateWithTheVirtualClockWaitsForPendingIO) {
     pxkit::internal::PendingIO request(loop);
     pxkit::internal::FdWatch answer;
     answer =
-        pxkit::internal::FdWatch::watch(loop, connection.client, pxkit::internal::kFdReadable, [&](unsigned) {
+        pxkit::internal::FdWatch::watch(loop, connection[0], pxkit::internal::kFdReadable, [&](unsigned) {
           char buffer[16];
-          if (read(connection.client, buffer, sizeof buffer) > 0)
+          if (read(connection[0], buffer, sizeof buffer) > 0)
             events.emplace_back(PXClock::now() == PXDate(start) ? "answer at 23:59:30" : "answer later");
           answer.reset();
           request.reset();
@@ -299,7 +271,7 @@ TEST(PXRunLoop, RunUntilDateWithTheVirtualClockWaitsForPendingIO) {
       std::this_thread::sleep_for(std::chrono::milliseconds(30));
       peerActed = true;
       if (c.peer == Peer::Answers) {
-        EXPECT_EQ(write(connection.server, "ok", 2), 2);
+        EXPECT_EQ(write(connection[1], "ok", 2), 2);
       }
       if (c.peer == Peer::GivesUpTheRequest) handedOver.reset();
       if (c.peer == Peer::StopsTheRun) loop->stop();
@@ -311,6 +283,8 @@ TEST(PXRunLoop, RunUntilDateWithTheVirtualClockWaitsForPendingIO) {
     EXPECT_EQ(events, c.expected);
     EXPECT_EQ(PXClock::now(), PXDate(c.endsAt));
     midnight->invalidate();
+    close(connection[0]);
+    close(connection[1]);
   }
 }
 

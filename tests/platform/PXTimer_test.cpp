@@ -1,8 +1,14 @@
+#include <fcntl.h>
+#include <glib.h>
 #include <gtest/gtest.h>
 #include <pxkit/objects/PXClock.h>
+#include <pxkit/platform/PXLog.h>
 #include <pxkit/platform/PXRunLoop.h>
 #include <pxkit/platform/PXTimer.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <future>
@@ -12,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/PXLogCapture.h"
 #include "support/PXRunLoopUntil.h"
 
 namespace {
@@ -308,6 +315,46 @@ TEST(PXTimerRealClock, ARealTimerFiresFromTheWallClockTimer) {
       PXDate::now() + -3600, 0, nullptr, [&](PXTimer*) { pastFired = true; }, PXValue(), false);
   PXRunLoop::current()->addTimer(past.get());
   ASSERT_TRUE(PXRunLoopUntil([&] { return pastFired; }, {.maxIterations = 3}));
+}
+
+TEST(PXTimerRealClock, WithoutATimerFdTheFailureIsLoggedAndTimersStillFire) {
+  // The sanitizers' type checks read /proc the first time they meet a type,
+  // which needs a fd: the same steps once with fds to spare, to meet them all.
+  PXLogCapture log;
+  {
+    GMainContext* warmUp = g_main_context_new();
+    g_main_context_push_thread_default(warmUp);
+    ASSERT_NE(PXRunLoop::current(), PXRunLoop::main());
+    PXLog("warm-up");
+    g_main_context_pop_thread_default(warmUp);
+    g_main_context_unref(warmUp);
+  }
+  // The context (and its wake-up fd) first; then no fd is left for the timer source.
+  GMainContext* context = g_main_context_new();
+  g_main_context_push_thread_default(context);
+  const int lowestFree = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(lowestFree, 0);
+  close(lowestFree);
+  rlimit saved{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+  rlimit noMoreFds = saved;
+  noMoreFds.rlim_cur = static_cast<rlim_t>(lowestFree);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &noMoreFds), 0);
+  PXRunLoop* loop = PXRunLoop::current();  // wraps the pushed context: its timerfd_create fails
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+  const std::vector<std::string> lines = log.lines();
+  EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
+    return line.starts_with("PXTimer: could not create a timer fd (") &&
+           line.ends_with("); waking by poll timeout instead");
+  })) << ::testing::PrintToString(lines);
+
+  bool fired = false;
+  PXRef<PXTimer> timer = PXTimer::timerWithTimeInterval(0.02, false, [&](PXTimer*) { fired = true; });
+  loop->addTimer(timer.get());
+  // Without the poll timeout the loop would sleep until the hang guard.
+  EXPECT_TRUE(PXRunLoopUntil([&] { return fired; }, {.hangGuardSeconds = 20}));
+  g_main_context_pop_thread_default(context);
+  g_main_context_unref(context);
 }
 
 }  // namespace

@@ -75,12 +75,12 @@ bool PXLoopbackServer::Request::hasHeader(std::string_view name) const {
 struct PXLoopbackServer::Soup {
   PXLoopbackServer* owner;
   std::thread thread;
-  GMainLoop* loop = nullptr;  // valid while the thread runs
+  // Made before the thread starts and freed after it has been joined.
+  pxkit::glib::MainContext context{g_main_context_new()};
+  pxkit::glib::MainLoop mainLoop{g_main_loop_new(context.get(), FALSE)};
 
   void run(std::promise<std::pair<uint16_t, uint16_t>>& ready) {
-    pxkit::glib::MainContext context(g_main_context_new());
     pxkit::glib::ThreadDefaultContext current(context.get());
-    pxkit::glib::MainLoop mainLoop(g_main_loop_new(context.get(), FALSE));
     pxkit::glib::Object<SoupServer> server(soup_server_new(nullptr, nullptr));
     g_signal_connect(server.get(), "request-started", G_CALLBACK(&Soup::requestStarted), owner);
     soup_server_add_handler(server.get(), nullptr, &Soup::serve, owner, nullptr);
@@ -101,11 +101,9 @@ struct PXLoopbackServer::Soup {
       ready.set_exception(std::current_exception());
       return;
     }
-    loop = mainLoop.get();
     ready.set_value({plain, secure});
     g_main_loop_run(mainLoop.get());
     soup_server_disconnect(server.get());
-    loop = nullptr;
   }
 
   // Listens on a new ephemeral port of 127.0.0.1 and returns it.
@@ -255,8 +253,16 @@ PXLoopbackServer::~PXLoopbackServer() {
     if (fd >= 0) close(fd);
   }
   if (soup_ && soup_->thread.joinable()) {
-    while (!soup_->loop) std::this_thread::yield();  // set before the ready promise was kept
-    g_main_loop_quit(soup_->loop);
+    // Quit from inside the loop: a quit that came before the loop ran would be lost.
+    pxkit::glib::Source quit(g_idle_source_new());
+    g_source_set_callback(
+        quit.get(),
+        [](gpointer loop) {
+          g_main_loop_quit(static_cast<GMainLoop*>(loop));
+          return G_SOURCE_REMOVE;
+        },
+        soup_->mainLoop.get(), nullptr);
+    g_source_attach(quit.get(), soup_->context.get());
     soup_->thread.join();
   }
   if (!tempDirectory_.empty()) {

@@ -49,7 +49,8 @@
 // Messages are HTTP/1.1. A body is sent with "Content-Type" "application/data"
 // (a caller's "Content-Type" in requestHeaders replaces it) and its
 // "Content-Length". With requestKeepAlive the request says "Connection"
-// "Keep-Alive".
+// "Keep-Alive". The environment's proxy settings (http_proxy, https_proxy,
+// no_proxy) apply.
 //
 // Keep-alive tracking records. Requests with requestKeepAlive take a tracking
 // record for their scheme, host and port, a dictionary with
@@ -84,8 +85,8 @@
 // outcome accessors (isCompleted, wasSuccessful, wasCancelled) and
 // createAvailableResponseBodyData may be called from any thread; a cancel from
 // another thread wakes the request's run loop and takes effect there at once,
-// without waiting for more bytes. Release a running request on its own thread
-// (or let autoRetainUntilRequestCompletion keep it until it finishes).
+// without waiting for more bytes. A running request whose last reference goes
+// away on another thread is stopped on its own run loop, with no event 6.
 // Observers of "isComplete", "wasSuccessful" and "wasCancelled" are told on the
 // request's thread.
 #pragma once

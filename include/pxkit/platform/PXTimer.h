@@ -7,7 +7,9 @@
 // loop runs again, and setting a fire date measures the remaining time afresh
 // from the clock. Underneath, each run loop has one timer source: a timerfd on
 // CLOCK_REALTIME (absolute, cancelled when the clock is set) with the real
-// clock; with the virtual clock, every move of the clock wakes the loop.
+// clock; with the virtual clock, every move of the clock wakes the loop. Should
+// the timerfd be out of reach (no fd left), the failure is logged and the loop
+// wakes by poll timeouts instead, late or early by a wall-clock jump or a sleep.
 //
 //   // Repeating every 5 s, first after 1 s, on the calling thread's run loop:
 //   PXRef<PXTimer> t = PXTimer::scheduledTimerWithTimeInterval(5, true, [](PXTimer* timer) { ... });
