@@ -18,8 +18,8 @@
 //
 //   // A person's properties as a document, and an answer back as typed values.
 //   PXRef<PXDictionary> body = PXJSONRequest::jsonDictionaryFromProperties({}, *person);
-//   PXRef<PXDictionary> unused;
-//   PXRef<PXDictionary> typed = PXJSONRequest::matchDictionary(answer.get(), {}, *person, &unused);
+//   PXRef<PXMutableDictionary> unused;   // the keys that fit no property
+//   PXRef<PXDictionary> typed = PXJSONRequest::matchDictionary(reply.get(), {}, *person, &unused);
 //
 // The request is an ordinary PXWebRequest in everything else: it belongs to
 // the run loop of the thread that starts it (which must run that loop), holds
