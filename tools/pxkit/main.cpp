@@ -1,6 +1,7 @@
 // pxkit: the kit's command-line tool.
 //
 //   pxkit demo [--keep]   the kit at work in a sample application (Demo.h)
+//   pxkit online [--watch]  whether the network is available (Online.h)
 //   pxkit --help | --version
 #include <pxkit/PXKit.h>
 
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "Demo.h"
+#include "Online.h"
 
 namespace {
 
@@ -21,6 +23,10 @@ constexpr const char* kUsage =
     "                  from several threads, saves it, is launched again, restores\n"
     "                  it and cuts its daily papercut at midnight, in a throw-away\n"
     "                  home on a virtual clock (--keep leaves the home in place)\n"
+    "  online [--watch]\n"
+    "                  print whether the network is available (exit status 0 when\n"
+    "                  it is, 1 when not); with --watch, also each change, until\n"
+    "                  interrupted\n"
     "\n"
     "Options:\n"
     "  --help          show this help\n"
@@ -67,5 +73,6 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (command == "demo") return demo(args);
+  if (command == "online") return PXKitOnline::run(args);
   return usageError("unknown command '" + std::string(command) + "'");
 }

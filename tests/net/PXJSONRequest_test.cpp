@@ -1,0 +1,410 @@
+// JSON requests: the object <-> dictionary mapping over declared properties,
+// and posts against a real HTTP server in the test process (libsoup on
+// 127.0.0.1, plus a raw listener for replies that break off).
+#include <gtest/gtest.h>
+#include <pxkit/foundation/PXDateTools.h>
+#include <pxkit/json/JSONCodec.h>
+#include <pxkit/net/PXJSONRequest.h>
+#include <pxkit/net/PXJSONSerialization.h>
+#include <pxkit/platform/PXRunLoop.h>
+
+#include <atomic>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/PXLoopbackServer.h"
+#include "support/PXRunLoopUntil.h"
+
+namespace {
+
+// One property of every kind the mapping tells apart.
+class JRPerson : public PXObject {
+  PX_DECLARE_CLASS(JRPerson)
+ public:
+  PXString name;        // "@\"NSString\""
+  int32_t age = 0;      // "i"
+  double height = 0;    // "d"
+  bool member = false;  // "c"
+  int64_t visits = 0;   // "q"
+  uint64_t big = 0;     // "Q"
+  PXDate birthday;      // "@\"NSDate\""
+  PXValue count;        // "@\"NSNumber\""
+  PXValue payload;      // "@": no class name
+  PXValue extra;        // "@\"JRNoSuchClass\"": a class nobody registered
+  PXValue origin;       // "{CGPoint=dd}": a structure
+};
+
+class JREmployee : public JRPerson {
+  PX_DECLARE_CLASS(JREmployee)
+ public:
+  PXString employer;
+};
+
+}  // namespace
+
+PX_DEFINE_CLASS(JRPerson, PXObject, [](PXClassBuilder<JRPerson>& c) {
+  c.property("name", &JRPerson::name);
+  c.property("age", &JRPerson::age);
+  c.property("height", &JRPerson::height);
+  c.property("member", &JRPerson::member);
+  c.property("visits", &JRPerson::visits);
+  c.property("big", &JRPerson::big);
+  c.property("birthday", &JRPerson::birthday);
+  c.property("count", &JRPerson::count, PXPropertyOwnership::Retain, "@\"NSNumber\"");
+  c.property("payload", &JRPerson::payload);
+  c.property("extra", &JRPerson::extra, PXPropertyOwnership::Retain, "@\"JRNoSuchClass\"");
+  c.property("origin", &JRPerson::origin, PXPropertyOwnership::Assign, "{CGPoint=dd}");
+})
+PX_DEFINE_CLASS(JREmployee, JRPerson,
+                [](PXClassBuilder<JREmployee>& c) { c.property("employer", &JREmployee::employer); })
+
+namespace {
+
+PXRef<PXArray> names(std::initializer_list<PXValue> list) {
+  return PXArray::arrayWithObjects(list);
+}
+
+// ---- Objects to dictionaries ---------------------------------------------------------
+
+TEST(PXJSONRequest, PropertiesBecomeADictionaryOfPresentValues) {
+  PXRef<JREmployee> employee = PXMake<JREmployee>();
+  employee->name = "Ada";
+  employee->age = 36;
+  employee->member = true;
+  employee->big = UINT64_MAX;
+  employee->birthday = PXDate(1000.5);
+  employee->employer = "Engines Ltd";
+  // count, payload, extra and origin stay absent and are left out.
+
+  const PXRef<PXDictionary> all = PXDictionary::dictionaryWithEntries({{"employer", "Engines Ltd"},
+                                                                       {"name", "Ada"},
+                                                                       {"age", 36},
+                                                                       {"height", 0.0},
+                                                                       {"member", true},
+                                                                       {"visits", 0},
+                                                                       {"big", UINT64_MAX},
+                                                                       {"birthday", PXDate(1000.5)}});
+  const PXRef<PXDictionary> selected =
+      PXDictionary::dictionaryWithEntries({{"employer", "Engines Ltd"}, {"age", 36}});
+  const std::pair<PXRef<PXArray>, PXRef<PXDictionary>> rows[] = {
+      {{}, all},  // every property, superclasses included
+      {names({"age", "employer", "payload", "nosuch"}), selected},
+  };
+  for (const auto& [selection, expected] : rows) {
+    PXRef<PXDictionary> dictionary = PXJSONRequest::jsonDictionaryFromProperties(selection, *employee);
+    EXPECT_TRUE(dictionary->isEqual(*expected)) << dictionary->description().str();
+  }
+  // A date is stored unconverted: the caller converts it before writing.
+  EXPECT_TRUE(PXJSONRequest::jsonDictionaryFromProperties({}, *employee)->objectForKey("birthday").isDate());
+}
+
+// ---- Dictionaries to property types ---------------------------------------------------
+
+TEST(PXJSONRequest, MatchingConvertsEachKindOfProperty) {
+  const PXDate rfc3339 = *PXDateTools::dateFromRFC3339DateString("2012-05-01T10:20:30+02:00");
+  const PXDate iso8601 = *PXDateTools::dateFromISO8601DateString("2012-05-01T10:20:30.123+0200");
+  PXRef<PXArray> list = names({1, 2});
+  struct Row {
+    const char* key;
+    PXValue input;
+    std::optional<PXValue> expected;  // nothing: left out, and the key stays unused
+  } rows[] = {
+      // Numeric scalars: numbers as they are, strings read as decimals.
+      {"age", 12, PXValue(12)},
+      {"age", "12", PXValue(12)},
+      {"age", "-3.5", PXValue(-3.5)},
+      {"age", "x", std::nullopt},
+      {"age", "12x", std::nullopt},
+      {"age", " 12", std::nullopt},
+      {"age", PXValue(list), std::nullopt},
+      {"height", "2.5e1", PXValue(25.0)},
+      {"height", ".5", PXValue(0.5)},
+      {"height", "+7", PXValue(7)},
+      {"height", "1e", std::nullopt},
+      {"member", true, PXValue(true)},
+      {"visits", "-9223372036854775808", PXValue(INT64_MIN)},
+      {"big", "18446744073709551615", PXValue(UINT64_MAX)},
+      {"big", "18446744073709551616", PXValue(18446744073709551616.0)},
+      // A string class: numbers become their decimal text.
+      {"name", 5, PXValue("5")},
+      {"name", 3.5, PXValue("3.5")},
+      {"name", PXValue(list), PXValue(list)},
+      // A number class: strings read as decimals.
+      {"count", "7", PXValue(7)},
+      {"count", "seven", std::nullopt},
+      // A date class: RFC 3339, else ISO 8601; other values as they are.
+      {"birthday", "2012-05-01T10:20:30+02:00", PXValue(rfc3339)},
+      {"birthday", "2012-05-01T10:20:30.123+0200", PXValue(iso8601)},
+      {"birthday", "yesterday", std::nullopt},
+      {"birthday", 12, PXValue(12)},
+      // No class name, or a class nobody registered: as they are.
+      {"payload", "anything", PXValue("anything")},
+      {"extra", 42, PXValue(42)},
+      // Structures are skipped; keys that name no property stay unused.
+      {"origin", "{1, 2}", std::nullopt},
+      {"nosuch", 1, std::nullopt},
+  };
+  PXRef<JREmployee> employee = PXMake<JREmployee>();
+  for (const Row& row : rows) {
+    std::string what = std::string(row.key) + " <- " + row.input.description().str();
+    PXRef<PXDictionary> input =
+        PXDictionary::dictionaryWithEntries({{row.key, row.input}, {"employer", "E"}});
+    PXRef<PXMutableDictionary> unused;
+    PXErrorRef error = PXError::errorWithDomain("sentinel", 7);
+    PXRef<PXDictionary> result = PXJSONRequest::matchDictionary(input.get(), {}, *employee, &unused, &error);
+    ASSERT_TRUE(result && unused) << what;
+    EXPECT_EQ(result->objectForKey("employer"), PXValue("E")) << what << ": superclass chain";
+    EXPECT_FALSE(unused->objectForKey("employer")) << what;
+    if (row.expected) {
+      const PXValue got = result->objectForKey(row.key);
+      EXPECT_EQ(got, *row.expected) << what << " gave " << got.description().str();
+      EXPECT_EQ(got.kind(), row.expected->kind()) << what;
+      EXPECT_FALSE(unused->objectForKey(row.key)) << what;
+    } else {
+      EXPECT_FALSE(result->objectForKey(row.key)) << what;
+      EXPECT_EQ(unused->objectForKey(row.key), row.input) << what;
+    }
+    ASSERT_TRUE(error) << what;
+    EXPECT_EQ(error->domain().str(), "sentinel") << what << ": the error is never set";
+  }
+  // The object itself is never written.
+  EXPECT_EQ(employee->age, 0);
+  EXPECT_TRUE(employee->name.isAbsent());
+}
+
+TEST(PXJSONRequest, MatchingHonoursTheSelectionAndLeavesTheInputAlone) {
+  PXRef<JRPerson> person = PXMake<JRPerson>();
+  PXRef<PXDictionary> input = PXDictionary::dictionaryWithEntries({{"age", "3"}, {"name", "N"}});
+  PXRef<PXMutableDictionary> unused;
+  PXRef<PXDictionary> result = PXJSONRequest::matchDictionary(input.get(), names({"age"}), *person, &unused);
+  EXPECT_TRUE(result->isEqual(*PXDictionary::dictionaryWithEntries({{"age", 3}})));
+  EXPECT_TRUE(unused->isEqual(*PXDictionary::dictionaryWithEntries({{"name", "N"}})));
+  unused->setObject(1, "added");  // a copy of its own
+  EXPECT_EQ(input->count(), 2u);
+  EXPECT_EQ(PXJSONRequest::matchDictionary(nullptr, {}, *person, &unused)->count(), 0u);
+  EXPECT_EQ(unused->count(), 0u);
+}
+
+// ---- Requests against the loopback server ----------------------------------------------
+
+// What one response handler call brought.
+struct Outcome {
+  int calls = 0;
+  bool success = false;
+  uint32_t cancelled = 0;
+  PXValue answer;
+  PXErrorRef error;
+  PXJSONRequest* request = nullptr;
+  std::thread::id thread;
+
+  PXJSONResponseHandler handler() {
+    return
+        [this](PXJSONRequest* r, bool ok, uint32_t wasCancelled, const PXValue& object, PXError* parseError) {
+          ++calls;
+          success = ok;
+          cancelled = wasCancelled;
+          answer = object;
+          error = PXErrorRef(parseError);
+          request = r;
+          thread = std::this_thread::get_id();
+        };
+  }
+};
+
+TEST(PXJSONRequest, PostsTheDocumentAsJSONOverOneConnection) {
+  PXLoopbackServer server;
+  server.handle("/echo", [](const PXLoopbackServer::Request& r) {
+    return PXLoopbackServer::Response(r.body).header("Content-Type", "application/json");
+  });
+  PXRef<PXDictionary> document =
+      PXDictionary::dictionaryWithEntries({{"papercuts", PXValue(names({1, "two"}))}, {"ok", true}});
+  struct Row {
+    const char* what;
+    PXValue object;
+    std::string body;  // what the server must receive
+  } rows[] = {
+      {"a dictionary, compact", PXValue(document), R"({"papercuts":[1,"two"],"ok":true})"},
+      {"an array", PXValue(names({1.5, PXValue::null()})), "[1.5,null]"},
+      {"bytes, as they are", PXValue(PXData::dataWithString("not JSON at all")), "not JSON at all"},
+      {"a string", PXValue("hi \"you\""), R"("hi \"you\"")"},
+      {"a number", PXValue(3.5), "3.5"},
+  };
+  for (const Row& row : rows) {
+    Outcome outcome;
+    PXErrorRef error = PXError::errorWithDomain("sentinel", 1);
+    PXRef<PXJSONRequest> request =
+        PXJSONRequest::startedJSONRequestWithURL(server.url("/echo"), row.object, outcome.handler(), &error);
+    ASSERT_TRUE(request) << row.what;
+    EXPECT_FALSE(error) << row.what << ": cleared on success";
+    EXPECT_EQ(request->requestMethod().str(), "POST");
+    EXPECT_TRUE(request->requestKeepAlive());
+    EXPECT_EQ(request->requestTimeout(), 60.0);
+    ASSERT_TRUE(PXRunLoopUntil([&] { return outcome.calls > 0; })) << row.what;
+    EXPECT_EQ(outcome.calls, 1);
+    EXPECT_TRUE(outcome.success) << row.what;
+    EXPECT_EQ(outcome.cancelled, 0u);
+    EXPECT_EQ(outcome.request, request.get());
+    EXPECT_EQ(outcome.thread, std::this_thread::get_id());
+
+    const PXLoopbackServer::Request seen = server.requests().back();
+    EXPECT_EQ(seen.method, "POST");
+    EXPECT_EQ(seen.body, row.body) << row.what;
+    EXPECT_EQ(seen.header("Content-Type"), "application/json") << row.what;
+    EXPECT_EQ(seen.header("Content-Length"), std::to_string(row.body.size())) << row.what;
+    EXPECT_EQ(seen.header("Connection"), "Keep-Alive") << row.what;
+  }
+  EXPECT_EQ(server.acceptedConnections(), 1) << "every post went over the first connection";
+}
+
+TEST(PXJSONRequest, ResponseHandlerParsesWhateverBodyCame) {
+  PXLoopbackServer server;
+  server.handle("/ok", [](const PXLoopbackServer::Request&) {
+    return PXLoopbackServer::Response(R"({"processedPapercutPackageIDs":["a"]})");
+  });
+  server.handle("/boom", [](const PXLoopbackServer::Request&) {
+    return PXLoopbackServer::Response(R"({"error":"boom"})", 500);
+  });
+  server.handle("/text",
+                [](const PXLoopbackServer::Request&) { return PXLoopbackServer::Response("<html>"); });
+  server.handle("/chunked", [](const PXLoopbackServer::Request&) {
+    return PXLoopbackServer::Response(R"([1,2,3])").chunked();
+  });
+  // A reply that breaks off before its announced length: the request fails,
+  // and what came is still read.
+  server.handleRaw(
+      "/cut", PXLoopbackServer::RawResponse("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"partial\":1}"));
+  const std::string refused = "http://127.0.0.1:" + std::to_string(PXLoopbackServer::refusedPort()) + "/";
+
+  struct Row {
+    std::string url;
+    bool success;
+    const char* answer;       // the answer's JSON text; null: absent
+    const char* errorDomain;  // null: no parse error
+  } rows[] = {
+      {server.url("/ok"), true, R"({"processedPapercutPackageIDs":["a"]})", nullptr},
+      {server.url("/boom"), true, R"({"error":"boom"})", nullptr},
+      {server.url("/chunked"), true, "[1,2,3]", nullptr},
+      {server.url("/text"), true, nullptr, kPXJSONErrorDomain},
+      {server.rawURL("/cut"), false, R"({"partial":1})", nullptr},
+      {refused, false, nullptr, nullptr},  // no body: nothing to parse, no error
+  };
+  for (const Row& row : rows) {
+    Outcome outcome;
+    PXRef<PXJSONRequest> request =
+        PXJSONRequest::startedJSONRequestWithURL(row.url, PXValue(names({})), outcome.handler());
+    ASSERT_TRUE(request) << row.url;
+    ASSERT_TRUE(PXRunLoopUntil([&] { return outcome.calls > 0; })) << row.url;
+    EXPECT_EQ(outcome.success, row.success) << row.url;
+    EXPECT_EQ(outcome.cancelled, 0u) << row.url;
+    if (row.answer) {
+      EXPECT_EQ(PXJSONSerialization::JSONify(outcome.answer).str(), row.answer) << row.url;
+    } else {
+      EXPECT_FALSE(outcome.answer) << row.url << ": " << outcome.answer.description().str();
+    }
+    if (row.errorDomain) {
+      ASSERT_TRUE(outcome.error) << row.url;
+      EXPECT_EQ(outcome.error->domain().str(), row.errorDomain);
+      EXPECT_EQ(outcome.error->code(), -1);
+    } else {
+      EXPECT_FALSE(outcome.error) << row.url << ": " << outcome.error->description().str();
+    }
+  }
+}
+
+TEST(PXJSONRequest, CancelledFromAnotherThread) {
+  PXLoopbackServer server;
+  server.handleRaw("/stall", PXLoopbackServer::RawResponse("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n",
+                                                           PXLoopbackServer::RawEnding::Stall));
+  Outcome outcome;
+  PXRef<PXJSONRequest> request = PXJSONRequest::startedJSONRequestWithURL(
+      server.rawURL("/stall"), PXValue(names({})), outcome.handler());
+  ASSERT_TRUE(request);
+  std::thread canceller([&] {
+    while (server.rawConnections() == 0) std::this_thread::yield();
+    request->cancel();
+  });
+  ASSERT_TRUE(PXRunLoopUntil([&] { return outcome.calls > 0; }));
+  canceller.join();
+  EXPECT_EQ(outcome.calls, 1);
+  EXPECT_FALSE(outcome.success);
+  EXPECT_EQ(outcome.cancelled, kPXWebRequestFinishedCancelled) << "the flag bit as it is, unshifted";
+  EXPECT_FALSE(outcome.answer);
+  EXPECT_FALSE(outcome.error);
+  EXPECT_TRUE(request->wasCancelled());
+}
+
+TEST(PXJSONRequest, EventHandlerSeesTheJSONTypeAndMayTakeTheBody) {
+  PXLoopbackServer server;
+  server.handle("/ok",
+                [](const PXLoopbackServer::Request&) { return PXLoopbackServer::Response(R"({"a":1})"); });
+  std::vector<int32_t> events;
+  PXRef<PXDictionary> headersAtStart;
+  std::string taken;
+  PXRef<PXJSONRequest> request = PXJSONRequest::startedJSONRequestWithURL(
+      server.url("/ok"), PXValue(names({})),
+      PXWebRequestEventHandler([&](PXWebRequest* r, int32_t event, const PXValue&, uint32_t) {
+        events.push_back(event);
+        if (event == kPXWebRequestEventWillStart) headersAtStart = r->requestHeaders();
+        if (event == kPXWebRequestEventReceivedData) taken += r->createAvailableResponseBodyData()->view();
+      }));
+  ASSERT_TRUE(request);
+  ASSERT_TRUE(PXRunLoopUntil([&] { return !events.empty() && events.back() == kPXWebRequestEventFinished; }));
+  EXPECT_EQ(events.front(), kPXWebRequestEventWillStart);
+  ASSERT_TRUE(headersAtStart) << "the JSON type is set before the caller's handler sees event 1";
+  EXPECT_EQ(headersAtStart->count(), 1u);
+  EXPECT_EQ(headersAtStart->objectForKey("Content-Type"), PXValue("application/json"));
+  // The handler took the body: nothing is left to parse, and the error is untouched.
+  EXPECT_EQ(taken, R"({"a":1})");
+  PXErrorRef error = PXError::errorWithDomain("sentinel", 3);
+  EXPECT_FALSE(request->responseJSONObjectWithError(&error));
+  EXPECT_EQ(error->domain().str(), "sentinel");
+}
+
+TEST(PXJSONRequest, RefusedStartsAndDocuments) {
+  PXLoopbackServer server;
+  server.handle("/ok", [](const PXLoopbackServer::Request&) { return PXLoopbackServer::Response("{}"); });
+  const PXErrorRef sentinel = PXError::errorWithDomain("sentinel", 9);
+  struct Row {
+    const char* what;
+    std::string url;
+    PXValue object;
+    const char* errorDomain;  // the error after the call; "sentinel": untouched; null: cleared
+    const char* description;  // its text, when checked
+  } rows[] = {
+      {"no request object", server.url("/ok"), PXValue(), nullptr, nullptr},
+      {"a date inside the document", server.url("/ok"),
+       PXValue(PXDictionary::dictionaryWithEntries({{"when", PXDate(0)}})), kPXJSONErrorDomain,
+       "Unable to serialize object class NSDate."},
+      {"a date as the document", server.url("/ok"), PXValue(PXDate(0)), "sentinel", nullptr},
+      {"a null document", server.url("/ok"), PXValue::null(), "sentinel", nullptr},
+      {"an unparsable URL", "not a url", PXValue(names({})), nullptr, nullptr},
+      {"an unknown scheme", "ftp://127.0.0.1/x", PXValue(names({})), nullptr, nullptr},
+  };
+  for (const Row& row : rows) {
+    int events = 0;
+    PXErrorRef error = sentinel;
+    PXRef<PXJSONRequest> request = PXJSONRequest::startedJSONRequestWithURL(
+        row.url, row.object,
+        PXWebRequestEventHandler([&](PXWebRequest*, int32_t event, const PXValue&, uint32_t) {
+          if (event != kPXWebRequestEventWillStart) ++events;
+        }),
+        &error);
+    EXPECT_FALSE(request) << row.what;
+    if (!row.errorDomain) {
+      EXPECT_FALSE(error) << row.what << ": " << error->description().str();
+    } else {
+      ASSERT_TRUE(error) << row.what;
+      EXPECT_EQ(error->domain().str(), row.errorDomain) << row.what;
+      if (row.description) {
+        EXPECT_EQ(error->localizedDescription().str(), row.description) << row.what;
+      }
+    }
+    PXRunLoop::current()->runOnce(/*mayBlock=*/false);
+    EXPECT_EQ(events, 0) << row.what << ": nothing follows a refused start";
+  }
+  EXPECT_EQ(server.acceptedConnections(), 0);
+}
+
+}  // namespace

@@ -1,0 +1,309 @@
+// The network availability monitor against real sources of network state: the
+// kernel's routing table in a network namespace of the test's own (default
+// routes added and removed on lo), and NetworkManager as python-dbusmock plays
+// it on a private system bus. Every case runs in a process of its own, so
+// GIO's network monitor (one per process) starts fresh.
+#include <gtest/gtest.h>
+#include <pxkit/foundation/PXObjectBlockObserver.h>
+#include <pxkit/net/PXNetworkAvailabilityMonitor.h>
+#include <pxkit/platform/PXRunLoop.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "support/PXDBusMock.h"
+#include "support/PXNetworkNamespace.h"
+#include "support/PXRunLoopUntil.h"
+
+namespace {
+
+using Monitor = PXNetworkAvailabilityMonitor;
+constexpr uint32_t kReachable = kPXNetworkReachabilityFlagsReachable;
+constexpr uint32_t kRequired = kPXNetworkReachabilityFlagsConnectionRequired;
+constexpr uint32_t kIntervention = kPXNetworkReachabilityFlagsInterventionRequired;
+constexpr uint32_t kOnDemand = kPXNetworkReachabilityFlagsConnectionOnDemand;
+constexpr uint32_t kLocal = kPXNetworkReachabilityFlagsIsLocalAddress;
+
+TEST(PXNetworkAvailabilityMonitor, RuleDecidesFromFlags) {
+  const std::pair<uint32_t, bool> rows[] = {
+      {0, false},
+      {kReachable, true},
+      {kReachable | kRequired, false},
+      {kReachable | kRequired | kOnDemand, true},
+      {kReachable | kRequired | kOnDemand | kIntervention, false},
+      {kReachable | kRequired | kPXNetworkReachabilityFlagsConnectionOnTraffic, true},
+      {kReachable | kRequired | kOnDemand | kIntervention | kLocal, true},
+      {kReachable | kPXNetworkReachabilityFlagsIsWWAN, true},
+      {0xffffffffu & ~kReachable, false},  // without reachable nothing counts
+  };
+  for (auto [flags, available] : rows)
+    EXPECT_EQ(Monitor::networkAvailableForFlags(flags), available) << flags;
+}
+
+TEST(PXNetworkAvailabilityMonitor, NetworkStateMapsToFlags) {
+  using C = PXNetworkConnectivity;
+  struct Row {
+    bool available;
+    C connectivity;
+    bool metered, local;
+    uint32_t flags;
+  } rows[] = {
+      {true, C::Full, false, false, kReachable},
+      {true, C::Full, true, false, kReachable | kPXNetworkReachabilityFlagsIsWWAN},
+      {true, C::Limited, false, false, kReachable | kRequired},
+      {true, C::Portal, false, false, kReachable | kRequired | kIntervention},
+      {true, C::Local, false, false, kReachable | kRequired},
+      {false, C::Full, true, false, 0},
+      {false, C::Local, false, true, kReachable | kLocal},  // the machine itself needs no network
+  };
+  for (const Row& r : rows) {
+    EXPECT_EQ(Monitor::reachabilityFlagsForNetworkState(r.available, r.connectivity, r.metered, r.local),
+              r.flags);
+  }
+  for (const char* local : {"127.0.0.1", "127.8.9.10", "::1", "[::1]", "localhost", "LocalHost."})
+    EXPECT_TRUE(Monitor::isLocalHostName(local)) << local;
+  for (const char* remote :
+       {"10.0.0.1", "::2", "0.0.0.0", "www.example.com", "localhost.example", "", " ::1"})
+    EXPECT_FALSE(Monitor::isLocalHostName(remote)) << remote;
+  EXPECT_FALSE(Monitor::isLocalHostName(PXString()));
+}
+
+// What observers of "networkAvailable" heard, and on which threads.
+struct Heard {
+  std::mutex lock;
+  std::vector<bool> values;
+  std::vector<std::thread::id> threads;
+
+  explicit Heard(Monitor& monitor) {
+    PXObjectBlockObserver::addObserverForKeyPath(
+        monitor, "networkAvailable", PXKeyValueObservingOptionNew, nullptr,
+        [this](PXObject*, const PXString&, const PXDictionary& change, PXObject*) {
+          std::lock_guard guard(lock);
+          values.push_back(change.objectForKey(kPXKeyValueChangeNewKey).boolValue());
+          threads.push_back(std::this_thread::get_id());
+        });
+  }
+  size_t count() {
+    std::lock_guard guard(lock);
+    return values.size();
+  }
+  bool allOnThisThread() {
+    std::lock_guard guard(lock);
+    return std::all_of(threads.begin(), threads.end(),
+                       [](auto t) { return t == std::this_thread::get_id(); });
+  }
+};
+
+PXRef<Monitor> makeMonitor(const char* host = "www.example.com") {
+  return PXMake<Monitor>(PXString(host));
+}
+
+// Dispatches what is ready on the main context: every change `ip` made is.
+void drain() {
+  while (g_main_context_iteration(nullptr, FALSE)) {
+  }
+}
+
+void defaultRoute(const char* verb, const char* family = "-4") {
+  std::string error;
+  ASSERT_TRUE(PXRunIp({family, "route", verb, "default", "dev", "lo"}, &error)) << verb << ": " << error;
+}
+
+class PXNetworkAvailabilityMonitorNetlink : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    PX_SKIP_WITHOUT_NETWORK_NAMESPACE();
+    unsetenv("GIO_USE_NETWORK_MONITOR");
+  }
+};
+
+TEST_F(PXNetworkAvailabilityMonitorNetlink, FollowsTheDefaultRoute) {
+  PXRef<Monitor> monitor = makeMonitor();
+  Heard heard(*monitor);
+  monitor->setMonitorNetworkAvailability(true);
+  ASSERT_EQ(heard.count(), 1u) << "turning on looks at once";
+  EXPECT_FALSE(monitor->networkAvailable());
+
+  const std::pair<const char*, const char*> steps[] = {
+      {"add", "-4"}, {"del", "-4"}, {"add", "-6"}, {"del", "-6"}};
+  for (auto [verb, family] : steps) {
+    const size_t before = heard.count();
+    const bool expected = verb == std::string("add");
+    defaultRoute(verb, family);
+    ASSERT_TRUE(PXRunLoopUntil([&] {
+      return heard.count() > before && monitor->networkAvailable() == expected;
+    })) << verb
+        << " " << family;
+    EXPECT_EQ(monitor->reachabilityFlags(), expected ? kReachable : 0u);
+  }
+  EXPECT_TRUE(heard.allOnThisThread());
+
+  // A loopback host is there without any route; a new name counts from the next look.
+  PXRef<Monitor> loopback = makeMonitor("127.0.0.1");
+  loopback->setMonitorNetworkAvailability(true);
+  EXPECT_EQ(loopback->reachabilityFlags(), kReachable | kLocal);
+  loopback->setHostName("www.example.com");
+  defaultRoute("add");
+  defaultRoute("del");
+  drain();
+  EXPECT_FALSE(loopback->networkAvailable());
+}
+
+TEST_F(PXNetworkAvailabilityMonitorNetlink, SwitchedOnFromAnotherThread) {
+  defaultRoute("add");
+  PXRef<Monitor> monitor = makeMonitor();
+  std::unique_ptr<Heard> heard;
+  bool done = false, availableOnReturn = false;
+  std::thread caller([&] {
+    heard = std::make_unique<Heard>(*monitor);  // observers may register on any thread
+    monitor->setMonitorNetworkAvailability(true);
+    availableOnReturn = monitor->monitorNetworkAvailability() && monitor->networkAvailable();
+    PXRunLoop::main()->performBlock([&] { done = true; });  // also wakes the waiting main loop
+  });
+  ASSERT_TRUE(PXRunLoopUntil([&] { return done; }));
+  caller.join();
+  EXPECT_TRUE(availableOnReturn) << "the first verdict is in before the switch returns";
+  defaultRoute("del");
+  ASSERT_TRUE(PXRunLoopUntil([&] { return !monitor->networkAvailable(); }));
+  EXPECT_GE(heard->count(), 2u);
+  EXPECT_TRUE(heard->allOnThisThread()) << "observers hear the monitor on the main thread";
+}
+
+TEST_F(PXNetworkAvailabilityMonitorNetlink, SharedMonitorIsMadeOnceAndOnForEveryCaller) {
+  defaultRoute("add");
+  constexpr int kThreads = 6;
+  std::vector<Monitor*> seen(kThreads);
+  std::vector<char> onWhenSeen(kThreads);
+  int finished = 0;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&, i] {
+      seen[i] = Monitor::sharedMonitor();
+      onWhenSeen[i] = seen[i]->monitorNetworkAvailability() && seen[i]->networkAvailable();
+      PXRunLoop::main()->performBlock([&] { ++finished; });
+    });
+  }
+  Monitor* mine = Monitor::sharedMonitor();  // while the others may wait for the main thread
+  ASSERT_TRUE(PXRunLoopUntil([&] { return finished == kThreads; }));
+  for (std::thread& t : threads) t.join();
+  for (int i = 0; i < kThreads; ++i) {
+    EXPECT_EQ(seen[i], mine);
+    EXPECT_TRUE(onWhenSeen[i]) << "caller " << i << " had the monitor before it was on";
+  }
+  EXPECT_EQ(mine->hostName().str(), kPXNetworkAvailabilityMonitorDefaultHostName);
+}
+
+TEST_F(PXNetworkAvailabilityMonitorNetlink, SubscribesOnceHoweverOftenTurnedOn) {
+  // The same changes reach a monitor turned on once, one turned on twice and
+  // one turned on, off and on: each hears them as often as the first. One
+  // turned off hears nothing and keeps its verdict.
+  PXRef<Monitor> once = makeMonitor(), twice = makeMonitor(), again = makeMonitor(), off = makeMonitor();
+  Heard heardOnce(*once), heardTwice(*twice), heardAgain(*again), heardOff(*off);
+  once->setMonitorNetworkAvailability(true);
+  twice->setMonitorNetworkAvailability(true);
+  twice->setMonitorNetworkAvailability(true);
+  EXPECT_EQ(heardTwice.count(), 1u) << "a second 'on' is no switch";
+  again->setMonitorNetworkAvailability(true);
+  again->setMonitorNetworkAvailability(false);
+  again->setMonitorNetworkAvailability(true);
+  EXPECT_EQ(heardAgain.count(), 2u) << "on again looks again at once";
+  off->setMonitorNetworkAvailability(true);
+  off->setMonitorNetworkAvailability(false);
+  EXPECT_FALSE(off->monitorNetworkAvailability());
+
+  const size_t base[] = {heardOnce.count(), heardTwice.count(), heardAgain.count(), heardOff.count()};
+  defaultRoute("add");
+  drain();
+  defaultRoute("del");
+  drain();
+  const size_t changes = heardOnce.count() - base[0];
+  EXPECT_GE(changes, 2u);
+  EXPECT_EQ(heardTwice.count() - base[1], changes);
+  EXPECT_EQ(heardAgain.count() - base[2], changes);
+  EXPECT_EQ(heardOff.count() - base[3], 0u);
+}
+
+TEST_F(PXNetworkAvailabilityMonitorNetlink, DroppedOnAnotherThreadWhileAChangeWaits) {
+  // The last reference goes on a thread the main thread waits for: dropping
+  // must not wait for the main loop, and the waiting change must not reach
+  // the dead monitor (ASan would see it).
+  PXRef<Monitor> monitor = makeMonitor();
+  PXWeakRef<Monitor> weak = monitor;
+  monitor->setMonitorNetworkAvailability(true);
+  defaultRoute("add");
+  std::thread([m = std::move(monitor)]() mutable { m = nullptr; }).join();
+  EXPECT_FALSE(weak.lock());
+  drain();
+}
+
+TEST(PXNetworkAvailabilityMonitor, EverySetNotifiesAlsoWithoutChange) {
+  PXRef<Monitor> monitor = makeMonitor();
+  Heard heard(*monitor);
+  monitor->setNetworkAvailable(true);
+  monitor->setNetworkAvailable(true);
+  monitor->setValueForKey(PXValue(false), "networkAvailable");
+  EXPECT_EQ(heard.values, (std::vector<bool>{true, true, false}));
+  EXPECT_EQ(monitor->valueForKey("hostName").description().str(), "www.example.com");
+  EXPECT_FALSE(monitor->valueForKey("monitorNetworkAvailability").boolValue());
+}
+
+// ---- NetworkManager ---------------------------------------------------------------------
+
+class PXNetworkAvailabilityMonitorNetworkManager : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    PX_SKIP_WITHOUT_DBUS_MOCK();
+    setenv("GIO_USE_NETWORK_MONITOR", "networkmanager", 1);  // before GIO's monitor is made
+    bus_ = std::make_unique<PXDBusMock>();
+    std::string error;
+    ASSERT_TRUE(bus_->startTemplate("networkmanager", "org.freedesktop.NetworkManager", {}, &error)) << error;
+  }
+  void set(const char* method, uint32_t value) {
+    std::string error;
+    ASSERT_TRUE(bus_->call("org.freedesktop.NetworkManager", "/org/freedesktop/NetworkManager",
+                           "org.freedesktop.DBus.Mock", method, g_variant_new("(u)", value), &error))
+        << error;
+  }
+  std::unique_ptr<PXDBusMock> bus_;
+};
+
+// NetworkManager's global states and connectivity levels.
+constexpr uint32_t kDisconnected = 20, kConnectedSite = 60, kConnectedGlobal = 70;
+constexpr uint32_t kPortal = 2, kLimited = 3, kFull = 4;
+
+TEST_F(PXNetworkAvailabilityMonitorNetworkManager, FollowsStateAndConnectivity) {
+  PXRef<Monitor> monitor = makeMonitor();
+  monitor->setMonitorNetworkAvailability(true);
+  EXPECT_EQ(monitor->reachabilityFlags(), kReachable) << "the mock starts connected, with full connectivity";
+  Heard heard(*monitor);
+  struct Step {
+    const char* method;
+    uint32_t value;
+    uint32_t flags;
+  } steps[] = {
+      {"SetGlobalConnectionState", kDisconnected, 0},
+      {"SetGlobalConnectionState", kConnectedSite, kReachable | kRequired},
+      {"SetConnectivity", kPortal, kReachable | kRequired | kIntervention},
+      {"SetGlobalConnectionState", kConnectedGlobal, kReachable | kRequired | kIntervention},
+      {"SetConnectivity", kFull, kReachable},
+      {"SetConnectivity", kLimited, kReachable | kRequired},
+  };
+  for (const Step& step : steps) {
+    const size_t before = heard.count();
+    set(step.method, step.value);
+    ASSERT_TRUE(PXRunLoopUntil([&] { return monitor->reachabilityFlags() == step.flags; })) << step.method;
+    // One look per burst: going offline changes availability and
+    // connectivity, announced one after the other, and is heard once.
+    drain();
+    EXPECT_LE(heard.count() - before, 1u) << step.method << " " << step.value;
+    EXPECT_EQ(monitor->networkAvailable(), step.flags == kReachable);
+  }
+  EXPECT_EQ(heard.values.front(), false);
+  EXPECT_TRUE(heard.allOnThisThread());
+}
+
+}  // namespace

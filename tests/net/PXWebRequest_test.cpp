@@ -1,0 +1,668 @@
+// PXWebRequest against a real HTTP server in the process (PXLoopbackServer):
+// response shapes, redirects, keep-alive records, cancellation, bad input,
+// the delegate adapter, change notifications, TLS and a 50 MB body.
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+#include <pxkit/net/PXWebRequest.h>
+#include <pxkit/objects/PXArray.h>
+#include <pxkit/objects/PXClock.h>
+#include <pxkit/platform/PXRunLoop.h>
+#include <pxkit/platform/PXTimer.h>
+
+#include <algorithm>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/PXLoopbackServer.h"
+#include "support/PXRunLoopUntil.h"
+
+struct PXWebRequestTestHook {
+  static std::vector<PXRef<PXDictionary>> records() { return PXWebRequest::_keepAliveStreamTrackDicts(); }
+  static PXRef<PXMutableDictionary> record(PXWebRequest& request) { return request.streamTrackDict_; }
+};
+
+namespace {
+
+using Server = PXLoopbackServer;
+
+// Everything a request reported, in order.
+struct Recorder {
+  std::vector<int32_t> events;
+  std::vector<uint32_t> flags;
+  std::string body;
+  PXRef<PXError> error;
+  PXRef<PXDictionary> headers;
+  uint64_t uniqueID = UINT64_MAX;  // of the tracking record, seen at event 2
+  int finishes = 0;
+  uint32_t finishFlags = 0;
+  std::function<void(PXWebRequest*, int32_t)> also;
+
+  PXWebRequestEventHandler handler() {
+    return [this](PXWebRequest* request, int32_t event, const PXValue& object, uint32_t eventFlags) {
+      events.push_back(event);
+      flags.push_back(eventFlags);
+      if (event == kPXWebRequestEventOpened) {
+        if (auto record = PXWebRequestTestHook::record(*request)) {
+          uniqueID = record->objectForKey(kPXWebRequestTrackUniqueIDKey).unsignedLongLongValue();
+        }
+      }
+      if (event == kPXWebRequestEventReceivedHeaders)
+        headers = PXDynamicCast<PXDictionary>(object.objectValue());
+      if (event == kPXWebRequestEventError) error = PXDynamicCast<PXError>(object.objectValue());
+      if (event == kPXWebRequestEventReceivedData)
+        body.append(request->createAvailableResponseBodyData()->view());
+      if (event == kPXWebRequestEventFinished) {
+        ++finishes;
+        finishFlags = eventFlags;
+      }
+      if (also) also(request, event);
+    };
+  }
+  bool finished() const { return finishes > 0; }
+  bool saw(int32_t event) const { return std::find(events.begin(), events.end(), event) != events.end(); }
+  int count(int32_t event) const { return static_cast<int>(std::count(events.begin(), events.end(), event)); }
+};
+
+PXRef<PXWebRequest> makeRequest(const std::string& url, Recorder& recorder, bool keepAlive = true,
+                                PXString method = "GET", PXRef<PXData> body = nullptr) {
+  return PXMake<PXWebRequest>(PXString(url), method, std::move(body), keepAlive, 60.0, recorder.handler());
+}
+
+// Starts a request and runs this thread's loop until its finish.
+void runToFinish(PXWebRequest& request, Recorder& recorder) {
+  ASSERT_TRUE(request.startRequestInRunLoopMode(kPXDefaultRunLoopMode));
+  ASSERT_TRUE(PXRunLoopUntil([&] { return recorder.finished(); }));
+}
+
+bool hasConnection(const PXRef<PXDictionary>& record) {
+  return static_cast<bool>(record->objectForKey(kPXWebRequestTrackReadStreamKey));
+}
+
+// ---- Query URLs -------------------------------------------------------------------------------
+
+TEST(PXWebRequest, GeneratesQueryURLsWithTheKeptLeadingAmpersand) {
+  struct Row {
+    const char* base;
+    std::vector<PXDictionary::Entry> parameters;
+    const char* expected;
+  } rows[] = {
+      {"http://h/p", {{"a", "b"}}, "http://h/p?&a=b"},
+      {"http://h/p?", {{"a", "b"}}, "http://h/p?&a=b"},
+      {"http://h/p", {{"a", "b"}, {"c", "d"}}, "http://h/p?&a=b&c=d"},
+      {"http://h/p", {}, "http://h/p?"},
+      {"http://h/p", {{"q", "a b&c=d/e+f?#"}}, "http://h/p?&q=a%20b&c=d/e+f?#"},
+      {"http://h/p",
+       {{"name", "caf\xC3\xA9 \"%<>\\^`{|}[]"}},
+       "http://h/p?&name=caf%C3%A9%20%22%25%3C%3E%5C%5E%60%7B%7C%7D%5B%5D"},
+      {"http://h/p", {{"n", 42}, {"t", true}}, "http://h/p?&n=42&t=1"},
+  };
+  for (const Row& row : rows) {
+    auto parameters = PXDictionary::dictionaryWithEntries(row.parameters);
+    EXPECT_EQ(PXWebRequest::generateURLWithBaseURL(row.base, parameters.get()), row.expected) << row.base;
+  }
+  EXPECT_FALSE(PXWebRequest::generateURLWithBaseURL(PXString(), nullptr));
+  EXPECT_EQ(PXWebRequest::generateURLWithBaseURL("http://h/?", nullptr), "http://h/?");
+}
+
+// ---- Response shapes ----------------------------------------------------------------------------
+
+TEST(PXWebRequest, EndsEachResponseShapeAsItsFramingSays) {
+  Server server;
+  server.handle("/empty", [](const Server::Request&) { return Server::Response(); });
+  server.handle("/sized", [](const Server::Request&) { return Server::Response("hello"); });
+  server.handle("/chunked",
+                [](const Server::Request&) { return Server::Response("hello chunked").chunked(); });
+  server.handle("/missing", [](const Server::Request&) { return Server::Response("missing", 404); });
+  server.handle("/broken", [](const Server::Request&) { return Server::Response("broken", 500); });
+  server.handleRaw("/until-close", Server::RawResponse("HTTP/1.1 200 OK\r\n\r\nread until close"));
+  server.handleRaw("/short", Server::RawResponse("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nonly ten b"));
+  server.handleRaw("/reset", Server::RawResponse("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nten bytes.",
+                                                 Server::RawEnding::Reset));
+  server.handleRaw("/garbage", Server::RawResponse("this is not HTTP at all\r\n\r\n"));
+
+  struct Row {
+    std::string name, url;
+    bool success;
+    bool error;           // event 3 came
+    int64_t total;        // responseBodyTotalLength
+    int32_t status;       // 0: not checked
+    const char* body;     // nullptr: not checked
+    bool connectionKept;  // the tracking record still holds its connection
+  } rows[] = {
+      // A zero length completes at the end of the message, which closes the connection.
+      {"content-length 0", server.url("/empty"), true, false, 0, 200, "", false},
+      {"content-length", server.url("/sized"), true, false, 5, 200, "hello", true},
+      {"chunked", server.url("/chunked"), true, false, -1, 200, "hello chunked", false},
+      {"close-delimited", server.rawURL("/until-close"), true, false, -1, 200, "read until close", false},
+      {"shorter than its length", server.rawURL("/short"), false, false, 100, 200, "only ten b", false},
+      {"404 with a body", server.url("/missing"), true, false, 7, 404, "missing", true},
+      {"500 with a body", server.url("/broken"), true, false, 6, 500, "broken", true},
+      {"reset in the body", server.rawURL("/reset"), false, true, 100, 0, nullptr, false},
+      {"not HTTP", server.rawURL("/garbage"), false, true, -1, 0, nullptr, false},
+      {"refused", "http://127.0.0.1:" + std::to_string(Server::refusedPort()) + "/", false, true, -1, 0,
+       nullptr, false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    Recorder recorder;
+    PXRef<PXMutableDictionary> record;
+    recorder.also = [&](PXWebRequest* request, int32_t event) {
+      if (event == kPXWebRequestEventWillStart) return;
+      if (!record) record = PXWebRequestTestHook::record(*request);
+    };
+    auto request = makeRequest(row.url, recorder);
+    runToFinish(*request, recorder);
+
+    EXPECT_EQ(recorder.finishes, 1);
+    EXPECT_EQ(recorder.events.front(), kPXWebRequestEventWillStart);
+    EXPECT_EQ(recorder.events.back(), kPXWebRequestEventFinished);
+    EXPECT_EQ(recorder.finishFlags, row.success ? kPXWebRequestFinishedSuccess : 0u);
+    EXPECT_EQ(request->wasSuccessful(), row.success);
+    EXPECT_TRUE(request->isCompleted());
+    EXPECT_FALSE(request->wasCancelled());
+    EXPECT_EQ(recorder.saw(kPXWebRequestEventError), row.error);
+    EXPECT_EQ(static_cast<bool>(request->lastError()), row.error);
+    if (row.error) {
+      ASSERT_TRUE(recorder.error);
+      EXPECT_EQ(recorder.error->domain(), kPXWebRequestErrorDomain);
+      EXPECT_FALSE(recorder.error->localizedDescription().empty());
+      EXPECT_EQ(recorder.error->userInfo()->objectForKey(kPXWebRequestErrorURLKey).stringValue(), row.url);
+      // Event 3 comes right before the finish.
+      ASSERT_GE(recorder.events.size(), 2u);
+      EXPECT_EQ(recorder.events[recorder.events.size() - 2], kPXWebRequestEventError);
+    }
+    EXPECT_EQ(request->responseBodyTotalLength(), row.total);
+    if (row.status) {
+      EXPECT_EQ(request->responseStatusCode(), row.status);
+      EXPECT_EQ(recorder.count(kPXWebRequestEventReceivedHeaders), 1);
+      EXPECT_EQ(recorder.count(kPXWebRequestEventOpened), 1);
+    }
+    if (row.body) {
+      EXPECT_EQ(recorder.body, row.body);
+      EXPECT_EQ(request->responseBodyReceivedBytes(), static_cast<int64_t>(std::string(row.body).size()));
+    }
+    if (row.total > 0 && row.success) {
+      // The last data event of a sized body says it is the final data.
+      auto last = std::find(recorder.events.rbegin(), recorder.events.rend(), kPXWebRequestEventReceivedData);
+      ASSERT_NE(last, recorder.events.rend());
+      EXPECT_EQ(recorder.flags[recorder.events.rend() - last - 1], kPXWebRequestDataFinal);
+    }
+    if (record) {
+      EXPECT_EQ(hasConnection(record), row.connectionKept);
+      EXPECT_FALSE(record->objectForKey(kPXWebRequestTrackIsUsedKey));
+    }
+  }
+}
+
+TEST(PXWebRequest, TheFinalDataOfAnUnsizedBodyIsFlaggedWhenItCameWithTheEnd) {
+  Server server;
+  server.handleRaw("/until-close",
+                   Server::RawResponse("HTTP/1.1 200 OK\r\n\r\n", Server::RawEnding::Close, 3000));
+  Recorder recorder;
+  auto request = makeRequest(server.rawURL("/until-close"), recorder);
+  runToFinish(*request, recorder);
+  EXPECT_EQ(recorder.body.size(), 3000u);
+  // Every data event before the last is not final; the last one may be (when
+  // the end was read with it): never a final flag followed by more data.
+  std::vector<uint32_t> dataFlags;
+  for (size_t i = 0; i < recorder.events.size(); ++i) {
+    if (recorder.events[i] == kPXWebRequestEventReceivedData) dataFlags.push_back(recorder.flags[i]);
+  }
+  ASSERT_FALSE(dataFlags.empty());
+  for (size_t i = 0; i + 1 < dataFlags.size(); ++i) EXPECT_EQ(dataFlags[i], 0u);
+}
+
+// ---- Redirects ----------------------------------------------------------------------------------
+
+TEST(PXWebRequest, FollowsRedirectChainsUpToTheLimit) {
+  Server server;
+  // /hop/N redirects (301 and 302 in turn) to /hop/N-1; /hop/0 answers.
+  server.handle("/hop", [&server](const Server::Request& request) {
+    int left = std::stoi(request.query);
+    if (left == 0) return Server::Response("arrived");
+    return Server::Response("moving", left % 2 ? 301 : 302)
+        .header("Location", server.url("/hop") + "?" + std::to_string(left - 1));
+  });
+  server.handle("/loop", [&server](const Server::Request&) {
+    return Server::Response("", 302).header("Location", server.url("/loop"));
+  });
+  struct Row {
+    std::string url;
+    bool success;
+  } rows[] = {
+      {server.url("/hop?2"), true},
+      {server.url("/hop?") + std::to_string(kPXWebRequestMaxRedirects - 1), true},
+      {server.url("/hop?") + std::to_string(kPXWebRequestMaxRedirects), true},
+      {server.url("/hop?") + std::to_string(kPXWebRequestMaxRedirects + 1), false},
+      {server.url("/loop"), false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.url);
+    Recorder recorder;
+    auto request = makeRequest(row.url, recorder);
+    runToFinish(*request, recorder);
+    EXPECT_EQ(request->wasSuccessful(), row.success);
+    EXPECT_EQ(recorder.saw(kPXWebRequestEventError), !row.success);
+    if (row.success) {
+      EXPECT_EQ(recorder.body, "arrived");  // the redirects' own bodies are not reported
+      EXPECT_EQ(recorder.count(kPXWebRequestEventReceivedHeaders), 1);
+      EXPECT_EQ(request->responseStatusCode(), 200);
+    } else {
+      EXPECT_FALSE(recorder.saw(kPXWebRequestEventReceivedHeaders));
+      EXPECT_EQ(recorder.error->code(), CURLE_TOO_MANY_REDIRECTS);
+    }
+  }
+  // The loop was left after the limit: its first request and the redirects followed.
+  auto seen = server.requests();
+  EXPECT_EQ(std::count_if(seen.begin(), seen.end(), [](const auto& r) { return r.path == "/loop"; }),
+            kPXWebRequestMaxRedirects + 1);
+}
+
+// ---- Bad input ---------------------------------------------------------------------------------------
+
+TEST(PXWebRequest, RefusesToStartWithoutAUsableURLOrMethod) {
+  struct Row {
+    PXString url;
+    PXString method;
+  } rows[] = {
+      {"http://[not-an-address/", "GET"},
+      {"ftp://127.0.0.1/file", "GET"},
+      {"no scheme at all", "GET"},
+      {"", "GET"},
+      {PXString(), "GET"},
+      {"http://127.0.0.1/", PXString()},
+      {"file:///etc/passwd", "GET"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.url.str());
+    Recorder recorder;
+    auto request = PXMake<PXWebRequest>(row.url, row.method, nullptr, true, 60.0, recorder.handler());
+    EXPECT_FALSE(request->startRequestInRunLoopMode(kPXDefaultRunLoopMode));
+    EXPECT_EQ(recorder.events, std::vector<int32_t>{kPXWebRequestEventWillStart});
+    EXPECT_FALSE(request->isCompleted());
+    if (row.method) {
+      EXPECT_FALSE(PXWebRequest::startedGETRequestForURL(row.url, recorder.handler()));
+    }
+  }
+}
+
+// ---- Keep-alive ------------------------------------------------------------------------------------
+
+TEST(PXWebRequest, SimultaneousRequestsTakeTwoRecordsAndALaterOneReusesTheFirst) {
+  Server server;
+  server.handle("/item", [](const Server::Request&) { return Server::Response("item"); });
+  Recorder first, second, third;
+  auto a = makeRequest(server.url("/item"), first);
+  auto b = makeRequest(server.url("/item"), second);
+  ASSERT_TRUE(a->startRequestInRunLoopMode(kPXDefaultRunLoopMode));
+  ASSERT_TRUE(b->startRequestInRunLoopMode(kPXDefaultRunLoopMode));
+  ASSERT_TRUE(PXRunLoopUntil([&] { return first.finished() && second.finished(); }));
+  EXPECT_TRUE(a->wasSuccessful() && b->wasSuccessful());
+  EXPECT_NE(first.uniqueID, second.uniqueID);
+  EXPECT_EQ(server.acceptedConnections(), 2);
+
+  auto c = makeRequest(server.url("/item"), third);
+  runToFinish(*c, third);
+  EXPECT_EQ(third.body, "item");
+  EXPECT_EQ(third.uniqueID, first.uniqueID);
+  EXPECT_EQ(server.acceptedConnections(), 2);  // sent over the first record's open connection
+
+  auto records = PXWebRequestTestHook::records();
+  ASSERT_EQ(records.size(), 2u);
+  for (const auto& record : records) {
+    EXPECT_EQ(record->objectForKey(kPXWebRequestTrackHostTrackingIDKey).stringValue(),
+              "http_127.0.0.1_" + std::to_string(server.port()));
+    EXPECT_TRUE(hasConnection(record));
+    EXPECT_FALSE(record->objectForKey(kPXWebRequestTrackIsUsedKey));
+  }
+}
+
+TEST(PXWebRequest, ConnectionCloseInAnyCaseClosesTheKeptConnection) {
+  Server server;
+  server.handle("/close",
+                [](const Server::Request&) { return Server::Response("bye").header("Connection", "CLOSE"); });
+  for (int round = 0; round < 2; ++round) {
+    Recorder recorder;
+    auto request = makeRequest(server.url("/close"), recorder);
+    runToFinish(*request, recorder);
+    EXPECT_TRUE(request->wasSuccessful());
+    EXPECT_EQ(recorder.body, "bye");
+  }
+  auto records = PXWebRequestTestHook::records();
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_FALSE(hasConnection(records[0]));
+  EXPECT_EQ(server.acceptedConnections(), 2);
+}
+
+TEST(PXWebRequest, WithoutKeepAliveEveryRequestHasItsOwnConnectionAndNoRecord) {
+  Server server;
+  server.handle("/item", [](const Server::Request&) { return Server::Response("item"); });
+  for (int round = 0; round < 3; ++round) {
+    Recorder recorder;
+    auto request = makeRequest(server.url("/item"), recorder, /*keepAlive=*/false);
+    runToFinish(*request, recorder);
+    EXPECT_TRUE(request->wasSuccessful());
+  }
+  EXPECT_EQ(server.acceptedConnections(), 3);
+  EXPECT_TRUE(PXWebRequestTestHook::records().empty());
+  for (const auto& seen : server.requests()) EXPECT_NE(seen.header("Connection"), "Keep-Alive");
+}
+
+// ---- The message -------------------------------------------------------------------------------------
+
+TEST(PXWebRequest, SendsItsBodyWithTheKitsHeaderFields) {
+  Server server;
+  server.handle("/post", [](const Server::Request& request) {
+    return Server::Response(std::to_string(request.body.size()));
+  });
+  struct Row {
+    std::vector<PXDictionary::Entry> headers;
+    const char* contentType;
+  } rows[] = {
+      {{}, "application/data"},
+      {{{"Content-Type", "application/json"}, {"X-Number", 7}, {"X-Extra", "yes"}}, "application/json"},
+  };
+  for (const Row& row : rows) {
+    Recorder recorder;
+    std::string payload(3000, 'p');
+    auto request = makeRequest(server.url("/post"), recorder, true, "POST", PXData::dataWithString(payload));
+    recorder.also = [&](PXWebRequest* r, int32_t event) {
+      // Event 1 comes before the message is built: headers set here are sent.
+      if (event == kPXWebRequestEventWillStart)
+        r->setRequestHeaders(PXDictionary::dictionaryWithEntries(row.headers));
+    };
+    runToFinish(*request, recorder);
+    EXPECT_EQ(recorder.body, "3000");
+    const Server::Request seen = server.requests().back();
+    EXPECT_EQ(seen.method, "POST");
+    EXPECT_EQ(seen.body, payload);
+    EXPECT_EQ(seen.header("Content-Type"), row.contentType);
+    EXPECT_EQ(seen.header("Content-Length"), "3000");
+    EXPECT_EQ(seen.header("Connection"), "Keep-Alive");
+    EXPECT_FALSE(seen.hasHeader("X-Number"));  // not a string: skipped
+    EXPECT_FALSE(seen.hasHeader("Expect"));
+  }
+  EXPECT_EQ(server.requests()[1].header("X-Extra"), "yes");
+}
+
+// ---- Cancelling -------------------------------------------------------------------------------------
+
+TEST(PXWebRequest, CancelBeforeStartFinishesAsCancelledAndStartThenFails) {
+  Recorder recorder;
+  auto request = PXMake<PXWebRequest>("http://127.0.0.1:9/", "GET", nullptr, true, 60.0, recorder.handler());
+  request->cancel();
+  EXPECT_EQ(recorder.events, std::vector<int32_t>{kPXWebRequestEventFinished});
+  EXPECT_EQ(recorder.finishFlags, kPXWebRequestFinishedCancelled);
+  EXPECT_FALSE(request->startRequestInRunLoopMode(kPXDefaultRunLoopMode));
+  EXPECT_EQ(recorder.events.size(), 1u);
+  EXPECT_TRUE(request->wasCancelled());
+}
+
+TEST(PXWebRequest, ACancelFromAnotherThreadEndsAStalledTransferAtOnce) {
+  Server server;
+  server.handleRaw("/drip", Server::RawResponse("HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\nfirst drop",
+                                                Server::RawEnding::Stall));
+  Recorder recorder;
+  std::thread canceller;
+  PXRef<PXMutableDictionary> record;
+  recorder.also = [&](PXWebRequest* request, int32_t event) {
+    if (event != kPXWebRequestEventReceivedData || canceller.joinable()) return;
+    record = PXWebRequestTestHook::record(*request);
+    // No byte follows: only the hand-over to this thread can end the request.
+    canceller = std::thread([keep = PXRef<PXWebRequest>(request)] { keep->cancel(); });
+  };
+  auto request = makeRequest(server.rawURL("/drip"), recorder);
+  runToFinish(*request, recorder);
+  canceller.join();
+  EXPECT_EQ(recorder.body, "first drop");
+  EXPECT_EQ(recorder.finishes, 1);
+  EXPECT_EQ(recorder.finishFlags, kPXWebRequestFinishedCancelled);
+  EXPECT_TRUE(request->wasCancelled());
+  EXPECT_FALSE(request->wasSuccessful());
+  ASSERT_TRUE(record);
+  EXPECT_FALSE(hasConnection(record));
+  EXPECT_FALSE(record->objectForKey(kPXWebRequestTrackIsUsedKey));
+}
+
+TEST(PXWebRequest, ARunningRequestReleasedOnAnotherThreadIsStoppedOnItsOwnLoop) {
+  Server server;
+  server.handleRaw("/drip", Server::RawResponse("HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\nfirst drop",
+                                                Server::RawEnding::Stall));
+  Recorder recorder;
+  PXRef<PXMutableDictionary> record;
+  recorder.also = [&](PXWebRequest* request, int32_t event) {
+    if (event == kPXWebRequestEventReceivedData) record = PXWebRequestTestHook::record(*request);
+  };
+  auto request = makeRequest(server.rawURL("/drip"), recorder);
+  ASSERT_TRUE(request->startRequestInRunLoopMode(kPXDefaultRunLoopMode));
+  ASSERT_TRUE(PXRunLoopUntil([&] { return record != nullptr; }));
+  std::thread([last = std::move(request)]() mutable { last = nullptr; }).join();
+  // The transfer is handed back to this loop, which stops it and frees the record.
+  ASSERT_TRUE(PXRunLoopUntil(
+      [&] { return !PXWebRequestTestHook::records()[0]->objectForKey(kPXWebRequestTrackIsUsedKey); }));
+  EXPECT_FALSE(recorder.finished());  // released, not finished: no event 6
+}
+
+// ---- Threads and time --------------------------------------------------------------------------------
+
+TEST(PXWebRequest, RunsOnTheRunLoopOfTheThreadThatStartedIt) {
+  Server server;
+  server.handle("/item", [](const Server::Request&) { return Server::Response("item"); });
+  std::thread::id worker, calledOn[2];
+  std::string bodies[2];
+  auto run = [&](int slot) {
+    Recorder recorder;
+    recorder.also = [&, slot](PXWebRequest*, int32_t) { calledOn[slot] = std::this_thread::get_id(); };
+    auto request = makeRequest(server.url("/item"), recorder);
+    runToFinish(*request, recorder);
+    bodies[slot] = recorder.body;
+  };
+  std::thread thread([&] {
+    worker = std::this_thread::get_id();
+    run(0);
+  });
+  thread.join();
+  run(1);  // the main thread's loop has a transport of its own
+  EXPECT_EQ(calledOn[0], worker);
+  EXPECT_EQ(calledOn[1], std::this_thread::get_id());
+  EXPECT_EQ(bodies[0], "item");
+  EXPECT_EQ(bodies[1], "item");
+  // The record's open connection went from the worker's loop to this one.
+  EXPECT_EQ(server.acceptedConnections(), 1);
+}
+
+TEST(PXWebRequest, VirtualTimeWaitsForTheAnswerInFlight) {
+  Server server;
+  server.handle("/item", [](const Server::Request&) { return Server::Response("item"); });
+  PXScopedVirtualClock clock(PXDate(0));
+  bool fired = false;
+  auto timer = PXTimer::scheduledTimerWithTimeInterval(30, false, [&](PXTimer*) { fired = true; });
+  Recorder recorder;
+  auto request = makeRequest(server.url("/item"), recorder);
+  ASSERT_TRUE(request->startRequestInRunLoopMode(kPXDefaultRunLoopMode));
+  // Idle while the answer travels: time must not jump to the timer meanwhile.
+  ASSERT_TRUE(PXRunLoopUntil([&] { return recorder.finished(); }, {.maxVirtualSeconds = 3600}));
+  EXPECT_FALSE(fired);
+  EXPECT_EQ(PXDate::now().timeIntervalSinceReferenceDate(), 0.0);
+  EXPECT_EQ(recorder.body, "item");
+  timer->invalidate();
+}
+
+// ---- Self-retention, delegate, observers -------------------------------------------------------------
+
+class RecordingDelegate : public PXWebRequestDelegate {
+ public:
+  std::vector<std::string> calls;
+  std::string body;
+  bool keepReading = true;
+  bool respondsToSelector(std::string_view selector) const override {
+    return selector != "webRequest:connectionError:";
+  }
+  void webRequestReceivedHeaders(PXWebRequest*, PXDictionary* headers, int64_t expected) override {
+    calls.push_back("headers " + std::to_string(expected) + " " +
+                    std::string(headers->objectForKey("Content-Length").stringValue()));
+  }
+  bool webRequestReceivedNewData(PXWebRequest*, PXRef<PXData> data, bool finalData) override {
+    body.append(data->view());
+    calls.push_back(finalData ? "data final" : "data");
+    return keepReading;
+  }
+  void webRequestFinishedWithSuccess(PXWebRequest*, bool success, bool canceled) override {
+    calls.push_back(std::string("finished ") + (success ? "1" : "0") + (canceled ? "1" : "0"));
+  }
+};
+
+TEST(PXWebRequest, StartedRequestsLiveUntilTheyFinishAndTellTheirDelegate) {
+  Server server;
+  server.handle("/item", [](const Server::Request&) { return Server::Response("delegated"); });
+  struct Row {
+    bool keepReading;
+    std::vector<std::string> calls;
+  } rows[] = {
+      {true, {"headers 9 9", "data final", "finished 10"}},
+      {false, {"headers 9 9", "data final", "finished 01"}},  // NO from the data call cancels
+  };
+  for (const Row& row : rows) {
+    auto delegate = PXMake<RecordingDelegate>();
+    delegate->keepReading = row.keepReading;
+    PXWeakRef<PXWebRequest> weak;
+    {
+      auto request = PXWebRequest::startedGETRequestForURL(
+          server.url("/item"),
+          PXWebRequest::eventHandlerForDelegate(delegate, /*retainDelegateUntilCompletion=*/true));
+      ASSERT_TRUE(request);
+      EXPECT_TRUE(request->autoRetainUntilRequestCompletion());
+      weak = request;
+    }
+    ASSERT_TRUE(PXRunLoopUntil([&] { return delegate->calls.size() == row.calls.size(); }));
+    EXPECT_EQ(delegate->calls, row.calls);
+    EXPECT_EQ(delegate->body, "delegated");
+    EXPECT_FALSE(weak.lock());               // gone after its finish
+    EXPECT_EQ(delegate->retainCount(), 1u);  // the handler let go of it
+  }
+  EXPECT_FALSE(PXWebRequest::eventHandlerForDelegate(nullptr, true));
+}
+
+TEST(PXWebRequest, AWeaklyHeldDelegateThatIsGoneHearsNothing) {
+  Server server;
+  server.handle("/item", [](const Server::Request&) { return Server::Response("x"); });
+  auto delegate = PXMake<RecordingDelegate>();
+  Recorder recorder;
+  auto forward = PXWebRequest::eventHandlerForDelegate(delegate, /*retainDelegateUntilCompletion=*/false);
+  EXPECT_EQ(delegate->retainCount(), 1u);
+  auto request = makeRequest(server.url("/item"), recorder);
+  auto base = recorder.handler();
+  request->setEventHandler([&, forward, base](PXWebRequest* r, int32_t e, const PXValue& o, uint32_t f) {
+    if (e == kPXWebRequestEventOpened) delegate = nullptr;  // the delegate goes away mid-request
+    forward(r, e, o, f);
+    base(r, e, o, f);
+  });
+  runToFinish(*request, recorder);
+  EXPECT_EQ(recorder.body, "x");  // the data stayed for the request's own reader
+  EXPECT_FALSE(delegate);
+}
+
+class OutcomeObserver : public PXObject {
+ public:
+  std::vector<std::string> seen;
+  void observeValueForKeyPath(const PXString& keyPath, PXObject*, const PXDictionary& change,
+                              void*) override {
+    seen.push_back(keyPath.str() + "=" + change.objectForKey(kPXKeyValueChangeNewKey).description().str());
+  }
+};
+
+TEST(PXWebRequest, AnnouncesItsOutcomeBeforeTheFinishEvent) {
+  Server server;
+  server.handle("/item", [](const Server::Request&) { return Server::Response("x"); });
+  auto observer = PXMake<OutcomeObserver>();
+  Recorder recorder;
+  auto request = makeRequest(server.url("/item"), recorder);
+  for (const char* key : {"isComplete", "wasSuccessful", "wasCancelled"}) {
+    request->addObserver(observer.get(), key, PXKeyValueObservingOptionNew, nullptr);
+  }
+  size_t seenAtFinish = 0;
+  recorder.also = [&](PXWebRequest*, int32_t event) {
+    if (event == kPXWebRequestEventFinished) seenAtFinish = observer->seen.size();
+  };
+  runToFinish(*request, recorder);
+  EXPECT_EQ(observer->seen, (std::vector<std::string>{"isComplete=1", "wasSuccessful=1", "wasCancelled=0"}));
+  EXPECT_EQ(seenAtFinish, 3u);
+  EXPECT_TRUE(request->valueForKey("isComplete").boolValue());
+  for (const char* key : {"isComplete", "wasSuccessful", "wasCancelled"})
+    request->removeObserver(observer.get(), key);
+}
+
+// ---- TLS ---------------------------------------------------------------------------------------------
+
+TEST(PXWebRequest, SpeaksTLSWithTheCertificateSettingsItUnderstands) {
+  Server server({.https = true});
+  server.handle("/secure", [](const Server::Request&) { return Server::Response("secret"); });
+  struct Row {
+    const char* name;
+    std::vector<PXDictionary::Entry> options;
+    bool success;
+  } rows[] = {
+      {"trusted authority", {{kPXWebRequestSSLCertificateAuthorityFile, server.certificateFile()}}, true},
+      {"system authorities", {}, false},
+      {"chain not validated", {{kPXWebRequestSSLValidatesCertificateChain, false}}, true},
+      {"any root", {{kPXWebRequestSSLAllowsAnyRoot, true}}, true},
+      {"validated on purpose", {{kPXWebRequestSSLValidatesCertificateChain, true}}, false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    Recorder recorder;
+    auto request = makeRequest(server.httpsURL("/secure"), recorder);
+    request->setRequestSSLOptions(PXDictionary::dictionaryWithEntries(row.options));
+    runToFinish(*request, recorder);
+    EXPECT_EQ(request->wasSuccessful(), row.success);
+    EXPECT_EQ(recorder.saw(kPXWebRequestEventError), !row.success);
+    if (row.success) {
+      EXPECT_EQ(recorder.body, "secret");
+    }
+  }
+}
+
+// ---- A large body -------------------------------------------------------------------------------------
+
+TEST(PXWebRequest, TakesA50MegabyteBodyPieceByPieceInBoundedMemory) {
+  constexpr uint64_t kLength = 50ull * 1024 * 1024;
+  Server server;
+  server.handleRaw("/large", Server::RawResponse(
+                                 "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(kLength) + "\r\n\r\n",
+                                 Server::RawEnding::Close, kLength));
+  uint64_t offset = 0;
+  size_t largestPiece = 0;
+  size_t pieces = 0;
+  bool intact = true;
+  bool finalSeen = false;
+  int finishes = 0;
+  uint32_t finishFlags = 0;
+  auto request = PXMake<PXWebRequest>(PXString(server.rawURL("/large")), "GET", nullptr, true, 60.0,
+                                      [&](PXWebRequest* r, int32_t event, const PXValue&, uint32_t flags) {
+                                        if (event == kPXWebRequestEventReceivedData) {
+                                          PXRef<PXData> piece = r->createAvailableResponseBodyData();
+                                          largestPiece = std::max(largestPiece, piece->length());
+                                          ++pieces;
+                                          intact = intact && Server::matchesPattern(offset, piece->view());
+                                          offset += piece->length();
+                                          finalSeen = (flags & kPXWebRequestDataFinal) != 0;
+                                        }
+                                        if (event == kPXWebRequestEventFinished) {
+                                          ++finishes;
+                                          finishFlags = flags;
+                                        }
+                                      });
+  ASSERT_TRUE(request->startRequestInRunLoopMode(kPXDefaultRunLoopMode));
+  ASSERT_TRUE(PXRunLoopUntil([&] { return finishes > 0; }));
+  EXPECT_EQ(finishFlags, kPXWebRequestFinishedSuccess);
+  EXPECT_EQ(offset, kLength);
+  EXPECT_TRUE(intact);
+  EXPECT_TRUE(finalSeen);
+  EXPECT_GT(pieces, 16u);
+  EXPECT_LE(largestPiece, 4u * 1024 * 1024);  // taken as it came, never the whole body at once
+  EXPECT_EQ(request->responseBodyReceivedBytes(), static_cast<int64_t>(kLength));
+}
+
+}  // namespace
