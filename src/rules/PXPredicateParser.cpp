@@ -44,7 +44,7 @@ struct ParseFailure {
   std::string message;
 };
 
-constexpr const char* kReservedWords[] = {
+constexpr std::string_view kReservedWords[] = {
     "AND", "OR", "IN", "NOT", "ALL", "ANY", "SOME", "NONE", "LIKE", "MATCHES", "CONTAINS", "BEGINSWITH",
     "ENDSWITH", "BETWEEN", "NULL", "NIL", "SELF", "TRUE", "YES", "FALSE", "NO", "FIRST", "LAST", "SIZE",
     "TRUEPREDICATE", "FALSEPREDICATE",
@@ -58,8 +58,9 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b) {
 }
 
 bool isReserved(std::string_view word) {
+  if (word.size() < 2 || word.size() > 15) return false;  // the shortest and longest reserved words
   return std::any_of(std::begin(kReservedWords), std::end(kReservedWords),
-                     [&](const char* reserved) { return equalsIgnoringCase(word, reserved); });
+                     [&](std::string_view reserved) { return equalsIgnoringCase(word, reserved); });
 }
 
 bool isIdentifierStart(char c) {
@@ -103,6 +104,7 @@ class Lexer {
 
   std::vector<Token> tokens() {
     std::vector<Token> out;
+    out.reserve(text_.size() / 4 + 4);  // rules average more than four bytes a token
     for (;;) {
       while (pos_ < text_.size() && isSpace(text_[pos_])) ++pos_;
       Token token;
@@ -127,7 +129,8 @@ class Lexer {
         token.kind = c == '$'   ? Token::Kind::Variable
                      : c == '#' ? Token::Kind::EscapedIdentifier
                                 : Token::Kind::AtKey;
-        token.text = (c == '@' ? "@" : "") + word(pos_);
+        if (c == '@') token.text.push_back('@');
+        token.text += word(pos_);
       } else {
         token.kind = Token::Kind::Operator;
         token.text = punctuation();
