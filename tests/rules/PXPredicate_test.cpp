@@ -493,3 +493,20 @@ TEST(PXPredicate, OneParsedPredicateServesManyThreads) {
 }
 
 }  // namespace
+
+namespace {
+
+// A pattern that backtracks without end is stopped by the time limit, and
+// raises like any other regular-expression failure.
+TEST(PXPredicate, RunawayRegularExpressionsAreStopped) {
+  auto rule = PXPredicate::predicateWithFormat("SELF MATCHES '(a|aa)+(b|c)+(a|aa)+z'");
+  const PXValue subject = std::string(4000, 'a') + std::string(4000, 'b') + std::string(4000, 'a');
+  try {
+    (void)rule->evaluateWithObject(subject);
+    FAIL() << "expected the match to be stopped";
+  } catch (const PXException& e) {
+    EXPECT_EQ(e.reason(), "Can't do regex matching, reason: U_REGEX_TIME_OUT");
+  }
+}
+
+}  // namespace
