@@ -26,7 +26,7 @@ TempDir::~TempDir() {
 
 // ---- PostgreSQL -------------------------------------------------------------------
 
-PostgreSQLServer::PostgreSQLServer() {
+PostgreSQLServer::PostgreSQLServer(bool durable) {
   for (const char* version : {"17", "16", "15", "14", "13"}) {
     const std::string candidate = std::string("/usr/lib/postgresql/") + version + "/bin";
     if (access((candidate + "/initdb").c_str(), X_OK) == 0) {
@@ -55,7 +55,7 @@ PostgreSQLServer::PostgreSQLServer() {
     return;
   }
   if (!run({bin_ + "/pg_ctl", "-D", dir_.path() + "/data", "-l", dir_.path() + "/log", "-w", "-t", "60", "-o",
-            "-k " + dir_.path() + " -c listen_addresses= -c fsync=off", "start"},
+            "-k " + dir_.path() + " -c listen_addresses=" + (durable ? "" : " -c fsync=off"), "start"},
            &output)) {
     whyNot_ = "the PostgreSQL server did not start: " + output;
     return;

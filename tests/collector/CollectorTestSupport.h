@@ -28,9 +28,11 @@ class TempDir {
 // A PostgreSQL server of its own: initdb in a temporary directory, listening
 // only on a Unix socket there, run as "nobody" when the tests run as root
 // (PostgreSQL refuses to run as root). Stopped and removed by the destructor.
+// Tests run it without fsync (a killed collector, not a killed server, is what
+// they test); `durable` keeps fsync on, for measurements.
 class PostgreSQLServer {
  public:
-  PostgreSQLServer();
+  explicit PostgreSQLServer(bool durable = false);
   ~PostgreSQLServer();
   PostgreSQLServer(const PostgreSQLServer&) = delete;
   PostgreSQLServer& operator=(const PostgreSQLServer&) = delete;

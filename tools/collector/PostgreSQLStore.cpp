@@ -140,7 +140,8 @@ class PostgreSQLStore final : public CollectorStore {
   PGResult run(const char* text, std::initializer_list<const char*> params, std::string* error) {
     auto found = names_.find(text);
     if (found == names_.end()) {
-      std::string name = "s" + std::to_string(names_.size());
+      std::string name = std::to_string(names_.size());
+      name.insert(name.begin(), 's');
       PGResult prepared(PQprepare(conn_.get(), name.c_str(), text, 0, nullptr));
       if (!prepared || PQresultStatus(prepared.get()) != PGRES_COMMAND_OK) {
         *error = PQerrorMessage(conn_.get());
