@@ -56,10 +56,13 @@ class InProcessCollector {
   }
   ~InProcessCollector() {
     if (!url_.empty())
-      g_main_context_invoke(g_main_loop_get_context(loop_), [](gpointer loop) {
-        g_main_loop_quit(static_cast<GMainLoop*>(loop));
-        return G_SOURCE_REMOVE;
-      }, loop_);
+      g_main_context_invoke(
+          g_main_loop_get_context(loop_),
+          [](gpointer loop) {
+            g_main_loop_quit(static_cast<GMainLoop*>(loop));
+            return G_SOURCE_REMOVE;
+          },
+          loop_);
     thread_.join();
   }
   const std::string& url() const { return url_; }
@@ -122,8 +125,8 @@ void BM_SQLite_InsertPapercut(benchmark::State& state) {
   TempDir dir;
   sqlite3* db = nullptr;
   sqlite3_open((dir.path() + "/direct.db").c_str(), &db);
-  sqlite3_exec(db, "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA foreign_keys=ON", nullptr, nullptr,
-               nullptr);
+  sqlite3_exec(db, "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA foreign_keys=ON", nullptr,
+               nullptr, nullptr);
   for (size_t i = 0; i < sql::kSchemaCount; ++i) sqlite3_exec(db, sql::kSchema[i], nullptr, nullptr, nullptr);
   auto prepare = [&](const char* text) {
     std::string converted(text);
@@ -194,7 +197,8 @@ int main(int argc, char** argv) {
     if (x == seconds.end() || y == seconds.end() || x->second <= 0) return;
     PXBenchReportRatio(label, y->second / x->second);
   };
-  ratio("collector-ingest-vs-sqlite-insert", "BM_Collector_IngestSQLite/real_time", "BM_SQLite_InsertPapercut/real_time");
+  ratio("collector-ingest-vs-sqlite-insert", "BM_Collector_IngestSQLite/real_time",
+        "BM_SQLite_InsertPapercut/real_time");
   ratio("collector-ingest-postgresql-vs-sqlite", "BM_Collector_IngestPostgreSQL/real_time",
         "BM_Collector_IngestSQLite/real_time");
   curl_global_cleanup();

@@ -60,8 +60,8 @@ TEST(CollectorServer, BadRequestsGetAJSONErrorAndNoReceipt) {
   EXPECT_EQ(big.status, 413);
   EXPECT_NE(big.body.find("larger than the limit of 16777216 bytes"), std::string::npos) << big.body;
   // A body that ends before its Content-Length says, then the connection closes.
-  std::string reply = rawExchange(collector.url(), "POST /metrics/post HTTP/1.1\r\nHost: x\r\nContent-Length: 500\r\n\r\n" +
-                                                       good);
+  std::string reply = rawExchange(
+      collector.url(), "POST /metrics/post HTTP/1.1\r\nHost: x\r\nContent-Length: 500\r\n\r\n" + good);
   EXPECT_EQ(reply.find("processedPapercutPackageIDs"), std::string::npos) << reply;
   // Through all of it the collector kept serving and stored nothing.
   HTTPAnswer receipt = httpPost(ingest, good);
@@ -78,9 +78,10 @@ TEST(CollectorServer, BodyLimitHoldsAtItsEdge) {
   CollectorProcess collector({"--db", dir.path() + "/p.db", "--max-body-bytes", std::to_string(limit)});
   ASSERT_TRUE(collector.started()) << collector.output();
   // JSON allows trailing white space, so the same submission can be made longer.
-  EXPECT_EQ(httpPost(collector.url() + "/metrics/post", record.substr(0, limit - 1)).status, 400);  // N-1: cut
-  EXPECT_EQ(httpPost(collector.url() + "/metrics/post", record).status, 200);                       // N
-  EXPECT_EQ(httpPost(collector.url() + "/metrics/post", record + " ").status, 413);                 // N+1
+  EXPECT_EQ(httpPost(collector.url() + "/metrics/post", record.substr(0, limit - 1)).status,
+            400);                                                                    // N-1: cut
+  EXPECT_EQ(httpPost(collector.url() + "/metrics/post", record).status, 200);        // N
+  EXPECT_EQ(httpPost(collector.url() + "/metrics/post", record + " ").status, 413);  // N+1
 }
 
 TEST(CollectorServer, ChunkedBodiesNeedALength) {
@@ -90,9 +91,10 @@ TEST(CollectorServer, ChunkedBodiesNeedALength) {
   const std::string body = submissionJSON({});
   char size[16];
   snprintf(size, sizeof size, "%zx", body.size());
-  const std::string reply =
-      rawExchange(collector.url(), "POST /metrics/post HTTP/1.1\r\nHost: x\r\nConnection: close\r\nTransfer-Encoding: chunked\r\n\r\n" +
-                                       std::string(size) + "\r\n" + body + "\r\n0\r\n\r\n");
+  const std::string reply = rawExchange(
+      collector.url(),
+      "POST /metrics/post HTTP/1.1\r\nHost: x\r\nConnection: close\r\nTransfer-Encoding: chunked\r\n\r\n" +
+          std::string(size) + "\r\n" + body + "\r\n0\r\n\r\n");
   EXPECT_EQ(reply.rfind("HTTP/1.1 411", 0), 0u) << reply;
 }
 
@@ -101,8 +103,8 @@ TEST(CollectorServer, ResubmissionIsAnsweredWithTheSameReceipt) {
   const std::string db = dir.path() + "/p.db";
   CollectorProcess collector({"--db", db});
   ASSERT_TRUE(collector.started()) << collector.output();
-  const std::string body =
-      submissionJSON({papercutJSON("one"), "{\"packageID\":\"never\",\"timestamp\":\"soon\"}", papercutJSON("two")});
+  const std::string body = submissionJSON(
+      {papercutJSON("one"), "{\"packageID\":\"never\",\"timestamp\":\"soon\"}", papercutJSON("two")});
   const std::string expected = "{\"processedPapercutPackageIDs\":[\"one\",\"two\",\"never\"]}";
   for (int attempt = 0; attempt < 3; ++attempt) {
     HTTPAnswer a = httpPost(collector.url() + "/metrics/post", body);
@@ -111,7 +113,8 @@ TEST(CollectorServer, ResubmissionIsAnsweredWithTheSameReceipt) {
   }
   HTTPAnswer summary = httpGet(collector.url() + "/api/summary");
   EXPECT_NE(summary.body.find("\"papercuts\":2,\"rejected\":1,"), std::string::npos) << summary.body;
-  HTTPAnswer metric = httpGet(collector.url() + "/api/metrics?identifier=test.metric1&from=2025-11-24&to=2025-11-24");
+  HTTPAnswer metric =
+      httpGet(collector.url() + "/api/metrics?identifier=test.metric1&from=2025-11-24&to=2025-11-24");
   EXPECT_EQ(metric.body,
             "{\"identifier\":\"test.metric1\",\"from\":\"2025-11-24\",\"to\":\"2025-11-24\",\"days\":"
             "[{\"day\":\"2025-11-24\",\"primary\":\"p1\",\"secondary\":\"\",\"sum\":4}]}");
@@ -130,7 +133,8 @@ TEST(CollectorServer, EveryReceiptedPapercutSurvivesAKill) {
   std::thread sender([&] {
     for (int i = 0; !done; ++i) {
       const std::string id = "kill-" + std::to_string(i);
-      HTTPAnswer a = httpPost(collector.url() + "/metrics/post", submissionJSON({papercutJSON(id, 1764000000, 20)}));
+      HTTPAnswer a =
+          httpPost(collector.url() + "/metrics/post", submissionJSON({papercutJSON(id, 1764000000, 20)}));
       if (a.status != 200) break;  // the collector is gone
       if (a.body == "{\"processedPapercutPackageIDs\":[\"" + id + "\"]}") {
         receipted.push_back(id);
@@ -170,7 +174,8 @@ TEST(CollectorServer, QueriesNeedTheTokenWhenOneIsSetAndIngestNeverDoes) {
       {"/?token=s3cret", {}, 200},
       {"/api/metrics?identifier=a", {"Authorization: Bearer s3cret"}, 200},
   };
-  for (const auto& row : rows) EXPECT_EQ(httpGet(collector.url() + row.path, row.headers).status, row.status) << row.path;
+  for (const auto& row : rows)
+    EXPECT_EQ(httpGet(collector.url() + row.path, row.headers).status, row.status) << row.path;
   EXPECT_EQ(httpPost(collector.url() + "/metrics/post", submissionJSON({papercutJSON("open")})).status, 200);
 }
 

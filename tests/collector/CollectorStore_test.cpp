@@ -71,7 +71,8 @@ TEST_P(CollectorStoreTest, ResubmittedPapercutsAreNamedAgainButStoredOnce) {
 }
 
 TEST_P(CollectorStoreTest, RejectedRecordsAreKeptOnceWithTheirReason) {
-  const std::string body = submissionJSON({"{\"packageID\":\"broken\",\"metrics\":7}", "[1,2]", papercutJSON("ok")});
+  const std::string body =
+      submissionJSON({"{\"packageID\":\"broken\",\"metrics\":7}", "[1,2]", papercutJSON("ok")});
   EXPECT_EQ(store(body), (std::vector<std::string>{"ok", "broken"}));
   EXPECT_EQ(store(body), (std::vector<std::string>{"ok", "broken"}));
   CollectorSummary s = summary();
@@ -85,11 +86,16 @@ TEST_P(CollectorStoreTest, RejectedRecordsAreKeptOnceWithTheirReason) {
 TEST_P(CollectorStoreTest, DailySumsAndSummaryCountByDayPrimaryAndSecondary) {
   const auto record = [](const std::string& id, long long timestamp, const std::string& version,
                          const std::string& os, int launches) {
-    return "{\"packageID\":\"" + id + "\",\"applicationID\":\"org.example.Editor\",\"metrics\":["
-           "{\"identifier\":\"common.launches\",\"value\":" + std::to_string(launches) + "},"
-           "{\"identifier\":\"common.osversion\",\"primary\":\"12.1\",\"secondary\":\"" + os + "\",\"value\":1}"
-           "],\"totalUsageDays\":1,\"timestamp\":" + std::to_string(timestamp) +
-           ",\"channel\":\"mas\",\"applicationVersion\":\"" + version + "\"}";
+    return "{\"packageID\":\"" + id +
+           "\",\"applicationID\":\"org.example.Editor\",\"metrics\":["
+           "{\"identifier\":\"common.launches\",\"value\":" +
+           std::to_string(launches) +
+           "},"
+           "{\"identifier\":\"common.osversion\",\"primary\":\"12.1\",\"secondary\":\"" +
+           os +
+           "\",\"value\":1}"
+           "],\"totalUsageDays\":1,\"timestamp\":" +
+           std::to_string(timestamp) + ",\"channel\":\"mas\",\"applicationVersion\":\"" + version + "\"}";
   };
   const long long day1 = 1764000000, day2 = day1 + 86400;
   store(submissionJSON({record("1", day1, "1.0", "12.1.0", 2), record("2", day1 + 60, "1.1", "12.1.0", 3),

@@ -35,7 +35,8 @@ PostgreSQLServer::PostgreSQLServer(bool durable) {
     }
   }
   if (bin_.empty()) {
-    whyNot_ = "PostgreSQL is not installed (no /usr/lib/postgresql/*/bin/initdb; scripts/setup-deps installs it)";
+    whyNot_ =
+        "PostgreSQL is not installed (no /usr/lib/postgresql/*/bin/initdb; scripts/setup-deps installs it)";
     return;
   }
   if (dir_.path().empty()) {
@@ -65,7 +66,8 @@ PostgreSQLServer::PostgreSQLServer(bool durable) {
 
 PostgreSQLServer::~PostgreSQLServer() {
   std::string output;
-  if (running_) run({bin_ + "/pg_ctl", "-D", dir_.path() + "/data", "-m", "immediate", "-w", "stop"}, &output);
+  if (running_)
+    run({bin_ + "/pg_ctl", "-D", dir_.path() + "/data", "-m", "immediate", "-w", "stop"}, &output);
 }
 
 bool PostgreSQLServer::run(const std::vector<std::string>& command, std::string* output) {
@@ -78,8 +80,8 @@ bool PostgreSQLServer::run(const std::vector<std::string>& command, std::string*
   gchar* out = nullptr;
   gchar* err = nullptr;
   gint status = -1;
-  const gboolean spawned = g_spawn_sync(dir_.path().c_str(), raw.data(), nullptr, G_SPAWN_DEFAULT, nullptr, nullptr,
-                                        &out, &err, &status, nullptr);
+  const gboolean spawned = g_spawn_sync(dir_.path().c_str(), raw.data(), nullptr, G_SPAWN_DEFAULT, nullptr,
+                                        nullptr, &out, &err, &status, nullptr);
   *output = std::string(out ? out : "") + (err ? err : "");
   g_free(out);
   g_free(err);
@@ -108,8 +110,8 @@ CollectorProcess::CollectorProcess(const std::vector<std::string>& args, bool ad
   gint out = -1;
   // Standard error joins standard output, so that one pipe holds all it says.
   const GSpawnChildSetupFunc joinStderr = [](gpointer) { dup2(1, 2); };
-  if (!g_spawn_async_with_pipes(nullptr, raw.data(), nullptr, G_SPAWN_DO_NOT_REAP_CHILD, joinStderr, nullptr, &pid,
-                                nullptr, &out, nullptr, nullptr))
+  if (!g_spawn_async_with_pipes(nullptr, raw.data(), nullptr, G_SPAWN_DO_NOT_REAP_CHILD, joinStderr, nullptr,
+                                &pid, nullptr, &out, nullptr, nullptr))
     return;
   pid_ = pid;
   out_ = out;
@@ -123,11 +125,14 @@ CollectorProcess::CollectorProcess(const std::vector<std::string>& args, bool ad
   if (output_.rfind(prefix, 0) == 0) url_ = output_.substr(prefix.size(), output_.size() - prefix.size() - 1);
 }
 
-CollectorProcess::~CollectorProcess() { stop(SIGTERM); }
+CollectorProcess::~CollectorProcess() {
+  stop(SIGTERM);
+}
 
 void CollectorProcess::readUntilEnd() {
   char buffer[4096];
-  for (ssize_t n; (n = read(out_, buffer, sizeof buffer)) > 0;) output_.append(buffer, static_cast<size_t>(n));
+  for (ssize_t n; (n = read(out_, buffer, sizeof buffer)) > 0;)
+    output_.append(buffer, static_cast<size_t>(n));
 }
 
 int CollectorProcess::stop(int signal) {
@@ -199,7 +204,8 @@ std::string rawExchange(const std::string& url, const std::string& bytes) {
     }
     shutdown(fd, SHUT_WR);
     char buffer[4096];
-    for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;) reply.append(buffer, static_cast<size_t>(n));
+    for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;)
+      reply.append(buffer, static_cast<size_t>(n));
   }
   close(fd);
   return reply;
@@ -210,11 +216,11 @@ std::string papercutJSON(const std::string& packageID, long long timestamp, int 
   std::string metrics;
   for (int i = 0; i < dataSets; ++i) {
     if (i) metrics += ",";
-    metrics += "{\"identifier\":\"test.metric" + std::to_string(i % 4) + "\",\"primary\":\"p" + std::to_string(i) +
-               "\",\"value\":" + std::to_string(i + 1) + "}";
+    metrics += "{\"identifier\":\"test.metric" + std::to_string(i % 4) + "\",\"primary\":\"p" +
+               std::to_string(i) + "\",\"value\":" + std::to_string(i + 1) + "}";
   }
-  return "{\"packageID\":\"" + packageID + "\",\"applicationID\":\"org.example.Editor\",\"metrics\":[" + metrics +
-         "],\"totalUsageDays\":3,\"timestamp\":" + std::to_string(timestamp) +
+  return "{\"packageID\":\"" + packageID + "\",\"applicationID\":\"org.example.Editor\",\"metrics\":[" +
+         metrics + "],\"totalUsageDays\":3,\"timestamp\":" + std::to_string(timestamp) +
          ".0,\"channel\":\"default\",\"applicationVersion\":\"" + applicationVersion + "\"}";
 }
 

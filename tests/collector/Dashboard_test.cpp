@@ -20,18 +20,26 @@ constexpr const char* kChromium = "/usr/bin/chromium";
 // Runs headless Chromium on `url` with `mode` ("--dump-dom" or "--screenshot=PATH"); its stdout.
 bool runChromium(const std::string& url, const std::string& mode, std::string* out) {
   TempDir profile;
-  std::vector<std::string> argv = {kChromium,         "--headless",          "--no-sandbox",
-                                   "--disable-gpu",   "--disable-quic",      "--no-first-run",
-                                   "--disable-background-networking",        "--disable-component-update",
-                                   "--disable-sync",  "--user-data-dir=" + profile.path(),
-                                   "--window-size=900,1400",                 mode, url};
+  std::vector<std::string> argv = {kChromium,
+                                   "--headless",
+                                   "--no-sandbox",
+                                   "--disable-gpu",
+                                   "--disable-quic",
+                                   "--no-first-run",
+                                   "--disable-background-networking",
+                                   "--disable-component-update",
+                                   "--disable-sync",
+                                   "--user-data-dir=" + profile.path(),
+                                   "--window-size=900,1400",
+                                   mode,
+                                   url};
   std::vector<char*> raw;
   for (std::string& a : argv) raw.push_back(a.data());
   raw.push_back(nullptr);
   gchar* stdoutText = nullptr;
   gint status = -1;
-  const gboolean spawned = g_spawn_sync(nullptr, raw.data(), nullptr, G_SPAWN_STDERR_TO_DEV_NULL, nullptr, nullptr,
-                                        &stdoutText, nullptr, &status, nullptr);
+  const gboolean spawned = g_spawn_sync(nullptr, raw.data(), nullptr, G_SPAWN_STDERR_TO_DEV_NULL, nullptr,
+                                        nullptr, &stdoutText, nullptr, &status, nullptr);
   *out = stdoutText ? stdoutText : "";
   g_free(stdoutText);
   return spawned && g_spawn_check_wait_status(status, nullptr);
@@ -44,30 +52,38 @@ std::string plotted(const std::string& dom, const std::string& chart, const std:
   const size_t end = dom.find("</svg>", start);
   const std::string svg = dom.substr(start, end - start);
   std::smatch m;
-  const std::regex bar("data-label=\"" + std::regex_replace(label, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)") +
+  const std::regex bar("data-label=\"" +
+                       std::regex_replace(label, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)") +
                        "\" data-value=\"([0-9]+)\"");
   return std::regex_search(svg, m, bar) ? m[1].str() : "";
 }
 
 TEST(Dashboard, ChromiumDrawsThePlottedFigures) {
-  if (access(kChromium, X_OK) != 0) GTEST_SKIP() << "no " << kChromium << " (scripts/setup-deps installs chromium)";
+  if (access(kChromium, X_OK) != 0)
+    GTEST_SKIP() << "no " << kChromium << " (scripts/setup-deps installs chromium)";
   TempDir dir;
   CollectorProcess collector({"--db", dir.path() + "/p.db"});
   ASSERT_TRUE(collector.started()) << collector.output();
   const long long day1 = 1764000000, day2 = day1 + 86400;
-  const auto record = [](const std::string& id, long long t, const std::string& version, const std::string& os,
-                         int launches) {
-    return "{\"packageID\":\"" + id + "\",\"applicationID\":\"org.example.Editor\",\"metrics\":["
-           "{\"identifier\":\"common.launches\",\"value\":" + std::to_string(launches) + "},"
-           "{\"identifier\":\"common.osversion\",\"primary\":\"13\",\"secondary\":\"" + os + "\",\"value\":1}],"
-           "\"totalUsageDays\":1,\"timestamp\":" + std::to_string(t) +
-           ",\"channel\":\"default\",\"applicationVersion\":\"" + version + "\"}";
+  const auto record = [](const std::string& id, long long t, const std::string& version,
+                         const std::string& os, int launches) {
+    return "{\"packageID\":\"" + id +
+           "\",\"applicationID\":\"org.example.Editor\",\"metrics\":["
+           "{\"identifier\":\"common.launches\",\"value\":" +
+           std::to_string(launches) +
+           "},"
+           "{\"identifier\":\"common.osversion\",\"primary\":\"13\",\"secondary\":\"" +
+           os +
+           "\",\"value\":1}],"
+           "\"totalUsageDays\":1,\"timestamp\":" +
+           std::to_string(t) + ",\"channel\":\"default\",\"applicationVersion\":\"" + version + "\"}";
   };
-  ASSERT_EQ(httpPost(collector.url() + "/metrics/post",
-                     submissionJSON({record("a", day1, "2.0", "13.1", 4), record("b", day1 + 5, "2.1", "13.1", 3),
-                                     record("c", day2, "2.1", "13.2", 9), "{\"packageID\":\"<script>\"}"}))
-                .status,
-            200);
+  ASSERT_EQ(
+      httpPost(collector.url() + "/metrics/post",
+               submissionJSON({record("a", day1, "2.0", "13.1", 4), record("b", day1 + 5, "2.1", "13.1", 3),
+                               record("c", day2, "2.1", "13.2", 9), "{\"packageID\":\"<script>\"}"}))
+          .status,
+      200);
 
   std::string dom;
   ASSERT_TRUE(runChromium(collector.url() + "/", "--dump-dom", &dom)) << dom;

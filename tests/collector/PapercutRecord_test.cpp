@@ -11,7 +11,9 @@
 namespace pxcollector {
 namespace {
 
-SubmissionReading read(const std::string& body) { return readSubmission(body.data(), body.size()); }
+SubmissionReading read(const std::string& body) {
+  return readSubmission(body.data(), body.size());
+}
 
 // A record of the kit's shape with `field` replaced by `json` (or removed when `json` is empty).
 std::string recordWith(const std::string& field, const std::string& json) {
@@ -47,8 +49,8 @@ TEST(PapercutRecord, BodiesThatAreNotSubmissionsAreRefusedWhole) {
       {"no papercuts", "{\"papercut\":[]}", "\"papercuts\" is missing"},
       {"papercuts not an array", "{\"papercuts\":{}}", "\"papercuts\" is missing or not an array"},
       {"trailing text", full + "x", "not JSON"},
-      {"nested past the codec's depth", "{\"papercuts\":" + std::string(600, '[') + std::string(600, ']') + "}",
-       "not JSON"},
+      {"nested past the codec's depth",
+       "{\"papercuts\":" + std::string(600, '[') + std::string(600, ']') + "}", "not JSON"},
       {"invalid UTF-8", "{\"papercuts\":[\"\xff\"]}", "not JSON"},
   };
   for (const auto& row : rows) {
@@ -121,7 +123,8 @@ TEST(PapercutRecord, LimitsHoldAtTheirEdges) {
   }
   for (size_t count : {kMaxDataSetsPerPapercut - 1, kMaxDataSetsPerPapercut, kMaxDataSetsPerPapercut + 1}) {
     std::string sets = "[";
-    for (size_t i = 0; i < count; ++i) sets += std::string(i ? "," : "") + "{\"identifier\":\"m\",\"value\":1}";
+    for (size_t i = 0; i < count; ++i)
+      sets += std::string(i ? "," : "") + "{\"identifier\":\"m\",\"value\":1}";
     SubmissionReading r = read(submissionJSON({recordWith("metrics", sets + "]")}));
     EXPECT_EQ(r.papercuts.size(), count <= kMaxDataSetsPerPapercut ? 1u : 0u) << count;
   }
@@ -134,7 +137,8 @@ TEST(PapercutRecord, LimitsHoldAtTheirEdges) {
 }
 
 TEST(PapercutRecord, AcceptedRecordsKeepTheirFieldsAndRejectedOnesTheirIdentity) {
-  SubmissionReading r = read(submissionJSON({papercutJSON("good", 1764000123), "17", "{\"packageID\":\"half\"}"}));
+  SubmissionReading r =
+      read(submissionJSON({papercutJSON("good", 1764000123), "17", "{\"packageID\":\"half\"}"}));
   ASSERT_EQ(r.papercuts.size(), 1u);
   const Papercut& p = r.papercuts[0];
   EXPECT_EQ(p.packageID, "good");
@@ -158,13 +162,14 @@ TEST(PapercutRecord, DaysAreCalendarDaysInUTC) {
   const struct {
     int64_t timestamp;
     const char* day;
-  } rows[] = {{0, "1970-01-01"},          {86399, "1970-01-01"},          {86400, "1970-01-02"},
-              {951782400, "2000-02-29"}, {1764000000, "2025-11-24"},     {253402300799, "9999-12-31"}};
+  } rows[] = {{0, "1970-01-01"},         {86399, "1970-01-01"},      {86400, "1970-01-02"},
+              {951782400, "2000-02-29"}, {1764000000, "2025-11-24"}, {253402300799, "9999-12-31"}};
   for (const auto& row : rows) {
     EXPECT_EQ(dayText(dayOfTimestamp(row.timestamp)), row.day);
     EXPECT_EQ(dayFromText(row.day), dayOfTimestamp(row.timestamp));
   }
-  for (const char* bad : {"2025-02-29", "2025-13-01", "2025-00-10", "2025-1-01", "x025-01-01", "", "2025-01-32"})
+  for (const char* bad :
+       {"2025-02-29", "2025-13-01", "2025-00-10", "2025-1-01", "x025-01-01", "", "2025-01-32"})
     EXPECT_EQ(dayFromText(bad), -1) << bad;
 }
 

@@ -15,7 +15,8 @@ namespace {
 
 constexpr const char* kIngestPath = "/metrics/post";
 
-void answer(SoupServerMessage* msg, unsigned status, const std::string& contentType, const std::string& body) {
+void answer(SoupServerMessage* msg, unsigned status, const std::string& contentType,
+            const std::string& body) {
   soup_server_message_set_status(msg, status, nullptr);
   soup_server_message_set_response(msg, contentType.c_str(), SOUP_MEMORY_COPY, body.data(), body.size());
 }
@@ -30,8 +31,9 @@ void answerError(SoupServerMessage* msg, unsigned status, const std::string& tex
 
 void answerMethodNotAllowed(SoupServerMessage* msg, const char* allowed) {
   soup_message_headers_replace(soup_server_message_get_response_headers(msg), "Allow", allowed);
-  answerError(msg, SOUP_STATUS_METHOD_NOT_ALLOWED,
-              std::string("method ") + soup_server_message_get_method(msg) + " is not allowed here; use " + allowed);
+  answerError(
+      msg, SOUP_STATUS_METHOD_NOT_ALLOWED,
+      std::string("method ") + soup_server_message_get_method(msg) + " is not allowed here; use " + allowed);
 }
 
 std::string tooLarge(size_t limit) {
@@ -95,8 +97,8 @@ CollectorServer::~CollectorServer() {
   if (server_) soup_server_disconnect(server_.get());
 }
 
-std::unique_ptr<CollectorServer> CollectorServer::start(CollectorStore& store, const CollectorOptions& options,
-                                                        std::string* error) {
+std::unique_ptr<CollectorServer> CollectorServer::start(CollectorStore& store,
+                                                        const CollectorOptions& options, std::string* error) {
   std::string host;
   unsigned port = 0;
   if (!parseListenAddress(options.listen, &host, &port)) {
@@ -110,7 +112,8 @@ std::unique_ptr<CollectorServer> CollectorServer::start(CollectorStore& store, c
   }
   // Ingest is open (applications send no credentials); what was collected is not.
   if (!g_inet_address_get_is_loopback(address.get()) && options.token.empty()) {
-    *error = "listening on " + options.listen + " (not loopback) needs --token for the query API and dashboard";
+    *error =
+        "listening on " + options.listen + " (not loopback) needs --token for the query API and dashboard";
     return nullptr;
   }
   std::unique_ptr<CollectorServer> server(new CollectorServer(store, options));
@@ -120,11 +123,13 @@ std::unique_ptr<CollectorServer> CollectorServer::start(CollectorStore& store, c
   // entry with only an early handler would leave ingest without its handler.
   soup_server_add_handler(server->server_.get(), kIngestPath, handle, server.get(), nullptr);
   soup_server_add_handler(server->server_.get(), nullptr, handle, server.get(), nullptr);
-  pxkit::glib::Object<GSocketAddress> socketAddress(g_inet_socket_address_new(address.get(), static_cast<guint16>(port)));
+  pxkit::glib::Object<GSocketAddress> socketAddress(
+      g_inet_socket_address_new(address.get(), static_cast<guint16>(port)));
   pxkit::glib::Error listenError;
   if (!soup_server_listen(server->server_.get(), socketAddress.get(), static_cast<SoupServerListenOptions>(0),
                           pxkit::glib::out(listenError))) {
-    *error = "cannot listen on " + options.listen + ": " + (listenError ? listenError->message : "unknown error");
+    *error =
+        "cannot listen on " + options.listen + ": " + (listenError ? listenError->message : "unknown error");
     return nullptr;
   }
   GSList* uris = soup_server_get_uris(server->server_.get());
@@ -139,14 +144,16 @@ std::unique_ptr<CollectorServer> CollectorServer::start(CollectorStore& store, c
 
 // ---- Ingest ---------------------------------------------------------------------
 
-void CollectorServer::handleEarly(SoupServer*, SoupServerMessage* msg, const char* path, GHashTable*, void* self) {
+void CollectorServer::handleEarly(SoupServer*, SoupServerMessage* msg, const char* path, GHashTable*,
+                                  void* self) {
   auto* server = static_cast<CollectorServer*>(self);
   if (strcmp(path, kIngestPath) != 0 || strcmp(soup_server_message_get_method(msg), "POST") != 0) return;
   SoupMessageHeaders* headers = soup_server_message_get_request_headers(msg);
   // Decided from the headers, so that an oversized body is never read at all.
   switch (soup_message_headers_get_encoding(headers)) {
     case SOUP_ENCODING_CONTENT_LENGTH:
-      if (static_cast<uint64_t>(soup_message_headers_get_content_length(headers)) > server->options_.maxBodyBytes)
+      if (static_cast<uint64_t>(soup_message_headers_get_content_length(headers)) >
+          server->options_.maxBodyBytes)
         answerError(msg, SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE, tooLarge(server->options_.maxBodyBytes));
       break;
     case SOUP_ENCODING_NONE:
@@ -157,7 +164,8 @@ void CollectorServer::handleEarly(SoupServer*, SoupServerMessage* msg, const cha
   }
 }
 
-void CollectorServer::handle(SoupServer*, SoupServerMessage* msg, const char* path, GHashTable* query, void* self) {
+void CollectorServer::handle(SoupServer*, SoupServerMessage* msg, const char* path, GHashTable* query,
+                             void* self) {
   auto* server = static_cast<CollectorServer*>(self);
   const char* method = soup_server_message_get_method(msg);
   const bool get = strcmp(method, "GET") == 0;
@@ -167,7 +175,8 @@ void CollectorServer::handle(SoupServer*, SoupServerMessage* msg, const char* pa
   }
   const bool metrics = strcmp(path, "/api/metrics") == 0, summary = strcmp(path, "/api/summary") == 0,
              page = strcmp(path, "/") == 0;
-  if (!metrics && !summary && !page) return answerError(msg, SOUP_STATUS_NOT_FOUND, std::string("no such path: ") + path);
+  if (!metrics && !summary && !page)
+    return answerError(msg, SOUP_STATUS_NOT_FOUND, std::string("no such path: ") + path);
   if (!get) return answerMethodNotAllowed(msg, "GET");
   if (!server->authorized(msg, query)) {
     soup_message_headers_replace(soup_server_message_get_response_headers(msg), "WWW-Authenticate",
@@ -196,7 +205,8 @@ void CollectorServer::ingest(SoupServerMessage* msg) {
   }
   auto ids = PXMutableArray::array();
   for (const std::string& id : named) ids->addObject(id);
-  answerJSON(msg, SOUP_STATUS_OK, PXDictionary::dictionaryWithEntries({{"processedPapercutPackageIDs", ids}}));
+  answerJSON(msg, SOUP_STATUS_OK,
+             PXDictionary::dictionaryWithEntries({{"processedPapercutPackageIDs", ids}}));
 }
 
 // ---- Query API and dashboard ------------------------------------------------------
@@ -212,7 +222,8 @@ bool CollectorServer::authorized(SoupServerMessage* msg, GHashTable* query) cons
 
 void CollectorServer::apiMetrics(SoupServerMessage* msg, GHashTable* query) {
   const char* identifier = queryValue(query, "identifier");
-  if (!identifier || !*identifier) return answerError(msg, SOUP_STATUS_BAD_REQUEST, "\"identifier\" is required");
+  if (!identifier || !*identifier)
+    return answerError(msg, SOUP_STATUS_BAD_REQUEST, "\"identifier\" is required");
   const char* from = queryValue(query, "from");
   const char* to = queryValue(query, "to");
   const int64_t fromDay = from ? dayFromText(from) : 0;
@@ -230,9 +241,10 @@ void CollectorServer::apiMetrics(SoupServerMessage* msg, GHashTable* query) {
                                                          {"secondary", row.secondary},
                                                          {"sum", static_cast<long long>(row.sum)}}));
   }
-  answerJSON(msg, SOUP_STATUS_OK,
-             PXDictionary::dictionaryWithEntries(
-                 {{"identifier", identifier}, {"from", dayText(fromDay)}, {"to", dayText(toDay)}, {"days", days}}));
+  answerJSON(
+      msg, SOUP_STATUS_OK,
+      PXDictionary::dictionaryWithEntries(
+          {{"identifier", identifier}, {"from", dayText(fromDay)}, {"to", dayText(toDay)}, {"days", days}}));
 }
 
 void CollectorServer::apiSummary(SoupServerMessage* msg) {
@@ -266,7 +278,8 @@ void CollectorServer::dashboard(SoupServerMessage* msg, GHashTable* query) {
   if (!store_.summary(&summary, &error) ||
       (!metric.empty() && !store_.metricDailySums(metric, 0, dayFromText("9999-12-31"), &sums, &error)))
     return answerError(msg, SOUP_STATUS_SERVICE_UNAVAILABLE, "the store could not be read: " + error);
-  answer(msg, SOUP_STATUS_OK, "text/html; charset=utf-8", renderDashboard(summary, metric, sums, options_.token));
+  answer(msg, SOUP_STATUS_OK, "text/html; charset=utf-8",
+         renderDashboard(summary, metric, sums, options_.token));
 }
 
 }  // namespace pxcollector

@@ -18,11 +18,11 @@
 // context was the thread-default one at start(); it serves from that context.
 #pragma once
 
+#include <libsoup/soup.h>
+
 #include <cstddef>
 #include <memory>
 #include <string>
-
-#include <libsoup/soup.h>
 
 #include "CollectorStore.h"
 #include "platform/internal/GLibHandles.h"

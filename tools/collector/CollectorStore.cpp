@@ -53,7 +53,8 @@ const char* const kInsertDataSet =
     "INSERT INTO data_sets (package_id, position, identifier, primary_value, secondary_value, value)"
     " VALUES ($1, $2, $3, $4, $5, $6)";
 const char* const kInsertRejected =
-    "INSERT INTO rejected (rejection_key, package_id, reason, record, received_at) VALUES ($1, $2, $3, $4, $5)"
+    "INSERT INTO rejected (rejection_key, package_id, reason, record, received_at) VALUES ($1, $2, $3, $4, "
+    "$5)"
     " ON CONFLICT (rejection_key) DO NOTHING";
 const char* const kMetricDailySums =
     "SELECT p.day, d.primary_value, d.secondary_value, CAST(SUM(d.value) AS BIGINT)"
@@ -70,7 +71,8 @@ const char* const kVersions =
     " GROUP BY application_id, application_version ORDER BY application_id, application_version";
 const char* const kChannels = "SELECT channel, '', COUNT(*) FROM papercuts GROUP BY channel ORDER BY channel";
 const char* const kOSVersions =
-    "SELECT secondary_value, '', COUNT(DISTINCT package_id) FROM data_sets WHERE identifier = 'common.osversion'"
+    "SELECT secondary_value, '', COUNT(DISTINCT package_id) FROM data_sets WHERE identifier = "
+    "'common.osversion'"
     " GROUP BY secondary_value ORDER BY secondary_value";
 const char* const kPapercutsPerDay = "SELECT day, COUNT(*) FROM papercuts GROUP BY day ORDER BY day";
 const char* const kHasPapercut = "SELECT 1 FROM papercuts WHERE package_id = $1";

@@ -52,10 +52,10 @@ struct DayCount {
 struct CollectorSummary {
   int64_t papercuts = 0;
   int64_t rejected = 0;
-  std::vector<LabelCount> applications;  // label: applicationID
-  std::vector<LabelCount> versions;      // label: applicationID, detail: applicationVersion
-  std::vector<LabelCount> channels;      // label: channel
-  std::vector<LabelCount> osVersions;    // label: the "common.osversion" secondary (whole version)
+  std::vector<LabelCount> applications;   // label: applicationID
+  std::vector<LabelCount> versions;       // label: applicationID, detail: applicationVersion
+  std::vector<LabelCount> channels;       // label: channel
+  std::vector<LabelCount> osVersions;     // label: the "common.osversion" secondary (whole version)
   std::vector<DayCount> papercutsPerDay;  // by the papercut's own timestamp, oldest first
 };
 
@@ -88,7 +88,8 @@ class CollectorStore {
   [[nodiscard]] virtual bool hasPapercut(std::string_view packageID, bool* stored, std::string* error) = 0;
 
   // The reason kept for the rejected record with key `key` ("" when there is none).
-  [[nodiscard]] virtual bool rejectedReason(std::string_view key, std::string* reason, std::string* error) = 0;
+  [[nodiscard]] virtual bool rejectedReason(std::string_view key, std::string* reason,
+                                            std::string* error) = 0;
 };
 
 // Opens (and creates the schema of) the store named by `db`: a PostgreSQL
@@ -108,9 +109,9 @@ namespace sql {
 // The schema, one statement per element; every statement is idempotent.
 extern const char* const kSchema[];
 extern const size_t kSchemaCount;
-extern const char* const kInsertPapercut;  // $1..$8; returns the package_id when inserted
-extern const char* const kInsertDataSet;   // $1..$6
-extern const char* const kInsertRejected;  // $1..$5
+extern const char* const kInsertPapercut;   // $1..$8; returns the package_id when inserted
+extern const char* const kInsertDataSet;    // $1..$6
+extern const char* const kInsertRejected;   // $1..$5
 extern const char* const kMetricDailySums;  // $1 identifier, $2 from day, $3 to day
 extern const char* const kCountPapercuts;
 extern const char* const kCountRejected;

@@ -40,12 +40,12 @@ std::string columnChart(const std::string& id, const std::vector<Mark>& marks) {
   const int plotTop = 16, plotBottom = kChartHeight - 28, left = 48;
   const double slot = double(kChartWidth - left - 8) / double(marks.size());
   const double barWidth = std::max(1.0, slot * 0.8);
-  std::string svg = "<svg id=\"" + id + "\" class=\"chart\" role=\"img\" width=\"" + std::to_string(kChartWidth) +
-                    "\" height=\"" + std::to_string(kChartHeight) + "\" viewBox=\"0 0 " +
-                    std::to_string(kChartWidth) + " " + std::to_string(kChartHeight) +
+  std::string svg = "<svg id=\"" + id + "\" class=\"chart\" role=\"img\" width=\"" +
+                    std::to_string(kChartWidth) + "\" height=\"" + std::to_string(kChartHeight) +
+                    "\" viewBox=\"0 0 " + std::to_string(kChartWidth) + " " + std::to_string(kChartHeight) +
                     "\" xmlns=\"http://www.w3.org/2000/svg\">\n";
-  svg += "<line class=\"axis\" x1=\"" + std::to_string(left) + "\" y1=\"" + std::to_string(plotBottom) + "\" x2=\"" +
-         std::to_string(kChartWidth - 4) + "\" y2=\"" + std::to_string(plotBottom) + "\"/>\n";
+  svg += "<line class=\"axis\" x1=\"" + std::to_string(left) + "\" y1=\"" + std::to_string(plotBottom) +
+         "\" x2=\"" + std::to_string(kChartWidth - 4) + "\" y2=\"" + std::to_string(plotBottom) + "\"/>\n";
   svg += "<text class=\"scale\" x=\"" + std::to_string(left - 6) + "\" y=\"" + std::to_string(plotTop + 4) +
          "\" text-anchor=\"end\">" + std::to_string(top) + "</text>\n";
   for (size_t i = 0; i < marks.size(); ++i) {
@@ -55,12 +55,13 @@ std::string columnChart(const std::string& id, const std::vector<Mark>& marks) {
     snprintf(geometry, sizeof geometry, "x=\"%.1f\" y=\"%.1f\" width=\"%.1f\" height=\"%.1f\"", x,
              plotBottom - height, barWidth, height);
     const std::string label = escapeHTML(marks[i].label);
-    svg += "<rect class=\"bar\" data-label=\"" + label + "\" data-value=\"" + std::to_string(marks[i].value) + "\" " +
-           geometry + "><title>" + label + ": " + std::to_string(marks[i].value) + "</title></rect>\n";
+    svg += "<rect class=\"bar\" data-label=\"" + label + "\" data-value=\"" + std::to_string(marks[i].value) +
+           "\" " + geometry + "><title>" + label + ": " + std::to_string(marks[i].value) +
+           "</title></rect>\n";
   }
   // First and last day under the axis.
-  svg += "<text class=\"scale\" x=\"" + std::to_string(left) + "\" y=\"" + std::to_string(kChartHeight - 10) + "\">" +
-         escapeHTML(marks.front().label) + "</text>\n";
+  svg += "<text class=\"scale\" x=\"" + std::to_string(left) + "\" y=\"" + std::to_string(kChartHeight - 10) +
+         "\">" + escapeHTML(marks.front().label) + "</text>\n";
   if (marks.size() > 1)
     svg += "<text class=\"scale\" x=\"" + std::to_string(kChartWidth - 4) + "\" y=\"" +
            std::to_string(kChartHeight - 10) + "\" text-anchor=\"end\">" + escapeHTML(marks.back().label) +
@@ -74,19 +75,20 @@ std::string barChart(const std::string& id, const std::vector<Mark>& marks) {
   int64_t top = 1;
   for (const Mark& m : marks) top = std::max(top, m.value);
   const int height = kBarRowHeight * static_cast<int>(marks.size()) + 8;
-  std::string svg = "<svg id=\"" + id + "\" class=\"chart\" role=\"img\" width=\"" + std::to_string(kChartWidth) +
-                    "\" height=\"" + std::to_string(height) + "\" xmlns=\"http://www.w3.org/2000/svg\">\n";
+  std::string svg = "<svg id=\"" + id + "\" class=\"chart\" role=\"img\" width=\"" +
+                    std::to_string(kChartWidth) + "\" height=\"" + std::to_string(height) +
+                    "\" xmlns=\"http://www.w3.org/2000/svg\">\n";
   const int room = kChartWidth - kLabelWidth - 60;
   for (size_t i = 0; i < marks.size(); ++i) {
     const int y = 4 + kBarRowHeight * static_cast<int>(i);
     const int width = std::max<int>(1, static_cast<int>(double(room) * double(marks[i].value) / double(top)));
     const std::string label = escapeHTML(marks[i].label), value = std::to_string(marks[i].value);
-    svg += "<text class=\"label\" x=\"" + std::to_string(kLabelWidth - 8) + "\" y=\"" + std::to_string(y + 15) +
-           "\" text-anchor=\"end\">" + label + "</text>\n";
+    svg += "<text class=\"label\" x=\"" + std::to_string(kLabelWidth - 8) + "\" y=\"" +
+           std::to_string(y + 15) + "\" text-anchor=\"end\">" + label + "</text>\n";
     svg += "<rect class=\"bar\" data-label=\"" + label + "\" data-value=\"" + value + "\" x=\"" +
-           std::to_string(kLabelWidth) + "\" y=\"" + std::to_string(y) + "\" width=\"" + std::to_string(width) +
-           "\" height=\"" + std::to_string(kBarRowHeight - 6) + "\"><title>" + label + ": " + value +
-           "</title></rect>\n";
+           std::to_string(kLabelWidth) + "\" y=\"" + std::to_string(y) + "\" width=\"" +
+           std::to_string(width) + "\" height=\"" + std::to_string(kBarRowHeight - 6) + "\"><title>" + label +
+           ": " + value + "</title></rect>\n";
     svg += "<text class=\"count\" x=\"" + std::to_string(kLabelWidth + width + 6) + "\" y=\"" +
            std::to_string(y + 15) + "\">" + value + "</text>\n";
   }
@@ -108,12 +110,23 @@ std::string escapeHTML(const std::string& text) {
   out.reserve(text.size());
   for (char c : text) {
     switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      case '\'': out += "&#39;"; break;
-      default: out += c;
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      case '\'':
+        out += "&#39;";
+        break;
+      default:
+        out += c;
     }
   }
   return out;
@@ -132,7 +145,8 @@ std::string renderDashboard(const CollectorSummary& summary, const std::string& 
   std::vector<Mark> versions, osVersions;
   for (const LabelCount& v : summary.versions)
     versions.push_back({v.label + " " + (v.detail.empty() ? "(no version)" : v.detail), v.count});
-  for (const LabelCount& v : summary.osVersions) osVersions.push_back({v.label.empty() ? "(unknown)" : v.label, v.count});
+  for (const LabelCount& v : summary.osVersions)
+    osVersions.push_back({v.label.empty() ? "(unknown)" : v.label, v.count});
 
   std::string html =
       "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
@@ -147,8 +161,8 @@ std::string renderDashboard(const CollectorSummary& summary, const std::string& 
   html += "<h2>Papercuts per day</h2>\n" + columnChart("papercuts-per-day", perDay);
 
   html += "<h2>Daily values of <code id=\"chosen-metric\">" + escapeHTML(metric) + "</code></h2>\n";
-  html += "<form method=\"get\" action=\"/\"><label>Metric <input name=\"metric\" value=\"" + escapeHTML(metric) +
-          "\"></label>";
+  html += "<form method=\"get\" action=\"/\"><label>Metric <input name=\"metric\" value=\"" +
+          escapeHTML(metric) + "\"></label>";
   if (!token.empty()) html += "<input type=\"hidden\" name=\"token\" value=\"" + escapeHTML(token) + "\">";
   html += " <button type=\"submit\">Show</button></form>\n";
   html += columnChart("metric-per-day", metricMarks);
@@ -164,8 +178,9 @@ std::string renderDashboard(const CollectorSummary& summary, const std::string& 
   html += "<h2>Application versions</h2>\n" + barChart("application-versions", versions);
   html += "<h2>OS versions</h2>\n" + barChart("os-versions", osVersions);
   const std::string query = token.empty() ? "" : "?token=" + urlEncode(token);
-  html += "<p>As JSON: <a href=\"/api/summary" + escapeHTML(query) + "\">summary</a>, <a href=\"/api/metrics?identifier=" +
-          urlEncode(metric) + (token.empty() ? "" : "&amp;token=" + urlEncode(token)) + "\">" + escapeHTML(metric) +
+  html += "<p>As JSON: <a href=\"/api/summary" + escapeHTML(query) +
+          "\">summary</a>, <a href=\"/api/metrics?identifier=" + urlEncode(metric) +
+          (token.empty() ? "" : "&amp;token=" + urlEncode(token)) + "\">" + escapeHTML(metric) +
           "</a></p>\n</body></html>\n";
   return html;
 }

@@ -29,7 +29,8 @@ bool integerOf(const PXValue& value, int64_t* out) {
     *out = value.longLongValue();
     return true;
   }
-  if (value.kind() == Kind::UInt && value.unsignedLongLongValue() <= uint64_t(std::numeric_limits<int64_t>::max())) {
+  if (value.kind() == Kind::UInt &&
+      value.unsignedLongLongValue() <= uint64_t(std::numeric_limits<int64_t>::max())) {
     *out = static_cast<int64_t>(value.unsignedLongLongValue());
     return true;
   }
@@ -71,7 +72,8 @@ std::string readDataSet(const PXValue& element, size_t index, DataSet* set) {
 std::string readPapercut(const PXDictionary& record, Papercut* papercut) {
   std::string reason = readText(record, "packageID", true, kMaxPackageIDLength, &papercut->packageID);
   if (reason.empty() && papercut->packageID.empty()) reason = "\"packageID\" is empty";
-  if (reason.empty()) reason = readText(record, "applicationID", true, kMaxTextLength, &papercut->applicationID);
+  if (reason.empty())
+    reason = readText(record, "applicationID", true, kMaxTextLength, &papercut->applicationID);
   if (reason.empty()) reason = readText(record, "channel", true, kMaxTextLength, &papercut->channel);
   if (reason.empty())
     reason = readText(record, "applicationVersion", false, kMaxTextLength, &papercut->applicationVersion);
@@ -108,7 +110,8 @@ std::string readPapercut(const PXDictionary& record, Papercut* papercut) {
 SubmissionReading readSubmission(const char* body, size_t length) {
   SubmissionReading reading;
   PXErrorRef error;
-  PXValue document = JSONDecoder::decoder()->objectWithUTF8String(body ? body : "", body ? length : 0, &error);
+  PXValue document =
+      JSONDecoder::decoder()->objectWithUTF8String(body ? body : "", body ? length : 0, &error);
   if (!document) {
     reading.error = "the body is not JSON: " + std::string(error ? error->localizedDescription().view() : "");
     return reading;
@@ -138,7 +141,8 @@ SubmissionReading readSubmission(const char* body, size_t length) {
     rejected.reason = std::move(reason);
     // Named in the receipt only when the identity itself is usable.
     const PXValue* id = record ? record->findStringKey("packageID") : nullptr;
-    if (id && id->isString() && !id->stringValue().empty() && id->stringValue().size() <= kMaxPackageIDLength) {
+    if (id && id->isString() && !id->stringValue().empty() &&
+        id->stringValue().size() <= kMaxPackageIDLength) {
       rejected.packageID = std::string(id->stringValue());
       rejected.key = "package:" + rejected.packageID;
     } else {
@@ -161,8 +165,8 @@ std::string dayText(int64_t day) {
   const int64_t m = mp < 10 ? mp + 3 : mp - 9;
   const int64_t y = yoe + era * 400 + (m <= 2 ? 1 : 0);
   char text[64];
-  std::snprintf(text, sizeof text, "%04lld-%02lld-%02lld", static_cast<long long>(y), static_cast<long long>(m),
-                static_cast<long long>(d));
+  std::snprintf(text, sizeof text, "%04lld-%02lld-%02lld", static_cast<long long>(y),
+                static_cast<long long>(m), static_cast<long long>(d));
   return text;
 }
 

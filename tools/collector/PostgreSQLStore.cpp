@@ -45,12 +45,14 @@ class PostgreSQLStore final : public CollectorStore {
     const std::string now = std::to_string(static_cast<int64_t>(time(nullptr)));
     bool ok = true;
     for (const Papercut& p : papercuts) {
-      const std::string timestamp = std::to_string(p.timestamp), day = std::to_string(dayOfTimestamp(p.timestamp)),
+      const std::string timestamp = std::to_string(p.timestamp),
+                        day = std::to_string(dayOfTimestamp(p.timestamp)),
                         usage = std::to_string(p.totalUsageDays);
-      PGResult inserted = run(sql::kInsertPapercut,
-                              {p.packageID.c_str(), p.applicationID.c_str(), p.applicationVersion.c_str(),
-                               p.channel.c_str(), timestamp.c_str(), day.c_str(), usage.c_str(), p.record.c_str()},
-                              error);
+      PGResult inserted =
+          run(sql::kInsertPapercut,
+              {p.packageID.c_str(), p.applicationID.c_str(), p.applicationVersion.c_str(), p.channel.c_str(),
+               timestamp.c_str(), day.c_str(), usage.c_str(), p.record.c_str()},
+              error);
       ok = inserted != nullptr;
       const bool isNew = ok && PQntuples(inserted.get()) == 1;
       for (size_t i = 0; ok && isNew && i < p.metrics.size(); ++i) {
@@ -67,7 +69,8 @@ class PostgreSQLStore final : public CollectorStore {
     for (size_t i = 0; ok && i < rejected.size(); ++i) {
       const RejectedRecord& r = rejected[i];
       ok = command(sql::kInsertRejected,
-                   {r.key.c_str(), r.packageID.c_str(), r.reason.c_str(), r.record.c_str(), now.c_str()}, error);
+                   {r.key.c_str(), r.packageID.c_str(), r.reason.c_str(), r.record.c_str(), now.c_str()},
+                   error);
       if (ok && !r.packageID.empty() && seen.insert(r.packageID).second) ids.push_back(r.packageID);
     }
     // COMMIT returns once the commit record is flushed (synchronous_commit on).
@@ -114,7 +117,8 @@ class PostgreSQLStore final : public CollectorStore {
     PGResult days = run(sql::kPapercutsPerDay, {}, error);
     if (!days) return false;
     for (int r = 0; r < PQntuples(days.get()); ++r)
-      s->papercutsPerDay.push_back({toInt(PQgetvalue(days.get(), r, 0)), toInt(PQgetvalue(days.get(), r, 1))});
+      s->papercutsPerDay.push_back(
+          {toInt(PQgetvalue(days.get(), r, 0)), toInt(PQgetvalue(days.get(), r, 1))});
     return true;
   }
 
@@ -189,12 +193,14 @@ class PostgreSQLStore final : public CollectorStore {
 std::unique_ptr<CollectorStore> openPostgreSQLStore(const std::string& uri, std::string* error) {
   PGConnection conn(PQconnectdb(uri.c_str()));
   if (!conn || PQstatus(conn.get()) != CONNECTION_OK) {
-    *error = "cannot connect to PostgreSQL: " + std::string(conn ? PQerrorMessage(conn.get()) : "out of memory");
+    *error =
+        "cannot connect to PostgreSQL: " + std::string(conn ? PQerrorMessage(conn.get()) : "out of memory");
     while (!error->empty() && error->back() == '\n') error->pop_back();
     return nullptr;
   }
   // Notices (such as "relation already exists, skipping") are not the collector's output.
-  PQsetNoticeProcessor(conn.get(), [](void*, const char*) {}, nullptr);
+  PQsetNoticeProcessor(
+      conn.get(), [](void*, const char*) {}, nullptr);
   auto store = std::make_unique<PostgreSQLStore>(std::move(conn));
   std::string why;
   if (!store->open(&why)) {

@@ -74,8 +74,9 @@ class SQLiteStore final : public CollectorStore {
     for (size_t i = 0; ok && i < rejected.size(); ++i) {
       const RejectedRecord& r = rejected[i];
       sqlite3_stmt* insert = statement(sql::kInsertRejected);
-      ok = insert && bindText(insert, 1, r.key) && bindText(insert, 2, r.packageID) && bindText(insert, 3, r.reason) &&
-           bindText(insert, 4, r.record) && bindInt(insert, 5, now) && step(insert, error);
+      ok = insert && bindText(insert, 1, r.key) && bindText(insert, 2, r.packageID) &&
+           bindText(insert, 3, r.reason) && bindText(insert, 4, r.record) && bindInt(insert, 5, now) &&
+           step(insert, error);
       if (ok && !r.packageID.empty() && seen.insert(r.packageID).second) ids.push_back(r.packageID);
     }
     if (ok && step(statement("COMMIT"), error)) {
@@ -102,7 +103,8 @@ class SQLiteStore final : public CollectorStore {
 
   bool summary(CollectorSummary* s, std::string* error) override {
     *s = {};
-    if (!count(sql::kCountPapercuts, &s->papercuts, error) || !count(sql::kCountRejected, &s->rejected, error))
+    if (!count(sql::kCountPapercuts, &s->papercuts, error) ||
+        !count(sql::kCountRejected, &s->rejected, error))
       return false;
     const std::pair<const char*, std::vector<LabelCount>*> lists[] = {{sql::kApplications, &s->applications},
                                                                       {sql::kVersions, &s->versions},
@@ -194,14 +196,16 @@ class SQLiteStore final : public CollectorStore {
   }
 
   static bool bindText(sqlite3_stmt* s, int index, std::string_view text) {
-    return sqlite3_bind_text64(s, index, text.data(), text.size(), SQLITE_TRANSIENT, SQLITE_UTF8) == SQLITE_OK;
+    return sqlite3_bind_text64(s, index, text.data(), text.size(), SQLITE_TRANSIENT, SQLITE_UTF8) ==
+           SQLITE_OK;
   }
   static bool bindInt(sqlite3_stmt* s, int index, int64_t value) {
     return sqlite3_bind_int64(s, index, value) == SQLITE_OK;
   }
   static std::string columnText(sqlite3_stmt* s, int column) {
     const unsigned char* text = sqlite3_column_text(s, column);
-    return text ? std::string(reinterpret_cast<const char*>(text), static_cast<size_t>(sqlite3_column_bytes(s, column)))
+    return text ? std::string(reinterpret_cast<const char*>(text),
+                              static_cast<size_t>(sqlite3_column_bytes(s, column)))
                 : std::string();
   }
   bool fail(std::string* error) {
@@ -220,8 +224,8 @@ std::unique_ptr<CollectorStore> openSQLiteStore(const std::string& path, std::st
   const std::filesystem::path parent = std::filesystem::path(path).parent_path();
   if (!parent.empty()) std::filesystem::create_directories(parent, ec);
   sqlite3* raw = nullptr;
-  const int rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                                 nullptr);
+  const int rc = sqlite3_open_v2(path.c_str(), &raw,
+                                 SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
   SQLiteDatabase db(raw);
   if (rc != SQLITE_OK) {
     *error = "cannot open " + path + ": " + (raw ? sqlite3_errmsg(raw) : sqlite3_errstr(rc));

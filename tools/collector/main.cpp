@@ -129,13 +129,15 @@ int main(int argc, char** argv) {
     return 1;
   }
   pxkit::glib::MainLoop loop(g_main_loop_new(nullptr, FALSE));
-  std::unique_ptr<pxcollector::CollectorServer> server = pxcollector::CollectorServer::start(*store, options, &error);
+  std::unique_ptr<pxcollector::CollectorServer> server =
+      pxcollector::CollectorServer::start(*store, options, &error);
   if (!server) {
     std::fprintf(stderr, "pxkit-collector: %s\n", error.c_str());
     return 1;
   }
   std::printf("listening on %s\n", server->url().c_str());
-  std::printf("storing in %s (%s)\n", pxcollector::isPostgreSQLURI(db) ? "PostgreSQL" : db.c_str(), store->kind());
+  std::printf("storing in %s (%s)\n", pxcollector::isPostgreSQLURI(db) ? "PostgreSQL" : db.c_str(),
+              store->kind());
   std::fflush(stdout);
   const guint term = g_unix_signal_add(SIGTERM, quit, loop.get());
   const guint interrupt = g_unix_signal_add(SIGINT, quit, loop.get());
