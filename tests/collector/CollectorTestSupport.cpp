@@ -88,13 +88,8 @@ bool PostgreSQLServer::run(const std::vector<std::string>& command, std::string*
   return spawned && g_spawn_check_wait_status(status, nullptr);
 }
 
-std::string PostgreSQLServer::uri(const std::string& database) const {
-  return "postgresql://collector@/" + database + "?host=" + dir_.path();
-}
-
-bool PostgreSQLServer::createDatabase(const std::string& name) {
-  std::string output;
-  return run({bin_ + "/createdb", "-h", dir_.path(), "-U", "collector", name}, &output);
+std::string PostgreSQLServer::uri() const {
+  return "postgresql://collector@/postgres?host=" + dir_.path();
 }
 
 // ---- The collector as a process -------------------------------------------------------

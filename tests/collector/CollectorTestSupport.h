@@ -39,9 +39,8 @@ class PostgreSQLServer {
 
   bool running() const { return running_; }
   const std::string& whyNot() const { return whyNot_; }
-  // A libpq URI of the server's "postgres" database (or of `database`, after createDatabase).
-  std::string uri(const std::string& database = "postgres") const;
-  bool createDatabase(const std::string& name);
+  // A libpq URI of the server's "postgres" database.
+  std::string uri() const;
 
  private:
   bool run(const std::vector<std::string>& argv, std::string* output);
