@@ -136,28 +136,6 @@ TEST(PapercutRecord, LimitsHoldAtTheirEdges) {
   }
 }
 
-TEST(PapercutRecord, AcceptedRecordsKeepTheirFieldsAndRejectedOnesTheirIdentity) {
-  SubmissionReading r =
-      read(submissionJSON({papercutJSON("good", 1764000123), "17", "{\"packageID\":\"half\"}"}));
-  ASSERT_EQ(r.papercuts.size(), 1u);
-  const Papercut& p = r.papercuts[0];
-  EXPECT_EQ(p.packageID, "good");
-  EXPECT_EQ(p.applicationID, "org.example.Editor");
-  EXPECT_EQ(p.timestamp, 1764000123);
-  ASSERT_EQ(p.metrics.size(), 2u);
-  EXPECT_EQ(p.metrics[1].identifier, "test.metric1");
-  EXPECT_EQ(p.metrics[1].primary, "p1");
-  EXPECT_EQ(p.metrics[1].secondary, "");
-  EXPECT_EQ(p.metrics[1].value, 2);
-  ASSERT_EQ(r.rejected.size(), 2u);
-  // A record without a usable packageID cannot be named; it is kept by its digest.
-  EXPECT_EQ(r.rejected[0].packageID, "");
-  EXPECT_EQ(r.rejected[0].key.rfind("sha256:", 0), 0u);
-  EXPECT_EQ(r.rejected[0].record, "17");
-  EXPECT_EQ(r.rejected[1].packageID, "half");
-  EXPECT_EQ(r.rejected[1].key, "package:half");
-}
-
 TEST(PapercutRecord, DaysAreCalendarDaysInUTC) {
   const struct {
     int64_t timestamp;
