@@ -1,0 +1,216 @@
+// pxkit-collector as a process on an ephemeral loopback port: what each request
+// is answered, what ends up stored, and what survives a kill.
+#include "CollectorServer.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+
+#include "CollectorTestSupport.h"
+
+namespace pxcollector {
+namespace {
+
+bool storedIn(const std::string& db, const std::string& packageID) {
+  std::string error;
+  auto store = openCollectorStore(db, &error);
+  bool stored = false;
+  return store && store->hasPapercut(packageID, &stored, &error) && stored;
+}
+
+TEST(CollectorServer, BadRequestsGetAJSONErrorAndNoReceipt) {
+  TempDir dir;
+  const std::string db = dir.path() + "/p.db";
+  CollectorProcess collector({"--db", db});
+  ASSERT_TRUE(collector.started()) << collector.output();
+  const std::string ingest = collector.url() + "/metrics/post";
+  const std::string good = submissionJSON({papercutJSON("kept")});
+  const struct {
+    const char* name;
+    std::string method;
+    std::string path;
+    std::string body;
+    long status;
+  } rows[] = {
+      {"truncated body", "POST", "/metrics/post", good.substr(0, good.size() - 3), 400},
+      {"deep nesting", "POST", "/metrics/post", std::string(100000, '[') + std::string(100000, ']'), 400},
+      {"not a submission", "POST", "/metrics/post", "{\"processedPapercutPackageIDs\":[]}", 400},
+      {"top-level array", "POST", "/metrics/post", "[]", 400},
+      {"empty body", "POST", "/metrics/post", "", 400},
+      {"papercuts is a string", "POST", "/metrics/post", "{\"papercuts\":\"a\"}", 400},
+      {"GET on ingest", "GET", "/metrics/post", "", 405},
+      {"PUT on ingest", "PUT", "/metrics/post", good, 405},
+      {"POST on the summary", "POST", "/api/summary", good, 405},
+      {"unknown path", "GET", "/metrics/post/extra", "", 404},
+      {"metrics without identifier", "GET", "/api/metrics", "", 400},
+      {"metrics with a bad date", "GET", "/api/metrics?identifier=a&from=2025-02-30", "", 400},
+  };
+  for (const auto& row : rows) {
+    HTTPAnswer a = httpRequest(row.method, collector.url() + row.path, row.body);
+    EXPECT_EQ(a.status, row.status) << row.name << ": " << a.body;
+    EXPECT_NE(a.body.find("\"error\":"), std::string::npos) << row.name << ": " << a.body;
+    EXPECT_EQ(a.body.find("processedPapercutPackageIDs\":["), std::string::npos) << row.name;
+  }
+  // A 100 MB body is refused from its headers, before it is read.
+  HTTPAnswer big = httpPost(ingest, std::string(100u * 1024 * 1024, ' '));
+  EXPECT_EQ(big.status, 413);
+  EXPECT_NE(big.body.find("larger than the limit of 16777216 bytes"), std::string::npos) << big.body;
+  // A body that ends before its Content-Length says, then the connection closes.
+  std::string reply = rawExchange(
+      collector.url(), "POST /metrics/post HTTP/1.1\r\nHost: x\r\nContent-Length: 500\r\n\r\n" + good);
+  EXPECT_EQ(reply.find("processedPapercutPackageIDs"), std::string::npos) << reply;
+  // Through all of it the collector kept serving and stored nothing.
+  HTTPAnswer receipt = httpPost(ingest, good);
+  EXPECT_EQ(receipt.status, 200);
+  EXPECT_EQ(receipt.body, "{\"processedPapercutPackageIDs\":[\"kept\"]}");
+  HTTPAnswer summary = httpGet(collector.url() + "/api/summary");
+  EXPECT_NE(summary.body.find("\"papercuts\":1,"), std::string::npos) << summary.body;
+}
+
+// The limit is judged from Content-Length, so a body without one is refused too.
+TEST(CollectorServer, BodyLimitHoldsAtItsEdgeAndNeedsALength) {
+  TempDir dir;
+  const std::string record = submissionJSON({papercutJSON("edge")});
+  const size_t limit = record.size() + 1;
+  CollectorProcess collector({"--db", dir.path() + "/p.db", "--max-body-bytes", std::to_string(limit)});
+  ASSERT_TRUE(collector.started()) << collector.output();
+  // JSON allows trailing white space, so the same submission can be made longer.
+  EXPECT_EQ(httpPost(collector.url() + "/metrics/post", record).status, 200);         // N-1
+  EXPECT_EQ(httpPost(collector.url() + "/metrics/post", record + " ").status, 200);   // N
+  EXPECT_EQ(httpPost(collector.url() + "/metrics/post", record + "  ").status, 413);  // N+1
+  const std::string reply = rawExchange(collector.url(),
+                                        "POST /metrics/post HTTP/1.1\r\nHost: x\r\nConnection: "
+                                        "close\r\nTransfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n\r\n");
+  EXPECT_EQ(reply.rfind("HTTP/1.1 411", 0), 0u) << reply;
+}
+
+TEST(CollectorServer, ResubmissionIsAnsweredWithTheSameReceipt) {
+  TempDir dir;
+  const std::string db = dir.path() + "/p.db";
+  CollectorProcess collector({"--db", db});
+  ASSERT_TRUE(collector.started()) << collector.output();
+  const std::string body = submissionJSON(
+      {papercutJSON("one"), "{\"packageID\":\"never\",\"timestamp\":\"soon\"}", papercutJSON("two")});
+  const std::string expected = "{\"processedPapercutPackageIDs\":[\"one\",\"two\",\"never\"]}";
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    HTTPAnswer a = httpPost(collector.url() + "/metrics/post", body);
+    EXPECT_EQ(a.status, 200);
+    EXPECT_EQ(a.body, expected);
+  }
+  HTTPAnswer summary = httpGet(collector.url() + "/api/summary");
+  EXPECT_NE(summary.body.find("\"papercuts\":2,\"rejected\":1,"), std::string::npos) << summary.body;
+  HTTPAnswer metric =
+      httpGet(collector.url() + "/api/metrics?identifier=test.metric1&from=2025-11-24&to=2025-11-24");
+  EXPECT_EQ(metric.body,
+            "{\"identifier\":\"test.metric1\",\"from\":\"2025-11-24\",\"to\":\"2025-11-24\",\"days\":"
+            "[{\"day\":\"2025-11-24\",\"primary\":\"p1\",\"secondary\":\"\",\"sum\":4}]}");
+}
+
+// Every papercut whose receipt reached the client is on disk, however the
+// collector ends: a stream of submissions, a SIGKILL in the middle of it, a restart.
+TEST(CollectorServer, EveryReceiptedPapercutSurvivesAKill) {
+  TempDir dir;
+  const std::string db = dir.path() + "/p.db";
+  CollectorProcess collector({"--db", db});
+  ASSERT_TRUE(collector.started()) << collector.output();
+  std::vector<std::string> receipted;  // read only after the sender has ended
+  std::atomic<size_t> receipts{0};
+  std::atomic<bool> done{false}, senderEnded{false};
+  std::thread sender([&] {
+    for (int i = 0; !done; ++i) {
+      const std::string id = "kill-" + std::to_string(i);
+      HTTPAnswer a =
+          httpPost(collector.url() + "/metrics/post", submissionJSON({papercutJSON(id, 1764000000, 20)}));
+      if (a.status != 200) break;  // the collector is gone
+      if (a.body == "{\"processedPapercutPackageIDs\":[\"" + id + "\"]}") {
+        receipted.push_back(id);
+        ++receipts;
+      }
+    }
+    senderEnded = true;
+  });
+  // Kill once a good number of receipts has come back, while sending goes on.
+  while (receipts < 40 && !senderEnded) std::this_thread::yield();
+  const int status = collector.stop(SIGKILL);
+  done = true;
+  sender.join();
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+  ASSERT_GE(receipted.size(), 40u);
+
+  CollectorProcess restarted({"--db", db});
+  ASSERT_TRUE(restarted.started()) << restarted.output();
+  for (const std::string& id : receipted) EXPECT_TRUE(storedIn(db, id)) << id;
+}
+
+TEST(CollectorServer, QueriesNeedTheTokenWhenOneIsSetAndIngestNeverDoes) {
+  TempDir dir;
+  CollectorProcess collector({"--db", dir.path() + "/p.db", "--token", "s3cret"});
+  ASSERT_TRUE(collector.started()) << collector.output();
+  const struct {
+    std::string path;
+    std::vector<std::string> headers;
+    long status;
+  } rows[] = {
+      {"/api/summary", {}, 401},
+      {"/api/summary", {"Authorization: Bearer wrong"}, 401},
+      {"/api/summary", {"Authorization: Bearer s3cret"}, 200},
+      {"/api/summary?token=s3cre", {}, 401},
+      {"/api/summary?token=s3cret", {}, 200},
+      {"/", {}, 401},
+      {"/?token=s3cret", {}, 200},
+      {"/api/metrics?identifier=a", {"Authorization: Bearer s3cret"}, 200},
+  };
+  for (const auto& row : rows)
+    EXPECT_EQ(httpGet(collector.url() + row.path, row.headers).status, row.status) << row.path;
+  EXPECT_EQ(httpPost(collector.url() + "/metrics/post", submissionJSON({papercutJSON("open")})).status, 200);
+}
+
+TEST(CollectorServer, RefusesToStartWhereItShouldNot) {
+  TempDir dir;
+  const struct {
+    std::vector<std::string> args;
+    const char* says;
+  } rows[] = {
+      {{"--listen", "0.0.0.0:0", "--db", dir.path() + "/p.db"}, "needs --token"},
+      {{"--listen", "localhost:80", "--db", dir.path() + "/p.db"}, "is not an IP address"},
+      {{"--listen", "127.0.0.1", "--db", dir.path() + "/p.db"}, "expected ADDR:PORT"},
+      {{"--listen", "127.0.0.1:65536", "--db", dir.path() + "/p.db"}, "expected ADDR:PORT"},
+      {{"--db", dir.path()}, "cannot open"},
+      {{"--max-body-bytes", "0"}, "positive number"},
+      {{"--frobnicate"}, "unknown argument"},
+  };
+  for (const auto& row : rows) {
+    CollectorProcess collector(row.args, /*addListen=*/false);
+    EXPECT_FALSE(collector.started());
+    const int status = collector.stop(0);  // it ends by itself
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) != 0);
+    EXPECT_NE(collector.output().find(row.says), std::string::npos) << collector.output();
+  }
+  CollectorProcess help({"--help"}, false);
+  help.stop(0);
+  EXPECT_NE(help.output().find("SYNOPSIS"), std::string::npos);
+  EXPECT_NE(help.output().find("--listen ADDR:PORT"), std::string::npos);
+}
+
+TEST(CollectorServer, SeveralCollectorsShareOnePostgreSQLDatabase) {
+  PostgreSQLServer pg;
+  if (!pg.running()) GTEST_SKIP() << "PostgreSQL cannot be started here: " << pg.whyNot();
+  CollectorProcess first({"--db", pg.uri()});
+  CollectorProcess second({"--db", pg.uri()});
+  ASSERT_TRUE(first.started()) << first.output();
+  ASSERT_TRUE(second.started()) << second.output();
+  // The same papercut through both, as a client retrying behind a load balancer would.
+  const std::string body = submissionJSON({papercutJSON("shared"), papercutJSON("only-first")});
+  EXPECT_EQ(httpPost(first.url() + "/metrics/post", body).status, 200);
+  HTTPAnswer again = httpPost(second.url() + "/metrics/post", submissionJSON({papercutJSON("shared")}));
+  EXPECT_EQ(again.body, "{\"processedPapercutPackageIDs\":[\"shared\"]}");
+  HTTPAnswer summary = httpGet(second.url() + "/api/summary");
+  EXPECT_NE(summary.body.find("\"papercuts\":2,"), std::string::npos) << summary.body;
+}
+
+}  // namespace
+}  // namespace pxcollector

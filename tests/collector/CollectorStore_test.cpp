@@ -1,0 +1,178 @@
+// Both stores, the same cases: a real SQLite file and a real PostgreSQL server.
+#include "CollectorStore.h"
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <memory>
+#include <string>
+
+#include "CollectorTestSupport.h"
+
+namespace pxcollector {
+namespace {
+
+class CollectorStoreTest : public ::testing::TestWithParam<const char*> {
+ protected:
+  void SetUp() override {
+    if (std::string(GetParam()) == "PostgreSQL") {
+      pg_ = std::make_unique<PostgreSQLServer>();
+      if (!pg_->running()) GTEST_SKIP() << "PostgreSQL cannot be started here: " << pg_->whyNot();
+      db_ = pg_->uri();
+    } else {
+      db_ = dir_.path() + "/nested/papercuts.db";
+    }
+    store_ = openCollectorStore(db_, &error_);
+    ASSERT_TRUE(store_) << error_;
+  }
+
+  std::vector<std::string> store(const std::string& body) {
+    SubmissionReading r = readSubmission(body.data(), body.size());
+    EXPECT_TRUE(r.error.empty()) << r.error;
+    std::vector<std::string> named;
+    EXPECT_TRUE(store_->storeSubmission(r.papercuts, r.rejected, &named, &error_)) << error_;
+    return named;
+  }
+  CollectorSummary summary() {
+    CollectorSummary s;
+    EXPECT_TRUE(store_->summary(&s, &error_)) << error_;
+    return s;
+  }
+
+  TempDir dir_;
+  std::unique_ptr<PostgreSQLServer> pg_;
+  std::string db_;
+  std::string error_;
+  std::unique_ptr<CollectorStore> store_;
+};
+
+TEST_P(CollectorStoreTest, ResubmittedPapercutsAreNamedAgainButStoredOnce) {
+  using V = std::vector<std::string>;
+  EXPECT_EQ(store(submissionJSON({papercutJSON("a"), papercutJSON("b")})), (V{"a", "b"}));
+  // "a" again with other figures: the stored one stays as it was.
+  EXPECT_EQ(store(submissionJSON({papercutJSON("a", 1764000000, 5), papercutJSON("c")})), (V{"a", "c"}));
+  // Twice within one submission: named once, stored once.
+  EXPECT_EQ(store(submissionJSON({papercutJSON("d"), papercutJSON("d", 1764100000, 3)})), (V{"d"}));
+  CollectorSummary s = summary();
+  EXPECT_EQ(s.papercuts, 4);
+  std::vector<MetricDailySum> rows;
+  ASSERT_TRUE(store_->metricDailySums("test.metric0", 0, 100000, &rows, &error_)) << error_;
+  ASSERT_EQ(rows.size(), 1u);  // a, b, c, d each carry one test.metric0 data set, all on one day
+  EXPECT_EQ(rows[0].sum, 4);
+  EXPECT_EQ(rows[0].primary, "p0");
+  // A second opening of the same database finds everything (and the schema as it was).
+  auto again = openCollectorStore(db_, &error_);
+  ASSERT_TRUE(again) << error_;
+  bool stored = false;
+  ASSERT_TRUE(again->hasPapercut("c", &stored, &error_));
+  EXPECT_TRUE(stored);
+  ASSERT_TRUE(again->hasPapercut("zz", &stored, &error_));
+  EXPECT_FALSE(stored);
+}
+
+TEST_P(CollectorStoreTest, RejectedRecordsAreKeptOnceWithTheirReason) {
+  const std::string body =
+      submissionJSON({"{\"packageID\":\"broken\",\"metrics\":7}", "[1,2]", papercutJSON("ok")});
+  EXPECT_EQ(store(body), (std::vector<std::string>{"ok", "broken"}));
+  EXPECT_EQ(store(body), (std::vector<std::string>{"ok", "broken"}));
+  CollectorSummary s = summary();
+  EXPECT_EQ(s.papercuts, 1);
+  EXPECT_EQ(s.rejected, 2);
+  std::string reason;
+  ASSERT_TRUE(store_->rejectedReason("package:broken", &reason, &error_)) << error_;
+  EXPECT_EQ(reason, "\"applicationID\" is missing");
+}
+
+TEST_P(CollectorStoreTest, DailySumsAndSummaryCountByDayPrimaryAndSecondary) {
+  const auto record = [](const std::string& id, long long timestamp, const std::string& version,
+                         const std::string& os, int launches) {
+    return "{\"packageID\":\"" + id +
+           "\",\"applicationID\":\"org.example.Editor\",\"metrics\":["
+           "{\"identifier\":\"common.launches\",\"value\":" +
+           std::to_string(launches) +
+           "},"
+           "{\"identifier\":\"common.osversion\",\"primary\":\"12.1\",\"secondary\":\"" +
+           os +
+           "\",\"value\":1}"
+           "],\"totalUsageDays\":1,\"timestamp\":" +
+           std::to_string(timestamp) + ",\"channel\":\"mas\",\"applicationVersion\":\"" + version + "\"}";
+  };
+  const long long day1 = 1764000000, day2 = day1 + 86400;
+  store(submissionJSON({record("1", day1, "1.0", "12.1.0", 2), record("2", day1 + 60, "1.1", "12.1.0", 3),
+                        record("3", day2, "1.1", "12.1.4", 5)}));
+  std::vector<MetricDailySum> rows;
+  const int64_t d1 = dayOfTimestamp(day1);
+  ASSERT_TRUE(store_->metricDailySums("common.launches", d1, d1 + 1, &rows, &error_)) << error_;
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_EQ(rows[0].day, d1);
+  EXPECT_EQ(rows[0].sum, 5);
+  EXPECT_EQ(rows[1].sum, 5);
+  ASSERT_TRUE(store_->metricDailySums("common.launches", d1 + 1, d1 + 1, &rows, &error_));
+  EXPECT_EQ(rows.size(), 1u);  // "from" and "to" are both inclusive
+  ASSERT_TRUE(store_->metricDailySums("common.osversion", d1, d1 + 1, &rows, &error_));
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_EQ(rows[0].secondary, "12.1.0");
+  EXPECT_EQ(rows[0].sum, 2);
+
+  CollectorSummary s = summary();
+  EXPECT_EQ(s.papercuts, 3);
+  ASSERT_EQ(s.versions.size(), 2u);
+  EXPECT_EQ(s.versions[1].detail, "1.1");
+  EXPECT_EQ(s.versions[1].count, 2);
+  ASSERT_EQ(s.osVersions.size(), 2u);
+  EXPECT_EQ(s.osVersions[0].label, "12.1.0");
+  EXPECT_EQ(s.osVersions[0].count, 2);
+  ASSERT_EQ(s.channels.size(), 1u);
+  EXPECT_EQ(s.channels[0].label, "mas");
+  ASSERT_EQ(s.papercutsPerDay.size(), 2u);
+  EXPECT_EQ(s.papercutsPerDay[0].count, 2);
+}
+
+TEST_P(CollectorStoreTest, TextThatLooksLikeSQLIsStoredAsText) {
+  const std::string hostile = "x'); DROP TABLE papercuts; --";
+  const std::string body = "{\"papercuts\":[{\"packageID\":\"" + hostile +
+                           "\",\"applicationID\":\"a' OR '1'='1\",\"metrics\":[{\"identifier\":\"" + hostile +
+                           "\",\"primary\":\"\\\"; DELETE FROM data_sets; --\",\"value\":1}],"
+                           "\"totalUsageDays\":0,\"timestamp\":0,\"channel\":\"$1\"}]}";
+  EXPECT_EQ(store(body), std::vector<std::string>{hostile});
+  store(submissionJSON({papercutJSON("after")}));
+  CollectorSummary s = summary();
+  EXPECT_EQ(s.papercuts, 2);
+  ASSERT_EQ(s.applications.size(), 2u);
+  EXPECT_EQ(s.applications[0].label, "a' OR '1'='1");
+  std::vector<MetricDailySum> rows;
+  ASSERT_TRUE(store_->metricDailySums(hostile, 0, 10, &rows, &error_)) << error_;
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0].primary, "\"; DELETE FROM data_sets; --");
+}
+
+INSTANTIATE_TEST_SUITE_P(Stores, CollectorStoreTest, ::testing::Values("SQLite", "PostgreSQL"),
+                         [](const auto& row) { return std::string(row.param); });
+
+TEST(SQLiteStore, UsesAWriteAheadLogAndRefusesAPathItCannotOpen) {
+  TempDir dir;
+  std::string error;
+  auto store = openSQLiteStore(dir.path() + "/p.db", &error);
+  ASSERT_TRUE(store) << error;
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(std::string(dir.path() + "/p.db").c_str(), &db), SQLITE_OK);
+  sqlite3_stmt* s = nullptr;
+  sqlite3_prepare_v2(db, "PRAGMA journal_mode", -1, &s, nullptr);
+  ASSERT_EQ(sqlite3_step(s), SQLITE_ROW);
+  EXPECT_STREQ(reinterpret_cast<const char*>(sqlite3_column_text(s, 0)), "wal");
+  sqlite3_finalize(s);
+  sqlite3_close(db);
+
+  EXPECT_FALSE(openSQLiteStore(dir.path(), &error));  // a directory is not a database
+  EXPECT_NE(error.find("cannot open"), std::string::npos) << error;
+}
+
+TEST(PostgreSQLStore, RefusesADatabaseItCannotReach) {
+  TempDir dir;
+  std::string error;
+  EXPECT_FALSE(openCollectorStore("postgresql://nobody@/none?host=" + dir.path(), &error));
+  EXPECT_NE(error.find("cannot connect to PostgreSQL"), std::string::npos) << error;
+}
+
+}  // namespace
+}  // namespace pxcollector

@@ -1,0 +1,226 @@
+#include "CollectorTestSupport.h"
+
+#include <arpa/inet.h>
+#include <curl/curl.h>
+#include <glib.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+
+namespace fs = std::filesystem;
+
+TempDir::TempDir() {
+  char templ[] = "/tmp/pxkit-collector-test-XXXXXX";
+  if (mkdtemp(templ)) path_ = templ;
+}
+TempDir::~TempDir() {
+  std::error_code ec;
+  if (!path_.empty()) fs::remove_all(path_, ec);
+}
+
+// ---- PostgreSQL -------------------------------------------------------------------
+
+PostgreSQLServer::PostgreSQLServer(bool durable) {
+  for (const char* version : {"17", "16", "15", "14", "13"}) {
+    const std::string candidate = std::string("/usr/lib/postgresql/") + version + "/bin";
+    if (access((candidate + "/initdb").c_str(), X_OK) == 0) {
+      bin_ = candidate;
+      break;
+    }
+  }
+  if (bin_.empty()) {
+    whyNot_ =
+        "PostgreSQL is not installed (no /usr/lib/postgresql/*/bin/initdb; scripts/setup-deps installs it)";
+    return;
+  }
+  if (dir_.path().empty()) {
+    whyNot_ = "no temporary directory";
+    return;
+  }
+  // The server's files belong to the user it runs as.
+  if (geteuid() == 0 && chown(dir_.path().c_str(), 65534, 65534) != 0) {
+    whyNot_ = "cannot hand the temporary directory to nobody";
+    return;
+  }
+  std::string output;
+  if (!run({bin_ + "/initdb", "-D", dir_.path() + "/data", "-U", "collector", "-A", "trust", "-E", "UTF8",
+            "--no-sync", "--no-instructions"},
+           &output)) {
+    whyNot_ = "initdb failed: " + output;
+    return;
+  }
+  if (!run({bin_ + "/pg_ctl", "-D", dir_.path() + "/data", "-l", dir_.path() + "/log", "-w", "-t", "60", "-o",
+            "-k " + dir_.path() + " -c listen_addresses=" + (durable ? "" : " -c fsync=off"), "start"},
+           &output)) {
+    whyNot_ = "the PostgreSQL server did not start: " + output;
+    return;
+  }
+  running_ = true;
+}
+
+PostgreSQLServer::~PostgreSQLServer() {
+  std::string output;
+  if (running_)
+    run({bin_ + "/pg_ctl", "-D", dir_.path() + "/data", "-m", "immediate", "-w", "stop"}, &output);
+}
+
+bool PostgreSQLServer::run(const std::vector<std::string>& command, std::string* output) {
+  std::vector<std::string> argv;
+  if (geteuid() == 0) argv = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--"};
+  argv.insert(argv.end(), command.begin(), command.end());
+  std::vector<char*> raw;
+  for (std::string& a : argv) raw.push_back(a.data());
+  raw.push_back(nullptr);
+  gchar* out = nullptr;
+  gchar* err = nullptr;
+  gint status = -1;
+  const gboolean spawned = g_spawn_sync(dir_.path().c_str(), raw.data(), nullptr, G_SPAWN_DEFAULT, nullptr,
+                                        nullptr, &out, &err, &status, nullptr);
+  *output = std::string(out ? out : "") + (err ? err : "");
+  g_free(out);
+  g_free(err);
+  return spawned && g_spawn_check_wait_status(status, nullptr);
+}
+
+std::string PostgreSQLServer::uri() const {
+  return "postgresql://collector@/postgres?host=" + dir_.path();
+}
+
+// ---- The collector as a process -------------------------------------------------------
+
+CollectorProcess::CollectorProcess(const std::vector<std::string>& args, bool addListen) {
+  std::vector<std::string> argv = {PXKIT_COLLECTOR};
+  if (addListen) argv.insert(argv.end(), {"--listen", "127.0.0.1:0"});
+  argv.insert(argv.end(), args.begin(), args.end());
+  std::vector<char*> raw;
+  for (std::string& a : argv) raw.push_back(a.data());
+  raw.push_back(nullptr);
+  GPid pid = -1;
+  gint out = -1;
+  // Standard error joins standard output, so that one pipe holds all it says.
+  const GSpawnChildSetupFunc joinStderr = [](gpointer) { dup2(1, 2); };
+  if (!g_spawn_async_with_pipes(nullptr, raw.data(), nullptr, G_SPAWN_DO_NOT_REAP_CHILD, joinStderr, nullptr,
+                                &pid, nullptr, &out, nullptr, nullptr))
+    return;
+  pid_ = pid;
+  out_ = out;
+  // The first line says where it listens; anything else first means it failed.
+  char c;
+  while (read(out_, &c, 1) == 1) {
+    output_ += c;
+    if (c == '\n') break;
+  }
+  const std::string prefix = "listening on ";
+  if (output_.rfind(prefix, 0) == 0) url_ = output_.substr(prefix.size(), output_.size() - prefix.size() - 1);
+}
+
+CollectorProcess::~CollectorProcess() {
+  stop(SIGTERM);
+}
+
+void CollectorProcess::readUntilEnd() {
+  char buffer[4096];
+  for (ssize_t n; (n = read(out_, buffer, sizeof buffer)) > 0;)
+    output_.append(buffer, static_cast<size_t>(n));
+}
+
+int CollectorProcess::stop(int signal) {
+  if (pid_ <= 0) return -1;
+  kill(pid_, signal);
+  int status = 0;
+  while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+  }
+  readUntilEnd();
+  close(out_);
+  pid_ = -1;
+  return status;
+}
+
+// ---- HTTP ---------------------------------------------------------------------------------
+
+namespace {
+size_t append(char* data, size_t size, size_t count, void* target) {
+  static_cast<std::string*>(target)->append(data, size * count);
+  return size * count;
+}
+}  // namespace
+
+HTTPAnswer httpRequest(const std::string& method, const std::string& url, const std::string& body,
+                       const std::vector<std::string>& headers) {
+  HTTPAnswer answer;
+  CURL* curl = curl_easy_init();
+  if (!curl) return answer;
+  curl_slist* list = nullptr;
+  for (const std::string& h : headers) list = curl_slist_append(list, h.c_str());
+  list = curl_slist_append(list, "Expect:");
+  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, method.c_str());
+  if (method == "POST" || !body.empty()) {
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.data());
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+  }
+  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, list);
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, append);
+  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answer.body);
+  curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, append);
+  curl_easy_setopt(curl, CURLOPT_HEADERDATA, &answer.headers);
+  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+  if (curl_easy_perform(curl) == CURLE_OK) curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &answer.status);
+  curl_slist_free_all(list);
+  curl_easy_cleanup(curl);
+  return answer;
+}
+
+std::string rawExchange(const std::string& url, const std::string& bytes) {
+  const size_t colon = url.rfind(':');
+  const int port = std::stoi(url.substr(colon + 1));
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  // A guard against a server that never answers, so that a fault fails the test
+  // instead of hanging it; never reached when the collector behaves.
+  const timeval guard{60, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &guard, sizeof guard);
+  std::string reply;
+  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+    size_t sent = 0;
+    while (sent < bytes.size()) {
+      const ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+      if (n <= 0) break;
+      sent += static_cast<size_t>(n);
+    }
+    shutdown(fd, SHUT_WR);
+    char buffer[4096];
+    for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;)
+      reply.append(buffer, static_cast<size_t>(n));
+  }
+  close(fd);
+  return reply;
+}
+
+std::string papercutJSON(const std::string& packageID, long long timestamp, int dataSets,
+                         const std::string& applicationVersion) {
+  std::string metrics;
+  for (int i = 0; i < dataSets; ++i) {
+    if (i) metrics += ",";
+    metrics += "{\"identifier\":\"test.metric" + std::to_string(i % 4) + "\",\"primary\":\"p" +
+               std::to_string(i) + "\",\"value\":" + std::to_string(i + 1) + "}";
+  }
+  return "{\"packageID\":\"" + packageID + "\",\"applicationID\":\"org.example.Editor\",\"metrics\":[" +
+         metrics + "],\"totalUsageDays\":3,\"timestamp\":" + std::to_string(timestamp) +
+         ".0,\"channel\":\"default\",\"applicationVersion\":\"" + applicationVersion + "\"}";
+}
+
+std::string submissionJSON(const std::vector<std::string>& records) {
+  std::string text = "{\"papercuts\":[";
+  for (size_t i = 0; i < records.size(); ++i) text += (i ? "," : "") + records[i];
+  return text + "]}";
+}

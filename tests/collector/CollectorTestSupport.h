@@ -1,0 +1,99 @@
+// Helpers for the collector's tests: a real PostgreSQL server in a temporary
+// directory, the collector as a separate process, and a small HTTP client.
+//
+//   PostgreSQLServer pg;                      // initdb + start, as an unprivileged user
+//   if (!pg.running()) GTEST_SKIP() << pg.whyNot();
+//   CollectorProcess collector({"--db", pg.uri()});
+//   HTTPAnswer a = httpPost(collector.url() + "/metrics/post", body);
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+// A directory removed with everything in it when the object goes.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+// A PostgreSQL server of its own: initdb in a temporary directory, listening
+// only on a Unix socket there, run as "nobody" when the tests run as root
+// (PostgreSQL refuses to run as root). Stopped and removed by the destructor.
+// Tests run it without fsync (a killed collector, not a killed server, is what
+// they test); `durable` keeps fsync on, for measurements.
+class PostgreSQLServer {
+ public:
+  explicit PostgreSQLServer(bool durable = false);
+  ~PostgreSQLServer();
+  PostgreSQLServer(const PostgreSQLServer&) = delete;
+  PostgreSQLServer& operator=(const PostgreSQLServer&) = delete;
+
+  bool running() const { return running_; }
+  const std::string& whyNot() const { return whyNot_; }
+  // A libpq URI of the server's "postgres" database.
+  std::string uri() const;
+
+ private:
+  bool run(const std::vector<std::string>& argv, std::string* output);
+  TempDir dir_;
+  std::string bin_;
+  bool running_ = false;
+  std::string whyNot_;
+};
+
+// pxkit-collector as a process with `args` and "--listen 127.0.0.1:0" added;
+// the constructor returns once the collector has said where it listens.
+class CollectorProcess {
+ public:
+  explicit CollectorProcess(const std::vector<std::string>& args, bool addListen = true);
+  ~CollectorProcess();
+  CollectorProcess(const CollectorProcess&) = delete;
+  CollectorProcess& operator=(const CollectorProcess&) = delete;
+
+  bool started() const { return !url_.empty(); }
+  const std::string& url() const { return url_; }
+  // Everything it wrote until now (after kill/stop: until it ended).
+  const std::string& output() const { return output_; }
+  // Sends `signal` (0: none) and waits for the process to end; returns its wait status.
+  int stop(int signal);
+
+ private:
+  void readUntilEnd();
+  pid_t pid_ = -1;
+  int out_ = -1;
+  std::string url_;
+  std::string output_;
+};
+
+struct HTTPAnswer {
+  long status = 0;  // 0 when no answer came
+  std::string body;
+  std::string headers;
+};
+
+// Requests on a fresh connection each time.
+HTTPAnswer httpRequest(const std::string& method, const std::string& url, const std::string& body = "",
+                       const std::vector<std::string>& headers = {});
+inline HTTPAnswer httpPost(const std::string& url, const std::string& body) {
+  return httpRequest("POST", url, body);
+}
+inline HTTPAnswer httpGet(const std::string& url, const std::vector<std::string>& headers = {}) {
+  return httpRequest("GET", url, "", headers);
+}
+// Writes `bytes` raw to the server of `url`, closes the sending side, and
+// returns whatever came back.
+std::string rawExchange(const std::string& url, const std::string& bytes);
+
+// A papercut record as the kit writes it, with `dataSets` data sets.
+std::string papercutJSON(const std::string& packageID, long long timestamp = 1764000000, int dataSets = 2,
+                         const std::string& applicationVersion = "1.2");
+std::string submissionJSON(const std::vector<std::string>& records);

@@ -1,0 +1,127 @@
+// The dashboard as a browser shows it: headless Chromium loads the page from a
+// running collector, takes a screenshot, and the DOM it built is read back for
+// the plotted figures.
+#include "Dashboard.h"
+
+#include <glib.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <regex>
+#include <string>
+
+#include "CollectorTestSupport.h"
+
+namespace pxcollector {
+namespace {
+
+constexpr const char* kChromium = "/usr/bin/chromium";
+
+// Runs headless Chromium on `url` with `mode` ("--dump-dom" or "--screenshot=PATH"); its stdout.
+bool runChromium(const std::string& url, const std::string& mode, std::string* out) {
+  TempDir profile;
+  std::vector<std::string> argv = {kChromium,
+                                   "--headless",
+                                   "--no-sandbox",
+                                   "--disable-gpu",
+                                   "--disable-quic",
+                                   "--no-first-run",
+                                   "--disable-background-networking",
+                                   "--disable-component-update",
+                                   "--disable-sync",
+                                   "--user-data-dir=" + profile.path(),
+                                   "--window-size=900,1400",
+                                   mode,
+                                   url};
+  std::vector<char*> raw;
+  for (std::string& a : argv) raw.push_back(a.data());
+  raw.push_back(nullptr);
+  gchar* stdoutText = nullptr;
+  gint status = -1;
+  const gboolean spawned = g_spawn_sync(nullptr, raw.data(), nullptr, G_SPAWN_STDERR_TO_DEV_NULL, nullptr,
+                                        nullptr, &stdoutText, nullptr, &status, nullptr);
+  *out = stdoutText ? stdoutText : "";
+  g_free(stdoutText);
+  return spawned && g_spawn_check_wait_status(status, nullptr);
+}
+
+// The data-value of the bar labelled `label` inside the chart with id `chart` ("" when none).
+std::string plotted(const std::string& dom, const std::string& chart, const std::string& label) {
+  const size_t start = dom.find("id=\"" + chart + "\"");
+  if (start == std::string::npos) return "";
+  const size_t end = dom.find("</svg>", start);
+  const std::string svg = dom.substr(start, end - start);
+  std::smatch m;
+  const std::regex bar("data-label=\"" +
+                       std::regex_replace(label, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)") +
+                       "\" data-value=\"([0-9]+)\"");
+  return std::regex_search(svg, m, bar) ? m[1].str() : "";
+}
+
+TEST(Dashboard, ChromiumDrawsThePlottedFigures) {
+  if (access(kChromium, X_OK) != 0)
+    GTEST_SKIP() << "no " << kChromium << " (scripts/setup-deps installs chromium)";
+  TempDir dir;
+  CollectorProcess collector({"--db", dir.path() + "/p.db"});
+  ASSERT_TRUE(collector.started()) << collector.output();
+  const long long day1 = 1764000000, day2 = day1 + 86400;
+  const auto record = [](const std::string& id, long long t, const std::string& version,
+                         const std::string& os, int launches) {
+    return "{\"packageID\":\"" + id +
+           "\",\"applicationID\":\"org.example.Editor\",\"metrics\":["
+           "{\"identifier\":\"common.launches\",\"value\":" +
+           std::to_string(launches) +
+           "},"
+           "{\"identifier\":\"common.osversion\",\"primary\":\"13\",\"secondary\":\"" +
+           os +
+           "\",\"value\":1}],"
+           "\"totalUsageDays\":1,\"timestamp\":" +
+           std::to_string(t) + ",\"channel\":\"default\",\"applicationVersion\":\"" + version + "\"}";
+  };
+  ASSERT_EQ(
+      httpPost(collector.url() + "/metrics/post",
+               submissionJSON({record("a", day1, "2.0", "13.1", 4), record("b", day1 + 5, "2.1", "13.1", 3),
+                               record("c", day2, "2.1", "13.2", 9), "{\"packageID\":\"<script>\"}"}))
+          .status,
+      200);
+
+  std::string dom;
+  ASSERT_TRUE(runChromium(collector.url() + "/", "--dump-dom", &dom)) << dom;
+  EXPECT_EQ(plotted(dom, "papercuts-per-day", "2025-11-24"), "2");
+  EXPECT_EQ(plotted(dom, "papercuts-per-day", "2025-11-25"), "1");
+  EXPECT_EQ(plotted(dom, "metric-per-day", "2025-11-24"), "7");  // common.launches: 4 + 3
+  EXPECT_EQ(plotted(dom, "metric-per-day", "2025-11-25"), "9");
+  EXPECT_EQ(plotted(dom, "application-versions", "org.example.Editor 2.1"), "2");
+  EXPECT_EQ(plotted(dom, "os-versions", "13.1"), "2");
+  EXPECT_NE(dom.find("<b id=\"rejected-count\">1</b>"), std::string::npos);
+  EXPECT_EQ(dom.find("<script"), std::string::npos);  // the page has none, and brings in none
+
+  // Another metric, chosen through the page's own query.
+  ASSERT_TRUE(runChromium(collector.url() + "/?metric=common.osversion", "--dump-dom", &dom));
+  EXPECT_EQ(plotted(dom, "metric-per-day", "2025-11-24"), "2");
+  EXPECT_NE(dom.find("<code id=\"chosen-metric\">common.osversion</code>"), std::string::npos);
+
+  const std::string shot = dir.path() + "/dashboard.png";
+  std::string ignored;
+  ASSERT_TRUE(runChromium(collector.url() + "/", "--screenshot=" + shot, &ignored));
+  std::ifstream png(shot, std::ios::binary);
+  std::string bytes((std::istreambuf_iterator<char>(png)), std::istreambuf_iterator<char>());
+  ASSERT_GT(bytes.size(), 1000u);
+  EXPECT_EQ(bytes.substr(1, 3), "PNG");
+}
+
+TEST(Dashboard, TextFromSubmissionsIsEscaped) {
+  CollectorSummary summary;
+  summary.papercuts = 1;
+  summary.versions.push_back({"<img src=x onerror=alert(1)>", "\"1\"", 1});
+  const std::string html = renderDashboard(summary, "a\"><script>", {}, "t&k");
+  EXPECT_EQ(html.find("<img"), std::string::npos);
+  EXPECT_EQ(html.find("<script>"), std::string::npos);
+  EXPECT_NE(html.find("&lt;img src=x onerror=alert(1)&gt; &quot;1&quot;"), std::string::npos);
+  EXPECT_NE(html.find("value=\"t&amp;k\""), std::string::npos);
+  EXPECT_NE(html.find("token=t%26k"), std::string::npos);
+  EXPECT_NE(html.find("id=\"papercuts-per-day-empty\""), std::string::npos);
+}
+
+}  // namespace
+}  // namespace pxcollector

@@ -1,0 +1,155 @@
+// Reading submission documents: which bodies are submissions at all, which
+// records are accepted, and why the others are refused.
+#include "PapercutRecord.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "CollectorTestSupport.h"
+
+namespace pxcollector {
+namespace {
+
+SubmissionReading read(const std::string& body) {
+  return readSubmission(body.data(), body.size());
+}
+
+// A record of the kit's shape with `field` replaced by `json` (or removed when `json` is empty).
+std::string recordWith(const std::string& field, const std::string& json) {
+  std::string fields[][2] = {{"packageID", "\"0123456789abcdef0123456789abcdef\""},
+                             {"applicationID", "\"org.example.Editor\""},
+                             {"metrics", "[{\"identifier\":\"common.launches\",\"value\":2}]"},
+                             {"totalUsageDays", "4"},
+                             {"timestamp", "1764000000.0"},
+                             {"channel", "\"default\""},
+                             {"applicationVersion", "\"1.2\""}};
+  std::string text = "{";
+  bool first = true;
+  for (auto& [key, value] : fields) {
+    const std::string v = key == field ? json : value;
+    if (v.empty()) continue;
+    text += (first ? "\"" : ",\"") + key + "\":" + v;
+    first = false;
+  }
+  return text + "}";
+}
+
+TEST(PapercutRecord, BodiesThatAreNotSubmissionsAreRefusedWhole) {
+  const std::string full = submissionJSON({papercutJSON("a")});
+  const struct {
+    const char* name;
+    std::string body;
+    const char* says;
+  } rows[] = {
+      {"empty", "", "not JSON"},
+      {"truncated", full.substr(0, full.size() / 2), "not JSON"},
+      {"one byte short", full.substr(0, full.size() - 1), "not JSON"},
+      {"top-level array", "[" + papercutJSON("a") + "]", "top level is not an object"},
+      {"no papercuts", "{\"papercut\":[]}", "\"papercuts\" is missing"},
+      {"papercuts not an array", "{\"papercuts\":{}}", "\"papercuts\" is missing or not an array"},
+      {"trailing text", full + "x", "not JSON"},
+      {"nested past the codec's depth",
+       "{\"papercuts\":" + std::string(600, '[') + std::string(600, ']') + "}", "not JSON"},
+      {"invalid UTF-8", "{\"papercuts\":[\"\xff\"]}", "not JSON"},
+  };
+  for (const auto& row : rows) {
+    SubmissionReading r = read(row.body);
+    EXPECT_NE(r.error.find(row.says), std::string::npos) << row.name << ": " << r.error;
+    EXPECT_TRUE(r.papercuts.empty() && r.rejected.empty()) << row.name;
+  }
+}
+
+TEST(PapercutRecord, EachRecordIsAcceptedOrRejectedWithItsReason) {
+  const std::string longText(kMaxTextLength + 1, 'x');
+  const struct {
+    std::string field;
+    std::string json;
+    const char* reason;  // nullptr: accepted
+  } rows[] = {
+      {"", "", nullptr},
+      {"applicationVersion", "", nullptr},  // the kit leaves it out when the host has none
+      {"packageID", "", "\"packageID\" is missing"},
+      {"packageID", "12", "\"packageID\" is not a string"},
+      {"packageID", "\"\"", "\"packageID\" is empty"},
+      {"applicationID", "", "\"applicationID\" is missing"},
+      {"applicationID", "null", "\"applicationID\" is not a string"},
+      {"channel", "true", "\"channel\" is not a string"},
+      {"timestamp", "\"1764000000\"", "\"timestamp\" is not a number"},
+      {"timestamp", "true", "\"timestamp\" is not a number"},
+      {"timestamp", "-1", "\"timestamp\" is out of range"},
+      {"timestamp", "1e300", "\"timestamp\" is out of range"},
+      {"timestamp", "1764000000", nullptr},  // an integer timestamp is a number too
+      {"totalUsageDays", "1.5", "\"totalUsageDays\" is not a non-negative integer"},
+      {"totalUsageDays", "-1", "\"totalUsageDays\" is not a non-negative integer"},
+      {"metrics", "", "\"metrics\" is missing"},
+      {"metrics", "{}", "\"metrics\" is not an array"},
+      {"metrics", "[]", nullptr},
+      {"metrics", "[3]", "\"metrics\"[0] is not an object"},
+      {"metrics", "[{\"value\":1}]", "\"metrics\"[0]: \"identifier\" is missing"},
+      {"metrics", "[{\"identifier\":\"a\"}]", "\"metrics\"[0]: \"value\" is missing"},
+      {"metrics", "[{\"identifier\":\"a\",\"value\":1.5}]", "\"value\" is not an integer"},
+      {"metrics", "[{\"identifier\":\"a\",\"value\":\"1\"}]", "\"value\" is not an integer"},
+      {"metrics", "[{\"identifier\":\"a\",\"value\":false}]", "\"value\" is not an integer"},
+      {"metrics", "[{\"identifier\":\"a\",\"value\":9223372036854775808}]", "\"value\" is not an integer"},
+      {"metrics", "[{\"identifier\":\"a\",\"value\":-9223372036854775808}]", nullptr},
+      {"metrics", "[{\"identifier\":\"a\",\"primary\":7,\"value\":1}]", "\"primary\" is not a string"},
+      {"metrics", "[{\"identifier\":\"a\",\"secondary\":[],\"value\":1}]", "\"secondary\" is not a string"},
+      {"metrics", "[{\"identifier\":\"a\\u0000b\",\"value\":1}]", "contains a NUL character"},
+      {"channel", "\"" + longText + "\"", "\"channel\" is longer than 1024 bytes"},
+  };
+  for (const auto& row : rows) {
+    SubmissionReading r = read(submissionJSON({recordWith(row.field, row.json)}));
+    ASSERT_TRUE(r.error.empty()) << r.error;
+    if (!row.reason) {
+      EXPECT_EQ(r.papercuts.size(), 1u) << row.field << "=" << row.json;
+      continue;
+    }
+    ASSERT_EQ(r.rejected.size(), 1u) << row.field << "=" << row.json;
+    EXPECT_NE(r.rejected[0].reason.find(row.reason), std::string::npos) << r.rejected[0].reason;
+  }
+}
+
+TEST(PapercutRecord, LimitsHoldAtTheirEdges) {
+  const struct {
+    std::string field;
+    size_t limit;
+  } limits[] = {{"packageID", kMaxPackageIDLength}, {"applicationID", kMaxTextLength}};
+  for (const auto& [field, limit] : limits) {
+    for (size_t length : {limit - 1, limit, limit + 1}) {
+      SubmissionReading r = read(submissionJSON({recordWith(field, "\"" + std::string(length, 'a') + "\"")}));
+      EXPECT_EQ(r.papercuts.size(), length <= limit ? 1u : 0u) << field << " " << length;
+    }
+  }
+  for (size_t count : {kMaxDataSetsPerPapercut - 1, kMaxDataSetsPerPapercut, kMaxDataSetsPerPapercut + 1}) {
+    std::string sets = "[";
+    for (size_t i = 0; i < count; ++i)
+      sets += std::string(i ? "," : "") + "{\"identifier\":\"m\",\"value\":1}";
+    SubmissionReading r = read(submissionJSON({recordWith("metrics", sets + "]")}));
+    EXPECT_EQ(r.papercuts.size(), count <= kMaxDataSetsPerPapercut ? 1u : 0u) << count;
+  }
+  for (double t : {kMaxTimestamp - 1, kMaxTimestamp, kMaxTimestamp + 1}) {
+    char json[64];
+    snprintf(json, sizeof json, "%.1f", t);
+    SubmissionReading r = read(submissionJSON({recordWith("timestamp", json)}));
+    EXPECT_EQ(r.papercuts.size(), t <= kMaxTimestamp ? 1u : 0u) << json;
+  }
+}
+
+TEST(PapercutRecord, DaysAreCalendarDaysInUTC) {
+  const struct {
+    int64_t timestamp;
+    const char* day;
+  } rows[] = {{0, "1970-01-01"},         {86399, "1970-01-01"},      {86400, "1970-01-02"},
+              {951782400, "2000-02-29"}, {1764000000, "2025-11-24"}, {253402300799, "9999-12-31"}};
+  for (const auto& row : rows) {
+    EXPECT_EQ(dayText(dayOfTimestamp(row.timestamp)), row.day);
+    EXPECT_EQ(dayFromText(row.day), dayOfTimestamp(row.timestamp));
+  }
+  for (const char* bad :
+       {"2025-02-29", "2025-13-01", "2025-00-10", "2025-1-01", "x025-01-01", "", "2025-01-32"})
+    EXPECT_EQ(dayFromText(bad), -1) << bad;
+}
+
+}  // namespace
+}  // namespace pxcollector
