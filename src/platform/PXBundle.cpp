@@ -1,4 +1,5 @@
 #include <pxkit/platform/PXBundle.h>
+#include <pxkit/platform/PXStringComparison.h>
 
 #include <algorithm>
 #include <cctype>
@@ -75,7 +76,7 @@ struct ReleaseCollector {
   std::optional<std::string> newestStable, newestDevelopment;
 
   static void offer(std::optional<std::string>& best, const char* version) {
-    if (!best || compareReleaseVersions(version, *best) > 0) best = version;
+    if (!best || PXCompareReleaseVersions(version, *best) > 0) best = version;
   }
 };
 
@@ -196,45 +197,6 @@ std::optional<std::string> metainfoVersion(std::string_view id, const std::vecto
     }
   }
   return std::nullopt;
-}
-
-int compareReleaseVersions(std::string_view a, std::string_view b) {
-  size_t i = 0, j = 0;
-  auto separator = [](char c) { return !std::isalnum(static_cast<unsigned char>(c)) && c != '~'; };
-  auto digit = [](char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; };
-  auto alpha = [](char c) { return std::isalpha(static_cast<unsigned char>(c)) != 0; };
-  while (i < a.size() || j < b.size()) {
-    while (i < a.size() && separator(a[i])) ++i;
-    while (j < b.size() && separator(b[j])) ++j;
-    // "~" marks a pre-release: it sorts before anything, even the end.
-    const bool tildeA = i < a.size() && a[i] == '~';
-    const bool tildeB = j < b.size() && b[j] == '~';
-    if (tildeA || tildeB) {
-      if (!tildeA) return 1;
-      if (!tildeB) return -1;
-      ++i, ++j;
-      continue;
-    }
-    if (i >= a.size() || j >= b.size()) break;
-    const bool numeric = digit(a[i]);
-    auto run = [&](std::string_view s, size_t& k) {
-      const size_t start = k;
-      while (k < s.size() && (numeric ? digit(s[k]) : alpha(s[k]))) ++k;
-      return s.substr(start, k - start);
-    };
-    std::string_view x = run(a, i);
-    std::string_view y = run(b, j);
-    if (y.empty()) return numeric ? 1 : -1;  // a number is newer than letters
-    if (numeric) {
-      x.remove_prefix(std::min(x.find_first_not_of('0'), x.size()));
-      y.remove_prefix(std::min(y.find_first_not_of('0'), y.size()));
-      if (x.size() != y.size()) return x.size() < y.size() ? -1 : 1;
-    }
-    if (const int order = x.compare(y); order != 0) return order < 0 ? -1 : 1;
-  }
-  const bool moreA = i < a.size();
-  const bool moreB = j < b.size();
-  return moreA == moreB ? 0 : (moreA ? 1 : -1);
 }
 
 std::vector<std::string> languageTagsFromLocaleNames(const std::vector<std::string>& names) {

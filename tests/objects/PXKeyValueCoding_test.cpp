@@ -41,8 +41,29 @@ class KVCEmployee : public KVCPerson {
   PXValue valueForUndefinedKey(std::string_view key) const override { return PXFormat("fallback:%@", key); }
 };
 
+// Answers whole paths itself: "fact.<name>" from a table, plain keys from
+// another, everything else through the ordinary lookup.
+class KVCRouter : public PXObject {
+  PX_DECLARE_CLASS(KVCRouter)
+ public:
+  mutable int pathCalls = 0;
+  PXValue valueForKeyPath(std::string_view keyPath) const override {
+    ++pathCalls;
+    if (keyPath.starts_with("fact.")) return keyPath == "fact.none" ? PXValue() : PXValue(keyPath.substr(5));
+    return PXObject::valueForKeyPath(keyPath);
+  }
+  PXValue valueForKey(std::string_view key) const override {
+    if (key == "fixed") return 7;
+    if (key == "nested") return PXDictionary::dictionaryWithEntries({{"inner", "deep"}});
+    if (key == "raising") PXException::raise(kPXUndefinedKeyException, "raised by hand for %@", key);
+    if (key == "invalid") PXException::raise(kPXInvalidArgumentException, "not a key problem");
+    return PXObject::valueForKey(key);
+  }
+};
+
 }  // namespace
 
+PX_DEFINE_CLASS(KVCRouter, PXObject, [](PXClassBuilder<KVCRouter>&) {})
 PX_DEFINE_CLASS(KVCPlace, PXObject, [](PXClassBuilder<KVCPlace>& c) {
   c.property("city", &KVCPlace::city);
   c.property("facts", &KVCPlace::facts);
@@ -229,6 +250,92 @@ TEST(PXKeyValueCoding, SetValueForKeyPathSetsOnTheLastObject) {
   EXPECT_EQ(person->home->city, "Cambridge");
   EXPECT_NE(raised([&] { person->setValueForKeyPath(1, "home.zip"); }).find("setValue:forUndefinedKey:"),
             std::string::npos);
+}
+
+TEST(PXKeyValueCoding, LookupAnswersFoundAbsentOrUndefinedWithoutRaising) {
+  auto person = makeTrio();
+  auto employee = PXMake<KVCEmployee>();
+  auto router = PXMake<KVCRouter>();
+  const PXString personAddress = PXFormat("%p", person.get());
+  struct Row {
+    const char* what;
+    const PXObject* object;
+    const char* path;
+    bool asPath;  // lookupValueForKeyPath, else lookupValueForKey
+    PXKeyLookup answer;
+    PXValue value;
+    const char* undefinedKey;  // and the reason contains "for the key <it>."
+  } rows[] = {
+      {"declared property", person.get(), "name", false, PXKeyLookup::Found, "Ada", nullptr},
+      {"nested path", person.get(), "home.facts.river", true, PXKeyLookup::Found, "Thames", nullptr},
+      {"absent in a dictionary", person.get(), "home.facts.mountain", true, PXKeyLookup::Absent, {}, nullptr},
+      {"absent property", person.get(), "friendPerson", false, PXKeyLookup::Absent, {}, nullptr},
+      {"absent step ends the path",
+       person.get(),
+       "friendPerson.name",
+       true,
+       PXKeyLookup::Absent,
+       {},
+       nullptr},
+      {"undefined key", person.get(), "shoeSize", false, PXKeyLookup::UndefinedKey, {}, "shoeSize"},
+      {"undefined in the middle",
+       person.get(),
+       "home.street.number",
+       true,
+       PXKeyLookup::UndefinedKey,
+       {},
+       "street"},
+      {"key of a plain value", person.get(), "name.length", true, PXKeyLookup::UndefinedKey, {}, "length"},
+      {"valueForUndefinedKey override", employee.get(), "salary", true, PXKeyLookup::Found, "fallback:salary",
+       nullptr},
+      {"valueForKeyPath override", router.get(), "fact.os", true, PXKeyLookup::Found, "os", nullptr},
+      {"override answers absent", router.get(), "fact.none", true, PXKeyLookup::Absent, {}, nullptr},
+      {"valueForKey override", router.get(), "fixed", false, PXKeyLookup::Found, 7, nullptr},
+      {"override, then a dictionary", router.get(), "nested.inner", true, PXKeyLookup::Found, "deep",
+       nullptr},
+      {"override falls back and misses",
+       router.get(),
+       "unknown.x",
+       true,
+       PXKeyLookup::UndefinedKey,
+       {},
+       "unknown"},
+      {"override raises by itself", router.get(), "raising", false, PXKeyLookup::UndefinedKey, {}, "raising"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    PXValue value = "stale";
+    PXUndefinedKey undefined;
+    const PXKeyLookup answer = row.asPath ? row.object->lookupValueForKeyPath(row.path, &value, &undefined)
+                                          : row.object->lookupValueForKey(row.path, &value, &undefined);
+    EXPECT_EQ(answer, row.answer);
+    EXPECT_TRUE(value.isEqual(row.value)) << value.description().str();
+    if (row.undefinedKey) {
+      EXPECT_EQ(undefined.key, row.undefinedKey);
+      if (row.object != router.get() || std::string_view(row.path) != "raising") {
+        EXPECT_NE(undefined.reason.view().find(std::string("for the key ") + row.undefinedKey + "."),
+                  std::string::npos)
+            << undefined.reason.str();
+      }
+    }
+  }
+  // The reason is the one the raising lookup gives, and raise() raises it.
+  PXUndefinedKey undefined;
+  PXValue value;
+  ASSERT_EQ(person->lookupValueForKey("shoeSize", &value, &undefined), PXKeyLookup::UndefinedKey);
+  const std::string expected = raised([&] { (void)person->valueForKey("shoeSize"); });
+  EXPECT_EQ(raised([&] { undefined.raise(); }), expected);
+  EXPECT_NE(expected.find(personAddress.str()), std::string::npos);
+  // The override of valueForKeyPath is asked once for the whole path.
+  router->pathCalls = 0;
+  EXPECT_EQ(router->lookupValueForKeyPath("fact.a.b", &value), PXKeyLookup::Found);
+  EXPECT_EQ(router->pathCalls, 1);
+  EXPECT_EQ(value.description().str(), "a.b");
+  // Other exceptions pass through, and the raising lookups raise again afterwards.
+  EXPECT_EQ(raised([&] { (void)router->lookupValueForKey("invalid", &value); }),
+            "NSInvalidArgumentException | not a key problem");
+  EXPECT_NE(raised([&] { (void)person->valueForKey("shoeSize"); }), "no exception");
+  EXPECT_NE(raised([&] { (void)person->valueForKeyPath("name.length"); }), "no exception");
 }
 
 }  // namespace

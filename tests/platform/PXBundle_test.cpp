@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <pxkit/platform/PXBundle.h>
+#include <pxkit/platform/PXStringComparison.h>
 #include <stdlib.h>
 
 #include <optional>
@@ -180,8 +181,8 @@ TEST(PXBundleVersions, CompareReleaseVersions) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(std::string(row.a) + " vs " + row.b);
-    const int forward = pxkit::internal::compareReleaseVersions(row.a, row.b);
-    const int backward = pxkit::internal::compareReleaseVersions(row.b, row.a);
+    const int forward = PXCompareReleaseVersions(row.a, row.b);
+    const int backward = PXCompareReleaseVersions(row.b, row.a);
     EXPECT_EQ((forward > 0) - (forward < 0), row.order);
     EXPECT_EQ((backward > 0) - (backward < 0), -row.order);
   }

@@ -67,6 +67,24 @@ PXKIT_EXPORT extern const char* const kPXRangeException;            // "NSRangeE
 PXKIT_EXPORT extern const char* const kPXUndefinedKeyException;     // "NSUnknownKeyException"
 PXKIT_EXPORT extern const char* const kPXInternalInconsistencyException;
 
+// The answer of PXObject::lookupValueForKey / lookupValueForKeyPath.
+enum class PXKeyLookup : uint8_t {
+  Found,         // a present value
+  Absent,        // the lookup answered absent (a missing dictionary entry, an absent step)
+  UndefinedKey,  // an object on the way is not key value coding-compliant for its key
+};
+
+// What an undefined-key lookup would have raised: the key that was not found and
+// the exception's reason ("[<Class 0x…> valueForUndefinedKey:]: this class is
+// not key value coding-compliant for the key k.").
+struct PXKIT_EXPORT PXUndefinedKey {
+  PXString key;
+  PXString reason;
+  // Raises the kPXUndefinedKeyException the raising lookup would have raised
+  // (same reason, the key in the user info under "NSUnknownUserInfoKey").
+  [[noreturn]] void raise() const;
+};
+
 // How an associated object is held.
 enum class PXAssociationPolicy : uint8_t {
   Assign,  // no reference: the caller keeps the object alive
@@ -136,12 +154,42 @@ class PXKIT_EXPORT PXObject {
   // Sets a declared writable property, or setValueForUndefinedKey. Announces the change.
   virtual void setValueForKey(const PXValue& value, std::string_view key);
   // Dotted paths: each step's value must be an object; absent values end the walk with absent.
-  PXValue valueForKeyPath(std::string_view keyPath) const;
+  // Virtual so that a class answering whole paths itself (a prefix routed to a
+  // provider, say) is asked for the path in one call, by key-value coding and by
+  // lookupValueForKeyPath alike.
+  virtual PXValue valueForKeyPath(std::string_view keyPath) const;
   void setValueForKeyPath(const PXValue& value, std::string_view keyPath);
   // Raise PXException kPXUndefinedKeyException:
   // "[<%@ %p> valueForUndefinedKey:]: this class is not key value coding-compliant for the key %@."
   virtual PXValue valueForUndefinedKey(std::string_view key) const;
   virtual void setValueForUndefinedKey(const PXValue& value, std::string_view key);
+
+  // ---- Key lookup that does not raise ------------------------------------
+  // lookupValueForKey / lookupValueForKeyPath answer what valueForKey /
+  // valueForKeyPath answer, but say "undefined key" instead of raising, so that
+  // a caller (the predicate evaluator) decides what to raise:
+  //   PXKeyLookup::Found         `*out` holds the value (never absent);
+  //   PXKeyLookup::Absent        the lookup answered absent (a dictionary's
+  //                              missing key, an absent step of a path); `*out` is absent;
+  //   PXKeyLookup::UndefinedKey  some object on the way did not know its key;
+  //                              `*out` is absent and `*undefinedKey` (when given)
+  //                              says which key and holds the reason the raising
+  //                              lookup would have given.
+  // Overrides are honoured: the lookup calls this object's own (virtual)
+  // valueForKey for a key without a dot and valueForKeyPath otherwise, exactly
+  // once. While that call runs, the base valueForUndefinedKey and the walk over
+  // a path record the first undefined key on this thread and answer absent
+  // instead of raising; an override that raises kPXUndefinedKeyException itself
+  // is caught and reported the same way. Other exceptions pass through.
+  // Consequence for overrides: inside such a lookup, a nested valueForKey on
+  // another object answers absent for an unknown key (and the outer lookup
+  // reports UndefinedKey) instead of raising; an override that wants to probe a
+  // key and go on calls lookupValueForKey itself, which opens its own scope.
+  // Thread: as valueForKey; `out` must not be null.
+  PXKeyLookup lookupValueForKey(std::string_view key, PXValue* out,
+                                PXUndefinedKey* undefinedKey = nullptr) const;
+  PXKeyLookup lookupValueForKeyPath(std::string_view keyPath, PXValue* out,
+                                    PXUndefinedKey* undefinedKey = nullptr) const;
 
   // ---- Key-value observing -----------------------------------------------
   // Registers `observer` (not retained) for changes of `keyPath`. With a dotted

@@ -56,14 +56,9 @@ std::optional<DesktopEntry> findDesktopEntryForProgram(std::string_view program,
 // in the data directories, the first found.
 std::optional<std::string> metainfoVersion(std::string_view id, const std::vector<std::string>& dataDirs);
 // The newest version among the <release> elements of the first <component> in
-// `xml`: stable releases first (a release of type "development" counts only
-// when there is no other). Absent when there is none or the text is not XML.
+// `xml` (ordered by PXCompareReleaseVersions): stable releases first (a release of type "development" counts
+// only when there is no other). Absent when there is none or the text is not XML.
 std::optional<std::string> newestReleaseVersion(std::string_view xml);
-// Orders two release versions as package managers do: runs of digits compare
-// as numbers, runs of letters as text, other characters separate, "~" sorts
-// before everything (1.0~rc1 < 1.0), and a version with more parts is newer.
-// Negative, zero or positive.
-int compareReleaseVersions(std::string_view a, std::string_view b);
 // BCP 47 tags from locale names as GLib lists them ("de_DE.UTF-8" → "de-DE",
 // "sr@latin" → "sr-Latn"): codesets and other modifiers dropped, "C" and
 // "POSIX" skipped, duplicates removed, order kept.
