@@ -1,6 +1,7 @@
 // The rule provider of versions.
 #include <pxkit/objects/PXDictionary.h>
 #include <pxkit/platform/PXBundle.h>
+#include <pxkit/platform/PXStringComparison.h>
 #include <pxkit/rules/PXRuleCheckerVersionFunction.h>
 
 #include <optional>
@@ -10,7 +11,6 @@
 
 #include "rules/internal/ApplicationLookup.h"
 #include "rules/internal/SystemFacts.h"
-#include "rules/internal/VersionOrder.h"
 
 namespace {
 
@@ -37,10 +37,12 @@ PXValue applicationVersion(std::string_view key) {
   return PXValue(app->version);
 }
 
-// The operand of a comparison option as text; absent for a bare option.
-PXString operandText(const PXValue& operand) {
-  if (!operand || operand.isNull()) return {};
-  return operand.isString() ? operand.stringObject() : operand.description();
+// The answer against the operand of a comparison option; a bare option (no
+// operand) compares the same, as a comparison with nothing does.
+PXComparisonResult compareWithOperand(const PXString& value, const PXValue& operand) {
+  if (!operand || operand.isNull()) return PXOrderedSame;
+  const PXString other = operand.isString() ? operand.stringObject() : operand.description();
+  return PXCompareVersions(value.view(), other.view());
 }
 
 }  // namespace
@@ -127,7 +129,7 @@ PXValue PXRuleCheckerVersionFunction::resultFor(const PXValue& argument, bool re
     auto compared = [&](const char* option) -> std::optional<PXComparisonResult> {
       const PXValue* operand = options->findStringKey(option);
       if (!operand) return std::nullopt;
-      return pxkit::rules::compareVersions(value, operandText(*operand));
+      return compareWithOperand(value, *operand);
     };
     // Kept on purpose: a comparison that does not hold leaves the answer as it
     // is (not false), so rules test the result against YES.

@@ -122,7 +122,7 @@ class PXKIT_EXPORT PXRuleChecker : public PXObject {
   // included) and returnString false: its answer, even absent, is the value.
   // Otherwise an entry of kvoValues under the whole path, else the ordinary
   // lookup, which raises the undefined-key PXException for unknown keys.
-  PXValue valueForKeyPath(std::string_view keyPath) const;
+  PXValue valueForKeyPath(std::string_view keyPath) const override;
   // kvoValues first, then the ordinary lookup (declared properties: "functions",
   // "kvoValues"; other keys raise).
   PXValue valueForKey(std::string_view key) const override;
