@@ -8,7 +8,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+
+#include <new>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -47,37 +51,38 @@ std::optional<std::string> resolvePath(const PXDictionary& arguments) {
   return base + "/" + std::string(rest);
 }
 
-// The whole file, read in one piece; nothing when it cannot be read.
+// The whole file, read in one piece; nothing when it cannot be read (or
+// memory for it cannot be had: a file that claims a size larger than memory).
 std::optional<std::string> readFileUncached(const std::string& path) {
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return std::nullopt;
-  std::optional<std::string> contents;
+  struct Closer {
+    int fd;
+    ~Closer() { close(fd); }
+  } closer{fd};
   struct stat info {};
-  if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
-    std::string bytes;
+  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
+  std::string bytes;
+  try {
     bytes.resize(static_cast<size_t>(info.st_size));
     size_t filled = 0;
-    bool failed = false;
     for (;;) {
-      if (filled == bytes.size()) bytes.resize(bytes.size() + 65536);  // a file that grew meanwhile
+      if (filled == bytes.size()) bytes.resize(bytes.size() + 65536);  // a file that grew, or /proc's size 0
       const ssize_t n = read(fd, bytes.data() + filled, bytes.size() - filled);
       if (n < 0 && errno == EINTR) continue;
-      if (n < 0) {
-        failed = true;
-        break;
-      }
+      if (n < 0) return std::nullopt;
       if (n == 0) break;
       filled += static_cast<size_t>(n);
     }
-    if (!failed) {
-      bytes.resize(filled);
-      contents = std::move(bytes);
-    }
-    // The file was read once for its digest: its pages need not stay in the cache.
-    (void)posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+    bytes.resize(filled);
+  } catch (const std::bad_alloc&) {
+    return std::nullopt;
+  } catch (const std::length_error&) {
+    return std::nullopt;
   }
-  close(fd);
-  return contents;
+  // The file was read once for its digest: its pages need not stay in the cache.
+  (void)posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+  return bytes;
 }
 
 PXValue fileSize(const std::string& path) {
