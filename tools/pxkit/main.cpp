@@ -1,6 +1,8 @@
 // pxkit: the kit's command-line tool.
 //
 //   pxkit demo [--keep]   the kit at work in a sample application (Demo.h)
+//   pxkit check RULE      whether a rule holds on this machine (Rules.h)
+//   pxkit facts [PATH...] the facts rules can ask about (Rules.h)
 //   pxkit --help | --version
 #include <pxkit/PXKit.h>
 
@@ -10,6 +12,7 @@
 #include <vector>
 
 #include "Demo.h"
+#include "Rules.h"
 
 namespace {
 
@@ -21,6 +24,14 @@ constexpr const char* kUsage =
     "                  from several threads, saves it, is launched again, restores\n"
     "                  it and cuts its daily papercut at midnight, in a throw-away\n"
     "                  home on a virtual clock (--keep leaves the home in place)\n"
+    "  check [--explain] [--root DIR] RULE\n"
+    "                  whether RULE holds on this machine: prints YES (exit 0) or\n"
+    "                  NO (exit 1); a rule that cannot be evaluated exits 2.\n"
+    "                  --explain shows the rule with its ${...} calls replaced\n"
+    "                  and their values\n"
+    "  facts [--root DIR] [KEYPATH|${CALL} ...]\n"
+    "                  the value of each key path or call (default: the OS,\n"
+    "                  kernel and computer); --root reads another system tree\n"
     "\n"
     "Options:\n"
     "  --help          show this help\n"
@@ -67,5 +78,7 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (command == "demo") return demo(args);
+  if (command == "check") return PXKitRules::check(args);
+  if (command == "facts") return PXKitRules::facts(args);
   return usageError("unknown command '" + std::string(command) + "'");
 }
