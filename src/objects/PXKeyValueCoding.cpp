@@ -176,3 +176,18 @@ PXValue PXObject::valueForUndefinedKey(std::string_view key) const {
 void PXObject::setValueForUndefinedKey(const PXValue&, std::string_view key) {
   raiseUndefinedKey(PXFormat(kSetValueForUndefinedKeyFormat, PXString(pxClass().name()), this, key), key);
 }
+
+PXKeyLookup PXLookupValue(const PXValue& receiver, std::string_view keyOrPath, PXValue* out,
+                          PXUndefinedKey* undefinedKey) {
+  if (const PXObject* object = receiver.objectPointer()) {
+    return keyOrPath.find('.') == std::string_view::npos ? object->lookupValueForKey(keyOrPath, out, undefinedKey)
+                                                         : object->lookupValueForKeyPath(keyOrPath, out, undefinedKey);
+  }
+  *out = PXValue();
+  if (!receiver || receiver.isNull()) return PXKeyLookup::Absent;
+  if (undefinedKey) {
+    const std::string_view key = firstKey(keyOrPath);
+    *undefinedKey = PXUndefinedKey{PXString(key), PXFormat(kValueForUndefinedKeyFormat, receiver.className(), &receiver, key)};
+  }
+  return PXKeyLookup::UndefinedKey;
+}

@@ -2,6 +2,7 @@
 // runCheck and key lookup.
 #include <pxkit/objects/PXFormat.h>
 #include <pxkit/platform/PXLog.h>
+#include <pxkit/rules/PXPredicate.h>
 #include <pxkit/rules/PXRuleChecker.h>
 #include <pxkit/rules/PXRuleCheckerFilesystemFunction.h>
 #include <pxkit/rules/PXRuleCheckerVersionFunction.h>
@@ -162,6 +163,25 @@ PXValue PXRuleChecker::computeFunction(std::string_view expression) const {
   } catch (const PXException&) {
     // An unknown key answers nothing here; runCheck is where it is reported.
     return {};
+  }
+}
+
+// ---- Checking a rule -----------------------------------------------------------
+
+bool PXRuleChecker::runCheck(const PXString& rule, std::optional<PXException>* errorOccured) const {
+  if (!rule) return false;
+  if (errorOccured) errorOccured->reset();
+  PXRef<PXMutableDictionary> variables;
+  const PXString text = preprocessCheckRule(rule.view(), &variables);
+  try {
+    PXRef<PXPredicate> predicate = PXPredicate::predicateWithFormat(text.view());
+    // The checker itself is the object: bare key paths come back to valueForKeyPath.
+    return predicate->evaluateWithObject(PXValue(PXRef<PXObject>(const_cast<PXRuleChecker*>(this))),
+                                         variables.get());
+  } catch (const PXException& exception) {
+    if (errorOccured) *errorOccured = exception;
+    PXLog("%s: caught exception: %@", "-[PXRuleChecker runCheck:errorOccured:]", exception.description());
+    return false;
   }
 }
 

@@ -5,6 +5,7 @@
 #include <pxkit/rules/PXRuleCheckerFilesystemFunction.h>
 #include <pxkit/rules/PXRuleCheckerVersionFunction.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -161,6 +162,89 @@ TEST(PXRuleChecker, FunctionsCanBeReplacedWhole) {
   EXPECT_EQ(checker->computeFunction("version.os").stringValue(), "mine");
   checker->setFunctions({});
   EXPECT_EQ(checker->functions()->count(), 0u);
+}
+
+}  // namespace
+
+namespace {
+
+// A checker with a provider "v" (prefix "version") answering "os" → "10.7.4",
+// "cpus" → 4, anything else absent; and "nothing" answering absent.
+PXRef<PXRuleChecker> ruleChecker() {
+  PXRef<PXRuleChecker> checker = PXRuleChecker::ruleCheckerWithDefaultFunctions(false);
+  checker->addFunction(PXRuleCheckerFunction::functionWithFunctionID(
+      "version", "version", [](PXRuleCheckerFunction*, const PXValue& argument, bool returnString) -> PXValue {
+        if (argument.stringValue() == "os") return "10.7.4";
+        if (argument.stringValue() == "cpus") return returnString ? PXValue("4") : PXValue(4);
+        return {};
+      }));
+  checker->addFunction(PXRuleCheckerFunction::functionWithFunctionID("nothing", {}, nullptr));
+  return checker;
+}
+
+TEST(PXRuleCheckerRunCheck, AnswersRulesOverCallsKeyPathsAndFixedValues) {
+  PXRef<PXRuleChecker> checker = ruleChecker();
+  PXRef<PXMutableDictionary> fixed = PXMutableDictionary::dictionary();
+  fixed->setObject("abc", "name");
+  checker->setKvoValues(fixed);
+  struct Row {
+    const char* rule;
+    bool answer;
+  };
+  const Row rows[] = {
+      {"version.os >= '10.6'", true},
+      {"version.os BEGINSWITH '10.7' AND version.cpus > 2", true},
+      {"${version(os)} == '10.7.4'", true},
+      {"${version(cpus)} == 4", true},  // typed: the number 4, not the text "4"
+      {"${version(cpus)} == '4'", false},
+      {"${nosuch(fallbackValue=3)} == '3' AND ${version(os)} != 'x'", true},
+      {"${nothing} == nil", true},
+      {"version.missing == nil", true},  // a provider's absent answer is no error
+      {"name LIKE 'a?c'", true},
+      {"1 == 2 AND nosuch.key == 1", false},  // what is not evaluated cannot raise
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.rule);
+    PXLogCapture log;
+    std::optional<PXException> error = PXException("stale", "from before");
+    EXPECT_EQ(checker->runCheck(row.rule, &error), row.answer);
+    EXPECT_FALSE(error) << error->description().str();
+    EXPECT_THAT(log.lines(), IsEmpty());
+  }
+  EXPECT_FALSE(checker->runCheck(PXString()));
+}
+
+TEST(PXRuleCheckerRunCheck, CatchesLogsAndHandsOutWhatARuleRaises) {
+  PXRef<PXRuleChecker> checker = ruleChecker();
+  struct Row {
+    const char* rule;
+    const char* name;
+    const char* reasonStart;
+  };
+  const Row rows[] = {
+      {"version.os ==", kPXInvalidArgumentException, "Unable to parse the format string \"version.os ==\""},
+      {"nosuch.key == 1", kPXUndefinedKeyException, "[<PXRuleChecker 0x"},
+      {"version == 1", kPXUndefinedKeyException, "[<PXRuleChecker 0x"},  // a bare prefix is no provider's
+      {"$fnc7 == 1", kPXInvalidArgumentException, "Can't get value for 'fnc7' in bindings"},
+      // An unterminated call stays in the text, which then cannot be parsed.
+      {"${version(os", kPXInvalidArgumentException, "Unable to parse the format string \"${version(os\""},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.rule);
+    PXLogCapture log;
+    std::optional<PXException> error;
+    EXPECT_FALSE(checker->runCheck(row.rule, &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->name(), row.name);
+    EXPECT_TRUE(error->reason().view().starts_with(row.reasonStart)) << error->reason().str();
+    const std::string caught =
+        "-[PXRuleChecker runCheck:errorOccured:]: caught exception: " + error->description().str();
+    EXPECT_TRUE(log.contains(caught)) << ::testing::PrintToString(log.lines());
+    // Without an out-parameter: the same NO, the same line.
+    log.clear();
+    EXPECT_FALSE(checker->runCheck(row.rule));
+    EXPECT_TRUE(log.contains(caught));
+  }
 }
 
 }  // namespace

@@ -252,6 +252,15 @@ class PXKIT_EXPORT PXObject {
   mutable std::atomic<pxkit::internal::ObjectExtras*> extras_{nullptr};
 };
 
+// The non-raising lookup for any value, as an evaluator walking values needs it:
+// an object is asked lookupValueForKey (`keyOrPath` without a dot) or
+// lookupValueForKeyPath; an absent or null receiver answers Absent; a plain
+// value (number, string, date, data) has no keys and answers UndefinedKey with
+// the reason an object would give ("[<NSString 0x…> valueForUndefinedKey:]: …
+// for the key length."). `out` must not be null. Thread: as the receiver's lookup.
+PXKIT_EXPORT PXKeyLookup PXLookupValue(const PXValue& receiver, std::string_view keyOrPath, PXValue* out,
+                                       PXUndefinedKey* undefinedKey = nullptr);
+
 // Declares the class object of a PXObject subclass (inside the class body).
 #define PX_DECLARE_CLASS(Name)              \
  public:                                    \
