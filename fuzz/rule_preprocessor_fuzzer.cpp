@@ -44,7 +44,8 @@ PXRuleChecker* fuzzChecker() {
           ++observed.calls;
           if (PXRef<PXDictionary> d = argument.dictionaryValue()) {
             std::string text;
-            for (const auto& [k, v] : d->entries()) text += k.description().str() + ":" + v.description().str() + ",";
+            for (const auto& [k, v] : d->entries())
+              text += k.description().str() + ":" + v.description().str() + ",";
             return PXValue(text);
           }
           return argument;

@@ -34,8 +34,10 @@ std::string spliceText(const PXValue& result) {
 }  // namespace
 
 PX_DEFINE_CLASS(PXRuleChecker, PXObject, [](PXClassBuilder<PXRuleChecker>& c) {
-  c.computed("functions", &PXRuleChecker::functions, &PXRuleChecker::setFunctions, PXPropertyOwnership::Retain);
-  c.computed("kvoValues", &PXRuleChecker::kvoValues, &PXRuleChecker::setKvoValues, PXPropertyOwnership::Retain);
+  c.computed("functions", &PXRuleChecker::functions, &PXRuleChecker::setFunctions,
+             PXPropertyOwnership::Retain);
+  c.computed("kvoValues", &PXRuleChecker::kvoValues, &PXRuleChecker::setKvoValues,
+             PXPropertyOwnership::Retain);
 })
 
 // ---- Made once, and the defaults ------------------------------------------------
@@ -93,8 +95,8 @@ PXRef<PXRuleCheckerFunction> PXRuleChecker::functionForIdentifier(std::string_vi
 
 // ---- Preprocessing ------------------------------------------------------------
 
-PXString PXRuleChecker::preprocessCheckRule(std::string_view rule,
-                                            PXRef<PXMutableDictionary>* substituteResultsWithVariables) const {
+PXString PXRuleChecker::preprocessCheckRule(
+    std::string_view rule, PXRef<PXMutableDictionary>* substituteResultsWithVariables) const {
   std::string text(rule);
   PXRef<PXMutableDictionary> variables;
   if (substituteResultsWithVariables) {

@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-
 #include <new>
 #include <optional>
 #include <stdexcept>
@@ -30,7 +29,8 @@ std::optional<std::string_view> stringArgument(const PXDictionary& arguments, st
 // The file an operation is about: "absPath", else "bundlePath" below the
 // directory of the application "bundleID" (or of the host).
 std::optional<std::string> resolvePath(const PXDictionary& arguments) {
-  if (std::optional<std::string_view> absolute = stringArgument(arguments, "absPath")) return std::string(*absolute);
+  if (std::optional<std::string_view> absolute = stringArgument(arguments, "absPath"))
+    return std::string(*absolute);
   std::optional<std::string_view> relative = stringArgument(arguments, "bundlePath");
   if (!relative) return std::nullopt;
   std::string base;
@@ -94,7 +94,8 @@ PXValue fileSize(const std::string& path) {
 PXValue fileDate(const std::string& path) {
   struct stat info {};
   if (stat(path.c_str(), &info) != 0) return {};
-  const double seconds = static_cast<double>(info.st_mtim.tv_sec) + static_cast<double>(info.st_mtim.tv_nsec) / 1e9;
+  const double seconds =
+      static_cast<double>(info.st_mtim.tv_sec) + static_cast<double>(info.st_mtim.tv_nsec) / 1e9;
   return PXValue(PXDate::dateWithTimeIntervalSince1970(seconds));
 }
 

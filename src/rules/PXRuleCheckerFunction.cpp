@@ -35,6 +35,7 @@ PXValue PXRuleCheckerFunction::resultFor(const PXValue& argument, bool returnStr
 
 PXString PXRuleCheckerFunction::description() const {
   PXString prefix = functionKeyPathPrefix();
-  if (prefix) return PXFormat("<%s: %p; %@, prefix %@>", pxClass().name().c_str(), this, functionID(), prefix);
+  if (prefix)
+    return PXFormat("<%s: %p; %@, prefix %@>", pxClass().name().c_str(), this, functionID(), prefix);
   return PXFormat("<%s: %p; %@>", pxClass().name().c_str(), this, functionID());
 }

@@ -107,8 +107,8 @@ PXValue PXRuleCheckerVersionFunction::resultFor(const PXValue& argument, bool re
     if (!computer.described) return {};
     if (subject == "computerIdentifier") {
       result = computer.model ? PXValue(*computer.model) : PXValue();
-    } else if (subject == "computerModel" || subject == "computerVersion" || subject == "computerVersionMajor" ||
-               subject == "computerVersionMinor") {
+    } else if (subject == "computerModel" || subject == "computerVersion" ||
+               subject == "computerVersionMajor" || subject == "computerVersionMinor") {
       std::optional<pxkit::rules::ModelParts> parts;
       if (computer.model) parts = pxkit::rules::splitModelIdentifier(*computer.model);
       if (subject == "computerModel") {

@@ -23,7 +23,8 @@ std::string argumentsText(const PXRef<PXMutableDictionary>& arguments) {
   std::string text;
   for (const auto& [key, value] : arguments->entries()) {
     if (!text.empty()) text += ";";
-    text += std::string(key.stringValue()) + "=" + (value.isNull() ? "<null>" : std::string(value.stringValue()));
+    text +=
+        std::string(key.stringValue()) + "=" + (value.isNull() ? "<null>" : std::string(value.stringValue()));
   }
   return text.empty() ? "{}" : text;
 }
@@ -43,26 +44,26 @@ TEST(PXRuleCheckerCallSyntax, ScansOneCallBody) {
       {"x()}", "x", "{}", ""},
       {"x(a;b)}", "x", "a=<null>;b=<null>", ""},
       {"x(a=;b=c)}", "x", "a=<null>;b=c", ""},
-      {"x(a=b=c)}", "x", "a=b=c", ""},          // a second "=" belongs to the value
-      {"a=b}", "a=b", "-", ""},                 // outside the parentheses "=" is ordinary
-      {"a;b)c}", "a;b)c", "-", ""},             // and so are ";" and ")"
-      {"x(a(b)}", "x", "a(b=<null>", ""},       // a second "(" inside is ordinary
+      {"x(a=b=c)}", "x", "a=b=c", ""},             // a second "=" belongs to the value
+      {"a=b}", "a=b", "-", ""},                    // outside the parentheses "=" is ordinary
+      {"a;b)c}", "a;b)c", "-", ""},                // and so are ";" and ")"
+      {"x(a(b)}", "x", "a(b=<null>", ""},          // a second "(" inside is ordinary
       {"x(a)(b)}", "x", "a=<null>;b=<null>", ""},  // a later list adds to the first
       {"x(a)junk}", "x", "a=<null>", ""},          // text after ")" is dropped
-      {"version(os}", "version", "-", ""},          // the list never closed: no dictionary
+      {"version(os}", "version", "-", ""},         // the list never closed: no dictionary
       {"(fallbackValue=x)}", "", "fallbackValue=x", ""},
       {"x('a;b')}", "x", "a;b=<null>", ""},
       {"x(a\\;b)}", "x", "a;b=<null>", ""},
       {"x(\"}\")}", "x", "}=<null>", ""},
-      {"x(k='a\"b')}", "x", "k=a\"b", ""},      // the other quote is literal inside quotes
+      {"x(k='a\"b')}", "x", "k=a\"b", ""},  // the other quote is literal inside quotes
       {"x(k=\"it's\")}", "x", "k=it's", ""},
-      {"x(k='\\')}", "x", "k=\\", ""},           // a backslash is literal inside quotes
-      {"x\\}y}", "x}y", "-", ""},                // an escaped "}" does not end the call
+      {"x(k='\\')}", "x", "k=\\", ""},  // a backslash is literal inside quotes
+      {"x\\}y}", "x}y", "-", ""},       // an escaped "}" does not end the call
       {"x\\\\}", "x\\", "-", ""},
-      {"${y}", "${y", "-", ""},                  // calls do not nest
-      {"x(=v)}", "x", "=v", ""},                 // an empty name
+      {"${y}", "${y", "-", ""},   // calls do not nest
+      {"x(=v)}", "x", "=v", ""},  // an empty name
       {"'a b'(c)}", "a b", "c=<null>", ""},
-      {"x(a=1;a=2)}", "x", "a=2", ""},           // a later argument of the same name wins
+      {"x(a=1;a=2)}", "x", "a=2", ""},  // a later argument of the same name wins
       {"x(;)}", "x", "{}", ""},
       {"\xc3\xa9t\xc3\xa9(\xe2\x82\xac)}", "\xc3\xa9t\xc3\xa9", "\xe2\x82\xac=<null>", ""},
   };
@@ -97,11 +98,9 @@ TEST(PXRuleCheckerCallSyntax, AProviderGetsAStringForOneBareNameAndADictionaryOt
     const char* text;  // the string passed, or the dictionary's count
   };
   const Row rows[] = {
-      {"x}", PXValue::Kind::Absent, ""},
-      {"x(os)}", PXValue::Kind::String, "os"},
+      {"x}", PXValue::Kind::Absent, ""},       {"x(os)}", PXValue::Kind::String, "os"},
       {"x(a=)}", PXValue::Kind::String, "a"},  // "a=" is a bare name too
-      {"x(a=b)}", PXValue::Kind::Object, "1"},
-      {"x(a;b)}", PXValue::Kind::Object, "2"},
+      {"x(a=b)}", PXValue::Kind::Object, "1"}, {"x(a;b)}", PXValue::Kind::Object, "2"},
       {"x()}", PXValue::Kind::Object, "0"},
   };
   for (const Row& row : rows) {
@@ -151,7 +150,8 @@ class Preprocessing : public ::testing::Test {
     PXString text = checker->preprocessCheckRule(rule, &variables);
     std::string list;
     if (!variables) return {text.str(), "<no dictionary>"};
-    for (const auto& [k, v] : variables->entries()) list += std::string(k.stringValue()) + "=" + v.description().str() + " ";
+    for (const auto& [k, v] : variables->entries())
+      list += std::string(k.stringValue()) + "=" + v.description().str() + " ";
     return {text.str(), list};
   }
 
@@ -204,7 +204,7 @@ TEST_F(Preprocessing, WithoutADictionaryResultsAreSplicedAsText) {
       {"${num} > 1", "7 > 1"},
       {"${nosuch(fallbackValue=3)} == '3' AND ${echo('10.7')} != 'x'", "3 == '3' AND 10.7 != 'x'"},
       {"${a} ${num}", "NULL 7"},
-      {"${(fallbackValue)}", "NULL"},  // a bare fallback is the null value: NULL in text
+      {"${(fallbackValue)}", "NULL"},     // a bare fallback is the null value: NULL in text
       {"${echo('a${num}')}", "a${num}"},  // a call a result brings in before the moved start stays
   };
   for (const Row& row : rows) {

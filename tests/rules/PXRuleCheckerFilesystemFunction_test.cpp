@@ -42,8 +42,8 @@ class FilesystemFunction : public ::testing::Test {
 TEST_F(FilesystemFunction, AnswersExistenceSizeAndDates) {
   struct stat info {};
   ASSERT_EQ(stat(data.c_str(), &info), 0);
-  const PXDate modified = PXDate::dateWithTimeIntervalSince1970(static_cast<double>(info.st_mtim.tv_sec) +
-                                                                static_cast<double>(info.st_mtim.tv_nsec) / 1e9);
+  const PXDate modified = PXDate::dateWithTimeIntervalSince1970(
+      static_cast<double>(info.st_mtim.tv_sec) + static_cast<double>(info.st_mtim.tv_nsec) / 1e9);
   const std::string missing = home.root() + "/files/missing";
   struct Row {
     std::string arguments;
@@ -106,7 +106,8 @@ TEST_F(FilesystemFunction, DigestsTheWholeFileAsHexadecimalText) {
   const std::string bigPath = home.writeFile("files/big", big);
   PXRuleCheckerFilesystemFunction function;
   PXValue arguments = PXValue(PXDictionary::dictionaryWithEntries({{"do", "md5sum"}, {"absPath", bigPath}}));
-  EXPECT_EQ(function.resultFor(arguments, false).stringValue(), function.resultFor(arguments, true).stringValue());
+  EXPECT_EQ(function.resultFor(arguments, false).stringValue(),
+            function.resultFor(arguments, true).stringValue());
   EXPECT_EQ(function.resultFor(arguments, false).stringValue().size(), 32u);
 }
 

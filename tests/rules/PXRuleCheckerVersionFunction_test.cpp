@@ -21,7 +21,8 @@ std::string fixture(const char* name) {
 // An argument from call text: "os" stays a string; "of=os;lessThan=13" becomes
 // a dictionary (a bare name maps to null).
 PXValue argumentFrom(std::string_view text) {
-  if (text.find('=') == std::string_view::npos && text.find(';') == std::string_view::npos) return PXValue(text);
+  if (text.find('=') == std::string_view::npos && text.find(';') == std::string_view::npos)
+    return PXValue(text);
   PXRef<PXMutableDictionary> options = PXMutableDictionary::dictionary();
   while (!text.empty()) {
     std::string_view part = text.substr(0, text.find(';'));
@@ -45,7 +46,7 @@ TEST(PXRuleCheckerVersionFunction, ReadsOsReleaseAssignments) {
       {"VERSION_ID='11.7'", "VERSION_ID", "11.7"},
       {"  VERSION_ID=\"a \\\"b\\\" \\$c\"  \n", "VERSION_ID", "a \"b\" $c"},
       {"# VERSION_ID=1\nID=x\n", "VERSION_ID", std::nullopt},
-      {"VERSION_ID=1\nVERSION_ID=2\n", "VERSION_ID", "2"},  // the last assignment wins
+      {"VERSION_ID=1\nVERSION_ID=2\n", "VERSION_ID", "2"},   // the last assignment wins
       {"VERSION_ID=one two\n", "VERSION_ID", std::nullopt},  // unquoted white space is malformed
       {"VERSION_ID=\"open\n", "VERSION_ID", std::nullopt},
       {"VERSION_IDX=1\nXVERSION_ID=2\n", "VERSION_ID", std::nullopt},
@@ -136,11 +137,11 @@ TEST(PXRuleCheckerVersionFunction, AnswersFromAMachineWithDmi) {
                               {"of=os;equalTo=12.0", "1", "1"},  // "12.0" is "12"
                               {"of=os;equalTo=12.0.0", "12", "12"},
                               {"of=os;lessThan=4;greaterThan=11", "1", "1"},  // an OR
-                              {"of=os;equalTo", "1", "1"},  // against nothing: the same
+                              {"of=os;equalTo", "1", "1"},                    // against nothing: the same
                               {"of=computerVersionMajor;greaterThan=7", "1", "1"},
                               {"of=kernel;greaterThan=6.1", "1", "1"},
                               {"of=nosuch;greaterThan=1", "(null)", "(null)"},  // nothing to compare
-                              {"lessThan=99", "(null)", "(null)"},               // no subject
+                              {"lessThan=99", "(null)", "(null)"},              // no subject
                           });
 }
 
@@ -150,7 +151,8 @@ TEST(PXRuleCheckerVersionFunction, AnswersFromADeviceTreeAndFromAMachineThatSays
   expectAnswers(deviceTree, {
                                 {"os", "11.7", "11.7"},
                                 {"kernel", "(null)", "(null)"},  // a fixture root never asks the real kernel
-                                {"computerIdentifier", "Raspberry Pi 4 Model B Rev 1.4", "Raspberry Pi 4 Model B Rev 1.4"},
+                                {"computerIdentifier", "Raspberry Pi 4 Model B Rev 1.4",
+                                 "Raspberry Pi 4 Model B Rev 1.4"},
                                 {"computerModel", "(null)", "(null)"},  // no comma
                                 {"computerVersionMajor", "(null)", "(null)"},
                             });
@@ -181,10 +183,11 @@ TEST(PXRuleCheckerVersionFunction, AnswersInstalledApplicationsAndTheHost) {
   PXTempHome home;
   home.writeFile(home.systemDataDir() + "/applications/org.example.Editor.desktop",
                  "[Desktop Entry]\nType=Application\nName=Text Editor\nExec=sh %F\n");
-  home.writeFile(home.systemDataDir() + "/metainfo/org.example.Editor.metainfo.xml",
-                 "<component><id>org.example.Editor</id><releases>"
-                 "<release version=\"3.9.1\"/><release version=\"3.10\"/><release version=\"4.0\" type=\"development\"/>"
-                 "</releases></component>");
+  home.writeFile(
+      home.systemDataDir() + "/metainfo/org.example.Editor.metainfo.xml",
+      "<component><id>org.example.Editor</id><releases>"
+      "<release version=\"3.9.1\"/><release version=\"3.10\"/><release version=\"4.0\" type=\"development\"/>"
+      "</releases></component>");
   home.writeFile(home.systemDataDir() + "/applications/org.example.Viewer.desktop",
                  "[Desktop Entry]\nType=Application\nName=Viewer\nExec=viewer\n");
   // The user's copy hides the system's entry.
@@ -192,7 +195,8 @@ TEST(PXRuleCheckerVersionFunction, AnswersInstalledApplicationsAndTheHost) {
                  "[Desktop Entry]\nType=Application\nName=Gone\nExec=gone\n");
   home.writeFile(home.systemDataDir() + "/metainfo/org.example.Gone.metainfo.xml",
                  "<component><releases><release version=\"1.0\"/></releases></component>");
-  home.writeFile(home.dataHome() + "/applications/org.example.Gone.desktop", "[Desktop Entry]\nHidden=true\n");
+  home.writeFile(home.dataHome() + "/applications/org.example.Gone.desktop",
+                 "[Desktop Entry]\nHidden=true\n");
   ASSERT_TRUE(PXBundle::setMainBundleIdentity("org.example.Host", "2.4", "2401"));
 
   PXRuleCheckerVersionFunction function(fixture("dmi"));

@@ -27,7 +27,8 @@ PXRef<PXRuleCheckerFunction> recorder(const char* identifier, const char* prefix
                                       std::vector<Asked>* asked) {
   return PXRuleCheckerFunction::functionWithFunctionID(
       identifier, prefix ? PXString(prefix) : PXString(),
-      [=, name = std::string(identifier)](PXRuleCheckerFunction*, const PXValue& argument, bool returnString) {
+      [=, name = std::string(identifier)](PXRuleCheckerFunction*, const PXValue& argument,
+                                          bool returnString) {
         asked->push_back({name, argument ? argument.description().str() : "<absent>", returnString});
         return answer;
       });
@@ -37,7 +38,8 @@ TEST(PXRuleChecker, DefaultFunctionsAreFreshProvidersInTheirOrder) {
   PXRef<PXArray> first = PXRuleChecker::defaultFunctions();
   PXRef<PXArray> second = PXRuleChecker::defaultFunctions();
   ASSERT_EQ(first->count(), 2u);
-  EXPECT_TRUE(first->objectAtIndex(0).objectPointer()->isKindOfClass(PXRuleCheckerVersionFunction::classObject()));
+  EXPECT_TRUE(
+      first->objectAtIndex(0).objectPointer()->isKindOfClass(PXRuleCheckerVersionFunction::classObject()));
   EXPECT_TRUE(
       first->objectAtIndex(1).objectPointer()->isKindOfClass(PXRuleCheckerFilesystemFunction::classObject()));
   EXPECT_NE(first->objectAtIndex(0).objectPointer(), second->objectAtIndex(0).objectPointer());
@@ -55,8 +57,9 @@ TEST(PXRuleChecker, TheFirstProviderOfAnIdentifierOrPrefixWins) {
   std::vector<Asked> asked;
   PXRef<PXRuleChecker> checker = PXRuleChecker::ruleCheckerWithDefaultFunctions(false);
   checker->addFunction(recorder("x", "y", "first", &asked));
-  checker->addFunctions(*PXArray::arrayWithObjects(
-      {PXValue(recorder("x", "y", "second", &asked)), PXValue("not a provider"), PXValue(recorder("z", "x", "z", &asked))}));
+  checker->addFunctions(
+      *PXArray::arrayWithObjects({PXValue(recorder("x", "y", "second", &asked)), PXValue("not a provider"),
+                                  PXValue(recorder("z", "x", "z", &asked))}));
   checker->addFunction({});
   EXPECT_EQ(checker->functions()->count(), 3u);
 
@@ -104,7 +107,7 @@ TEST(PXRuleChecker, ComputeFunctionAnswersOneCallOrOneKeyPath) {
       {"${nothing} ${seven}", 7, ""},
       {"seven.x", 7, ""},
       {"nosuchprefix.x", PXValue(), ""},  // the undefined key is not passed on
-      {" ${seven}", PXValue(), ""},        // not beginning with "$": a key path, and an unknown one
+      {" ${seven}", PXValue(), ""},       // not beginning with "$": a key path, and an unknown one
       {"${seven", PXValue(), "Unterminated function: ${seven"},
   };
   for (const Row& row : rows) {
@@ -173,7 +176,8 @@ namespace {
 PXRef<PXRuleChecker> ruleChecker() {
   PXRef<PXRuleChecker> checker = PXRuleChecker::ruleCheckerWithDefaultFunctions(false);
   checker->addFunction(PXRuleCheckerFunction::functionWithFunctionID(
-      "version", "version", [](PXRuleCheckerFunction*, const PXValue& argument, bool returnString) -> PXValue {
+      "version", "version",
+      [](PXRuleCheckerFunction*, const PXValue& argument, bool returnString) -> PXValue {
         if (argument.stringValue() == "os") return "10.7.4";
         if (argument.stringValue() == "cpus") return returnString ? PXValue("4") : PXValue(4);
         return {};

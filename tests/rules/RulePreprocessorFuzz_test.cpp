@@ -32,8 +32,10 @@ TEST(RulePreprocessorFuzz, SeedsHoldTheFuzzersProperties) {
 TEST(RulePreprocessorFuzz, GeneratedRulesHoldTheFuzzersProperties) {
   // Pieces that matter to the scanner, glued at random.
   static const char* const kPieces[] = {
-      "${", "}", "(", ")", ";", "=", "\\", "'", "\"", "$", "{", "echo", "none", "seven", "nosuch",
-      "fallbackValue", "a", "b", " ", "==", "$fnc0", "fnc", "\xc3\xa9", "${echo(", "${seven}", "')}", "\\}",
+      "${",       "}",   "(",   ")",    ";",     "=",     "\\",       "'",
+      "\"",       "$",   "{",   "echo", "none",  "seven", "nosuch",   "fallbackValue",
+      "a",        "b",   " ",   "==",   "$fnc0", "fnc",   "\xc3\xa9", "${echo(",
+      "${seven}", "')}", "\\}",
   };
   std::mt19937 random(20240611);  // fixed: the same rules on every run
   for (int i = 0; i < 3000; ++i) {

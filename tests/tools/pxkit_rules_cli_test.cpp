@@ -65,7 +65,8 @@ TEST(PXKitToolRules, CheckPrintsTheExceptionOfARuleThatCannotBeEvaluated) {
 
 TEST(PXKitToolRules, ExplainShowsThePreprocessedRuleAndItsVariables) {
   ToolRun run = runTool(
-      {"check", "--explain", "--root", fixture("dmi"), "${version(of=os;greaterThan=11)} == YES AND ${none} == nil AND ${version(kernel)} BEGINSWITH '6.'"});
+      {"check", "--explain", "--root", fixture("dmi"),
+       "${version(of=os;greaterThan=11)} == YES AND ${none} == nil AND ${version(kernel)} BEGINSWITH '6.'"});
   EXPECT_EQ(run.status, 0) << run.output;
   EXPECT_THAT(run.output, HasSubstr("  evaluated  $fnc0 == YES AND NULL == nil AND $fnc2 BEGINSWITH '6.'\n"));
   EXPECT_THAT(run.output, HasSubstr("  $fnc0      1  (boolean)\n"));

@@ -24,8 +24,13 @@ constexpr int kRaised = 2;
 
 // The key paths `facts` shows by default.
 constexpr const char* kDefaultFacts[] = {
-    "version.os",           "version.kernel",       "version.computerIdentifier", "version.computerModel",
-    "version.computerVersion", "version.hostApplication", "version.hostApplicationShort",
+    "version.os",
+    "version.kernel",
+    "version.computerIdentifier",
+    "version.computerModel",
+    "version.computerVersion",
+    "version.hostApplication",
+    "version.hostApplicationShort",
 };
 
 int usageError(const std::string& message) {
@@ -155,7 +160,8 @@ int facts(const std::vector<std::string_view>& arguments) {
   PXRef<PXRuleChecker> checker = makeChecker(root);
   size_t width = 0;
   for (const std::string& path : paths) width = std::max(width, path.size());
-  for (const std::string& path : paths) Console::field(path, shown(checker->computeFunction(path)), width + 2);
+  for (const std::string& path : paths)
+    Console::field(path, shown(checker->computeFunction(path)), width + 2);
   return 0;
 }
 

@@ -11,8 +11,8 @@
 //
 //   PXRuleChecker* checker = PXRuleChecker::sharedChecker();
 //   std::optional<PXException> error;
-//   if (checker->runCheck("version.kernel BEGINSWITH '6.' AND ${version(of=os;greaterThan=11)} == YES", &error)) ...
-//   if (error) PXLog("%@", error->description());          // a rule that could not be evaluated
+//   if (checker->runCheck("version.kernel BEGINSWITH '6.' AND ${version(of=os;greaterThan=11)} == YES",
+//   &error)) ... if (error) PXLog("%@", error->description());          // a rule that could not be evaluated
 //   PXValue os = checker->computeFunction("version.os");  // "12" on Debian 12; absent when unknown
 //
 // Call syntax, inside "${" ... "}":

@@ -10,9 +10,10 @@
 // providers: PXRuleCheckerVersionFunction, PXRuleCheckerFilesystemFunction).
 //
 //   auto answer = PXRuleCheckerFunction::functionWithFunctionID(
-//       "answer", "answer", [](PXRuleCheckerFunction*, const PXValue& argument, bool returnString) -> PXValue {
-//         if (argument.isString() && argument.stringValue() == "life") return returnString ? PXValue("42") : 42;
-//         return {};
+//       "answer", "answer", [](PXRuleCheckerFunction*, const PXValue& argument, bool returnString) -> PXValue
+//       {
+//         if (argument.isString() && argument.stringValue() == "life") return returnString ? PXValue("42") :
+//         42; return {};
 //       });
 //   PXRuleChecker::sharedChecker()->addFunction(answer);
 //   // "${answer(life)} == 42" and "answer.life == 42" are now rules that hold.
@@ -46,15 +47,16 @@ class PXKIT_EXPORT PXRuleCheckerFunction : public PXObject {
 
  public:
   // The callback of the block form: (the provider itself, the argument, returnString) → result or absent.
-  using FunctionBlock = std::function<PXValue(PXRuleCheckerFunction* function, const PXValue& argument,
-                                              bool returnString)>;
+  using FunctionBlock =
+      std::function<PXValue(PXRuleCheckerFunction* function, const PXValue& argument, bool returnString)>;
 
   // A new provider with no identifier, prefix or callback ("+function"). Each
   // subclass has its own `function()` that makes one of its kind.
   static PXRef<PXRuleCheckerFunction> function();
   // A new block-form provider ("+functionWithFunctionID:functionKeyPathPrefix:functionBlock:").
   // An absent prefix makes it reachable by "${...}" only; an empty callback answers absent.
-  static PXRef<PXRuleCheckerFunction> functionWithFunctionID(PXString functionID, PXString functionKeyPathPrefix,
+  static PXRef<PXRuleCheckerFunction> functionWithFunctionID(PXString functionID,
+                                                             PXString functionKeyPathPrefix,
                                                              FunctionBlock functionBlock);
 
   PXRuleCheckerFunction() = default;
@@ -69,7 +71,9 @@ class PXKIT_EXPORT PXRuleCheckerFunction : public PXObject {
 
   // The identifier matched exactly (case-sensitive) against "${name...}".
   PXString functionID() const { return getAtomic(lock_, functionID_); }
-  void setFunctionID(PXString functionID) { setObservable(lock_, functionID_, std::move(functionID), "functionID"); }
+  void setFunctionID(PXString functionID) {
+    setObservable(lock_, functionID_, std::move(functionID), "functionID");
+  }
   // The first component of the dotted key paths that reach this provider; absent when none do.
   PXString functionKeyPathPrefix() const { return getAtomic(lock_, functionKeyPathPrefix_); }
   void setFunctionKeyPathPrefix(PXString prefix) {

@@ -23,7 +23,8 @@ std::string keyFileString(GKeyFile* file, const char* key) {
 // "env" with its assignments; empty when it cannot be found.
 std::string programDirectory(const std::string& commandLine) {
   glib::Strv argv;
-  if (commandLine.empty() || !g_shell_parse_argv(commandLine.c_str(), nullptr, glib::out(argv), nullptr)) return "";
+  if (commandLine.empty() || !g_shell_parse_argv(commandLine.c_str(), nullptr, glib::out(argv), nullptr))
+    return "";
   gchar** word = argv.get();
   if (*word && std::strcmp(*word, "env") == 0) {
     ++word;

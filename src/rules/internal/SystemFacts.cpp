@@ -43,7 +43,8 @@ std::optional<std::string> unquote(std::string_view raw) {
   if (quote == '\'') return std::string(inner);
   std::string value;
   for (size_t i = 0; i < inner.size(); ++i) {
-    if (inner[i] == '\\' && i + 1 < inner.size() && std::string_view("\"\\$`").find(inner[i + 1]) != std::string_view::npos) {
+    if (inner[i] == '\\' && i + 1 < inner.size() &&
+        std::string_view("\"\\$`").find(inner[i + 1]) != std::string_view::npos) {
       value += inner[++i];
     } else {
       value += inner[i];
