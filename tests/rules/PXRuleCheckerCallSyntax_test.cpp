@@ -43,6 +43,7 @@ TEST(PXRuleCheckerCallSyntax, ScansOneCallBody) {
       {"filesystem(do=size;absPath=/tmp/x)}", "filesystem", "do=size;absPath=/tmp/x", ""},
       {"x()}", "x", "{}", ""},
       {"x(a;b)}", "x", "a=<null>;b=<null>", ""},
+      {"x(a=)}", "x", "a=<null>", ""},  // "a=" is a bare name too: the string "a" is passed
       {"x(a=;b=c)}", "x", "a=<null>;b=c", ""},
       {"x(a=b=c)}", "x", "a=b=c", ""},             // a second "=" belongs to the value
       {"a=b}", "a=b", "-", ""},                    // outside the parentheses "=" is ordinary
@@ -77,6 +78,15 @@ TEST(PXRuleCheckerCallSyntax, ScansOneCallBody) {
     EXPECT_EQ(argumentsText(call.arguments), row.arguments);
     EXPECT_EQ(text.substr(call.end + 1), row.rest);
     EXPECT_THAT(quotes, IsEmpty());
+    // What the provider gets: one bare name as a string, any other list as the dictionary.
+    PXValue argument = pxkit::rules::ruleCallArgument(call);
+    if (!call.arguments) {
+      EXPECT_FALSE(argument);
+    } else if (call.arguments->count() == 1 && call.arguments->entries()[0].second.isNull()) {
+      EXPECT_TRUE(argument.isEqual(call.arguments->entries()[0].first));
+    } else {
+      EXPECT_EQ(argument.objectPointer(), call.arguments.get());
+    }
   }
 }
 
@@ -88,32 +98,6 @@ TEST(PXRuleCheckerCallSyntax, BodiesWithoutTheirClosingBraceAreUnterminated) {
     pxkit::rules::RuleCall call = pxkit::rules::scanRuleCall(text, 2, quotes);
     EXPECT_FALSE(call.terminated);
     EXPECT_FALSE(call.arguments);
-  }
-}
-
-TEST(PXRuleCheckerCallSyntax, AProviderGetsAStringForOneBareNameAndADictionaryOtherwise) {
-  struct Row {
-    const char* body;
-    PXValue::Kind kind;
-    const char* text;  // the string passed, or the dictionary's count
-  };
-  const Row rows[] = {
-      {"x}", PXValue::Kind::Absent, ""},       {"x(os)}", PXValue::Kind::String, "os"},
-      {"x(a=)}", PXValue::Kind::String, "a"},  // "a=" is a bare name too
-      {"x(a=b)}", PXValue::Kind::Object, "1"}, {"x(a;b)}", PXValue::Kind::Object, "2"},
-      {"x()}", PXValue::Kind::Object, "0"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.body);
-    const std::string text = std::string("${") + row.body;
-    pxkit::rules::QuoteStack quotes;
-    PXValue argument = pxkit::rules::ruleCallArgument(pxkit::rules::scanRuleCall(text, 2, quotes));
-    ASSERT_EQ(argument.kind(), row.kind);
-    if (argument.isString()) {
-      EXPECT_EQ(argument.stringValue(), row.text);
-    } else if (argument.isDictionary()) {
-      EXPECT_EQ(std::to_string(argument.dictionaryValue()->count()), row.text);
-    }
   }
 }
 
@@ -166,7 +150,7 @@ TEST_F(Preprocessing, ReplacesCallsWithVariablesNumberedByCall) {
     const char* variables;
   };
   const Row rows[] = {
-      {"", "", ""},
+      {"", "", ""},  // the dictionary is handed out even without calls
       {"version.os == '1'", "version.os == '1'", ""},
       {"${num} > 1", "$fnc0 > 1", "fnc0=7 "},
       {"${echo(os)} == 'os' AND ${num} == 7", "$fnc0 == 'os' AND $fnc1 == 7", "fnc0=os fnc1=7 "},
@@ -244,13 +228,6 @@ TEST_F(Preprocessing, UnterminatedCallsAreLoggedAndLeftAsWritten) {
     EXPECT_EQ(text, row.text);
     EXPECT_THAT(log.lines(), ElementsAre(row.logged));
   }
-}
-
-TEST_F(Preprocessing, TheVariablesDictionaryIsHandedOutEvenWithoutCalls) {
-  PXRef<PXMutableDictionary> variables;
-  EXPECT_EQ(checker->preprocessCheckRule("1 == 1", &variables).str(), "1 == 1");
-  ASSERT_TRUE(variables);
-  EXPECT_EQ(variables->count(), 0u);
 }
 
 }  // namespace

@@ -156,17 +156,6 @@ TEST(PXRuleChecker, KeyPathsGoToProvidersThenKvoValuesThenTheCheckersOwnKeys) {
   EXPECT_TRUE(checker->valueForKey("functions").isEqual(PXValue(checker->functions())));
 }
 
-TEST(PXRuleChecker, FunctionsCanBeReplacedWhole) {
-  std::vector<Asked> asked;
-  PXRef<PXRuleChecker> checker = PXRuleChecker::ruleCheckerWithDefaultFunctions(true);
-  PXRef<PXMutableArray> mine = PXMutableArray::array();
-  mine->addObject(PXValue(recorder("version", "version", "mine", &asked)));
-  checker->setFunctions(mine);
-  EXPECT_EQ(checker->computeFunction("version.os").stringValue(), "mine");
-  checker->setFunctions({});
-  EXPECT_EQ(checker->functions()->count(), 0u);
-}
-
 }  // namespace
 
 namespace {
