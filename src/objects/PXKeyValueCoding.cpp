@@ -79,9 +79,9 @@ std::string_view firstKey(std::string_view keyPath) {
   return keyPath.substr(0, keyPath.find('.'));
 }
 
-// Runs `read` with undefined keys collected instead of raised.
+// Runs `read` (a lookup of `keyOrPath`) with undefined keys collected instead of raised.
 template <class Read>
-PXKeyLookup lookUp(Read&& read, PXValue* out, PXUndefinedKey* undefinedKey) {
+PXKeyLookup lookUp(Read&& read, std::string_view keyOrPath, PXValue* out, PXUndefinedKey* undefinedKey) {
   UndefinedKeyScope scope;
   UndefinedKeySink& sink = scope.sink();
   try {
@@ -92,7 +92,10 @@ PXKeyLookup lookUp(Read&& read, PXValue* out, PXUndefinedKey* undefinedKey) {
     if (!(e.name() == kPXUndefinedKeyException)) throw;
     if (!sink.hit) {
       sink.hit = true;
+      // The key the exception names, else the first key asked (the one the
+      // override was given).
       PXValue key = e.userInfo() ? e.userInfo()->objectForKey(kUnknownUserInfoKey) : PXValue();
+      if (!key.isString()) key = PXValue(firstKey(keyOrPath));
       sink.first = PXUndefinedKey{key.stringObject(), e.reason()};
     }
   }
@@ -112,12 +115,12 @@ void PXUndefinedKey::raise() const {
 
 PXKeyLookup PXObject::lookupValueForKey(std::string_view key, PXValue* out,
                                         PXUndefinedKey* undefinedKey) const {
-  return lookUp([&] { return valueForKey(key); }, out, undefinedKey);
+  return lookUp([&] { return valueForKey(key); }, key, out, undefinedKey);
 }
 
 PXKeyLookup PXObject::lookupValueForKeyPath(std::string_view keyPath, PXValue* out,
                                             PXUndefinedKey* undefinedKey) const {
-  return lookUp([&] { return valueForKeyPath(keyPath); }, out, undefinedKey);
+  return lookUp([&] { return valueForKeyPath(keyPath); }, keyPath, out, undefinedKey);
 }
 
 PXValue PXObject::valueForKey(std::string_view key) const {
@@ -180,14 +183,16 @@ void PXObject::setValueForUndefinedKey(const PXValue&, std::string_view key) {
 PXKeyLookup PXLookupValue(const PXValue& receiver, std::string_view keyOrPath, PXValue* out,
                           PXUndefinedKey* undefinedKey) {
   if (const PXObject* object = receiver.objectPointer()) {
-    return keyOrPath.find('.') == std::string_view::npos ? object->lookupValueForKey(keyOrPath, out, undefinedKey)
-                                                         : object->lookupValueForKeyPath(keyOrPath, out, undefinedKey);
+    return keyOrPath.find('.') == std::string_view::npos
+               ? object->lookupValueForKey(keyOrPath, out, undefinedKey)
+               : object->lookupValueForKeyPath(keyOrPath, out, undefinedKey);
   }
   *out = PXValue();
   if (!receiver || receiver.isNull()) return PXKeyLookup::Absent;
   if (undefinedKey) {
     const std::string_view key = firstKey(keyOrPath);
-    *undefinedKey = PXUndefinedKey{PXString(key), PXFormat(kValueForUndefinedKeyFormat, receiver.className(), &receiver, key)};
+    *undefinedKey = PXUndefinedKey{
+        PXString(key), PXFormat(kValueForUndefinedKeyFormat, receiver.className(), &receiver, key)};
   }
   return PXKeyLookup::UndefinedKey;
 }

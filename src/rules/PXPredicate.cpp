@@ -1,13 +1,11 @@
 // The rule language's evaluator: walks the parsed tree against an object and
 // its bindings. Nothing here keeps state between evaluations, so one parsed
 // predicate serves any number of threads.
-#include <pxkit/rules/PXPredicate.h>
-
 #include <pxkit/objects/PXArray.h>
 #include <pxkit/objects/PXException.h>
 #include <pxkit/objects/PXFormat.h>
 #include <pxkit/platform/PXStringComparison.h>
-
+#include <pxkit/rules/PXPredicate.h>
 #include <unicode/regex.h>
 
 #include <cmath>
@@ -35,7 +33,9 @@ constexpr unsigned kTextOptions = PXCaseInsensitiveSearch | PXDiacriticInsensiti
 }
 
 // A null value counts as absent.
-bool present(const PXValue& v) { return v && !v.isNull(); }
+bool present(const PXValue& v) {
+  return v && !v.isNull();
+}
 
 bool isIntegerKind(const PXValue& v) {
   const PXValue::Kind k = v.kind();
@@ -47,9 +47,10 @@ bool isIntegerKind(const PXValue& v) {
 
 PXValue arithmetic(char op, const PXValue& a, const PXValue& b) {
   if (!a.isNumber() || !b.isNumber()) {
-    raiseInvalid(PXFormat("Can't do arithmetic on %@ (%@) and %@ (%@): only numbers add, subtract, multiply, "
-                          "divide and raise",
-                          a, a.className(), b, b.className()));
+    raiseInvalid(
+        PXFormat("Can't do arithmetic on %@ (%@) and %@ (%@): only numbers add, subtract, multiply, "
+                 "divide and raise",
+                 a, a.className(), b, b.className()));
   }
   if (isIntegerKind(a) && isIntegerKind(b) && op != '/') {
     const int64_t x = a.longLongValue(), y = b.longLongValue();
@@ -89,7 +90,8 @@ PXValue arithmetic(char op, const PXValue& a, const PXValue& b) {
 }
 
 PXValue negate(const PXValue& v) {
-  if (!v.isNumber()) raiseInvalid(PXFormat("Can't do arithmetic on %@ (%@): only numbers negate", v, v.className()));
+  if (!v.isNumber())
+    raiseInvalid(PXFormat("Can't do arithmetic on %@ (%@): only numbers negate", v, v.className()));
   if (isIntegerKind(v) && v.longLongValue() != std::numeric_limits<int64_t>::min()) {
     return static_cast<long long>(-v.longLongValue());
   }
@@ -109,10 +111,12 @@ bool equalValues(const PXValue& a, const PXValue& b, unsigned options) {
 
 // Order of two numbers, two strings (UTF-16 code units) or two dates.
 PXComparisonResult orderValues(const PXValue& a, const PXValue& b, unsigned options) {
-  if (a.isString() && b.isString()) return PXStringCompare(a.stringValue(), b.stringValue(), options & kTextOptions);
+  if (a.isString() && b.isString())
+    return PXStringCompare(a.stringValue(), b.stringValue(), options & kTextOptions);
   if ((a.isNumber() && b.isNumber()) || (a.isDate() && b.isDate())) return a.compare(b);
-  raiseInvalid(PXFormat("Can't compare %@ (%@) with %@ (%@): only two numbers, two strings or two dates have an order",
-                        a, a.className(), b, b.className()));
+  raiseInvalid(
+      PXFormat("Can't compare %@ (%@) with %@ (%@): only two numbers, two strings or two dates have an order",
+               a, a.className(), b, b.className()));
 }
 
 [[noreturn]] void raiseSubstring() {
@@ -294,7 +298,8 @@ class Evaluator {
       case ComparisonOperator::GreaterOrEqual: {
         if (!l || !r) {
           return !l && !r &&
-                 (node.op == ComparisonOperator::LessOrEqual || node.op == ComparisonOperator::GreaterOrEqual);
+                 (node.op == ComparisonOperator::LessOrEqual ||
+                  node.op == ComparisonOperator::GreaterOrEqual);
         }
         const PXComparisonResult order = orderValues(lhs, rhs, node.options);
         switch (node.op) {
@@ -324,14 +329,16 @@ class Evaluator {
       case ComparisonOperator::Matches:
         if (!l || !r) return false;
         if (!lhs.isString() || !rhs.isString()) {
-          raiseInvalid(PXFormat("Can't do regex matching on object %@ with pattern %@: both must be strings", lhs, rhs));
+          raiseInvalid(PXFormat("Can't do regex matching on object %@ with pattern %@: both must be strings",
+                                lhs, rhs));
         }
         return !rhs.stringValue().empty() && regexMatch(node, lhs.stringValue(), rhs.stringValue());
       case ComparisonOperator::Between: {
         if (!l || !r) return false;
         PXRef<PXArray> bounds = rhs.arrayValue();
         if (!bounds || bounds->count() != 2) {
-          raiseInvalid(PXFormat("Can't use between operator with rhs %@ (a two-element array is needed)", rhs));
+          raiseInvalid(
+              PXFormat("Can't use between operator with rhs %@ (a two-element array is needed)", rhs));
         }
         const PXValue* low = &(*bounds)[0];
         const PXValue* high = &(*bounds)[1];
@@ -408,19 +415,22 @@ class Evaluator {
         default:
           break;
       }
-      if (!index.isNumber() || index.doubleValue() < 0 || index.doubleValue() != std::floor(index.doubleValue())) {
+      if (!index.isNumber() || index.doubleValue() < 0 ||
+          index.doubleValue() != std::floor(index.doubleValue())) {
         raiseInvalid(PXFormat("Can't index an array with %@: a whole number from 0 is needed", index));
       }
       const double at = index.doubleValue();
       if (at >= static_cast<double>(array->count())) {
         PXException::raise(kPXRangeException, "*** -[%@ objectAtIndex:]: index (%@) beyond bounds (%lu)",
-                           PXValue(array->pxClass().name()), index, static_cast<unsigned long>(array->count()));
+                           PXValue(array->pxClass().name()), index,
+                           static_cast<unsigned long>(array->count()));
       }
       return (*array)[static_cast<size_t>(at)];
     }
     if (PXRef<PXDictionary> dictionary = current.dictionaryValue()) {
       if (step.kind == PostfixStep::Kind::Size) return static_cast<unsigned long long>(dictionary->count());
-      if (step.kind == PostfixStep::Kind::Index) return present(index) ? dictionary->objectForKey(index) : PXValue();
+      if (step.kind == PostfixStep::Kind::Index)
+        return present(index) ? dictionary->objectForKey(index) : PXValue();
     }
     raiseInvalid(PXFormat("Can't index %@ (%@): only arrays and dictionaries have elements", current,
                           current.className()));

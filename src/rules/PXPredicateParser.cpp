@@ -9,7 +9,6 @@
 #include <pxkit/objects/PXFormat.h>
 #include <pxkit/platform/PXStringComparison.h>
 #include <pxkit/rules/PXPredicate.h>
-
 #include <unicode/regex.h>
 
 #include <algorithm>
@@ -45,10 +44,10 @@ struct ParseFailure {
   std::string message;
 };
 
-constexpr const char* kReservedWords[] = {
-    "AND",   "OR",   "IN",    "NOT",   "ALL",           "ANY",           "SOME",  "NONE", "LIKE",     "MATCHES",
-    "CONTAINS", "BEGINSWITH", "ENDSWITH", "BETWEEN", "NULL", "NIL", "SELF", "TRUE", "YES", "FALSE", "NO", "FIRST",
-    "LAST",  "SIZE", "TRUEPREDICATE", "FALSEPREDICATE",
+constexpr std::string_view kReservedWords[] = {
+    "AND", "OR", "IN", "NOT", "ALL", "ANY", "SOME", "NONE", "LIKE", "MATCHES", "CONTAINS", "BEGINSWITH",
+    "ENDSWITH", "BETWEEN", "NULL", "NIL", "SELF", "TRUE", "YES", "FALSE", "NO", "FIRST", "LAST", "SIZE",
+    "TRUEPREDICATE", "FALSEPREDICATE",
     // Never needed by rules, refused so that a rule cannot mean something else elsewhere.
     "CASEINSENSITIVE", "CI", "ANYKEY", "SUBQUERY", "FETCH", "CAST"};
 
@@ -59,13 +58,20 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b) {
 }
 
 bool isReserved(std::string_view word) {
+  if (word.size() < 2 || word.size() > 15) return false;  // the shortest and longest reserved words
   return std::any_of(std::begin(kReservedWords), std::end(kReservedWords),
-                     [&](const char* reserved) { return equalsIgnoringCase(word, reserved); });
+                     [&](std::string_view reserved) { return equalsIgnoringCase(word, reserved); });
 }
 
-bool isIdentifierStart(char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_'; }
-bool isIdentifierChar(char c) { return isIdentifierStart(c) || (c >= '0' && c <= '9'); }
-bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
+bool isIdentifierStart(char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_';
+}
+bool isIdentifierChar(char c) {
+  return isIdentifierStart(c) || (c >= '0' && c <= '9');
+}
+bool isSpace(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
+}
 
 int hexValue(char c) {
   if (c >= '0' && c <= '9') return c - '0';
@@ -98,6 +104,7 @@ class Lexer {
 
   std::vector<Token> tokens() {
     std::vector<Token> out;
+    out.reserve(text_.size() / 4 + 4);  // rules average more than four bytes a token
     for (;;) {
       while (pos_ < text_.size() && isSpace(text_[pos_])) ++pos_;
       Token token;
@@ -119,8 +126,11 @@ class Lexer {
       } else if (c == '$' || c == '#' || c == '@') {
         ++pos_;
         if (pos_ >= text_.size() || !isIdentifierStart(text_[pos_])) fail("a name must follow '", c, "'");
-        token.kind = c == '$' ? Token::Kind::Variable : c == '#' ? Token::Kind::EscapedIdentifier : Token::Kind::AtKey;
-        token.text = (c == '@' ? "@" : "") + word(pos_);
+        token.kind = c == '$'   ? Token::Kind::Variable
+                     : c == '#' ? Token::Kind::EscapedIdentifier
+                                : Token::Kind::AtKey;
+        if (c == '@') token.text.push_back('@');
+        token.text += word(pos_);
       } else {
         token.kind = Token::Kind::Operator;
         token.text = punctuation();
@@ -157,14 +167,16 @@ class Lexer {
       for (; pos_ < text_.size(); ++pos_, ++digits) {
         const int d = hexValue(text_[pos_]);
         if (d < 0 || d >= base) break;
-        if (n > (std::numeric_limits<uint64_t>::max() - static_cast<uint64_t>(d)) / static_cast<uint64_t>(base)) {
+        if (n >
+            (std::numeric_limits<uint64_t>::max() - static_cast<uint64_t>(d)) / static_cast<uint64_t>(base)) {
           fail("the number is too large");
         }
         n = n * static_cast<uint64_t>(base) + static_cast<uint64_t>(d);
       }
       if (digits == 0) fail("digits must follow the number's base");
-      value = n <= static_cast<uint64_t>(std::numeric_limits<int64_t>::max()) ? PXValue(static_cast<long long>(n))
-                                                                              : PXValue(static_cast<unsigned long long>(n));
+      value = n <= static_cast<uint64_t>(std::numeric_limits<int64_t>::max())
+                  ? PXValue(static_cast<long long>(n))
+                  : PXValue(static_cast<unsigned long long>(n));
     } else {
       bool fraction = false;
       while (pos_ < text_.size() && text_[pos_] >= '0' && text_[pos_] <= '9') ++pos_;
@@ -361,7 +373,8 @@ class Parser {
     return true;
   }
   void expectOperator(std::string_view spelling) {
-    if (!acceptOperator(spelling)) fail("expected '" + std::string(spelling) + "', found " + describe(peek()));
+    if (!acceptOperator(spelling))
+      fail("expected '" + std::string(spelling) + "', found " + describe(peek()));
   }
 
   // -- predicates --
@@ -373,7 +386,10 @@ class Parser {
     const bool isOr = kind == PredicateNode::Kind::Or;
     auto part = [&] { return isOr ? chain(PredicateNode::Kind::And) : negation(); };
     std::unique_ptr<PredicateNode> first = part();
-    auto more = [&] { return isOr ? (acceptKeyword("OR") || acceptOperator("||")) : (acceptKeyword("AND") || acceptOperator("&&")); };
+    auto more = [&] {
+      return isOr ? (acceptKeyword("OR") || acceptOperator("||"))
+                  : (acceptKeyword("AND") || acceptOperator("&&"));
+    };
     if (!more()) return first;
     auto node = std::make_unique<PredicateNode>();
     node->kind = kind;
@@ -447,15 +463,23 @@ class Parser {
 
   void comparisonOperator(PredicateNode& node) {
     static constexpr std::pair<std::string_view, ComparisonOperator> kSymbols[] = {
-        {"=", ComparisonOperator::Equal},         {"==", ComparisonOperator::Equal},
-        {"!=", ComparisonOperator::NotEqual},     {"<>", ComparisonOperator::NotEqual},
-        {"<", ComparisonOperator::Less},          {"<=", ComparisonOperator::LessOrEqual},
-        {"=<", ComparisonOperator::LessOrEqual},  {">", ComparisonOperator::Greater},
-        {">=", ComparisonOperator::GreaterOrEqual}, {"=>", ComparisonOperator::GreaterOrEqual}};
+        {"=", ComparisonOperator::Equal},
+        {"==", ComparisonOperator::Equal},
+        {"!=", ComparisonOperator::NotEqual},
+        {"<>", ComparisonOperator::NotEqual},
+        {"<", ComparisonOperator::Less},
+        {"<=", ComparisonOperator::LessOrEqual},
+        {"=<", ComparisonOperator::LessOrEqual},
+        {">", ComparisonOperator::Greater},
+        {">=", ComparisonOperator::GreaterOrEqual},
+        {"=>", ComparisonOperator::GreaterOrEqual}};
     static constexpr std::pair<std::string_view, ComparisonOperator> kWords[] = {
-        {"BEGINSWITH", ComparisonOperator::BeginsWith}, {"ENDSWITH", ComparisonOperator::EndsWith},
-        {"CONTAINS", ComparisonOperator::Contains},     {"IN", ComparisonOperator::In},
-        {"LIKE", ComparisonOperator::Like},             {"MATCHES", ComparisonOperator::Matches}};
+        {"BEGINSWITH", ComparisonOperator::BeginsWith},
+        {"ENDSWITH", ComparisonOperator::EndsWith},
+        {"CONTAINS", ComparisonOperator::Contains},
+        {"IN", ComparisonOperator::In},
+        {"LIKE", ComparisonOperator::Like},
+        {"MATCHES", ComparisonOperator::Matches}};
     const Token& token = peek();
     bool found = false;
     if (token.kind == Token::Kind::Operator) {
@@ -774,7 +798,8 @@ void printKeyPath(std::string& out, std::string_view path) {
 void printExpression(std::string& out, const ExpressionNode& node);
 
 void printOperand(std::string& out, const ExpressionNode& node) {
-  const bool group = node.kind == ExpressionNode::Kind::Arithmetic || node.kind == ExpressionNode::Kind::Negate ||
+  const bool group = node.kind == ExpressionNode::Kind::Arithmetic ||
+                     node.kind == ExpressionNode::Kind::Negate ||
                      (node.kind == ExpressionNode::Kind::Constant && node.constant.isNumber());
   if (group) out.push_back('(');
   printExpression(out, node);
@@ -943,9 +968,10 @@ std::unique_ptr<PredicateNode> parsePredicateFormat(std::string_view format) {
     }
     return Parser(Lexer(format).tokens()).parse();
   } catch (const ParseFailure& failure) {
-    throw PXException(kPXInvalidArgumentException,
-                      PXFormat("Unable to parse the format string \"%@\" (at offset %lu: %@)", PXValue(format),
-                               static_cast<unsigned long>(failure.offset), PXValue(failure.message)));
+    throw PXException(
+        kPXInvalidArgumentException,
+        PXFormat("Unable to parse the format string \"%@\" (at offset %lu: %@)", PXValue(format),
+                 static_cast<unsigned long>(failure.offset), PXValue(failure.message)));
   }
 }
 

@@ -62,8 +62,10 @@ inline constexpr size_t kPXPredicateMaxFormatLength = 65536;  // bytes of rule t
 // Parentheses, braces, index brackets, NOTs and unary minus signs open one
 // level each; this many may be open at once.
 inline constexpr size_t kPXPredicateMaxNestingDepth = 64;
-// The longest a MATCHES may run, in steps of ICU's matcher (each roughly a
-// millisecond); beyond it the match raises "Can't do regex matching, reason: …".
+// The longest a MATCHES may run, in steps of ICU's matcher (a step is a fixed
+// count of matching operations, so the limit does not depend on the machine's
+// speed); beyond it the match raises "Can't do regex matching, reason:
+// U_REGEX_TIME_OUT". Ordinary patterns need a handful of steps.
 inline constexpr int kPXPredicateRegexTimeLimit = 1000;
 
 class PXKIT_EXPORT PXPredicate : public PXObject {
