@@ -41,6 +41,10 @@ TEST(PXKitToolRules, CheckAnswersYesOrNoByExitStatus) {
     EXPECT_EQ(run.status, row.status) << run.output;
     EXPECT_EQ(run.output, row.output);
   }
+  // After "--" a rule may begin with "-".
+  ToolRun negative = runTool({"check", "--", "-1 < 0"});
+  EXPECT_EQ(negative.status, 0) << negative.output;
+  EXPECT_EQ(negative.output, "YES\n");
 }
 
 TEST(PXKitToolRules, CheckPrintsTheExceptionOfARuleThatCannotBeEvaluated) {

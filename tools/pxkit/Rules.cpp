@@ -110,10 +110,13 @@ int check(const std::vector<std::string_view>& arguments) {
   if (!takeRoot(args, root, "check")) return kRaised;
   bool explain = false;
   std::optional<std::string> rule;
+  bool optionsEnded = false;  // after "--" a rule may begin with "-": pxkit check -- '-1 < 0'
   for (std::string_view arg : args) {
-    if (arg == "--explain") {
+    if (arg == "--" && !optionsEnded) {
+      optionsEnded = true;
+    } else if (arg == "--explain" && !optionsEnded) {
       explain = true;
-    } else if (!rule && (arg.empty() || arg.front() != '-' || arg == "-")) {
+    } else if (!rule && (optionsEnded || arg.empty() || arg.front() != '-' || arg == "-")) {
       rule = std::string(arg);
     } else if (rule) {
       return usageError("check: one rule at a time (quote it: pxkit check 'version.os >= \"12\"')");

@@ -1,6 +1,6 @@
 // `pxkit check` and `pxkit facts`: the rule checker from the command line.
 //
-//   pxkit check [--explain] [--root DIR] RULE
+//   pxkit check [--explain] [--root DIR] [--] RULE
 //       Prints YES or NO and exits 0 or 1; a rule that cannot be parsed or
 //       evaluated prints the exception and exits 2. --explain first prints the
 //       rule as preprocessed ("${...}" calls replaced by $fnc<N> variables)

@@ -24,7 +24,7 @@ constexpr const char* kUsage =
     "                  from several threads, saves it, is launched again, restores\n"
     "                  it and cuts its daily papercut at midnight, in a throw-away\n"
     "                  home on a virtual clock (--keep leaves the home in place)\n"
-    "  check [--explain] [--root DIR] RULE\n"
+    "  check [--explain] [--root DIR] [--] RULE\n"
     "                  whether RULE holds on this machine: prints YES (exit 0) or\n"
     "                  NO (exit 1); a rule that cannot be evaluated exits 2.\n"
     "                  --explain shows the rule with its ${...} calls replaced\n"
