@@ -50,7 +50,7 @@ PXValue world() {
                {"nums", array({1, 5})},
                {"one", 1},
                {"size", 7},
-               {"words", array({"Apple", "Éclair"})},
+               {"words", array({"Pear", "Éclair"})},
                {"text", "Crème Brûlée"},
                {"dict", dict({{"k", "v"}, {"size", 2}})},
                {"empty", ""},
