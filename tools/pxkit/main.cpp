@@ -2,6 +2,8 @@
 //
 //   pxkit demo [--keep]   the kit at work in a sample application (Demo.h)
 //   pxkit online [--watch]  whether the network is available (Online.h)
+//   pxkit check RULE      whether a rule holds on this machine (Rules.h)
+//   pxkit facts [PATH...] the facts rules can ask about (Rules.h)
 //   pxkit --help | --version
 #include <pxkit/PXKit.h>
 
@@ -12,6 +14,7 @@
 
 #include "Demo.h"
 #include "Online.h"
+#include "Rules.h"
 
 namespace {
 
@@ -27,6 +30,14 @@ constexpr const char* kUsage =
     "                  print whether the network is available (exit status 0 when\n"
     "                  it is, 1 when not); with --watch, also each change, until\n"
     "                  interrupted\n"
+    "  check [--explain] [--root DIR] [--] RULE\n"
+    "                  whether RULE holds on this machine: prints YES (exit 0) or\n"
+    "                  NO (exit 1); a rule that cannot be evaluated exits 2.\n"
+    "                  --explain shows the rule with its ${...} calls replaced\n"
+    "                  and their values\n"
+    "  facts [--root DIR] [KEYPATH|${CALL} ...]\n"
+    "                  the value of each key path or call (default: the OS,\n"
+    "                  kernel and computer); --root reads another system tree\n"
     "\n"
     "Options:\n"
     "  --help          show this help\n"
@@ -74,5 +85,7 @@ int main(int argc, char** argv) {
   }
   if (command == "demo") return demo(args);
   if (command == "online") return PXKitOnline::run(args);
+  if (command == "check") return PXKitRules::check(args);
+  if (command == "facts") return PXKitRules::facts(args);
   return usageError("unknown command '" + std::string(command) + "'");
 }

@@ -1,0 +1,145 @@
+// The filesystem provider against real files and preferences in a temporary home.
+#include <gtest/gtest.h>
+#include <pxkit/platform/PXPreferences.h>
+#include <pxkit/platform/PXPropertyList.h>
+#include <pxkit/rules/PXRuleChecker.h>
+#include <pxkit/rules/PXRuleCheckerFilesystemFunction.h>
+#include <sys/stat.h>
+
+#include <string>
+
+#include "support/PXTempHome.h"
+
+namespace {
+
+class FilesystemFunction : public ::testing::Test {
+ protected:
+  FilesystemFunction() {
+    data = home.writeFile("files/data.txt", "abc");
+    empty = home.writeFile("files/empty", "");
+    // An application whose program lives in <root>/opt/editor/bin, with a file beside it.
+    home.writeFile("opt/editor/bin/editor", "#!/bin/sh\n");
+    chmod((home.root() + "/opt/editor/bin/editor").c_str(), 0755);
+    home.writeFile("opt/editor/bin/plugins/spell.so", "12345");
+    home.writeFile(home.systemDataDir() + "/applications/org.example.Editor.desktop",
+                   "[Desktop Entry]\nType=Application\nName=Editor\nExec=" + home.root() +
+                       "/opt/editor/bin/editor %F\n");
+    home.writeFile(home.configHome() + "/org.example.Editor/org.example.Editor.plist",
+                   PXPropertyList::XMLStringWithPropertyList(PXValue(PXDictionary::dictionaryWithEntries(
+                       {{"LastUsed", "spell"}, {"Count", 3}, {"Off", false}}))));
+  }
+
+  // The answer to "${filesystem(<arguments>)}", asked of a checker.
+  PXValue ask(const std::string& arguments) {
+    return checker->computeFunction("${filesystem(" + arguments + ")}");
+  }
+
+  PXTempHome home;
+  std::string data, empty;
+  PXRef<PXRuleChecker> checker = PXRuleChecker::ruleCheckerWithDefaultFunctions(true);
+};
+
+TEST_F(FilesystemFunction, AnswersExistenceSizeAndDates) {
+  struct stat info {};
+  ASSERT_EQ(stat(data.c_str(), &info), 0);
+  const PXDate modified = PXDate::dateWithTimeIntervalSince1970(
+      static_cast<double>(info.st_mtim.tv_sec) + static_cast<double>(info.st_mtim.tv_nsec) / 1e9);
+  const std::string missing = home.root() + "/files/missing";
+  struct Row {
+    std::string arguments;
+    PXValue answer;
+  };
+  const Row rows[] = {
+      {"do=exists;absPath=" + data, true},
+      {"do=exists;absPath=" + home.root() + "/files", true},  // directories too
+      {"do=exists;absPath=" + missing, false},
+      {"do=exists", false},  // no path: false, not nothing
+      {"do=exists;bundlePath=files/data.txt;bundleID=org.example.Missing", false},
+      {"do=size;absPath=" + data, 3u},
+      {"do=size;absPath=" + empty, 0u},
+      {"do=size;absPath=" + missing, PXValue()},
+      {"do=size;absPath=" + home.root() + "/files", PXValue()},  // not a file
+      {"do=size", PXValue()},
+      {"do=date;absPath=" + data, modified},
+      {"do=date;absPath=" + missing, PXValue()},
+      // "bundlePath" below the application's program directory, ignored beside "absPath".
+      {"do=size;bundleID=org.example.Editor;bundlePath=plugins/spell.so", 5u},
+      {"do=size;bundleID=org.example.Editor;bundlePath=/plugins/spell.so", 5u},
+      {"do=size;absPath=" + data + ";bundleID=org.example.Editor;bundlePath=plugins/spell.so", 3u},
+      {"do=touch;absPath=" + data, PXValue()},
+      {"absPath=" + data, PXValue()},  // no "do"
+      {"do;absPath=" + data, PXValue()},
+      {"do=exists;absPath=" + missing + ";fallbackValue=1", false},
+      {"do=size;fallbackValue=1", PXValue()},  // the fallback is only for unknown identifiers
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.arguments);
+    PXValue answer = ask(row.arguments);
+    EXPECT_EQ(answer.kind(), row.answer.kind()) << answer.description().str();
+    EXPECT_TRUE(answer.isEqual(row.answer)) << answer.description().str();
+  }
+  // A string argument is no operation at all.
+  EXPECT_FALSE(ask("exists"));
+  EXPECT_FALSE(checker->computeFunction("${filesystem}"));
+}
+
+TEST_F(FilesystemFunction, DigestsTheWholeFileAsHexadecimalText) {
+  struct Row {
+    std::string arguments;
+    PXValue answer;
+  };
+  const Row rows[] = {
+      {"do=sha1sum;absPath=" + data, "a9993e364706816aba3e25717850c26c9cd0d89d"},
+      {"do=md5sum;absPath=" + data, "900150983cd24fb0d6963f7d28e17f72"},
+      {"do=sha1sum;absPath=" + empty, "da39a3ee5e6b4b0d3255bfef95601890afd80709"},
+      {"do=md5sum;absPath=" + empty, "d41d8cd98f00b204e9800998ecf8427e"},
+      {"do=sha1sum;absPath=" + home.root() + "/files/missing", PXValue()},
+      {"do=md5sum;absPath=" + home.root() + "/files", PXValue()},
+      {"do=md5sum", PXValue()},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.arguments);
+    EXPECT_TRUE(ask(row.arguments).isEqual(row.answer)) << ask(row.arguments).description().str();
+  }
+  // Larger than one read, and typed the same in text mode.
+  std::string big(200000, 'x');
+  const std::string bigPath = home.writeFile("files/big", big);
+  PXRuleCheckerFilesystemFunction function;
+  PXValue arguments = PXValue(PXDictionary::dictionaryWithEntries({{"do", "md5sum"}, {"absPath", bigPath}}));
+  EXPECT_EQ(function.resultFor(arguments, false).stringValue(),
+            function.resultFor(arguments, true).stringValue());
+  EXPECT_EQ(function.resultFor(arguments, false).stringValue().size(), 32u);
+}
+
+TEST_F(FilesystemFunction, ReadsAnotherApplicationsPreferences) {
+  struct Row {
+    const char* arguments;
+    PXValue answer;
+  };
+  const Row rows[] = {
+      {"do=prefsValue;bundleID=org.example.Editor;key=LastUsed", "spell"},
+      {"do=prefsValue;bundleID=org.example.Editor;key=Count", 3},
+      {"do=prefsValue;bundleID=org.example.Editor;key=Off", false},
+      {"do=prefsValue;bundleID=org.example.Editor;key=Missing", PXValue()},
+      {"do=prefsValue;key=LastUsed", PXValue()},  // no application
+      {"do=prefsValue;bundleID=org.example.Editor", PXValue()},
+      {"do=prefsExists;bundleID=org.example.Editor;key=Off", true},
+      {"do=prefsExists;bundleID=org.example.Editor;key=Missing", false},
+      {"do=prefsExists;bundleID=org.example.Other;key=LastUsed", false},
+      {"do=prefsExists", false},
+      {"do=prefsOther;bundleID=org.example.Editor;key=LastUsed", PXValue()},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.arguments);
+    PXValue answer = ask(row.arguments);
+    EXPECT_EQ(answer.kind(), row.answer.kind()) << answer.description().str();
+    EXPECT_TRUE(answer.isEqual(row.answer)) << answer.description().str();
+  }
+  // Read afresh on each call.
+  home.writeFile(home.configHome() + "/org.example.Editor/org.example.Editor.plist",
+                 PXPropertyList::XMLStringWithPropertyList(
+                     PXValue(PXDictionary::dictionaryWithEntries({{"LastUsed", "grammar"}}))));
+  EXPECT_EQ(ask("do=prefsValue;bundleID=org.example.Editor;key=LastUsed").stringValue(), "grammar");
+}
+
+}  // namespace

@@ -1,0 +1,171 @@
+// `pxkit check` and `pxkit facts`; see Rules.h.
+#include "Rules.h"
+
+#include <pxkit/platform/PXLog.h>
+#include <pxkit/rules/PXRuleChecker.h>
+#include <pxkit/rules/PXRuleCheckerFilesystemFunction.h>
+#include <pxkit/rules/PXRuleCheckerVersionFunction.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <optional>
+#include <string>
+
+#include "Console.h"
+
+namespace PXKitRules {
+
+namespace {
+
+// Exit statuses of `check`.
+constexpr int kHolds = 0;
+constexpr int kDoesNotHold = 1;
+constexpr int kRaised = 2;
+
+// The key paths `facts` shows by default.
+constexpr const char* kDefaultFacts[] = {
+    "version.os",
+    "version.kernel",
+    "version.computerIdentifier",
+    "version.computerModel",
+    "version.computerVersion",
+    "version.hostApplication",
+    "version.hostApplicationShort",
+};
+
+int usageError(const std::string& message) {
+  std::fprintf(stderr, "pxkit: %s\nTry 'pxkit --help'.\n", message.c_str());
+  return kRaised;
+}
+
+// Log lines go to standard error, in order with what the tool prints.
+struct LogToStandardError {
+  LogToStandardError() {
+    PXLogSetHandler([](std::string_view line) {
+      Console::flush();
+      std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
+    });
+  }
+  ~LogToStandardError() { PXLogSetHandler(nullptr); }
+};
+
+// The shared checker, or one whose system facts are read below `root`.
+PXRef<PXRuleChecker> makeChecker(const std::optional<std::string>& root) {
+  if (!root) return PXRef<PXRuleChecker>(PXRuleChecker::sharedChecker());
+  PXRef<PXRuleChecker> checker = PXRuleChecker::ruleCheckerWithDefaultFunctions(false);
+  checker->addFunction(PXMake<PXRuleCheckerVersionFunction>(*root));
+  checker->addFunction(PXRuleCheckerFilesystemFunction::function());
+  return checker;
+}
+
+// What kind of value a fact or variable is, in a word.
+std::string kindOf(const PXValue& value) {
+  switch (value.kind()) {
+    case PXValue::Kind::Absent:
+      return "none";
+    case PXValue::Kind::Null:
+      return "null";
+    case PXValue::Kind::Bool:
+      return "boolean";
+    case PXValue::Kind::Int:
+    case PXValue::Kind::UInt:
+    case PXValue::Kind::Double:
+      return "number";
+    case PXValue::Kind::Date:
+      return "date";
+    case PXValue::Kind::String:
+      return "string";
+    case PXValue::Kind::Data:
+      return "data";
+    case PXValue::Kind::Object:
+      return value.className().str();
+  }
+  return "value";
+}
+
+std::string shown(const PXValue& value) {
+  return value ? value.description().str() : "(none)";
+}
+
+// Takes "--root DIR" out of `args`; false (with a message) when DIR is missing.
+bool takeRoot(std::vector<std::string_view>& args, std::optional<std::string>& root, const char* verb) {
+  for (size_t i = 0; i < args.size(); ++i) {
+    if (args[i] != "--root") continue;
+    if (i + 1 == args.size()) {
+      usageError(std::string(verb) + ": --root needs a directory");
+      return false;
+    }
+    root = std::string(args[i + 1]);
+    args.erase(args.begin() + static_cast<long>(i), args.begin() + static_cast<long>(i) + 2);
+    return true;
+  }
+  return true;
+}
+
+}  // namespace
+
+int check(const std::vector<std::string_view>& arguments) {
+  std::vector<std::string_view> args = arguments;
+  std::optional<std::string> root;
+  if (!takeRoot(args, root, "check")) return kRaised;
+  bool explain = false;
+  std::optional<std::string> rule;
+  bool optionsEnded = false;  // after "--" a rule may begin with "-": pxkit check -- '-1 < 0'
+  for (std::string_view arg : args) {
+    if (arg == "--" && !optionsEnded) {
+      optionsEnded = true;
+    } else if (arg == "--explain" && !optionsEnded) {
+      explain = true;
+    } else if (!rule && (optionsEnded || arg.empty() || arg.front() != '-' || arg == "-")) {
+      rule = std::string(arg);
+    } else if (rule) {
+      return usageError("check: one rule at a time (quote it: pxkit check 'version.os >= \"12\"')");
+    } else {
+      return usageError("check: unknown option '" + std::string(arg) + "'");
+    }
+  }
+  if (!rule) return usageError("check: which rule?");
+
+  LogToStandardError log;
+  PXRef<PXRuleChecker> checker = makeChecker(root);
+  if (explain) {
+    PXRef<PXMutableDictionary> variables;
+    const PXString text = checker->preprocessCheckRule(*rule, &variables);
+    Console::field("rule", *rule, 11);
+    Console::field("evaluated", text.view(), 11);
+    if (variables->count() == 0) Console::field("variables", "(none)", 11);
+    for (const auto& [name, value] : variables->entries()) {
+      Console::field("$" + name.description().str(), shown(value) + "  (" + kindOf(value) + ")", 11);
+    }
+  }
+  std::optional<PXException> error;
+  const bool holds = checker->runCheck(PXString(*rule), &error);
+  Console::flush();
+  if (error) {
+    std::fprintf(stderr, "pxkit: check: %s\n", error->description().c_str());
+    return kRaised;
+  }
+  std::puts(holds ? "YES" : "NO");
+  return holds ? kHolds : kDoesNotHold;
+}
+
+int facts(const std::vector<std::string_view>& arguments) {
+  std::vector<std::string_view> args = arguments;
+  std::optional<std::string> root;
+  if (!takeRoot(args, root, "facts")) return kRaised;
+  for (std::string_view arg : args) {
+    if (arg.starts_with("--")) return usageError("facts: unknown option '" + std::string(arg) + "'");
+  }
+  std::vector<std::string> paths(args.begin(), args.end());
+  if (paths.empty()) paths.assign(std::begin(kDefaultFacts), std::end(kDefaultFacts));
+
+  LogToStandardError log;
+  PXRef<PXRuleChecker> checker = makeChecker(root);
+  size_t width = 0;
+  for (const std::string& path : paths) width = std::max(width, path.size());
+  for (const std::string& path : paths)
+    Console::field(path, shown(checker->computeFunction(path)), width + 2);
+  return 0;
+}
+
+}  // namespace PXKitRules
