@@ -41,7 +41,7 @@ int usageError(const std::string& message) {
 // Log lines go to standard error, in order with what the tool prints.
 struct LogToStandardError {
   LogToStandardError() {
-    PXLogSetHandler([](std::string_view line) {
+    PXLogSetHandler([](PXLogLevel, std::string_view line) {
       Console::flush();
       std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
     });
