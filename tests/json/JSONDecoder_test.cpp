@@ -53,202 +53,113 @@ const PXValue& info(const PXErrorRef& error, const char* key) {
 TEST(JSONDecoder, EveryParseErrorHasItsMessageIndexAndLine) {
   struct Row {
     std::string input;
-    JSONParseOptionFlags options;
     const char* message;
     uint64_t index;
-    uint64_t line;
+    uint64_t line = 1;
+    JSONParseOptionFlags options = 0;
   };
-  const std::string deep(kPXJSONMaxDepth + 1, '[');
+  const char* const end = "Reached the end of the buffer.";
+  const char* const after =
+      "A valid JSON object was parsed but there were additional non-white-space characters remaining.";
+  const char* const token =
+      "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
+      "'NUMBER'.";
+  const char* const utf8 = "Illegal UTF8 sequence found in \"\" string.";
+  const char* const surrogate = "Illegal \\u Unicode escape sequence.";
   const Row rows[] = {
-      // The document as a whole.
-      {"", 0, "Reached the end of the buffer.", 0, 1},
-      {"  \n\t ", 0, "Reached the end of the buffer.", 5, 2},
-      {"\"text\"", 0, "Expected either '[' or '{'.", 0, 1},
-      {" 42", 15, "Expected either '[' or '{'.", 1, 1},
-      {"true", 0, "Expected either '[' or '{'.", 0, 1},
-      {"[1,2", 0, "Reached the end of the buffer.", 4, 1},
-      {"{\"a\"", 0, "Reached the end of the buffer.", 4, 1},
-      {"{\"a\":", 0, "Reached the end of the buffer.", 5, 1},
-      {"[1] x", 0,
-       "A valid JSON object was parsed but there were additional non-white-space characters remaining.", 4,
-       1},
-      {"{}\n\n]", 0,
-       "A valid JSON object was parsed but there were additional non-white-space characters remaining.", 4,
-       3},
-      {"[1] /* note */", 0,
-       "A valid JSON object was parsed but there were additional non-white-space characters remaining.", 4,
-       1},
-      {deep, 0, "Unable to parse JSON.", kPXJSONMaxDepth, 1},
-      // Arrays.
-      {"[1,]", 0, "Unexpected ']'.", 3, 1},
-      {"[,1]", 0, "Unexpected ','.", 1, 1},
-      {"[1,,2]", 0, "Unexpected ','.", 3, 1},
-      {"[1 2]", 0, "Unexpected value.", 3, 1},
-      {"[[] {}]", 0, "Unexpected value.", 4, 1},
-      {"[}", 0, "Expected a value or a ']', not '}'", 1, 1},
-      {"[1:", 0, "Expected a comma or a ']', not ':'", 2, 1},
-      {"[1,}", 0, "Expected a value, not '}'", 3, 1},
-      // Dictionaries.
-      {"{\"a\":1,}", 0, "Unexpected '}'.", 7, 1},
-      {"{,}", 0, "Unexpected ','.", 1, 1},
-      {"{\"a\":1,,}", 0, "Unexpected ','.", 7, 1},
-      {"{\"a\":1 \"b\":2}", 0, "Unexpected string.", 7, 1},
-      {"{\"a\" 1}", 0, "Expected ':'.", 5, 1},
-      {"{\"a\"}", 0, "Expected ':'.", 4, 1},
-      {"{1:2}", 0, "Expected a \"STRING\" or a '}', not '1'", 1, 1},
-      {"{-12.5e3:1}", 0, "Expected a \"STRING\" or a '}', not '-12.5e3'", 1, 1},
-      {"{[", 0, "Expected a \"STRING\" or a '}', not '['", 1, 1},
-      {"{\"a\":1 ]", 0, "Expected a comma or a '}', not ']'", 7, 1},
-      {"{\"a\":1 :", 0, "Expected a comma or a '}', not ':'", 7, 1},
-      {"{\"a\":1,true}", 0, "Expected a \"STRING\", not 'true'", 7, 1},
-      {"{\"a\":1,null}", 0, "Expected a \"STRING\", not 'null'", 7, 1},
-      {"{\"a\":}", 0, "Expected a value, not '}'", 5, 1},
-      {"{\"a\":,}", 0, "Expected a value, not ','", 5, 1},
-      {"{\"a\":]", 0, "Expected a value, not ']'", 5, 1},
-      // Tokens.
-      {"[x]", 0,
-       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
-       "'NUMBER'.",
-       1, 1},
-      {"[tru]", 0,
-       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
-       "'NUMBER'.",
-       1, 1},
-      {"[.5]", 0,
-       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
-       "'NUMBER'.",
-       1, 1},
-      {"{\"a\":nil}", 0,
-       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
-       "'NUMBER'.",
-       5, 1},
-      {"{x}", 0,
-       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
-       "'NUMBER'.",
-       1, 1},
-      {"[tr", 0, "Reached the end of the buffer.", 3, 1},
-      {"[fals", 0, "Reached the end of the buffer.", 5, 1},
+      // The document as a whole, arrays, dictionaries.
+      {"", end, 0},
+      {"  \n\t ", end, 5, 2},
+      {"{\"a\":", end, 5},
+      {"[fals", end, 5},
+      {"\"text\"", "Expected either '[' or '{'.", 0},
+      {" 42", "Expected either '[' or '{'.", 1, 1, 15},
+      {"{}\n\n]", after, 4, 3},
+      {"[1] /* note */", after, 4},
+      {std::string(kPXJSONMaxDepth + 1, '['), "Unable to parse JSON.", kPXJSONMaxDepth},
+      {"[1,]", "Unexpected ']'.", 3},
+      {"[1,,2]", "Unexpected ','.", 3},
+      {"[[] {}]", "Unexpected value.", 4},
+      {"[}", "Expected a value or a ']', not '}'", 1},
+      {"[1:", "Expected a comma or a ']', not ':'", 2},
+      {"[1,}", "Expected a value, not '}'", 3},
+      {"{\"a\":1,}", "Unexpected '}'.", 7},
+      {"{,}", "Unexpected ','.", 1},
+      {"{\"a\":1 \"b\":2}", "Unexpected string.", 7},
+      {"{\"a\" 1}", "Expected ':'.", 5},
+      {"{\"a\"}", "Expected ':'.", 4},
+      {"{-12.5e3:1}", "Expected a \"STRING\" or a '}', not '-12.5e3'", 1},
+      {"{[", "Expected a \"STRING\" or a '}', not '['", 1},
+      {"{\"a\":1 ]", "Expected a comma or a '}', not ']'", 7},
+      {"{\"a\":1,null}", "Expected a \"STRING\", not 'null'", 7},
+      {"{\"a\":,}", "Expected a value, not ','", 5},
+      {"[tru]", token, 1},
+      {"[.5]", token, 1},
+      {"{x}", token, 1},
       // Numbers.
-      {"[-]", 0, "Invalid number.", 1, 1},
-      {"[-a]", 0, "Invalid number.", 1, 1},
-      {"[01]", 0, "Invalid number.", 1, 1},
-      {"[-00]", 0, "Invalid number.", 1, 1},
-      {"[1.]", 0, "Invalid number.", 1, 1},
-      {"[1.e5]", 0, "Invalid number.", 1, 1},
-      {"[1e]", 0, "Invalid number.", 1, 1},
-      {"[1E+]", 0, "Invalid number.", 1, 1},
-      {"[2.5e", 0, "Invalid number.", 1, 1},
-      {"[1.5", 0, "Reached the end of the buffer.", 4, 1},
-      {"[18446744073709551616]", 0,
+      {"[-a]", "Invalid number.", 1},
+      {"[-00]", "Invalid number.", 1},
+      {"[1.e5]", "Invalid number.", 1},
+      {"[1E+]", "Invalid number.", 1},
+      {"[2.5e", "Invalid number.", 1},
+      {"[1.5", end, 4},
+      {"[18446744073709551616]",
        "The value '18446744073709551616' exceeded the maximum value that could be represented: "
        "18446744073709551615.",
-       1, 1},
-      {"[123456789012345678901234567890]", 0,
-       "The value '123456789012345678901234567890' exceeded the maximum value that could be represented: "
-       "18446744073709551615.",
-       1, 1},
-      {"[-9223372036854775809]", 0,
+       1},
+      {"[-9223372036854775809]",
        "The value '-9223372036854775809' exceeded the minimum value that could be represented: "
        "-9223372036854775808.",
-       1, 1},
-      {"[-18446744073709551616]", 0,
-       "The value '-18446744073709551616' exceeded the minimum value that could be represented: "
-       "-9223372036854775808.",
-       1, 1},
-      {"[1e400]", 0, "The value '1e400' could not be represented as a 'double' due to overflow.", 1, 1},
-      {"[-17.5E+308]", 0, "The value '-17.5E+308' could not be represented as a 'double' due to overflow.", 1,
        1},
-      {"[1e-400]", 0, "The value '1e-400' could not be represented as a 'double' due to underflow.", 1, 1},
-      {"[100000e-330]", 0, "The value '100000e-330' could not be represented as a 'double' due to underflow.",
-       1, 1},
-      {"[0.000001e-320]", 0,
-       "The value '0.000001e-320' could not be represented as a 'double' due to underflow.", 1, 1},
+      {"[-17.5E+308]", "The value '-17.5E+308' could not be represented as a 'double' due to overflow.", 1},
+      {"[100000e-330]", "The value '100000e-330' could not be represented as a 'double' due to underflow.",
+       1},
+      {"[0.000001e-320]",
+       "The value '0.000001e-320' could not be represented as a 'double' due to underflow.", 1},
       // Strings.
-      {"[\"a\tb\"]", 0, "Invalid character < 0x20 found in string: 0x09.", 3, 1},
-      {"[\"a\tb\"]", 15, "Invalid character < 0x20 found in string: 0x09.", 3, 1},
-      {std::string("[\"\0\"]", 5), 0, "Invalid character < 0x20 found in string: 0x00.", 2, 1},
-      {"[\"a\\n\x1f\"]", 0, "Invalid character < 0x20 found in string: 0x1f.", 5, 1},
-      {"[\"abc", 0, "Invalid string.", 1, 1},
-      {"[\"abc\\", 0, "Invalid string.", 1, 1},
-      {"[\"\\u00", 0, "Invalid string.", 1, 1},
-      {"[\"\\ud834", 0, "Invalid string.", 1, 1},
-      {"[\"\\x\"]", 0, "Invalid escape sequence found in \"\" string.", 2, 1},
-      {"[\"ok\\'\"]", 0, "Invalid escape sequence found in \"\" string.", 4, 1},
-      {"[\"\\u12g4\"]", 0,
-       "Unexpected character found in \\u Unicode escape sequence.  Found 'g', expected [0-9a-fA-F].", 6, 1},
-      {"[\"\\u\"]", 0,
-       "Unexpected character found in \\u Unicode escape sequence.  Found '\"', expected [0-9a-fA-F].", 4, 1},
-      {"[\"\\ud800\"]", 0,
-       "Required a second \\u Unicode escape sequence following a surrogate \\u Unicode escape sequence.", 2,
-       1},
-      {"[\"\\ud800\\n\"]", 0,
-       "Required a second \\u Unicode escape sequence following a surrogate \\u Unicode escape sequence.", 2,
-       1},
-      {"[\"\\ud800x\"]", 0,
-       "Required a second \\u Unicode escape sequence following a surrogate \\u Unicode escape sequence.", 2,
-       1},
-      {"[\"\\udc00\"]", 0, "Illegal \\u Unicode escape sequence.", 2, 1},
-      {"[\"\\ud800\\u0041\"]", 0, "Illegal \\u Unicode escape sequence.", 2, 1},
-      {"[\"\\ud800\\ud800\"]", 0, "Illegal \\u Unicode escape sequence.", 2, 1},
-      {"[\"\xff\"]", 0, "Illegal UTF8 sequence found in \"\" string.", 2, 1},
-      {"[\"ok\x80\"]", 0, "Illegal UTF8 sequence found in \"\" string.", 4, 1},
-      {"[\"\xc0\xaf\"]", 0, "Illegal UTF8 sequence found in \"\" string.", 2, 1},          // overlong '/'
-      {"[\"\xed\xa0\x80\"]", 0, "Illegal UTF8 sequence found in \"\" string.", 2, 1},      // a surrogate
-      {"[\"\xf4\x90\x80\x80\"]", 0, "Illegal UTF8 sequence found in \"\" string.", 2, 1},  // above U+10FFFF
-      {"[\"\xe2\x82\"]", 0, "Illegal UTF8 sequence found in \"\" string.", 2, 1},
-      {"[\"\\n\xe2\x82\"]", 0, "Illegal UTF8 sequence found in \"\" string.", 4, 1},  // on the copying path
-      {"[\"\xe2\x82", 0, "End of buffer reached while parsing UTF8 in \"\" string.", 2, 1},
-      {"[\"\xf0", 0, "End of buffer reached while parsing UTF8 in \"\" string.", 2, 1},
+      {"[\"a\\n\x1f\"]", "Invalid character < 0x20 found in string: 0x1f.", 5},
+      {std::string("[\"\0\"]", 5), "Invalid character < 0x20 found in string: 0x00.", 2},
+      {"[\"abc\\", "Invalid string.", 1},
+      {"[\"\\u00", "Invalid string.", 1},
+      {"[\"\\ud834", "Invalid string.", 1},
+      {"[\"ok\\'\"]", "Invalid escape sequence found in \"\" string.", 4},
+      {"[\"\\u12g4\"]",
+       "Unexpected character found in \\u Unicode escape sequence.  Found 'g', expected [0-9a-fA-F].", 6},
+      {"[\"\\ud800\\n\"]",
+       "Required a second \\u Unicode escape sequence following a surrogate \\u Unicode escape sequence.", 2},
+      {"[\"\\ud800x\"]",
+       "Required a second \\u Unicode escape sequence following a surrogate \\u Unicode escape sequence.", 2},
+      {"[\"\\udc00\"]", surrogate, 2},
+      {"[\"\\ud800\\u0041\"]", surrogate, 2},
+      {"[\"\\ud800\\ud800\"]", surrogate, 2},
+      {"[\"ok\x80\"]", utf8, 4},
+      {"[\"\xc0\xaf\"]", utf8, 2},
+      {"[\"\xed\xa0\x80\"]", utf8, 2},
+      {"[\"\xf4\x90\x80\x80\"]", utf8, 2},
+      {"[\"\\n\xe2\x82\"]", utf8, 4},
+      {"[\"\xe2\x82", "End of buffer reached while parsing UTF8 in \"\" string.", 2},
       // Options change what counts as white space, and so the line numbers.
-      {"[\n1,\r\n2,\r3,\n x]", 0,
-       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
-       "'NUMBER'.",
-       13, 5},
-      {"[1,\xe2\x80\xa8 x]", 0,
-       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
-       "'NUMBER'.",
-       3, 1},
-      {"[1,\xe2\x80\xa8 x]", kPXJSONParseOptionUnicodeNewlines,
-       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
-       "'NUMBER'.",
-       7, 2},
-      {"[1,\xc2\x85\xe2\x80\xa9x]", kPXJSONParseOptionUnicodeNewlines,
-       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
-       "'NUMBER'.",
-       8, 3},
-      {"[1, // one\n /* two\n */ x]", 0,
-       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
-       "'NUMBER'.",
-       4, 1},
-      {"[1, // one\n /* two\n */ x]", kPXJSONParseOptionComments,
-       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
-       "'NUMBER'.",
-       23, 3},
-      {"[1] /* open", kPXJSONParseOptionComments, "Reached the end of the buffer.", 4, 1},
-      {"[1, // to the end", kPXJSONParseOptionComments, "Reached the end of the buffer.", 17, 1},
-      {"[1, / 2]", kPXJSONParseOptionComments,
-       "Unexpected token, wanted '{', '}', '[', ']', ',', ':', 'true', 'false', 'null', '\"STRING\"', "
-       "'NUMBER'.",
-       4, 1},
-  };
+      {"[\n1,\r\n2,\r3,\n x]", token, 13, 5},
+      {"[1,\xe2\x80\xa8 x]", token, 3},
+      {"[1,\xe2\x80\xa8 x]", token, 7, 2, kPXJSONParseOptionUnicodeNewlines},
+      {"[1,\xc2\x85\xe2\x80\xa9x]", token, 8, 3, kPXJSONParseOptionUnicodeNewlines},
+      {"[1, // one\n /* two\n */ x]", token, 4},
+      {"[1, // one\n /* two\n */ x]", token, 23, 3, 1},
+      {"[1] /* open", end, 4, 1, 1},
+      {"[1, // to the end", end, 17, 1, 1},
+      {"[1, / 2]", token, 4, 1, 1}};
   for (const Row& row : rows) {
     SCOPED_TRACE(hex(row.input) + " options " + std::to_string(row.options));
-    PXErrorRef error;
-    PXValue result = parse(row.input, row.options, &error);
-    EXPECT_FALSE(result);
+    PXErrorRef error, mutableError;
+    EXPECT_FALSE(parse(row.input, row.options, &error));
     ASSERT_TRUE(error);
     EXPECT_EQ(error->domain(), "PXJSONErrorDomain");
     EXPECT_EQ(error->code(), -1);
     EXPECT_EQ(error->localizedDescription().str(), row.message);
-    const PXValue& index = info(error, "PXJSONAtIndexKey");
-    const PXValue& line = info(error, "PXJSONLineNumberKey");
-    EXPECT_EQ(index.kind(), PXValue::Kind::UInt);
-    EXPECT_EQ(line.kind(), PXValue::Kind::UInt);
-    EXPECT_EQ(index.unsignedLongLongValue(), row.index);
-    EXPECT_EQ(line.unsignedLongLongValue(), row.line);
-    // The mutable form fails the same way.
-    PXErrorRef mutableError;
-    EXPECT_FALSE(parseMutable(row.input, row.options, &mutableError));
+    EXPECT_EQ(info(error, "PXJSONAtIndexKey").kind(), PXValue::Kind::UInt);
+    EXPECT_EQ(info(error, "PXJSONAtIndexKey").unsignedLongLongValue(), row.index);
+    EXPECT_EQ(info(error, "PXJSONLineNumberKey").unsignedLongLongValue(), row.line);
+    EXPECT_FALSE(parseMutable(row.input, row.options, &mutableError));  // the mutable form fails alike
     ASSERT_TRUE(mutableError);
     EXPECT_EQ(mutableError->localizedDescription(), error->localizedDescription());
   }

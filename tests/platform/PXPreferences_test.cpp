@@ -7,11 +7,11 @@
 #include <pxkit/platform/PXPreferences.h>
 #include <pxkit/platform/PXPropertyList.h>
 #include <pxkit/platform/PXUserDefaults.h>
-#include <sys/wait.h>
 
 #include <string>
 #include <vector>
 
+#include "support/PXSubprocess.h"
 #include "support/PXTempHome.h"
 
 #ifndef PXKIT_PREFS_CHILD
@@ -126,17 +126,9 @@ TEST_F(PXPreferencesTest, ByHostValuesLiveInTheirOwnFileNamedByTheHostKey) {
 TEST_F(PXPreferencesTest, ByHostValuesWrittenByAnotherProcessArriveAtSynchronize) {
   ASSERT_TRUE(
       PXPreferences::setValue("Mine", "kept", kAppID, kPXPreferencesCurrentUser, kPXPreferencesCurrentHost));
-  std::string child = PXKIT_PREFS_CHILD;
-  std::vector<char*> argv = {child.data(),
-                             const_cast<char*>("byhost-set"),
-                             const_cast<char*>(kAppID),
-                             const_cast<char*>("Theirs"),
-                             const_cast<char*>("written elsewhere"),
-                             nullptr};
-  gint status = -1;
-  ASSERT_TRUE(g_spawn_sync(nullptr, argv.data(), nullptr, G_SPAWN_DEFAULT, nullptr, nullptr, nullptr, nullptr,
-                           &status, nullptr));
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  ASSERT_EQ(
+      PXSubprocess::run({PXKIT_PREFS_CHILD, "byhost-set", kAppID, "Theirs", "written elsewhere"}).exitStatus,
+      0);
   ASSERT_TRUE(PXPreferences::synchronize(kAppID, kPXPreferencesCurrentUser, kPXPreferencesCurrentHost));
   EXPECT_EQ(currentHostValue("Theirs").stringValue(), "written elsewhere");
   EXPECT_EQ(currentHostValue("Mine").stringValue(), "kept");
@@ -225,12 +217,9 @@ TEST_F(PXPreferencesTest, AnotherApplicationsGSettingsAreReadWhenItKeepsNoFile) 
 </schemalist>)");
   gchar* compiler = g_find_program_in_path("glib-compile-schemas");
   if (!compiler) GTEST_SKIP() << "glib-compile-schemas is not installed";
-  std::vector<char*> argv = {compiler, const_cast<char*>(schemas.c_str()), nullptr};
-  gint status = -1;
-  ASSERT_TRUE(g_spawn_sync(nullptr, argv.data(), nullptr, G_SPAWN_DEFAULT, nullptr, nullptr, nullptr, nullptr,
-                           &status, nullptr));
+  const std::string compilerPath = compiler;
   g_free(compiler);
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  ASSERT_EQ(PXSubprocess::run({compilerPath, schemas}).exitStatus, 0);
   g_setenv("GSETTINGS_SCHEMA_DIR", schemas.c_str(), TRUE);
   g_setenv("GSETTINGS_BACKEND", "memory", TRUE);
 
