@@ -105,21 +105,6 @@ TEST(PXObjectBlockObserver, CallbackReceivesObjectKeyPathChangeAndOwner) {
                                       expected("level", model.get(), owner.get(), " new=5 old=0")}));
 }
 
-TEST(PXObjectBlockObserver, ObservationsLiveInTheObjectsArrayNotInTheToken) {
-  auto model = PXMake<BOModel>();
-  Calls calls;
-  PXWeakRef<PXObjectBlockObserverTrampoline> weak;
-  {
-    Token token = Observer::addObserverForKeyPath(*model, "level", 0, nullptr, calls.block());
-    weak = token;
-  }
-  EXPECT_TRUE(hasObservationArray(*model));
-  model->setLevel(1);
-  EXPECT_EQ(calls.lines.size(), 1u) << "dropping the token must not end the observation";
-  model = nullptr;
-  EXPECT_TRUE(weak.expired()) << "the observed object's destruction ends its observations";
-}
-
 TEST(PXObjectBlockObserver, RemovingATokenTwiceLogsTheSecondTime) {
   auto model = PXMake<BOModel>();
   Calls removed, kept;
@@ -150,18 +135,6 @@ TEST(PXObjectBlockObserver, RemovingATokenTwiceLogsTheSecondTime) {
   Observer::removeObserverWithObserverBlockToken(*model, foreign);
   EXPECT_EQ(log.lines().size(), 2u);
   EXPECT_TRUE(foreign->isObserving());
-}
-
-TEST(PXObjectBlockObserver, TheArrayGoesAwayWithItsLastObservation) {
-  auto model = PXMake<BOModel>();
-  Calls calls;
-  Token first = Observer::addObserverForKeyPath(*model, "level", 0, nullptr, calls.block());
-  Token second = Observer::addObserverForKeyPath(*model, "name", 0, nullptr, calls.block());
-  Observer::removeObserverWithObserverBlockToken(*model, first);
-  EXPECT_TRUE(hasObservationArray(*model));
-  Observer::removeObserverWithObserverBlockToken(*model, second);
-  EXPECT_FALSE(hasObservationArray(*model));
-  EXPECT_EQ(pxkit::internal::observationHookCount(*model), 0u);
 }
 
 TEST(PXObjectBlockObserver, RemovalByOwnerWithAndWithoutKeyPath) {
@@ -198,32 +171,6 @@ TEST(PXObjectBlockObserver, RemovalByOwnerWithAndWithoutKeyPath) {
 
   Observer::removeObjectBlockObserversWithOwner(*model, otherOwner.get());
   EXPECT_FALSE(hasObservationArray(*model));
-}
-
-TEST(PXObjectBlockObserver, KeyPathsFollowReplacedParts) {
-  auto model = PXMake<BOModel>();
-  auto part = PXMake<BOModel>();
-  part->setPart(PXMake<BOModel>());
-  model->setPart(part);
-  Calls calls;
-  Observer::addObserverForKeyPath(*model, "part.part.level",
-                                  PXKeyValueObservingOptionNew | PXKeyValueObservingOptionPrior, nullptr,
-                                  calls.block());
-  part->part()->setLevel(3);
-  auto replacement = PXMake<BOModel>();
-  replacement->setLevel(9);
-  part->setPart(replacement);
-  auto oldPart = part;
-  model->setPart(PXMake<BOModel>());
-  oldPart->part()->setLevel(10);    // no longer on the path
-  std::vector<std::string> levels;  // each line without its key path, object and owner
-  for (const std::string& line : calls.lines) {
-    size_t at = 0;
-    for (int field = 0; field < 3; ++field) at = line.find(' ', at) + 1;
-    levels.push_back(line.substr(at));
-  }
-  EXPECT_EQ(levels, (std::vector<std::string>{"notificationIsPrior=1", "new=3", "notificationIsPrior=1",
-                                              "new=9", "notificationIsPrior=1", "new=<null>"}));
 }
 
 TEST(PXObjectBlockObserver, TrampolineGuardsAndSelfStopOnDestruction) {

@@ -288,21 +288,3 @@ TEST(JSONSerializer, FormattersTurnUnsupportedValuesIntoSupportedOnes) {
   EXPECT_TRUE(
       JSONStringWithOptions(list({PXValue(moment)}), 0, JSONUnsupportedClassFormatter(), nullptr).isAbsent());
 }
-
-TEST(JSONSerializer, OutputReadsBackAsTheSameValue) {
-  auto doc = dict({
-      {"text", "tab\there \"quoted\" caf\xc3\xa9 \xf0\x9f\x98\x80"},
-      {"numbers",
-       list({0, -1, 18446744073709551615ull, static_cast<long long>(INT64_MIN), 0.1, -1e-300, 1e300})},
-      {"nested", dict({{"deeper", list({dict({}), list({}), PXValue::null(), true, false})}})},
-  });
-  for (JSONSerializeOptionFlags options :
-       {kPXJSONSerializeOptionNone, kPXJSONSerializeOptionPretty, kPXJSONSerializeOptionEscapeUnicode}) {
-    PXString text = JSONStringWithOptions(doc, options);
-    ASSERT_FALSE(text.isAbsent());
-    PXErrorRef error;
-    PXValue back = objectFromJSONStringWithParseOptions(text, 0, &error);
-    ASSERT_TRUE(back) << error->localizedDescription().str();
-    EXPECT_TRUE(back.isEqual(doc)) << text.str();
-  }
-}

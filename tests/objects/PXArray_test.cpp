@@ -178,35 +178,6 @@ TEST(PXArray, ElementsOfItselfSurviveTheMoveOutOfItsRoom) {
   }
 }
 
-TEST(PXArray, TakingValuesMovesThemOrNothing) {
-  auto element = PXMake<PXObject>();
-  PXWeakRef<PXObject> watch = element;
-  std::vector<PXValue> values{PXValue(element), PXValue("text"), PXValue(3)};
-  element = {};
-
-  std::vector<PXValue> withAbsent{PXValue(1), PXValue(), values[0]};
-  EXPECT_THROW(PXArray::arrayByTakingValues(withAbsent), PXException);
-  EXPECT_THROW(PXMutableArray::arrayByTakingValues(withAbsent), PXException);
-  EXPECT_TRUE(withAbsent[0] && withAbsent[2]) << "a refused list keeps its values";
-  withAbsent.clear();
-
-  PXRef<PXArray> array = PXArray::arrayByTakingValues(values);
-  for (const PXValue& taken : values) EXPECT_FALSE(taken) << "the values are moved, not copied";
-  ASSERT_EQ(array->count(), 3u);
-  EXPECT_EQ(array->objectAtIndex(1).stringValue(), "text");
-  EXPECT_FALSE(array->isMutable());
-  EXPECT_EQ(&array->pxClass(), &PXArray::arrayWithObjects({1})->pxClass());
-
-  // A packed mutable copy releases its elements when emptied, not when it goes.
-  std::vector<PXValue> again(array->begin(), array->end());
-  PXRef<PXMutableArray> copy = PXMutableArray::arrayByTakingValues(again);
-  EXPECT_EQ(&copy->pxClass(), &PXMutableArray::array()->pxClass());
-  array = {};
-  EXPECT_TRUE(watch.lock());
-  copy->removeAllObjects();
-  EXPECT_FALSE(watch.lock()) << "the packed slots still held an element";
-}
-
 TEST(PXArray, SortIsStable) {
   auto array = PXMutableArray::array();
   const char* words[] = {"bb", "a", "cc", "b", "aa", "c"};
@@ -234,79 +205,6 @@ TEST(PXArray, LookupsByEqualityAndIdentity) {
   EXPECT_FALSE(PXArray::array()->lastObject());
   auto numbers = array->filteredArray([](const PXValue& v) { return v.isNumber(); });
   EXPECT_EQ(numbers->count(), 2u);
-}
-
-// Filtering copies nothing until the first element left out; the rest of the
-// elements must still come through in order, wherever that first one sits.
-TEST(PXArray, FilteringKeepsOrderWhereverTheFirstElementLeftOutSits) {
-  struct Row {
-    const char* name;
-    std::vector<int> numbers;
-    std::vector<int> kept;  // the even numbers
-  } rows[] = {
-      {"empty", {}, {}},
-      {"all kept", {2, 4, 6}, {2, 4, 6}},
-      {"none kept", {1, 3}, {}},
-      {"first left out", {1, 2, 4}, {2, 4}},
-      {"middle left out", {2, 3, 4, 5, 6}, {2, 4, 6}},
-      {"last left out", {2, 4, 5}, {2, 4}},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    std::vector<PXValue> values(row.numbers.begin(), row.numbers.end());
-    for (bool isMutable : {false, true}) {
-      PXRef<PXArray> array = PXArray::arrayWithValues(values);
-      if (isMutable) array = array->mutableCopyArray();
-      PXRef<PXArray> even = array->filteredArray([](const PXValue& v) { return v.intValue() % 2 == 0; });
-      EXPECT_FALSE(even->isMutable());
-      std::vector<int> kept;
-      for (const PXValue& v : *even) kept.push_back(v.intValue());
-      EXPECT_EQ(kept, row.kept) << (isMutable ? "mutable" : "immutable");
-    }
-  }
-  // Keeping everything of an immutable array gives the array itself; of a
-  // mutable one, a copy that later changes do not reach.
-  auto frozen = PXArray::arrayWithObjects({2, 4});
-  EXPECT_EQ(frozen->filteredArray([](const PXValue&) { return true; }).get(), frozen.get());
-  auto live = mutableOf({2, 4});
-  PXRef<PXArray> snapshot = live->filteredArray([](const PXValue&) { return true; });
-  live->addObject(6);
-  EXPECT_EQ(snapshot->count(), 2u);
-}
-
-// Copies and destruction of packed containers ask for their items' lines a few
-// items ahead; every item must still be retained and released exactly once,
-// at every size around those distances.
-TEST(PXArray, CopyingAndDroppingCountEveryElementOnce) {
-  for (size_t size : {0, 1, 5, 6, 7, 15, 16, 17, 40}) {
-    SCOPED_TRACE(size);
-    std::vector<PXRef<PXObject>> objects;
-    auto live = PXMutableArray::array();
-    for (size_t i = 0; i < size; ++i) {
-      objects.push_back(PXMake<PXObject>());
-      // Nested containers held by nothing else: dropping the copy drops them too.
-      if (i % 3 == 0)
-        live->addObject(PXArray::arrayWithObjects({PXValue(objects.back())}));
-      else
-        live->addObject(objects.back());
-    }
-    auto countsAre = [&](uint32_t expected) {
-      for (size_t i = 0; i < size; ++i) {
-        if (i % 3 == 0) continue;
-        EXPECT_EQ(objects[i]->retainCount(), expected) << "element " << i;
-      }
-    };
-    countsAre(2);
-    {
-      PXRef<PXArray> copy = live->copyArray();
-      ASSERT_EQ(copy->count(), size);
-      countsAre(3);
-      live->removeAllObjects();
-      countsAre(2);
-    }
-    countsAre(1);
-    for (size_t i = 0; i < size; i += 3) EXPECT_EQ(objects[i]->retainCount(), 1u) << "element " << i;
-  }
 }
 
 TEST(PXArray, CopiesAndTheSharedEmptyArray) {

@@ -201,22 +201,6 @@ TEST(PXDictionary, EntriesOfItselfSurviveTheMoveOutOfItsRoom) {
   }
 }
 
-TEST(PXDictionary, StringKeysAtTheInlineBoundary) {
-  std::string fourteen(14, 'f'), fifteen(15, 'f');
-  for (int size : {2, 20}) {
-    auto d = PXMutableDictionary::dictionaryWithCapacity(static_cast<size_t>(size));
-    for (int i = 2; i < size; ++i) d->setObject(i, PXFormat("filler %d", i));
-    d->setObject(14, fourteen);
-    d->setObject(15, PXString(fifteen));
-    EXPECT_EQ(d->objectForKey(PXString(fourteen)).intValue(), 14);
-    EXPECT_EQ(d->objectForKey(fifteen).intValue(), 15);
-    EXPECT_EQ(d->findStringKey(fifteen)->intValue(), 15);
-    EXPECT_EQ(d->findStringKey(fourteen)->intValue(), 14);
-    EXPECT_EQ(d->findStringKey(std::string(16, 'f')), nullptr);
-    EXPECT_FALSE(d->objectForKey(std::string(13, 'f')));
-  }
-}
-
 TEST(PXDictionary, ConcurrentReadersOfAnImmutableDictionary) {
   // Every reader may be the one that builds the lazy index; all must agree.
   auto d = numbered(500);
@@ -281,19 +265,6 @@ TEST(PXDictionary, EqualityIgnoresOrder) {
   EXPECT_FALSE(ab->isEqual(*other));
   EXPECT_FALSE(ab->isEqual(*PXArray::arrayWithObjects({"a", "b"})));
   EXPECT_TRUE(numbered(20)->isEqual(*numbered(20)->mutableCopyDictionary()));
-}
-
-TEST(PXDictionary, DescriptionInPropertyListStyle) {
-  EXPECT_EQ(PXDictionary::dictionary()->description(), "{\n}");
-  EXPECT_EQ(PXDictionary::dictionaryWithEntries({{"key", "value"}})->description(), "{\n    key = value;\n}");
-  auto nested =
-      PXDictionary::dictionaryWithEntries({{"list", PXArray::arrayWithObjects({1, "a b"})},
-                                           {"inner", PXDictionary::dictionaryWithEntries({{"x.y", 0.25}})},
-                                           {"with space", PXValue::null()}});
-  EXPECT_EQ(
-      nested->description(),
-      "{\n    list = (\n        1,\n        \"a b\"\n    );\n    inner = {\n        \"x.y\" = \"0.25\";\n    "
-      "};\n    \"with space\" = \"<null>\";\n}");
 }
 
 TEST(PXDictionary, KeyValueCodingReadsAndWritesEntries) {

@@ -40,22 +40,6 @@ PX_DEFINE_CLASS(TrackedChild, Tracked, [](PXClassBuilder<TrackedChild>& c) {
   c.property("weight", &TrackedChild::weight, PXPropertyOwnership::Assign, "d", /*readOnly=*/true);
 })
 
-TEST(PXObject, ReferencesDestroyExactlyWhenTheLastOwnerGoes) {
-  ASSERT_EQ(Tracked::live, 0);
-  {
-    PXRef<Tracked> a = PXMake<Tracked>();
-    EXPECT_EQ(a->retainCount(), 1u);
-    PXRef<Tracked> b = a;
-    EXPECT_EQ(a->retainCount(), 2u);
-    PXRef<PXObject> base = std::move(b);
-    EXPECT_FALSE(b);
-    EXPECT_EQ(a->retainCount(), 2u);
-    a = nullptr;
-    EXPECT_EQ(Tracked::live, 1);
-  }
-  EXPECT_EQ(Tracked::live, 0);
-}
-
 TEST(PXObject, WeakReferenceEmptiesWhenObjectDies) {
   PXRef<Tracked> strong = PXMake<Tracked>();
   PXWeakRef<Tracked> weak = strong;
@@ -123,22 +107,6 @@ TEST(PXObject, AssociationsFollowTheirPolicies) {
   EXPECT_EQ(Tracked::live, 0);
 }
 
-TEST(PXObject, MonitorIsRecursiveAndMadeOnce) {
-  PXRef<PXObject> object = PXMake<PXObject>();
-  PXMonitor* first = &object->monitor();
-  std::lock_guard outer(object->monitor());
-  std::lock_guard inner(object->monitor());
-  EXPECT_EQ(first, &object->monitor());
-
-  // First use from many threads at once still makes exactly one monitor.
-  PXRef<PXObject> fresh = PXMake<PXObject>();
-  std::vector<PXMonitor*> seen(8);
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 8; ++i) threads.emplace_back([&, i] { seen[i] = &fresh->monitor(); });
-  for (auto& t : threads) t.join();
-  for (auto* m : seen) EXPECT_EQ(m, seen[0]);
-}
-
 TEST(PXMonitor, ExcludesOtherThreadsAndNestsOnTheOwner) {
   PXMonitor monitor;
   ASSERT_TRUE(monitor.try_lock());
@@ -201,34 +169,4 @@ TEST(PXClass, DeclaredPropertiesAndAncestry) {
   auto at = [&](const PXClass* c) { return std::find(classes.begin(), classes.end(), c) - classes.begin(); };
   EXPECT_LT(at(&PXObject::classObject()), at(&tracked));
   EXPECT_LT(at(&tracked), at(&child)) << "registration order puts a superclass first";
-}
-
-TEST(PXClass, PropertiesReadWriteAndClearThroughDescriptors) {
-  PXRef<Tracked> object = PXMake<Tracked>();
-  const PXClass& cls = object->pxClass();
-  cls.propertyNamed("count")->set(*object, PXValue(12));
-  cls.propertyNamed("label")->set(*object, PXValue("name"));
-  cls.propertyNamed("child")->set(*object, PXValue(PXMake<Tracked>()));
-  EXPECT_EQ(object->count, 12);
-  EXPECT_EQ(object->label, "name");
-  EXPECT_EQ(Tracked::live, 2);
-  EXPECT_EQ(cls.propertyNamed("count")->get(*object).intValue(), 12);
-
-  EXPECT_FALSE(cls.propertyNamed("count")->clear) << "assign properties have nothing to release";
-  cls.propertyNamed("child")->clear(*object);
-  cls.propertyNamed("label")->clear(*object);
-  EXPECT_EQ(Tracked::live, 1);
-  EXPECT_TRUE(object->label.isAbsent());
-
-  PXRef<PXObject> made = cls.createInstance();
-  ASSERT_TRUE(made);
-  EXPECT_EQ(&made->pxClass(), &cls);
-  EXPECT_FALSE(TrackedChild::classObject().canCreateInstance());
-}
-
-TEST(PXObject, DescriptionNamesClassAndAddress) {
-  PXRef<Tracked> object = PXMake<Tracked>();
-  char expected[64];
-  std::snprintf(expected, sizeof expected, "<Tracked: %p>", static_cast<void*>(object.get()));
-  EXPECT_EQ(object->description(), expected);
 }
