@@ -137,42 +137,6 @@ TEST(PXObjectBlockObserver, RemovingATokenTwiceLogsTheSecondTime) {
   EXPECT_TRUE(foreign->isObserving());
 }
 
-TEST(PXObjectBlockObserver, RemovalByOwnerWithAndWithoutKeyPath) {
-  auto model = PXMake<BOModel>();
-  auto owner = PXMake<PXObject>();
-  auto otherOwner = PXMake<PXObject>();
-  Calls ownerLevel, ownerName, ownerLevelAgain, otherLevel, otherName;
-  Observer::addObserverForKeyPath(*model, "level", 0, owner.get(), ownerLevel.block());
-  Observer::addObserverForKeyPath(*model, "name", 0, owner.get(), ownerName.block());
-  Observer::addObserverForKeyPath(*model, "level", 0, owner.get(), ownerLevelAgain.block());
-  Observer::addObserverForKeyPath(*model, "level", 0, otherOwner.get(), otherLevel.block());
-  Observer::addObserverForKeyPath(*model, "name", 0, otherOwner.get(), otherName.block());
-
-  Observer::removeObjectBlockObserversWithOwner(*model, owner.get(), "level");
-  model->setLevel(1);
-  model->setName("a");
-  EXPECT_EQ(ownerLevel.lines.size(), 0u);
-  EXPECT_EQ(ownerLevelAgain.lines.size(), 0u);
-  EXPECT_EQ(ownerName.lines.size(), 1u);
-  EXPECT_EQ(otherLevel.lines.size(), 1u);
-
-  Observer::removeObjectBlockObserversWithOwner(*model, owner.get());  // every key path
-  model->setLevel(2);
-  model->setName("b");
-  EXPECT_EQ(ownerName.lines.size(), 1u);
-  EXPECT_EQ(otherLevel.lines.size(), 2u);
-  EXPECT_EQ(otherName.lines.size(), 2u);
-
-  // An owner with nothing registered, and an object with no array: nothing happens.
-  Observer::removeObjectBlockObserversWithOwner(*model, owner.get());
-  auto bare = PXMake<BOModel>();
-  Observer::removeObjectBlockObserversWithOwner(*bare, owner.get(), "level");
-  EXPECT_FALSE(hasObservationArray(*bare));
-
-  Observer::removeObjectBlockObserversWithOwner(*model, otherOwner.get());
-  EXPECT_FALSE(hasObservationArray(*model));
-}
-
 TEST(PXObjectBlockObserver, TrampolineGuardsAndSelfStopOnDestruction) {
   auto model = PXMake<BOModel>();
   Calls calls;

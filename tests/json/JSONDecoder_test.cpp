@@ -236,37 +236,6 @@ TEST(JSONDecoder, ParseOptionsOfSixteenOrMoreRaise) {
 
 // ---- Values --------------------------------------------------------------------
 
-TEST(JSONDecoder, IntegersKeepSixtyFourBitsWithTheirSignedness) {
-  struct Row {
-    const char* text;
-    PXValue::Kind kind;
-    uint64_t bits;  // the value's two's-complement bits
-  };
-  const Row rows[] = {
-      {"[0]", PXValue::Kind::UInt, 0},
-      {"[7]", PXValue::Kind::UInt, 7},
-      {"[-7]", PXValue::Kind::Int, static_cast<uint64_t>(-7)},
-      {"[9223372036854775807]", PXValue::Kind::UInt, 9223372036854775807ull},
-      {"[9223372036854775808]", PXValue::Kind::UInt, 9223372036854775808ull},
-      {"[9999999999999999999]", PXValue::Kind::UInt, 9999999999999999999ull},
-      {"[10000000000000000000]", PXValue::Kind::UInt, 10000000000000000000ull},
-      {"[18446744073709551615]", PXValue::Kind::UInt, 18446744073709551615ull},
-      {"[-9223372036854775807]", PXValue::Kind::Int, static_cast<uint64_t>(-9223372036854775807ll)},
-      {"[-9223372036854775808]", PXValue::Kind::Int, 9223372036854775808ull},
-      {"[-1000000000000000000]", PXValue::Kind::Int, static_cast<uint64_t>(-1000000000000000000ll)},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.text);
-    PXValue v = only(row.text);
-    ASSERT_EQ(v.kind(), row.kind);
-    if (row.kind == PXValue::Kind::Int) {
-      EXPECT_EQ(static_cast<uint64_t>(v.longLongValue()), row.bits);
-    } else {
-      EXPECT_EQ(v.unsignedLongLongValue(), row.bits);
-    }
-  }
-}
-
 TEST(JSONDecoder, NumbersWithFractionOrExponentAreCorrectlyRoundedDoubles) {
   const char* texts[] = {
       "0.1",

@@ -74,20 +74,6 @@ TEST(PXDictionary, MisuseRaisesWithExactMessages) {
   }
 }
 
-TEST(PXDictionary, KeepsInsertionOrderAndReplacesInPlace) {
-  for (int size : {3, 8, 9, 40}) {
-    SCOPED_TRACE(size);
-    auto d = PXMutableDictionary::dictionary();
-    for (int i = size - 1; i >= 0; --i) d->setObject(i, PXFormat("k%d", i));
-    d->setObject("replaced", "k1");
-    std::vector<std::string> expected;
-    for (int i = size - 1; i >= 0; --i) expected.push_back("k" + std::to_string(i));
-    EXPECT_EQ(keysOf(*d), expected);
-    EXPECT_EQ(d->objectForKey("k1").stringValue(), "replaced");
-    EXPECT_EQ(d->count(), static_cast<size_t>(size));
-  }
-}
-
 TEST(PXDictionary, LaterDuplicatesReplaceEarlierValuesAtBuild) {
   for (int size : {2, 8, 9, 30}) {
     SCOPED_TRACE(size);
@@ -111,77 +97,6 @@ TEST(PXDictionary, LaterDuplicatesReplaceEarlierValuesAtBuild) {
 // A mutable dictionary checked against a plain model through random
 // insertions, replacements and removals that cross the size where lookups
 // switch from a scan to the hash index, many times over.
-// Opens the factory that packs a mutable dictionary with its entries (as the
-// JSON decoder does for the mutable form).
-struct PackedMutableDictionaryMaker : PXMutableDictionary {
-  using PXMutableDictionary::dictionaryByTakingTrustedEntries;
-};
-
-class PXDictionaryStart : public ::testing::TestWithParam<int> {};
-INSTANTIATE_TEST_SUITE_P(Packed, PXDictionaryStart, ::testing::Values(0, 3, 10),
-                         [](const ::testing::TestParamInfo<int>& start) {
-                           return "from" + std::to_string(start.param) + "PackedEntries";
-                         });
-
-// The same model check, starting from a dictionary packed with its first
-// entries, which move to ordinary storage at the first change.
-TEST_P(PXDictionaryStart, LookupsStayRightAcrossTheIndexThreshold) {
-  std::mt19937 random(8);
-  std::vector<std::pair<PXValue, int>> model;  // in insertion order
-  std::vector<Entry> first;
-  for (int i = 0; i < GetParam(); ++i) {
-    first.emplace_back(PXFormat("k%d", i), -i);
-    model.emplace_back(PXFormat("k%d", i), -i);
-  }
-  PXRef<PXMutableDictionary> d = PackedMutableDictionaryMaker::dictionaryByTakingTrustedEntries(first);
-  for (const Entry& taken : first) ASSERT_FALSE(taken.first) << "the entries are moved, not copied";
-  // Keys of several kinds, some equal across kinds (2 and 2.0), inline and heap strings.
-  std::vector<PXValue> keys;
-  for (int i = 0; i < 12; ++i) keys.emplace_back(PXFormat("k%d", i));
-  for (int i = 0; i < 6; ++i) keys.emplace_back(PXFormat("a much longer heap key number %d", i));
-  for (int i = 0; i < 6; ++i) keys.emplace_back(i);
-  keys.emplace_back(2.0);
-  keys.emplace_back(PXDate(3));
-  auto modelFind = [&](const PXValue& key) {
-    return std::find_if(model.begin(), model.end(), [&](auto& e) { return e.first.isEqual(key); });
-  };
-  for (int step = 0; step < 4000; ++step) {
-    const PXValue& key = keys[random() % keys.size()];
-    int op = static_cast<int>(random() % 10);
-    if (op < 6) {
-      d->setObject(step, key);
-      auto it = modelFind(key);
-      if (it == model.end()) {
-        model.emplace_back(key, step);
-      } else {
-        it->second = step;
-      }
-    } else if (op < 9) {
-      d->removeObjectForKey(key);
-      auto it = modelFind(key);
-      if (it != model.end()) model.erase(it);
-    } else if (random() % 8 == 0) {
-      d->removeAllObjects();
-      model.clear();
-    }
-    ASSERT_EQ(d->count(), model.size()) << "step " << step;
-    for (size_t i = 0; i < model.size(); ++i) {
-      ASSERT_TRUE(d->entries()[i].first.isEqual(model[i].first)) << "order at step " << step;
-    }
-    for (const PXValue& probe : keys) {
-      auto it = modelFind(probe);
-      const PXValue* found = d->find(probe);
-      ASSERT_EQ(found != nullptr, it != model.end()) << probe.description().c_str() << " at step " << step;
-      if (found) {
-        ASSERT_EQ(found->longLongValue(), it->second);
-      }
-      if (probe.isString()) {
-        ASSERT_EQ(d->findStringKey(probe.stringValue()), found);
-      }
-    }
-  }
-}
-
 // Values and keys taken from the dictionary itself, just as its entries move
 // out of the room kept with the object. (AddressSanitizer reports the use
 // after free if they are not taken first.)

@@ -341,37 +341,6 @@ TEST(PXKeyedArchiver, AnObjectReachedTwiceIsWrittenOnceAndComesBackOnce) {
   EXPECT_TRUE(d->objectForKey("a").isEqual(big));
 }
 
-TEST(PXKeyedArchiver, CodedObjectsComeBackByClassNameWithTheirFields) {
-  PXRef<PXArchiveTestNode> original = node(std::numeric_limits<int64_t>::min());
-  original->small = -123456;
-  original->ratio = 2.5e-7;
-  original->flag = true;
-  original->label = "identifier";
-  auto data = PXMutableDictionary::dictionary();
-  data->setObject(PXValue(PXDate(100)), "when");
-  original->payload = PXValue(data);
-  original->peer = PXValue(node(99));
-
-  PXValue back = roundTrip(array({PXValue(original)}));
-  ASSERT_TRUE(back.isArray());
-  auto restored = PXDynamicCast<PXArchiveTestNode>(back.arrayValue()->objectAtIndex(0).objectValue());
-  ASSERT_TRUE(restored);
-  EXPECT_NE(restored.get(), original.get());
-  EXPECT_EQ(restored->pxClass().name(), "PXArchiveTestNode");
-  EXPECT_EQ(restored->big, std::numeric_limits<int64_t>::min());
-  EXPECT_EQ(restored->small, -123456);
-  EXPECT_EQ(restored->ratio, 2.5e-7);
-  EXPECT_TRUE(restored->flag);
-  EXPECT_EQ(restored->label, "identifier");
-  ASSERT_TRUE(restored->payload.mutableDictionaryValue());
-  EXPECT_TRUE(restored->payload.isEqual(PXValue(data)));
-  auto peer = PXDynamicCast<PXArchiveTestNode>(restored->peer.objectValue());
-  ASSERT_TRUE(peer);
-  EXPECT_EQ(peer->big, 99);
-  EXPECT_FALSE(peer->peer);  // absent fields stay absent
-  EXPECT_FALSE(peer->label);
-}
-
 TEST(PXKeyedArchiver, TemporariesOfEncodeWithCoderAreNeverTakenForEachOther) {
   PXValue back = roundTrip(PXValue(PXMake<PXArchiveTestSnapshot>()));
   auto restored = PXDynamicCast<PXArchiveTestSnapshot>(back.objectValue());

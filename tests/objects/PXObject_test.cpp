@@ -40,18 +40,6 @@ PX_DEFINE_CLASS(TrackedChild, Tracked, [](PXClassBuilder<TrackedChild>& c) {
   c.property("weight", &TrackedChild::weight, PXPropertyOwnership::Assign, "d", /*readOnly=*/true);
 })
 
-TEST(PXObject, WeakReferenceEmptiesWhenObjectDies) {
-  PXRef<Tracked> strong = PXMake<Tracked>();
-  PXWeakRef<Tracked> weak = strong;
-  PXWeakRef<Tracked> copy = weak;
-  EXPECT_EQ(weak.lock(), strong);
-  EXPECT_EQ(strong->retainCount(), 1u) << "a lock that went out of scope must give its count back";
-  strong = nullptr;
-  EXPECT_EQ(Tracked::live, 0);
-  EXPECT_FALSE(weak.lock());
-  EXPECT_TRUE(copy.expired());
-}
-
 TEST(PXObject, WeakLockRacingWithLastReleaseNeverResurrects) {
   // Many rounds of: one thread drops the last strong reference while another
   // locks a weak one. Either the lock wins (and owns a valid object) or it

@@ -294,19 +294,3 @@ TEST(PXValue, CopiesCountMovesTransferAndSelfAssignmentIsSafe) {
   t = s;
   EXPECT_EQ(t.stringValue().data(), heap.c_str());
 }
-
-TEST(PXValue, CopyAsksObjectsForImmutableCopies) {
-  auto mutableArray = PXMutableArray::array();
-  mutableArray->addObject(1);
-  PXValue copied = PXValue(mutableArray).copy();
-  ASSERT_TRUE(copied.isArray());
-  EXPECT_FALSE(copied.mutableArrayValue());
-  EXPECT_NE(copied.objectPointer(), mutableArray.get());
-  mutableArray->addObject(2);
-  EXPECT_EQ(copied.arrayValue()->count(), 1u);
-
-  auto frozen = PXArray::arrayWithObjects({1});
-  EXPECT_EQ(PXValue(frozen).copy().objectPointer(), frozen.get());
-  EXPECT_TRUE(PXValue("text").copy().isEqual("text"));
-  EXPECT_TRUE(PXValue(4.5).copy().isIdenticalTo(4.5));
-}

@@ -97,30 +97,6 @@ TEST_F(PXCalendarTest, FollowingDayAtOneSecondPastMidnightAcrossDaylightSaving) 
   }
 }
 
-TEST_F(PXCalendarTest, FollowingDayFiringsNeitherSkipNorRepeatADay) {
-  // A daily timer that re-arms itself at each firing, through a whole year of
-  // Berlin and New York: exactly one firing per local day, each at 00:00:01.
-  for (const char* zone : {"Europe/Berlin", "America/New_York"}) {
-    useZone(zone);
-    PXDate fire = *PXCalendar::dateOnFollowingDay(utc("2023-12-31T12:00:00Z"), 0, 0, 1);
-    std::optional<PXDate> previous;
-    int firings = 0;
-    while (PXCalendar::components(fire).year == 2024) {
-      const PXDateComponents c = PXCalendar::components(fire);
-      ASSERT_EQ(c.hour * 3600 + c.minute * 60 + c.second, 1) << zone << " " << utcText(fire);
-      if (previous) {
-        ASSERT_GT(fire, *previous);
-        ASSERT_FALSE(PXCalendar::isSameDay(fire, *previous)) << zone << " " << utcText(fire);
-      }
-      previous = fire;
-      ++firings;
-      fire = *PXCalendar::dateOnFollowingDay(fire, 0, 0, 1);
-    }
-    // Distinct days, in order, all of 2024 (a leap year): none skipped, none twice.
-    EXPECT_EQ(firings, 366) << zone;  // 2024 is a leap year
-  }
-}
-
 // ---- components -----------------------------------------------------------------------
 
 TEST_F(PXCalendarTest, FractionsOfASecondBelongToTheSecondTheyStartIn) {
