@@ -6,6 +6,8 @@
 
 #include <cmath>
 #include <cstring>
+#include <functional>
+#include <iterator>
 #include <limits>
 #include <string>
 #include <string_view>
@@ -167,54 +169,32 @@ TEST(JSONDecoder, EveryParseErrorHasItsMessageIndexAndLine) {
 
 TEST(JSONDecoder, MissingArgumentsFailWithTheirOwnMessages) {
   auto decoder = JSONDecoder::decoder();
-  struct Row {
-    const char* name;
-    PXValue (*call)(JSONDecoder&, PXErrorRef*);
-    const char* message;
+  JSONDecoder& d = *decoder;
+  const char* const data = "The jsonData argument is NULL.";
+  const char* const string = "The string argument is NULL.";
+  const char* const text = "An error occurred converting the contents of a NSString to UTF8.";
+  const std::pair<std::function<PXValue(PXErrorRef*)>, const char*> rows[] = {
+      {[&](PXErrorRef* e) { return d.objectWithData(nullptr, e); }, data},
+      {[&](PXErrorRef* e) { return d.objectWithData(PXRef<PXData>(), e); }, data},
+      {[&](PXErrorRef* e) { return d.mutableObjectWithData(nullptr, e); }, data},
+      {[&](PXErrorRef* e) { return d.parseJSONData(nullptr, e); }, data},
+      {[](PXErrorRef* e) { return objectFromJSONDataWithParseOptions(nullptr, 0, e); }, data},
+      {[](PXErrorRef* e) { return mutableObjectFromJSONDataWithParseOptions(nullptr, 15, e); }, data},
+      {[&](PXErrorRef* e) { return d.objectWithUTF8String(nullptr, 3, e); }, string},
+      {[&](PXErrorRef* e) { return d.mutableObjectWithUTF8String(nullptr, 0, e); }, string},
+      {[&](PXErrorRef* e) { return d.parseUTF8String(nullptr, 1, e); }, string},
+      {[](PXErrorRef* e) { return objectFromJSONStringWithParseOptions(PXString(), 0, e); }, text},
+      {[](PXErrorRef* e) { return mutableObjectFromJSONStringWithParseOptions(PXString(), 0, e); }, text},
   };
-  const Row rows[] = {
-      {"objectWithData", [](JSONDecoder& d, PXErrorRef* e) { return d.objectWithData(nullptr, e); },
-       "The jsonData argument is NULL."},
-      {"objectWithData ref",
-       [](JSONDecoder& d, PXErrorRef* e) { return d.objectWithData(PXRef<PXData>(), e); },
-       "The jsonData argument is NULL."},
-      {"mutableObjectWithData",
-       [](JSONDecoder& d, PXErrorRef* e) { return d.mutableObjectWithData(nullptr, e); },
-       "The jsonData argument is NULL."},
-      {"parseJSONData", [](JSONDecoder& d, PXErrorRef* e) { return d.parseJSONData(nullptr, e); },
-       "The jsonData argument is NULL."},
-      {"objectWithUTF8String",
-       [](JSONDecoder& d, PXErrorRef* e) { return d.objectWithUTF8String(nullptr, 3, e); },
-       "The string argument is NULL."},
-      {"mutableObjectWithUTF8String",
-       [](JSONDecoder& d, PXErrorRef* e) { return d.mutableObjectWithUTF8String(nullptr, 0, e); },
-       "The string argument is NULL."},
-      {"parseUTF8String", [](JSONDecoder& d, PXErrorRef* e) { return d.parseUTF8String(nullptr, 1, e); },
-       "The string argument is NULL."},
-      {"objectFromJSONData",
-       [](JSONDecoder&, PXErrorRef* e) { return objectFromJSONDataWithParseOptions(nullptr, 0, e); },
-       "The jsonData argument is NULL."},
-      {"mutableObjectFromJSONData",
-       [](JSONDecoder&, PXErrorRef* e) { return mutableObjectFromJSONDataWithParseOptions(nullptr, 15, e); },
-       "The jsonData argument is NULL."},
-      {"objectFromJSONString",
-       [](JSONDecoder&, PXErrorRef* e) { return objectFromJSONStringWithParseOptions(PXString(), 0, e); },
-       "An error occurred converting the contents of a NSString to UTF8."},
-      {"mutableObjectFromJSONString",
-       [](JSONDecoder&, PXErrorRef* e) {
-         return mutableObjectFromJSONStringWithParseOptions(PXString(), 0, e);
-       },
-       "An error occurred converting the contents of a NSString to UTF8."},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
+  for (size_t i = 0; i < std::size(rows); ++i) {
+    SCOPED_TRACE(i);
     PXErrorRef error;
-    EXPECT_FALSE(row.call(*decoder, &error));
+    EXPECT_FALSE(rows[i].first(&error));
     ASSERT_TRUE(error);
     EXPECT_EQ(error->domain(), "PXJSONErrorDomain");
     EXPECT_EQ(error->code(), -1);
-    EXPECT_EQ(error->localizedDescription().str(), row.message);
-    EXPECT_FALSE(row.call(*decoder, nullptr));  // without an error parameter: just nothing
+    EXPECT_EQ(error->localizedDescription().str(), rows[i].second);
+    EXPECT_FALSE(rows[i].first(nullptr));  // without an error parameter: just nothing
   }
 }
 

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -20,69 +21,57 @@ std::string text(const PXArray& array) {
 }  // namespace
 
 TEST(PXArray, MisuseRaisesWithExactMessages) {
-  struct Row {
-    const char* name;
-    std::function<void()> call;
-    const char* exception;
-    const char* reason;
-  };
+  // "*** -[<class> <method>]: " and one of two templates: index (i) beyond
+  // bounds (n) (a range exception) or attempt to insert nil (invalid argument).
   auto three = PXArray::arrayWithObjects({1, 2, 3});
-  const Row rows[] = {
-      {"read past the end", [&] { (void)three->objectAtIndex(3); }, kPXRangeException,
-       "*** -[PXArray objectAtIndex:]: index (3) beyond bounds (3)"},
-      {"subscript past the end", [&] { (void)(*three)[7]; }, kPXRangeException,
-       "*** -[PXArray objectAtIndex:]: index (7) beyond bounds (3)"},
-      {"read the empty array", [] { (void)PXArray::array()->objectAtIndex(0); }, kPXRangeException,
-       "*** -[PXArray objectAtIndex:]: index (0) beyond bounds (0)"},
-      {"mutable read past the end", [] { (void)mutableOf({1})->objectAtIndex(1); }, kPXRangeException,
-       "*** -[PXMutableArray objectAtIndex:]: index (1) beyond bounds (1)"},
-      {"add nil", [] { mutableOf({1})->addObject(PXValue()); }, kPXInvalidArgumentException,
-       "*** -[PXMutableArray addObject:]: attempt to insert nil"},
-      {"insert nil", [] { mutableOf({1})->insertObject(PXValue(), 0); }, kPXInvalidArgumentException,
-       "*** -[PXMutableArray insertObject:atIndex:]: attempt to insert nil"},
-      {"insert past the end",
-       [] {
+  const auto range = [](int i, int n) {
+    return "index (" + std::to_string(i) + ") beyond bounds (" + std::to_string(n) + ")";
+  };
+  const std::string nil = "attempt to insert nil";
+  const std::tuple<std::function<void()>, const char*, std::string> rows[] = {
+      {[&] { (void)three->objectAtIndex(3); }, "PXArray objectAtIndex:", range(3, 3)},
+      {[&] { (void)(*three)[7]; }, "PXArray objectAtIndex:", range(7, 3)},
+      {[] { (void)PXArray::array()->objectAtIndex(0); }, "PXArray objectAtIndex:", range(0, 0)},
+      {[] { (void)mutableOf({1})->objectAtIndex(1); }, "PXMutableArray objectAtIndex:", range(1, 1)},
+      {[] {
          mutableOf({1, 2, 3})->insertObject(9, 5);
        },
-       kPXRangeException, "*** -[PXMutableArray insertObject:atIndex:]: index (5) beyond bounds (3)"},
-      {"remove past the end",
-       [] {
+       "PXMutableArray insertObject:atIndex:", range(5, 3)},
+      {[] {
          mutableOf({1, 2})->removeObjectAtIndex(2);
        },
-       kPXRangeException, "*** -[PXMutableArray removeObjectAtIndex:]: index (2) beyond bounds (2)"},
-      {"remove last of none", [] { PXMutableArray::array()->removeLastObject(); }, kPXRangeException,
-       "*** -[PXMutableArray removeLastObject]: index (0) beyond bounds (0)"},
-      {"replace with nil", [] { mutableOf({1})->replaceObjectAtIndex(0, PXValue()); },
-       kPXInvalidArgumentException,
-       "*** -[PXMutableArray replaceObjectAtIndex:withObject:]: attempt to insert nil"},
-      {"replace past the end", [] { mutableOf({1})->replaceObjectAtIndex(1, 2); }, kPXRangeException,
-       "*** -[PXMutableArray replaceObjectAtIndex:withObject:]: index (1) beyond bounds (1)"},
-      {"build with nil",
-       [] {
+       "PXMutableArray removeObjectAtIndex:", range(2, 2)},
+      {[] { PXMutableArray::array()->removeLastObject(); }, "PXMutableArray removeLastObject", range(0, 0)},
+      {[] { mutableOf({1})->replaceObjectAtIndex(1, 2); },
+       "PXMutableArray replaceObjectAtIndex:withObject:", range(1, 1)},
+      {[] { mutableOf({1})->addObject(PXValue()); }, "PXMutableArray addObject:", nil},
+      {[] { mutableOf({1})->insertObject(PXValue(), 0); }, "PXMutableArray insertObject:atIndex:", nil},
+      {[] { mutableOf({1})->replaceObjectAtIndex(0, PXValue()); },
+       "PXMutableArray replaceObjectAtIndex:withObject:", nil},
+      {[] {
          (void)PXArray::arrayWithValues({1, PXValue()});
        },
-       kPXInvalidArgumentException, "*** -[PXArray initWithObjects:count:]: attempt to insert nil"},
-      {"build a mutable one with nil",
-       [] {
+       "PXArray initWithObjects:count:", nil},
+      {[] {
          std::vector<PXValue> values{1, PXValue()};
          (void)PXMutableArray::arrayByTakingValues(values);
        },
-       kPXInvalidArgumentException, "*** -[PXMutableArray initWithObjects:count:]: attempt to insert nil"},
-      {"set with nil",
-       [] {
+       "PXMutableArray initWithObjects:count:", nil},
+      {[] {
          mutableOf({1})->setArray({2, PXValue()});
        },
-       kPXInvalidArgumentException, "*** -[PXMutableArray setArray:]: attempt to insert nil"},
+       "PXMutableArray setArray:", nil},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
+  for (const auto& [call, method, problem] : rows) {
+    const std::string reason = "*** -[" + std::string(method) + "]: " + problem;
+    SCOPED_TRACE(reason);
     try {
-      row.call();
+      call();
       ADD_FAILURE() << "no exception";
     } catch (const PXException& e) {
-      EXPECT_EQ(e.name(), row.exception);
-      EXPECT_EQ(e.reason(), row.reason);
-      EXPECT_STREQ(e.what(), row.reason);
+      EXPECT_EQ(e.name(), problem == nil ? kPXInvalidArgumentException : kPXRangeException);
+      EXPECT_EQ(e.reason(), reason);
+      EXPECT_EQ(std::string(e.what()), reason);
     }
   }
 }
