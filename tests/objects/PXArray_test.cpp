@@ -70,7 +70,7 @@ TEST(PXArray, MisuseRaisesWithExactMessages) {
       ADD_FAILURE() << "no exception";
     } catch (const PXException& e) {
       EXPECT_EQ(e.name(), problem == nil ? kPXInvalidArgumentException : kPXRangeException);
-      EXPECT_EQ(e.reason(), reason);
+      EXPECT_EQ(e.reason().str(), reason);
       EXPECT_EQ(std::string(e.what()), reason);
     }
   }
