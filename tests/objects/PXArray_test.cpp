@@ -196,29 +196,6 @@ TEST(PXArray, LookupsByEqualityAndIdentity) {
   EXPECT_EQ(numbers->count(), 2u);
 }
 
-TEST(PXArray, CopiesAndTheSharedEmptyArray) {
-  auto frozen = PXArray::arrayWithObjects({1, 2});
-  EXPECT_EQ(frozen->copy().get(), frozen.get());
-  EXPECT_EQ(PXArray::array().get(), PXArray::arrayWithValues({}).get());
-  EXPECT_EQ(PXArray::array().get(), PXArray::arrayWithObjects({}).get());
-  EXPECT_EQ(PXMutableArray::array()->copyArray().get(), PXArray::array().get());
-
-  auto live = frozen->mutableCopyArray();
-  EXPECT_TRUE(live->isMutable());
-  live->addObject(3);
-  EXPECT_EQ(frozen->count(), 2u);
-
-  PXRef<PXArray> snapshot = live->copyArray();
-  EXPECT_FALSE(snapshot->isMutable());
-  EXPECT_NE(snapshot.get(), live.get());
-  live->removeAllObjects();
-  EXPECT_EQ(snapshot->count(), 3u);
-  EXPECT_TRUE(snapshot->isEqual(*PXArray::arrayWithObjects({1, 2, 3})));
-  EXPECT_EQ(live->mutableCopy().get() == live.get(), false);
-  EXPECT_EQ(snapshot->pxClass().name(), "PXArray");
-  EXPECT_EQ(live->pxClass().name(), "PXMutableArray");
-}
-
 TEST(PXArray, DescriptionInPropertyListStyle) {
   struct Row {
     PXRef<PXArray> array;

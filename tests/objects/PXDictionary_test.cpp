@@ -137,31 +137,6 @@ TEST(PXDictionary, ConcurrentReadersOfAnImmutableDictionary) {
   for (int t = 0; t < kThreads; ++t) EXPECT_EQ(wrong[t], 0);
 }
 
-TEST(PXDictionary, CopiesAndTheSharedEmptyDictionary) {
-  auto frozen = numbered(3);
-  EXPECT_EQ(frozen->copy().get(), frozen.get());
-  EXPECT_EQ(PXDictionary::dictionary().get(), PXDictionary::dictionaryWithEntries({}).get());
-  EXPECT_EQ(PXMutableDictionary::dictionary()->copyDictionary().get(), PXDictionary::dictionary().get());
-
-  auto live = frozen->mutableCopyDictionary();
-  EXPECT_TRUE(live->isMutable());
-  live->setObject(9, "key0");
-  EXPECT_EQ(frozen->objectForKey("key0").intValue(), 0);
-
-  for (int size : {5, 30}) {
-    auto source = numbered(size)->mutableCopyDictionary();
-    PXRef<PXDictionary> snapshot = source->copyDictionary();
-    EXPECT_FALSE(snapshot->isMutable());
-    EXPECT_NE(snapshot.get(), source.get());
-    source->removeObjectForKey("key1");
-    source->setObject("new", "added");
-    EXPECT_EQ(snapshot->count(), static_cast<size_t>(size));
-    EXPECT_EQ(snapshot->objectForKey("key1").intValue(), 1);
-    EXPECT_FALSE(snapshot->objectForKey("added"));
-    EXPECT_EQ(keysOf(*snapshot), keysOf(*numbered(size)));
-  }
-}
-
 TEST(PXDictionary, KeysAreCopiedOnInsertion) {
   auto key = PXMutableArray::array();
   key->addObject("a");

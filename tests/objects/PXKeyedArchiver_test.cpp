@@ -178,6 +178,11 @@ std::vector<uint8_t> rewrap(const std::vector<uint8_t>& payload) {
   return archive::wrapPayload(payload);
 }
 
+// An archive of one object-table entry, the root referring to it.
+std::vector<uint8_t> single(const Payload& entry) {
+  return Payload().varint(1).entry(entry).byte(archive::kRef).varint(0).archive();
+}
+
 // N arrays nested around a 1, as crafted bytes: entry i holds [ref i+1].
 std::vector<uint8_t> nestedArrayArchive(size_t depth) {
   Payload p;
@@ -622,59 +627,29 @@ TEST(PXKeyedUnarchiver, RefusesHostileContentsBehindAValidChecksum) {
       {"reference past the table", Payload().varint(0).byte(archive::kRef).varint(0).archive(),
        PXKeyedArchiveDecodeCorruptError},
       {"unknown value tag", Payload().varint(0).byte(0x7f).archive(), PXKeyedArchiveDecodeCorruptError},
-      {"unknown object tag",
-       Payload().varint(1).entry(Payload().byte(0x7f)).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeCorruptError},
+      {"unknown object tag", single(Payload().byte(0x7f)), PXKeyedArchiveDecodeCorruptError},
       {"string longer than the payload",
        Payload().varint(0).byte(archive::kString).varint(1u << 30).archive(),
        PXKeyedArchiveDecodeCorruptError},
       {"double cut short", Payload().varint(0).byte(archive::kDouble).raw("1234").archive(),
        PXKeyedArchiveDecodeCorruptError},
-      {"array claiming a million elements",
-       Payload()
-           .varint(1)
-           .entry(Payload().byte(archive::kArray).varint(1000000))
-           .byte(archive::kRef)
-           .varint(0)
-           .archive(),
+      {"array claiming a million elements", single(Payload().byte(archive::kArray).varint(1000000)),
        PXKeyedArchiveDecodeCorruptError},
       {"dictionary claiming a million entries",
-       Payload()
-           .varint(1)
-           .entry(Payload().byte(archive::kDictionary).varint(1000000).byte(archive::kNull))
-           .byte(archive::kRef)
-           .varint(0)
-           .archive(),
+       single(Payload().byte(archive::kDictionary).varint(1000000).byte(archive::kNull)),
        PXKeyedArchiveDecodeCorruptError},
-      {"absent inside an array",
-       Payload().varint(1).entry(arrayOfAbsent).byte(archive::kRef).varint(0).archive(),
+      {"absent inside an array", single(arrayOfAbsent), PXKeyedArchiveDecodeCorruptError},
+      {"an array holding itself", single(selfArray), PXKeyedArchiveDecodeCorruptError},
+      {"trailing bytes in an entry", single(trailing), PXKeyedArchiveDecodeCorruptError},
+      {"unknown class", single(unknownClass), PXKeyedArchiveDecodeClassError},
+      {"class without PXCoding", single(plainClass), PXKeyedArchiveDecodeClassError},
+      {"class name past the limit", single(nameTooLong), PXKeyedArchiveDecodeLimitError},
+      {"initWithCoder refuses", single(refuser), PXKeyedArchiveDecodeRejectedError},
+      {"initWithCoder raises", single(raiser), PXKeyedArchiveDecodeRejectedError},
+      {"32-bit field out of range", single(nodeWith("small", int32TooBig)), PXKeyedArchiveDecodeCorruptError},
+      {"text where a number belongs", single(nodeWith("big", textForNumber)),
        PXKeyedArchiveDecodeCorruptError},
-      {"an array holding itself",
-       Payload().varint(1).entry(selfArray).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"trailing bytes in an entry",
-       Payload().varint(1).entry(trailing).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"unknown class", Payload().varint(1).entry(unknownClass).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeClassError},
-      {"class without PXCoding",
-       Payload().varint(1).entry(plainClass).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeClassError},
-      {"class name past the limit",
-       Payload().varint(1).entry(nameTooLong).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeLimitError},
-      {"initWithCoder refuses", Payload().varint(1).entry(refuser).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeRejectedError},
-      {"initWithCoder raises", Payload().varint(1).entry(raiser).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeRejectedError},
-      {"32-bit field out of range",
-       Payload().varint(1).entry(nodeWith("small", int32TooBig)).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"text where a number belongs",
-       Payload().varint(1).entry(nodeWith("big", textForNumber)).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"date where a number belongs",
-       Payload().varint(1).entry(nodeWith("ratio", dateForNumber)).byte(archive::kRef).varint(0).archive(),
+      {"date where a number belongs", single(nodeWith("ratio", dateForNumber)),
        PXKeyedArchiveDecodeCorruptError},
       {"nesting past the limit", nestedArrayArchive(kPXKeyedArchiveMaxDepth + 1),
        PXKeyedArchiveDecodeLimitError},
@@ -693,8 +668,7 @@ TEST(PXKeyedUnarchiver, RefusesHostileContentsBehindAValidChecksum) {
   // The wrong type for an object field is not an error: the typed read gives nothing.
   Payload labelIsNumber;
   labelIsNumber.byte(archive::kInt).varint(2);
-  PXValue v = decodeBytes(
-      Payload().varint(1).entry(nodeWith("label", labelIsNumber)).byte(archive::kRef).varint(0).archive());
+  PXValue v = decodeBytes(single(nodeWith("label", labelIsNumber)));
   auto n = PXDynamicCast<PXArchiveTestNode>(v.objectValue());
   ASSERT_TRUE(n);
   EXPECT_FALSE(n->label);

@@ -127,34 +127,3 @@ TEST(PXMonitor, ExcludesOtherThreadsAndNestsOnTheOwner) {
   EXPECT_TRUE(monitor.try_lock()) << "left free";
   monitor.unlock();
 }
-
-TEST(PXClass, DeclaredPropertiesAndAncestry) {
-  const PXClass& tracked = Tracked::classObject();
-  const PXClass& child = TrackedChild::classObject();
-  EXPECT_EQ(tracked.name(), "Tracked");
-  EXPECT_EQ(child.superclass(), &tracked);
-  EXPECT_EQ(tracked.superclass(), &PXObject::classObject());
-  EXPECT_TRUE(child.isSubclassOf(PXObject::classObject()));
-  EXPECT_FALSE(tracked.isSubclassOf(child));
-  EXPECT_EQ(PXClass::named("TrackedChild"), &child);
-  EXPECT_EQ(PXClass::named("NoSuchClass"), nullptr);
-
-  ASSERT_EQ(child.properties().size(), 1u) << "a class lists only what it declares itself";
-  EXPECT_EQ(child.propertyNamed("label"), tracked.propertyNamed("label")) << "lookup walks superclasses";
-
-  struct Row {
-    const char* name;
-    const char* attributes;
-  };
-  for (Row row : {Row{"count", "Ti,V_count"}, Row{"label", "T@\"NSString\",C,V_label"},
-                  Row{"child", "T@,&,V_child"}, Row{"weight", "Td,R,V_weight"}}) {
-    const PXPropertyDescriptor* p = child.propertyNamed(row.name);
-    ASSERT_NE(p, nullptr) << row.name;
-    EXPECT_EQ(p->attributes(), row.attributes) << row.name;
-  }
-
-  auto classes = PXClass::allClasses();
-  auto at = [&](const PXClass* c) { return std::find(classes.begin(), classes.end(), c) - classes.begin(); };
-  EXPECT_LT(at(&PXObject::classObject()), at(&tracked));
-  EXPECT_LT(at(&tracked), at(&child)) << "registration order puts a superclass first";
-}

@@ -239,33 +239,6 @@ TEST(PXValue, ConvertingAccessorsClampAndParse) {
   }
 }
 
-TEST(PXValue, TypedViewsOnlyForTheirKind) {
-  PXValue array(PXArray::arrayWithObjects({1}));
-  PXValue mutableArray(PXMutableArray::array());
-  PXValue dictionary(PXDictionary::dictionaryWithEntries({{"k", 1}}));
-  PXValue data(PXData::dataWithString("d"));
-  EXPECT_TRUE(array.isArray());
-  EXPECT_TRUE(array.arrayValue());
-  EXPECT_FALSE(array.mutableArrayValue());
-  EXPECT_FALSE(array.dictionaryValue());
-  EXPECT_TRUE(mutableArray.mutableArrayValue());
-  EXPECT_TRUE(dictionary.isDictionary());
-  EXPECT_FALSE(dictionary.mutableDictionaryValue());
-  EXPECT_FALSE(dictionary.isArray());
-  EXPECT_TRUE(data.isData());
-  EXPECT_FALSE(data.isObject());
-  EXPECT_TRUE(data.dataValue());
-  EXPECT_EQ(data.objectPointer(), data.dataValue().get());
-  EXPECT_FALSE(PXValue("s").objectValue());
-  EXPECT_EQ(PXValue(1).stringValue(), "");
-  EXPECT_FALSE(PXValue(1).stringObject());
-  EXPECT_EQ(PXValue(PXDate(5)).dateValue(), PXDate(5));
-  EXPECT_EQ(PXValue(5).dateValue(), PXDate());
-  EXPECT_FALSE(PXValue(PXRef<PXArray>()));  // an empty reference is absent
-  EXPECT_FALSE(PXValue(static_cast<const char*>(nullptr)));
-  EXPECT_FALSE(PXValue(PXString()));
-}
-
 // ---- Lifetime ---------------------------------------------------------------
 
 TEST(PXValue, CopiesCountMovesTransferAndSelfAssignmentIsSafe) {
