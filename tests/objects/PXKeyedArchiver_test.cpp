@@ -357,27 +357,6 @@ TEST(PXKeyedArchiver, TemporariesOfEncodeWithCoderAreNeverTakenForEachOther) {
   }
 }
 
-TEST(PXKeyedArchiver, CyclesThroughCodedObjectsComeBackAsCycles) {
-  PXRef<PXArchiveTestNode> a = node(1), b = node(2), self = node(3);
-  a->peer = PXValue(b);
-  b->peer = PXValue(a);
-  self->peer = PXValue(self);
-
-  PXValue back = roundTrip(array({PXValue(a), PXValue(self)}));
-  ASSERT_TRUE(back.isArray());
-  auto ra = PXDynamicCast<PXArchiveTestNode>(back.arrayValue()->objectAtIndex(0).objectValue());
-  auto rself = PXDynamicCast<PXArchiveTestNode>(back.arrayValue()->objectAtIndex(1).objectValue());
-  ASSERT_TRUE(ra && rself);
-  auto rb = PXDynamicCast<PXArchiveTestNode>(ra->peer.objectValue());
-  ASSERT_TRUE(rb);
-  EXPECT_EQ(rb->big, 2);
-  EXPECT_EQ(rb->peer.objectPointer(), ra.get());
-  EXPECT_EQ(rself->peer.objectPointer(), rself.get());
-
-  // Break the reference cycles so every object can go.
-  breakCycles();
-}
-
 TEST(PXKeyedArchiver, ReferencesBackFromDeepInsideFindTheirObjectAtAnyTableSize) {
   // The object is still being written when the references to it are: from
   // inside a dictionary inside an array it holds, and from a coded object in

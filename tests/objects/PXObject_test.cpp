@@ -6,8 +6,6 @@
 #include <thread>
 #include <vector>
 
-#include "objects/internal/ObjectExtras.h"
-
 namespace {
 
 // Counts live instances so tests can see exactly when destruction happens.
