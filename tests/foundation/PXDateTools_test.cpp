@@ -189,24 +189,6 @@ TEST(PXDateTools, LocalizedStringInEnglishUTC) {
   }
 }
 
-TEST(PXDateTools, LocalizedStringFollowsTheUsersZone) {
-  setLocaleEnvironment(nullptr, "en_US.UTF-8", nullptr, "America/New_York");
-  // 10:20 UTC is 06:20 EDT.
-  const std::string text = PXDateTools::localizedStringFormattedWithDateStyle(
-                               kSample, PXDateFormatterShortStyle, PXDateFormatterLongStyle)
-                               .str();
-  EXPECT_EQ(text,
-            "5/1/12, 6:20:30\u202f"
-            "AM EDT");
-  // Near midnight the local date differs from the UTC date.
-  setLocaleEnvironment(nullptr, "en_US.UTF-8", nullptr, "Pacific/Auckland");
-  const PXDate lateUTC = PXDate::dateWithTimeIntervalSince1970(1335910000);  // 2012-05-01 22:06:40 UTC
-  EXPECT_EQ(PXDateTools::localizedStringFormattedWithDateStyle(lateUTC, PXDateFormatterShortStyle,
-                                                               PXDateFormatterNoStyle)
-                .str(),
-            "5/2/12");
-}
-
 // ---- timestamp parsers ---------------------------------------------------------
 
 struct ParseCase {

@@ -3,7 +3,6 @@
 #include <pxkit/json/JSONSerializer.h>
 
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "json/JSONTestDocuments.h"
