@@ -30,46 +30,40 @@ PXRef<PXDictionary> numbered(int count, const char* prefix = "key") {
 }  // namespace
 
 TEST(PXDictionary, MisuseRaisesWithExactMessages) {
-  struct Row {
-    const char* name;
-    std::function<void()> call;
-    const char* reason;
-  };
-  const Row rows[] = {
-      {"nil key", [] { PXMutableDictionary::dictionary()->setObject(1, PXValue()); },
-       "*** -[PXMutableDictionary setObject:forKey:]: attempt to insert nil key"},
-      {"nil value", [] { PXMutableDictionary::dictionary()->setObject(PXValue(), "launches"); },
-       "*** -[PXMutableDictionary setObject:forKey:]: attempt to insert nil value (key: launches)"},
-      {"nil value, number key", [] { PXMutableDictionary::dictionary()->setObject(PXValue(), 0.5); },
-       "*** -[PXMutableDictionary setObject:forKey:]: attempt to insert nil value (key: 0.5)"},
-      {"immutable setValue", [] { numbered(2)->setValueForKey(1, "key0"); },
-       "*** -[PXDictionary setValue:forKey:]: mutating method sent to immutable object"},
-      {"immutable setValue removing", [] { PXDictionary::dictionary()->setValueForKey(PXValue(), "k"); },
-       "*** -[PXDictionary setValue:forKey:]: mutating method sent to immutable object"},
-      {"build with nil key",
-       [] {
+  // "*** -[<class> <method>]: " and the template: a nil key, a nil value
+  // naming its key, or a change to an immutable dictionary.
+  const std::string set = "PXMutableDictionary setObject:forKey:", build = "initWithObjects:forKeys:count:";
+  const std::string immutable = "PXDictionary setValue:forKey:]: mutating method sent to immutable object";
+  const std::pair<std::function<void()>, std::string> rows[] = {
+      {[] { PXMutableDictionary::dictionary()->setObject(1, PXValue()); },
+       set + "]: attempt to insert nil key"},
+      {[] { PXMutableDictionary::dictionary()->setObject(PXValue(), "launches"); },
+       set + "]: attempt to insert nil value (key: launches)"},
+      {[] { PXMutableDictionary::dictionary()->setObject(PXValue(), 0.5); },
+       set + "]: attempt to insert nil value (key: 0.5)"},
+      {[] { numbered(2)->setValueForKey(1, "key0"); }, immutable},
+      {[] { PXDictionary::dictionary()->setValueForKey(PXValue(), "k"); }, immutable},
+      {[] {
          (void)PXDictionary::dictionaryWithEntries({{PXValue(), 1}});
        },
-       "*** -[PXDictionary initWithObjects:forKeys:count:]: attempt to insert nil key"},
-      {"build with nil value",
-       [] {
+       "PXDictionary " + build + "]: attempt to insert nil key"},
+      {[] {
          (void)PXDictionary::dictionaryWithEntries({{"a", 1}, {"b", PXValue()}});
        },
-       "*** -[PXDictionary initWithObjects:forKeys:count:]: attempt to insert nil value (key: b)"},
-      {"build mutable with nil value",
-       [] {
+       "PXDictionary " + build + "]: attempt to insert nil value (key: b)"},
+      {[] {
          (void)PXMake<PXMutableDictionary>(std::vector<Entry>{{"c", PXValue()}});
        },
-       "*** -[PXMutableDictionary initWithObjects:forKeys:count:]: attempt to insert nil value (key: c)"},
+       "PXMutableDictionary " + build + "]: attempt to insert nil value (key: c)"},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
+  for (const auto& [call, reason] : rows) {
+    SCOPED_TRACE(reason);
     try {
-      row.call();
+      call();
       ADD_FAILURE() << "no exception";
     } catch (const PXException& e) {
       EXPECT_EQ(e.name(), kPXInvalidArgumentException);
-      EXPECT_EQ(e.reason(), row.reason);
+      EXPECT_EQ(e.reason().str(), "*** -[" + reason);
     }
   }
 }
