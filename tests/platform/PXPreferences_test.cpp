@@ -123,6 +123,20 @@ TEST_F(PXPreferencesTest, ByHostValuesLiveInTheirOwnFileNamedByTheHostKey) {
   EXPECT_FALSE(readPreferences(byHostPath)->objectForKey("MetricsRandomSystemID"));
 }
 
+TEST_F(PXPreferencesTest, ByHostValuesWrittenByAnotherProcessArriveAtSynchronize) {
+  ASSERT_TRUE(
+      PXPreferences::setValue("Mine", "kept", kAppID, kPXPreferencesCurrentUser, kPXPreferencesCurrentHost));
+  ASSERT_EQ(
+      PXSubprocess::run({PXKIT_PREFS_CHILD, "byhost-set", kAppID, "Theirs", "written elsewhere"}).exitStatus,
+      0);
+  ASSERT_TRUE(PXPreferences::synchronize(kAppID, kPXPreferencesCurrentUser, kPXPreferencesCurrentHost));
+  EXPECT_EQ(currentHostValue("Theirs").stringValue(), "written elsewhere");
+  EXPECT_EQ(currentHostValue("Mine").stringValue(), "kept");
+  PXRef<PXDictionary> onDisk = readPreferences(appDirectory() + "/" + kAppID + "." + kHostKey + ".plist");
+  ASSERT_TRUE(onDisk);
+  EXPECT_EQ(onDisk->count(), 2u);
+}
+
 TEST_F(PXPreferencesTest, AnyHostValuesAreTheUserDefaults) {
   PXUserDefaults* defaults = PXUserDefaults::standardUserDefaults();
   defaults->setObject("from defaults", "Shared");

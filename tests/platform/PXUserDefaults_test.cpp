@@ -235,6 +235,22 @@ TEST_F(PXUserDefaultsTest, TypedReadsConvertAsDocumented) {
   EXPECT_EQ(defaults->valueForKey("blob").dataValue()->view(), "raw");  // key-value coding reads the defaults
 }
 
+TEST_F(PXUserDefaultsTest, StoredValuesAreImmutableCopies) {
+  auto list = PXMutableArray::array();
+  auto inner = PXMutableDictionary::dictionary();
+  inner->setObject(1, "n");
+  list->addObject(PXValue(inner));
+  defaults->setObject(PXValue(list), "list");
+  list->addObject("later");
+  inner->setObject(2, "n");
+  PXRef<PXArray> stored = defaults->arrayForKey("list");
+  ASSERT_TRUE(stored);
+  EXPECT_EQ(stored->count(), 1u);
+  EXPECT_FALSE(stored->isMutable());
+  EXPECT_FALSE(stored->objectAtIndex(0).objectPointer()->isMutable());
+  EXPECT_EQ(stored->objectAtIndex(0).dictionaryValue()->objectForKey("n").longLongValue(), 1);
+}
+
 TEST_F(PXUserDefaultsTest, RefusesValuesThatAreNotPropertyLists) {
   for (const PXValue& bad : {PXValue::null(), PXValue(PXError::errorWithDomain("D", 1)),
                              PXValue(PXArray::arrayWithObjects({PXValue::null()})),
