@@ -1,5 +1,5 @@
 # The project's front door. Every target installs what is missing first.
-.PHONY: deps test tsan bench demo format check-format fuzz clean
+.PHONY: deps test tsan coverage bench demo format check-format fuzz clean
 
 JOBS ?= $(shell nproc)
 
@@ -16,6 +16,12 @@ tsan: deps
 	cmake --preset tsan >/dev/null
 	cmake --build --preset tsan -j $(JOBS)
 	ctest --preset tsan
+
+# Line and branch coverage of src/ over the whole suite (clang, instrumented build).
+coverage: deps
+	cmake --preset coverage >/dev/null
+	cmake --build --preset coverage -j $(JOBS)
+	scripts/run-coverage build/coverage
 
 # The optimised build of the pxkit tool alone, then its demonstration.
 demo: deps

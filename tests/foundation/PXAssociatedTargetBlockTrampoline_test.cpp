@@ -54,23 +54,6 @@ TEST(PXAssociatedTargetBlockTrampoline, DeallocCallbackRunsOnceWithItselfThenBot
   EXPECT_FALSE(cleared);
 }
 
-TEST(PXAssociatedTargetBlockTrampoline, ServesAsANotificationTarget) {
-  auto center = PXMake<PXNotificationCenter>();
-  std::vector<std::string> heard;
-  auto trampoline = Trampoline::trampolineWithInvocationBlock(
-      [&](PXObject* sender) {
-        auto* note = dynamic_cast<PXNotification*>(sender);
-        ASSERT_NE(note, nullptr);
-        heard.push_back(note->name().str());
-      },
-      nullptr);
-  center->addObserver(trampoline.get(), &Trampoline::invoke, "PXTestPing");
-  center->postNotificationName("PXTestPing");
-  center->postNotificationName("PXTestOther");
-  EXPECT_EQ(heard, (std::vector<std::string>{"PXTestPing"}));
-  center->removeObserver(trampoline.get());
-}
-
 PXRef<PXDictionary> deallocDictionary(const PXObject& object) {
   return PXRuntime::getAssociatedObjectForKey(object, kPXAssociatedTargetBlockTrampolineDict)
       .dictionaryValue();

@@ -106,17 +106,6 @@ TEST(PXPropertyTools, EnumerationSelectsRecursesAndStopsPerClass) {
   }
 }
 
-TEST(PXPropertyTools, DescriptorsCarryTypeAndOwnership) {
-  std::vector<std::string> attributes;
-  PXPropertyTools::enumerateProperties(
-      PTDerived::classObject(), PXArray::arrayWithObjects({"title", "delegateLike", "count"}), false,
-      [&](const PXClass&, std::string_view, const PXPropertyDescriptor& property, bool*) {
-        attributes.push_back(property.attributes());
-      });
-  EXPECT_EQ(attributes,
-            (std::vector<std::string>{"T@\"NSString\",C,V_title", "T@,V_delegateLike", "Ti,V_count"}));
-}
-
 TEST(PXPropertyTools, ReleaseAndNilClearsOnlyBackedCopyAndRetainProperties) {
   auto object = PXMake<PTDerived>();
   auto child = PXMake<PXObject>();

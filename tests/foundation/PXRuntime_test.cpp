@@ -31,45 +31,6 @@ namespace {
 const char kFirstKey = 0;
 const char kSecondKey = 0;
 
-TEST(PXRuntime, AssociationPoliciesDecideOwnership) {
-  auto host = PXMake<RTAnimal>();
-
-  auto retained = PXMake<RTDog>();
-  PXWeakRef<RTDog> retainedWeak = retained;
-  PXRuntime::setRetainedAssociatedObject(*host, retained, &kFirstKey);
-  retained = nullptr;
-  EXPECT_FALSE(retainedWeak.expired()) << "a retained association keeps its object";
-  EXPECT_EQ(PXRuntime::getAssociatedObjectForKey(*host, &kFirstKey).objectPointer(),
-            retainedWeak.lock().get());
-
-  // Replacing the value under a key releases the old one.
-  auto assigned = PXMake<RTCat>();
-  PXWeakRef<RTCat> assignedWeak = assigned;
-  PXRuntime::setAssignedAssociatedObject(*host, assigned, &kFirstKey);
-  EXPECT_TRUE(retainedWeak.expired());
-  EXPECT_EQ(PXRuntime::getAssociatedObjectForKey(*host, &kFirstKey).objectPointer(), assigned.get());
-  EXPECT_EQ(assigned->retainCount(), 1u) << "an assigned association holds no reference";
-  PXRuntime::setAssignedAssociatedObject(*host, PXValue(), &kFirstKey);
-  assigned = nullptr;
-  EXPECT_TRUE(assignedWeak.expired());
-  EXPECT_TRUE(PXRuntime::getAssociatedObjectForKey(*host, &kFirstKey).isAbsent());
-
-  // A copied association keeps a snapshot.
-  auto list = PXMutableArray::array();
-  list->addObject("one");
-  PXRuntime::setCopiedAssociatedObject(*host, list, &kSecondKey);
-  list->addObject("two");
-  PXRef<PXArray> stored = PXRuntime::getAssociatedObjectForKey(*host, &kSecondKey).arrayValue();
-  ASSERT_TRUE(stored);
-  EXPECT_NE(static_cast<PXObject*>(stored.get()), static_cast<PXObject*>(list.get()));
-  EXPECT_EQ(stored->count(), 1u);
-  EXPECT_FALSE(stored->isMutable());
-
-  // Plain values are stored as they are, whatever the policy.
-  PXRuntime::setAssignedAssociatedObject(*host, "online", &kFirstKey);
-  EXPECT_EQ(PXRuntime::getAssociatedObjectForKey(*host, &kFirstKey).description().str(), "online");
-}
-
 TEST(PXRuntime, RemoveAssociatedObjectsReleasesEveryValue) {
   auto host = PXMake<RTAnimal>();
   auto first = PXMake<RTDog>();

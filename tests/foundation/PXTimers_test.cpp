@@ -70,17 +70,6 @@ TEST(PXBlocks, CallbackLivesInTheUserInfoAndAnEmptyOneFiresSilently) {
   EXPECT_EQ(seen, timer.get());
 }
 
-TEST(PXBlocks, NoModeMeansTheCommonModes) {
-  PXScopedVirtualClock clock{PXDate(kStart)};
-  int fired = 0;
-  PXRef<PXTimer> timer = PXBlocks::scheduledTimerWithFireDate(
-      PXDate(kStart + 1), 0, [&](PXTimer*) { ++fired; }, false);
-  EXPECT_EQ(timer->runLoop(), PXRunLoop::current());
-  // Running the loop in the default mode still fires it: on Linux the common
-  // modes and the default mode are one set.
-  ASSERT_TRUE(PXRunLoopUntil([&] { return fired == 1; }, {.maxVirtualSeconds = 5}));
-}
-
 TEST(PXAbsoluteTimeFire, WakeAndTimeZoneChangeReapplyTheSameAbsoluteDate) {
   PXScopedVirtualClock clock{PXDate(kStart)};
   PXDate target(kStart + 600);
@@ -128,29 +117,4 @@ TEST(PXAbsoluteTimeFire, ObservationEndsWhenTheTimerIsDestroyedNotWhenInvalidate
   EXPECT_EQ(workspace->observerCount(), workspaceBefore);
   EXPECT_EQ(defaults->observerCount(), defaultBefore);
   workspace->postNotificationName(kPXWorkspaceDidWakeNotification);  // nobody left to call
-}
-
-TEST(PXAbsoluteTimeFire, RealTimeZoneSwapReachesTheTimer) {
-  PXTempHome home;
-  // A local-time link of our own, swapped atomically the way timedatectl does it.
-  std::string dir = home.makeDirectory("zone");
-  std::string link = dir + "/localtime";
-  std::filesystem::create_symlink("/usr/share/zoneinfo/Europe/Berlin", link);
-  setenv("PXKIT_LOCALTIME_PATH", link.c_str(), 1);
-  unsetenv("TZ");
-  PXScopedVirtualClock clock{PXDate(kStart)};
-  PXDate target(kStart + 86400);
-  PXRef<PXTimer> timer = PXAbsoluteTimeFire::scheduledTimerWithAbsoluteFireDate(target, [](PXTimer*) {});
-  ASSERT_TRUE(PXRunLoopUntil([] { return PXSystemEvents::isWatchingTimeZone(); }));
-
-  bool announced = false;
-  PXNotificationCenter::defaultCenter()->addObserverForName(kPXSystemTimeZoneDidChangeNotification, nullptr,
-                                                            nullptr,
-                                                            [&](const PXNotification&) { announced = true; });
-  timer->setFireDate(PXDate(kStart + 12345));
-  std::filesystem::create_symlink("/usr/share/zoneinfo/America/New_York", dir + "/localtime.new");
-  std::filesystem::rename(dir + "/localtime.new", link);
-  ASSERT_TRUE(PXRunLoopUntil([&] { return announced; }));
-  EXPECT_EQ(timer->fireDate(), target);
-  timer->invalidate();
 }

@@ -48,32 +48,6 @@ std::string mutate(JSONTestDocuments& g, std::string text) {
 
 }  // namespace
 
-TEST(JSONDecoderFuzz, SeedsHoldTheFuzzersProperties) {
-  const char* const seeds[] = {
-      "",
-      "[]",
-      "{}",
-      "[1,2,3]",
-      "{\"a\":{\"b\":[true,false,null]}}",
-      "[\"\\ud83d\\ude00\"]",
-      "[\"\\ud800\"]",
-      "[1] trailing",
-      "/* c */ [1] // c",
-      "[1,\xe2\x80\xa8 2]",
-      "[\"\xff\"]",
-      "[-0, 1e400, 1e-400]",
-      "[18446744073709551616]",
-      "{\"dup\":1,\"dup\":2}",
-      "[\"a\tb\"]",
-      "[0.1, 5e-324, 1.7976931348623157e308]",
-  };
-  for (const char* seed : seeds) {
-    for (uint8_t options = 0; options < 16; ++options) feed(options, seed);
-  }
-  feed(0, std::string(600, '['));
-  feed(0, std::string(512, '[') + std::string(512, ']'));
-}
-
 TEST(JSONDecoderFuzz, GeneratedAndMutatedInputsHoldTheFuzzersProperties) {
   JSONTestDocuments g(3);
   for (int i = 0; i < 3000; ++i) {

@@ -19,28 +19,11 @@ PXRef<PXArray> list(std::initializer_list<PXValue> values) {
   return PXArray::arrayWithObjects(values);
 }
 
-std::string bytes(const PXRef<PXData>& data) {
-  return data ? std::string(data->view()) : "(none)";
-}
-
 PXValue read(std::string_view text, unsigned options = 0, PXErrorRef* error = nullptr) {
   return PXJSONSerialization::JSONObjectWithData(PXData::dataWithString(text), options, error);
 }
 
 }  // namespace
-
-TEST(PXJSONSerialization, TheBuiltInCodecIsChosenOnceForEveryThread) {
-  std::atomic<int> available{0};
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 8; ++i) {
-    threads.emplace_back([&] {
-      if (PXJSONSerialization::isNSJSONSerializationAvailable()) ++available;
-    });
-  }
-  for (auto& t : threads) t.join();
-  EXPECT_EQ(available.load(), 0);
-  EXPECT_FALSE(PXJSONSerialization::isNSJSONSerializationAvailable());
-}
 
 TEST(PXJSONSerialization, ValidityFollowsTheRepresentableKinds) {
   auto selfContaining = PXMutableArray::array();
@@ -74,74 +57,6 @@ TEST(PXJSONSerialization, ValidityFollowsTheRepresentableKinds) {
     EXPECT_EQ(PXJSONSerialization::isValidJSONObject(row.object), row.valid);
   }
   selfContaining->removeAllObjects();
-}
-
-TEST(PXJSONSerialization, WritingFollowsTheKindOfTheObject) {
-  EXPECT_EQ(bytes(PXJSONSerialization::dataWithJSONObject(3.5, 0)), "3.5");
-  EXPECT_EQ(bytes(PXJSONSerialization::dataWithJSONObject(-7, 0)), "-7");
-  EXPECT_EQ(bytes(PXJSONSerialization::dataWithJSONObject(true, 0)), "1");  // a number's own text
-  EXPECT_EQ(bytes(PXJSONSerialization::dataWithJSONObject(18446744073709551615ull, 0)),
-            "18446744073709551615");
-  EXPECT_EQ(bytes(PXJSONSerialization::dataWithJSONObject("say \"hi\"\n", 0)), "\"say \\\"hi\\\"\\n\"");
-  auto doc = dict({{"a", list({1, 2})}, {"b", PXValue::null()}});
-  EXPECT_EQ(bytes(PXJSONSerialization::dataWithJSONObject(doc, 0)), R"({"a":[1,2],"b":null})");
-  EXPECT_EQ(bytes(PXJSONSerialization::dataWithJSONObject(doc, kPXJSONWritingPrettyPrinted)),
-            "{\n  \"a\": [\n    1,\n    2\n  ],\n  \"b\": null\n}");
-  // Other option bits mean nothing to the built-in codec.
-  EXPECT_EQ(bytes(PXJSONSerialization::dataWithJSONObject(doc, 0x10)), R"({"a":[1,2],"b":null})");
-}
-
-TEST(PXJSONSerialization, NullAndUnsupportedObjectsWriteNothingAndLeaveTheErrorAlone) {
-  const PXErrorRef sentinel = PXError::errorWithDomain("Sentinel", 7);
-  for (const PXValue& object :
-       {PXValue::null(), PXValue(PXDate(0)), PXValue(PXData::dataWithString("x")), PXValue()}) {
-    PXErrorRef error = sentinel;
-    EXPECT_FALSE(PXJSONSerialization::dataWithJSONObject(object, 0, &error));
-    EXPECT_EQ(error, sentinel);
-    EXPECT_FALSE(PXJSONSerialization::dataWithJSONObject(object, 0));
-  }
-}
-
-TEST(PXJSONSerialization, CodecErrorsPassThrough) {
-  PXErrorRef error;
-  EXPECT_FALSE(PXJSONSerialization::dataWithJSONObject(list({PXValue(PXDate(0))}), 0, &error));
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->domain(), "PXJSONErrorDomain");
-  EXPECT_EQ(error->localizedDescription(), "Unable to serialize object class NSDate.");
-
-  error = nullptr;
-  EXPECT_FALSE(read("\"just a string\"", 0, &error));
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->domain(), "PXJSONErrorDomain");
-  EXPECT_EQ(error->localizedDescription(), "Expected either '[' or '{'.");
-
-  error = nullptr;
-  EXPECT_FALSE(PXJSONSerialization::JSONObjectWithData(nullptr, 0, &error));
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->localizedDescription(), "The jsonData argument is NULL.");
-  EXPECT_FALSE(PXJSONSerialization::JSONObjectWithData(PXRef<PXData>(), 0));
-}
-
-TEST(PXJSONSerialization, ReadingIsLenient) {
-  struct Row {
-    const char* name;
-    std::string text;
-  };
-  const Row rows[] = {
-      {"text after the document", R"({"processed": [1, 2]} and then some)"},
-      {"comments", "/* receipt */ {\"processed\": [1, // first\n 2]}"},
-      {"Unicode line breaks", "{\"processed\":\xe2\x80\xa8[1,\xc2\x85 2]}"},
-      {"ill-formed UTF-8", "{\"processed\": [1, 2], \"note\": \"\xff\"}"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    PXErrorRef error;
-    PXValue doc = read(row.text, 0, &error);
-    ASSERT_TRUE(doc.isDictionary()) << (error ? error->localizedDescription().str() : "");
-    EXPECT_EQ(doc.dictionaryValue()->objectForKey("processed").arrayValue()->count(), 2u);
-  }
-  // Still JSON: a raw tab in a string is refused.
-  EXPECT_FALSE(read("[\"\t\"]"));
 }
 
 TEST(PXJSONSerialization, EitherMutableOptionGivesMutableContainers) {

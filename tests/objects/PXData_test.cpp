@@ -32,21 +32,6 @@ TEST(PXData, DescriptionShowsLengthAndBytes) {
   for (const Row& row : rows) EXPECT_EQ(row.data->description(), row.text);
 }
 
-TEST(PXData, EqualityHashAndValueKind) {
-  auto a = PXData::dataWithString("bytes");
-  auto b = PXData::dataWithBytes("bytes", 5);
-  EXPECT_TRUE(a->isEqual(*b));
-  EXPECT_EQ(a->hash(), b->hash());
-  EXPECT_FALSE(a->isEqual(*PXData::dataWithString("byte")));
-  PXValue v(a);
-  EXPECT_TRUE(v.isData());
-  EXPECT_TRUE(v.isEqual(PXValue(b)));
-  EXPECT_EQ(v.hash(), PXValue(b).hash());
-  EXPECT_EQ(a->view(), "bytes");
-  EXPECT_EQ(a->length(), 5u);
-  EXPECT_EQ(a->bytes()[4], 's');
-}
-
 TEST(PXData, CopiesAndMutation) {
   EXPECT_EQ(PXData::data().get(), PXData::dataWithBytes(nullptr, 0).get());
   EXPECT_EQ(PXData::data().get(), PXData::dataWithBytes(std::vector<uint8_t>{}).get());

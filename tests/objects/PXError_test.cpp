@@ -43,20 +43,3 @@ TEST(PXError, EqualityAndUserInfoSnapshot) {
   EXPECT_FALSE(error->isEqual(*PXError::errorWithDomain("D", 2, same->userInfo())));
   EXPECT_FALSE(error->isEqual(*PXError::errorWithDomain("E", 1, same->userInfo())));
 }
-
-TEST(PXException, CarriesNameReasonAndFormats) {
-  try {
-    PXException::raise(kPXRangeException, "index (%lu) beyond %@", size_t{4}, PXString("bounds"));
-    FAIL() << "raise returned";
-  } catch (const std::exception& e) {
-    EXPECT_STREQ(e.what(), "index (4) beyond bounds");
-    const auto* px = dynamic_cast<const PXException*>(&e);
-    ASSERT_NE(px, nullptr);
-    EXPECT_EQ(px->name(), "NSRangeException");
-    EXPECT_EQ(px->description(), "NSRangeException: index (4) beyond bounds");
-    EXPECT_FALSE(px->userInfo());
-  }
-  PXException withInfo(kPXInvalidArgumentException, "r", PXDictionary::dictionaryWithEntries({{"k", 1}}));
-  EXPECT_EQ(withInfo.name(), "NSInvalidArgumentException");
-  EXPECT_EQ(withInfo.userInfo()->count(), 1u);
-}

@@ -178,6 +178,11 @@ std::vector<uint8_t> rewrap(const std::vector<uint8_t>& payload) {
   return archive::wrapPayload(payload);
 }
 
+// An archive of one object-table entry, the root referring to it.
+std::vector<uint8_t> single(const Payload& entry) {
+  return Payload().varint(1).entry(entry).byte(archive::kRef).varint(0).archive();
+}
+
 // N arrays nested around a 1, as crafted bytes: entry i holds [ref i+1].
 std::vector<uint8_t> nestedArrayArchive(size_t depth) {
   Payload p;
@@ -341,37 +346,6 @@ TEST(PXKeyedArchiver, AnObjectReachedTwiceIsWrittenOnceAndComesBackOnce) {
   EXPECT_TRUE(d->objectForKey("a").isEqual(big));
 }
 
-TEST(PXKeyedArchiver, CodedObjectsComeBackByClassNameWithTheirFields) {
-  PXRef<PXArchiveTestNode> original = node(std::numeric_limits<int64_t>::min());
-  original->small = -123456;
-  original->ratio = 2.5e-7;
-  original->flag = true;
-  original->label = "identifier";
-  auto data = PXMutableDictionary::dictionary();
-  data->setObject(PXValue(PXDate(100)), "when");
-  original->payload = PXValue(data);
-  original->peer = PXValue(node(99));
-
-  PXValue back = roundTrip(array({PXValue(original)}));
-  ASSERT_TRUE(back.isArray());
-  auto restored = PXDynamicCast<PXArchiveTestNode>(back.arrayValue()->objectAtIndex(0).objectValue());
-  ASSERT_TRUE(restored);
-  EXPECT_NE(restored.get(), original.get());
-  EXPECT_EQ(restored->pxClass().name(), "PXArchiveTestNode");
-  EXPECT_EQ(restored->big, std::numeric_limits<int64_t>::min());
-  EXPECT_EQ(restored->small, -123456);
-  EXPECT_EQ(restored->ratio, 2.5e-7);
-  EXPECT_TRUE(restored->flag);
-  EXPECT_EQ(restored->label, "identifier");
-  ASSERT_TRUE(restored->payload.mutableDictionaryValue());
-  EXPECT_TRUE(restored->payload.isEqual(PXValue(data)));
-  auto peer = PXDynamicCast<PXArchiveTestNode>(restored->peer.objectValue());
-  ASSERT_TRUE(peer);
-  EXPECT_EQ(peer->big, 99);
-  EXPECT_FALSE(peer->peer);  // absent fields stay absent
-  EXPECT_FALSE(peer->label);
-}
-
 TEST(PXKeyedArchiver, TemporariesOfEncodeWithCoderAreNeverTakenForEachOther) {
   PXValue back = roundTrip(PXValue(PXMake<PXArchiveTestSnapshot>()));
   auto restored = PXDynamicCast<PXArchiveTestSnapshot>(back.objectValue());
@@ -381,27 +355,6 @@ TEST(PXKeyedArchiver, TemporariesOfEncodeWithCoderAreNeverTakenForEachOther) {
     EXPECT_TRUE(restored->fields[i].isEqual(PXValue(PXArray::arrayWithValues({PXValue(i)}))))
         << "field " << i;
   }
-}
-
-TEST(PXKeyedArchiver, CyclesThroughCodedObjectsComeBackAsCycles) {
-  PXRef<PXArchiveTestNode> a = node(1), b = node(2), self = node(3);
-  a->peer = PXValue(b);
-  b->peer = PXValue(a);
-  self->peer = PXValue(self);
-
-  PXValue back = roundTrip(array({PXValue(a), PXValue(self)}));
-  ASSERT_TRUE(back.isArray());
-  auto ra = PXDynamicCast<PXArchiveTestNode>(back.arrayValue()->objectAtIndex(0).objectValue());
-  auto rself = PXDynamicCast<PXArchiveTestNode>(back.arrayValue()->objectAtIndex(1).objectValue());
-  ASSERT_TRUE(ra && rself);
-  auto rb = PXDynamicCast<PXArchiveTestNode>(ra->peer.objectValue());
-  ASSERT_TRUE(rb);
-  EXPECT_EQ(rb->big, 2);
-  EXPECT_EQ(rb->peer.objectPointer(), ra.get());
-  EXPECT_EQ(rself->peer.objectPointer(), rself.get());
-
-  // Break the reference cycles so every object can go.
-  breakCycles();
 }
 
 TEST(PXKeyedArchiver, ReferencesBackFromDeepInsideFindTheirObjectAtAnyTableSize) {
@@ -485,36 +438,97 @@ TEST(PXKeyedArchiver, RefusesGraphsItCannotWrite) {
 
 // ---- What the unarchiver refuses ----------------------------------------------------------
 
-TEST(PXKeyedUnarchiver, RefusesEveryTruncationAndEveryBitFlip) {
-  PXRef<PXArchiveTestNode> n = node(5);
-  n->label = "x";
-  PXRef<PXData> good = PXKeyedArchiver::archivedDataWithRootObject(
-      dict({{"n", PXValue(n)}, {"list", array({1, 2.5, "three", PXDate(4)})}}));
-  ASSERT_TRUE(good);
-  std::vector<uint8_t> bytes(good->bytes().begin(), good->bytes().end());
-  ASSERT_TRUE(decodeBytes(bytes));
+// Damage of every kind: each truncation and each single-bit flip of a whole
+// archive (the checksum or the header's own checks catch them), then thousands
+// of random edits of the contents behind a fresh valid checksum, which the
+// decoder has to refuse on its own. Every outcome is a value or an error, never
+// both; the fuzz target's entry point, fed the same edits, checks further that
+// a value archives back to the same bytes (it aborts otherwise).
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
-  for (size_t length = 0; length < bytes.size(); ++length) {
+TEST(PXKeyedUnarchiver, EveryTruncationFlipAndEditGivesAValueOrAnError) {
+  PXRef<PXArchiveTestNode> a = node(1), b = node(2);
+  a->peer = PXValue(b);
+  a->label = "label";
+  b->payload = array({1, -2, 3.5, "four", PXDate(5), true, PXValue::null()});
+  auto mutableDict = PXMutableDictionary::dictionary();
+  mutableDict->setObject(PXValue(PXData::dataWithString("bytes")), "d");
+  mutableDict->setObject(PXValue(a), "a");
+  PXRef<PXData> good =
+      PXKeyedArchiver::archivedDataWithRootObject(dict({{"m", PXValue(mutableDict)},
+                                                        {"b", PXValue(b)},
+                                                        {"u", 18446744073709551615ull},
+                                                        {"arr", array({PXValue(mutableDict), array({})})}}));
+  ASSERT_TRUE(good);
+  const std::vector<uint8_t> bytes(good->bytes().begin(), good->bytes().end());
+  ASSERT_TRUE(decodeBytes(bytes));
+  breakCycles();
+  for (size_t length = 0; length <= bytes.size(); ++length) {
     std::vector<uint8_t> cut(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(length));
+    if (length == bytes.size()) cut.push_back(0);  // bytes after a good archive are damage too
     PXErrorRef error;
     EXPECT_FALSE(decodeBytes(cut, &error)) << "prefix of " << length;
-    ASSERT_TRUE(error);
+    EXPECT_TRUE(error);
   }
-  // The checksum catches every single-bit change of the contents; the header's
-  // own checks catch the rest.
-  for (size_t at = 0; at < bytes.size(); ++at) {
-    for (int bit = 0; bit < 8; ++bit) {
-      std::vector<uint8_t> flipped = bytes;
-      flipped[at] ^= static_cast<uint8_t>(1u << bit);
-      PXErrorRef error;
-      EXPECT_FALSE(decodeBytes(flipped, &error)) << "byte " << at << " bit " << bit;
-      EXPECT_TRUE(error);
+  for (size_t at = 0; at < bytes.size() * 8; ++at) {
+    std::vector<uint8_t> flipped = bytes;
+    flipped[at / 8] ^= static_cast<uint8_t>(1u << (at % 8));
+    PXErrorRef error;
+    EXPECT_FALSE(decodeBytes(flipped, &error)) << "byte " << at / 8 << " bit " << at % 8;
+    EXPECT_TRUE(error);
+  }
+
+  // Two coded nodes of the fuzz target's own class that refer to each other.
+  Payload first, second, graph;
+  first.byte(archive::kCodedObject).text("PXKeyedArchiveFuzzNode").varint(4);
+  first.text("i").byte(archive::kInt).varint(99).text("s").byte(archive::kString).text("node");
+  first.text("d").byte(archive::kDouble).raw(std::string(8, '\x01')).text("o").byte(archive::kRef).varint(1);
+  second.byte(archive::kCodedObject).text("PXKeyedArchiveFuzzNode").varint(2);
+  second.text("small").byte(archive::kInt).varint(6).text("o").byte(archive::kRef).varint(0);
+  graph.varint(2).entry(first).entry(second).byte(archive::kRef).varint(0);
+  const std::vector<uint8_t> fuzzSeed(graph.bytes.begin(), graph.bytes.end());
+
+  GRand* rand = g_rand_new_with_seed(1234);
+  auto edit = [rand](std::vector<uint8_t> m) {
+    for (int e = g_rand_int_range(rand, 1, 5); e > 0 && !m.empty(); --e) {
+      auto at = static_cast<size_t>(g_rand_int_range(rand, 0, static_cast<gint32>(m.size())));
+      auto byte = static_cast<uint8_t>(g_rand_int_range(rand, 0, 256));
+      switch (g_rand_int_range(rand, 0, 4)) {
+        case 0:
+          m[at] = byte;
+          break;
+        case 1:
+          m.erase(m.begin() + static_cast<ptrdiff_t>(at));
+          break;
+        case 2:
+          m.insert(m.begin() + static_cast<ptrdiff_t>(at), byte);
+          break;
+        default:
+          m.resize(at);
+          break;
+      }
     }
+    return m;
+  };
+  int values = 0, errors = 0;
+  for (int i = 0; i < 6000; ++i) {
+    std::vector<uint8_t> m = edit(payloadOf(good));
+    PXErrorRef error;
+    PXValue v = decodeBytes(rewrap(m), &error);
+    breakCycles();
+    EXPECT_FALSE(v && error);
+    if (!v && !error) {
+      EXPECT_EQ(rewrap(m).back(), archive::kAbsent);  // a root turned into the "absent" tag
+      continue;
+    }
+    (v ? values : errors) += 1;
+    std::vector<uint8_t> input = edit(fuzzSeed);
+    input.insert(input.begin(), i % 16 == 0 ? 0 : 1);  // 1: as contents behind a valid header
+    ASSERT_EQ(LLVMFuzzerTestOneInput(input.data(), input.size()), 0);
   }
-  // Bytes appended after a good archive are a corruption too.
-  std::vector<uint8_t> longer = bytes;
-  longer.push_back(0);
-  EXPECT_FALSE(decodeBytes(longer));
+  g_rand_free(rand);
+  EXPECT_GT(errors, 0);
+  EXPECT_GT(values, 0) << "no edit kept a decodable archive: the test exercises too little";
 }
 
 TEST(PXKeyedUnarchiver, RefusesForeignData) {
@@ -592,59 +606,29 @@ TEST(PXKeyedUnarchiver, RefusesHostileContentsBehindAValidChecksum) {
       {"reference past the table", Payload().varint(0).byte(archive::kRef).varint(0).archive(),
        PXKeyedArchiveDecodeCorruptError},
       {"unknown value tag", Payload().varint(0).byte(0x7f).archive(), PXKeyedArchiveDecodeCorruptError},
-      {"unknown object tag",
-       Payload().varint(1).entry(Payload().byte(0x7f)).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeCorruptError},
+      {"unknown object tag", single(Payload().byte(0x7f)), PXKeyedArchiveDecodeCorruptError},
       {"string longer than the payload",
        Payload().varint(0).byte(archive::kString).varint(1u << 30).archive(),
        PXKeyedArchiveDecodeCorruptError},
       {"double cut short", Payload().varint(0).byte(archive::kDouble).raw("1234").archive(),
        PXKeyedArchiveDecodeCorruptError},
-      {"array claiming a million elements",
-       Payload()
-           .varint(1)
-           .entry(Payload().byte(archive::kArray).varint(1000000))
-           .byte(archive::kRef)
-           .varint(0)
-           .archive(),
+      {"array claiming a million elements", single(Payload().byte(archive::kArray).varint(1000000)),
        PXKeyedArchiveDecodeCorruptError},
       {"dictionary claiming a million entries",
-       Payload()
-           .varint(1)
-           .entry(Payload().byte(archive::kDictionary).varint(1000000).byte(archive::kNull))
-           .byte(archive::kRef)
-           .varint(0)
-           .archive(),
+       single(Payload().byte(archive::kDictionary).varint(1000000).byte(archive::kNull)),
        PXKeyedArchiveDecodeCorruptError},
-      {"absent inside an array",
-       Payload().varint(1).entry(arrayOfAbsent).byte(archive::kRef).varint(0).archive(),
+      {"absent inside an array", single(arrayOfAbsent), PXKeyedArchiveDecodeCorruptError},
+      {"an array holding itself", single(selfArray), PXKeyedArchiveDecodeCorruptError},
+      {"trailing bytes in an entry", single(trailing), PXKeyedArchiveDecodeCorruptError},
+      {"unknown class", single(unknownClass), PXKeyedArchiveDecodeClassError},
+      {"class without PXCoding", single(plainClass), PXKeyedArchiveDecodeClassError},
+      {"class name past the limit", single(nameTooLong), PXKeyedArchiveDecodeLimitError},
+      {"initWithCoder refuses", single(refuser), PXKeyedArchiveDecodeRejectedError},
+      {"initWithCoder raises", single(raiser), PXKeyedArchiveDecodeRejectedError},
+      {"32-bit field out of range", single(nodeWith("small", int32TooBig)), PXKeyedArchiveDecodeCorruptError},
+      {"text where a number belongs", single(nodeWith("big", textForNumber)),
        PXKeyedArchiveDecodeCorruptError},
-      {"an array holding itself",
-       Payload().varint(1).entry(selfArray).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"trailing bytes in an entry",
-       Payload().varint(1).entry(trailing).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"unknown class", Payload().varint(1).entry(unknownClass).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeClassError},
-      {"class without PXCoding",
-       Payload().varint(1).entry(plainClass).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeClassError},
-      {"class name past the limit",
-       Payload().varint(1).entry(nameTooLong).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeLimitError},
-      {"initWithCoder refuses", Payload().varint(1).entry(refuser).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeRejectedError},
-      {"initWithCoder raises", Payload().varint(1).entry(raiser).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeRejectedError},
-      {"32-bit field out of range",
-       Payload().varint(1).entry(nodeWith("small", int32TooBig)).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"text where a number belongs",
-       Payload().varint(1).entry(nodeWith("big", textForNumber)).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"date where a number belongs",
-       Payload().varint(1).entry(nodeWith("ratio", dateForNumber)).byte(archive::kRef).varint(0).archive(),
+      {"date where a number belongs", single(nodeWith("ratio", dateForNumber)),
        PXKeyedArchiveDecodeCorruptError},
       {"nesting past the limit", nestedArrayArchive(kPXKeyedArchiveMaxDepth + 1),
        PXKeyedArchiveDecodeLimitError},
@@ -663,122 +647,8 @@ TEST(PXKeyedUnarchiver, RefusesHostileContentsBehindAValidChecksum) {
   // The wrong type for an object field is not an error: the typed read gives nothing.
   Payload labelIsNumber;
   labelIsNumber.byte(archive::kInt).varint(2);
-  PXValue v = decodeBytes(
-      Payload().varint(1).entry(nodeWith("label", labelIsNumber)).byte(archive::kRef).varint(0).archive());
+  PXValue v = decodeBytes(single(nodeWith("label", labelIsNumber)));
   auto n = PXDynamicCast<PXArchiveTestNode>(v.objectValue());
   ASSERT_TRUE(n);
   EXPECT_FALSE(n->label);
-}
-
-TEST(PXKeyedUnarchiver, MutatedArchivesGiveAValueOrAnError) {
-  // A rich archive, damaged at random thousands of times; the damaged contents
-  // get a fresh valid checksum so the decoder has to look at them closely.
-  PXRef<PXArchiveTestNode> a = node(1), b = node(2);
-  a->peer = PXValue(b);
-  a->label = "label";
-  b->payload = array({1, -2, 3.5, "four", PXDate(5), true, PXValue::null()});
-  auto mutableDict = PXMutableDictionary::dictionary();
-  mutableDict->setObject(PXValue(PXData::dataWithString("bytes")), "d");
-  mutableDict->setObject(PXValue(a), "a");
-  PXValue root = dict({{"m", PXValue(mutableDict)},
-                       {"b", PXValue(b)},
-                       {"u", 18446744073709551615ull},
-                       {"arr", array({PXValue(mutableDict), array({})})}});
-  PXRef<PXData> good = PXKeyedArchiver::archivedDataWithRootObject(root);
-  ASSERT_TRUE(good);
-  std::vector<uint8_t> payload = payloadOf(good);
-
-  GRand* rand = g_rand_new_with_seed(1234);
-  int values = 0, errors = 0;
-  for (int i = 0; i < 6000; ++i) {
-    std::vector<uint8_t> m = payload;
-    int edits = g_rand_int_range(rand, 1, 5);
-    for (int e = 0; e < edits && !m.empty(); ++e) {
-      auto at = static_cast<size_t>(g_rand_int_range(rand, 0, static_cast<gint32>(m.size())));
-      switch (g_rand_int_range(rand, 0, 5)) {
-        case 0:
-          m[at] ^= static_cast<uint8_t>(1u << g_rand_int_range(rand, 0, 8));
-          break;
-        case 1:
-          m[at] = static_cast<uint8_t>(g_rand_int_range(rand, 0, 256));
-          break;
-        case 2:
-          m.erase(m.begin() + static_cast<ptrdiff_t>(at));
-          break;
-        case 3:
-          m.insert(m.begin() + static_cast<ptrdiff_t>(at),
-                   static_cast<uint8_t>(g_rand_int_range(rand, 0, 256)));
-          break;
-        default:
-          m.resize(at);
-          break;
-      }
-    }
-    PXErrorRef error;
-    PXValue v = decodeBytes(i % 10 == 0 ? m : rewrap(m), &error);
-    breakCycles();
-    // Never both; neither only for a root turned into the "absent" tag.
-    EXPECT_FALSE(v && error);
-    if (!v && !error) {
-      EXPECT_EQ(rewrap(m).back(), archive::kAbsent);
-      continue;
-    }
-    (v ? values : errors) += 1;
-  }
-  g_rand_free(rand);
-  EXPECT_GT(errors, 0);
-  EXPECT_GT(values, 0) << "no mutation kept a decodable archive: the smoke test exercises too little";
-}
-
-// ---- The fuzz target's entry point ------------------------------------------------------------
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
-
-TEST(PXKeyedUnarchiver, FuzzEntryHoldsItsPropertiesOnMutatedArchives) {
-  // Seeds: an ordinary graph, and two coded nodes of the fuzz target's class
-  // that refer to each other.
-  auto m = PXMutableArray::array();
-  m->addObject(PXValue(PXData::dataWithString("d")));
-  m->addObject(dict({{"k", array({1u, -2, 0.5, PXDate(7), "s", PXValue::null(), false})}}));
-  std::vector<std::vector<uint8_t>> seeds = {payloadOf(
-      PXKeyedArchiver::archivedDataWithRootObject(dict({{"m", PXValue(m)}, {"again", PXValue(m)}})))};
-  Payload first, second;
-  first.byte(archive::kCodedObject).text("PXKeyedArchiveFuzzNode").varint(4);
-  first.text("i").byte(archive::kInt).varint(99).text("s").byte(archive::kString).text("node");
-  first.text("d").byte(archive::kDouble).raw(std::string(8, '\x01')).text("o").byte(archive::kRef).varint(1);
-  second.byte(archive::kCodedObject).text("PXKeyedArchiveFuzzNode").varint(2);
-  second.text("small").byte(archive::kInt).varint(6).text("o").byte(archive::kRef).varint(0);
-  Payload graph;
-  graph.varint(2).entry(first).entry(second).byte(archive::kRef).varint(0);
-  seeds.emplace_back(graph.bytes.begin(), graph.bytes.end());
-
-  GRand* rand = g_rand_new_with_seed(99);
-  for (const std::vector<uint8_t>& seed : seeds) {
-    ASSERT_TRUE(decodeBytes(archive::wrapPayload(seed))) << "the seed itself must decode";
-    std::vector<uint8_t> input(seed.size() + 1);
-    input[0] = 1;  // as archive contents, behind a valid header
-    std::copy(seed.begin(), seed.end(), input.begin() + 1);
-    ASSERT_EQ(LLVMFuzzerTestOneInput(input.data(), input.size()), 0);
-    for (int i = 0; i < 3000; ++i) {
-      std::vector<uint8_t> mutated = input;
-      for (int e = g_rand_int_range(rand, 1, 4); e > 0 && mutated.size() > 1; --e) {
-        auto at = static_cast<size_t>(g_rand_int_range(rand, 1, static_cast<gint32>(mutated.size())));
-        switch (g_rand_int_range(rand, 0, 3)) {
-          case 0:
-            mutated[at] = static_cast<uint8_t>(g_rand_int_range(rand, 0, 256));
-            break;
-          case 1:
-            mutated.erase(mutated.begin() + static_cast<ptrdiff_t>(at));
-            break;
-          default:
-            mutated.insert(mutated.begin() + static_cast<ptrdiff_t>(at),
-                           static_cast<uint8_t>(g_rand_int_range(rand, 0, 256)));
-            break;
-        }
-      }
-      if (i % 16 == 0) mutated[0] = 0;  // now and then as raw bytes, checksum and all
-      ASSERT_EQ(LLVMFuzzerTestOneInput(mutated.data(), mutated.size()), 0);
-    }
-  }
-  g_rand_free(rand);
 }

@@ -6,8 +6,6 @@
 #include <thread>
 #include <vector>
 
-#include "objects/internal/ObjectExtras.h"
-
 namespace {
 
 // Counts live instances so tests can see exactly when destruction happens.
@@ -39,34 +37,6 @@ PX_DEFINE_CLASS(Tracked, PXObject, [](PXClassBuilder<Tracked>& c) {
 PX_DEFINE_CLASS(TrackedChild, Tracked, [](PXClassBuilder<TrackedChild>& c) {
   c.property("weight", &TrackedChild::weight, PXPropertyOwnership::Assign, "d", /*readOnly=*/true);
 })
-
-TEST(PXObject, ReferencesDestroyExactlyWhenTheLastOwnerGoes) {
-  ASSERT_EQ(Tracked::live, 0);
-  {
-    PXRef<Tracked> a = PXMake<Tracked>();
-    EXPECT_EQ(a->retainCount(), 1u);
-    PXRef<Tracked> b = a;
-    EXPECT_EQ(a->retainCount(), 2u);
-    PXRef<PXObject> base = std::move(b);
-    EXPECT_FALSE(b);
-    EXPECT_EQ(a->retainCount(), 2u);
-    a = nullptr;
-    EXPECT_EQ(Tracked::live, 1);
-  }
-  EXPECT_EQ(Tracked::live, 0);
-}
-
-TEST(PXObject, WeakReferenceEmptiesWhenObjectDies) {
-  PXRef<Tracked> strong = PXMake<Tracked>();
-  PXWeakRef<Tracked> weak = strong;
-  PXWeakRef<Tracked> copy = weak;
-  EXPECT_EQ(weak.lock(), strong);
-  EXPECT_EQ(strong->retainCount(), 1u) << "a lock that went out of scope must give its count back";
-  strong = nullptr;
-  EXPECT_EQ(Tracked::live, 0);
-  EXPECT_FALSE(weak.lock());
-  EXPECT_TRUE(copy.expired());
-}
 
 TEST(PXObject, WeakLockRacingWithLastReleaseNeverResurrects) {
   // Many rounds of: one thread drops the last strong reference while another
@@ -123,22 +93,6 @@ TEST(PXObject, AssociationsFollowTheirPolicies) {
   EXPECT_EQ(Tracked::live, 0);
 }
 
-TEST(PXObject, MonitorIsRecursiveAndMadeOnce) {
-  PXRef<PXObject> object = PXMake<PXObject>();
-  PXMonitor* first = &object->monitor();
-  std::lock_guard outer(object->monitor());
-  std::lock_guard inner(object->monitor());
-  EXPECT_EQ(first, &object->monitor());
-
-  // First use from many threads at once still makes exactly one monitor.
-  PXRef<PXObject> fresh = PXMake<PXObject>();
-  std::vector<PXMonitor*> seen(8);
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 8; ++i) threads.emplace_back([&, i] { seen[i] = &fresh->monitor(); });
-  for (auto& t : threads) t.join();
-  for (auto* m : seen) EXPECT_EQ(m, seen[0]);
-}
-
 TEST(PXMonitor, ExcludesOtherThreadsAndNestsOnTheOwner) {
   PXMonitor monitor;
   ASSERT_TRUE(monitor.try_lock());
@@ -170,65 +124,4 @@ TEST(PXMonitor, ExcludesOtherThreadsAndNestsOnTheOwner) {
   EXPECT_EQ(counter, 8 * 20000);
   EXPECT_TRUE(monitor.try_lock()) << "left free";
   monitor.unlock();
-}
-
-TEST(PXClass, DeclaredPropertiesAndAncestry) {
-  const PXClass& tracked = Tracked::classObject();
-  const PXClass& child = TrackedChild::classObject();
-  EXPECT_EQ(tracked.name(), "Tracked");
-  EXPECT_EQ(child.superclass(), &tracked);
-  EXPECT_EQ(tracked.superclass(), &PXObject::classObject());
-  EXPECT_TRUE(child.isSubclassOf(PXObject::classObject()));
-  EXPECT_FALSE(tracked.isSubclassOf(child));
-  EXPECT_EQ(PXClass::named("TrackedChild"), &child);
-  EXPECT_EQ(PXClass::named("NoSuchClass"), nullptr);
-
-  ASSERT_EQ(child.properties().size(), 1u) << "a class lists only what it declares itself";
-  EXPECT_EQ(child.propertyNamed("label"), tracked.propertyNamed("label")) << "lookup walks superclasses";
-
-  struct Row {
-    const char* name;
-    const char* attributes;
-  };
-  for (Row row : {Row{"count", "Ti,V_count"}, Row{"label", "T@\"NSString\",C,V_label"},
-                  Row{"child", "T@,&,V_child"}, Row{"weight", "Td,R,V_weight"}}) {
-    const PXPropertyDescriptor* p = child.propertyNamed(row.name);
-    ASSERT_NE(p, nullptr) << row.name;
-    EXPECT_EQ(p->attributes(), row.attributes) << row.name;
-  }
-
-  auto classes = PXClass::allClasses();
-  auto at = [&](const PXClass* c) { return std::find(classes.begin(), classes.end(), c) - classes.begin(); };
-  EXPECT_LT(at(&PXObject::classObject()), at(&tracked));
-  EXPECT_LT(at(&tracked), at(&child)) << "registration order puts a superclass first";
-}
-
-TEST(PXClass, PropertiesReadWriteAndClearThroughDescriptors) {
-  PXRef<Tracked> object = PXMake<Tracked>();
-  const PXClass& cls = object->pxClass();
-  cls.propertyNamed("count")->set(*object, PXValue(12));
-  cls.propertyNamed("label")->set(*object, PXValue("name"));
-  cls.propertyNamed("child")->set(*object, PXValue(PXMake<Tracked>()));
-  EXPECT_EQ(object->count, 12);
-  EXPECT_EQ(object->label, "name");
-  EXPECT_EQ(Tracked::live, 2);
-  EXPECT_EQ(cls.propertyNamed("count")->get(*object).intValue(), 12);
-
-  EXPECT_FALSE(cls.propertyNamed("count")->clear) << "assign properties have nothing to release";
-  cls.propertyNamed("child")->clear(*object);
-  cls.propertyNamed("label")->clear(*object);
-  EXPECT_EQ(Tracked::live, 1);
-  EXPECT_TRUE(object->label.isAbsent());
-
-  PXRef<PXObject> made = cls.createInstance();
-  ASSERT_TRUE(made);
-  EXPECT_EQ(&made->pxClass(), &cls);
-  EXPECT_FALSE(TrackedChild::classObject().canCreateInstance());
-}
-
-TEST(PXObject, DescriptionNamesClassAndAddress) {
-  PXRef<Tracked> object = PXMake<Tracked>();
-  char expected[64];
-  std::snprintf(expected, sizeof expected, "<Tracked: %p>", static_cast<void*>(object.get()));
-  EXPECT_EQ(object->description(), expected);
 }

@@ -10,7 +10,6 @@
 #include <pxkit/platform/PXPreferences.h>
 #include <pxkit/platform/PXPropertyList.h>
 #include <pxkit/platform/PXUserDefaults.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <string>
@@ -19,6 +18,7 @@
 #include "platform/internal/GLibHandles.h"
 #include "platform/internal/VariantValue.h"
 #include "support/PXLogCapture.h"
+#include "support/PXSubprocess.h"
 #include "support/PXTempHome.h"
 
 #ifndef PXKIT_PREFS_CHILD
@@ -133,17 +133,9 @@ TEST_F(PXPreferencesTest, ByHostValuesLiveInTheirOwnFileNamedByTheHostKey) {
 TEST_F(PXPreferencesTest, ByHostValuesWrittenByAnotherProcessArriveAtSynchronize) {
   ASSERT_TRUE(
       PXPreferences::setValue("Mine", "kept", kAppID, kPXPreferencesCurrentUser, kPXPreferencesCurrentHost));
-  std::string child = PXKIT_PREFS_CHILD;
-  std::vector<char*> argv = {child.data(),
-                             const_cast<char*>("byhost-set"),
-                             const_cast<char*>(kAppID),
-                             const_cast<char*>("Theirs"),
-                             const_cast<char*>("written elsewhere"),
-                             nullptr};
-  gint status = -1;
-  ASSERT_TRUE(g_spawn_sync(nullptr, argv.data(), nullptr, G_SPAWN_DEFAULT, nullptr, nullptr, nullptr, nullptr,
-                           &status, nullptr));
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  ASSERT_EQ(
+      PXSubprocess::run({PXKIT_PREFS_CHILD, "byhost-set", kAppID, "Theirs", "written elsewhere"}).exitStatus,
+      0);
   ASSERT_TRUE(PXPreferences::synchronize(kAppID, kPXPreferencesCurrentUser, kPXPreferencesCurrentHost));
   EXPECT_EQ(currentHostValue("Theirs").stringValue(), "written elsewhere");
   EXPECT_EQ(currentHostValue("Mine").stringValue(), "kept");
@@ -232,12 +224,9 @@ TEST_F(PXPreferencesTest, AnotherApplicationsGSettingsAreReadWhenItKeepsNoFile) 
 </schemalist>)");
   gchar* compiler = g_find_program_in_path("glib-compile-schemas");
   if (!compiler) GTEST_SKIP() << "glib-compile-schemas is not installed";
-  std::vector<char*> argv = {compiler, const_cast<char*>(schemas.c_str()), nullptr};
-  gint status = -1;
-  ASSERT_TRUE(g_spawn_sync(nullptr, argv.data(), nullptr, G_SPAWN_DEFAULT, nullptr, nullptr, nullptr, nullptr,
-                           &status, nullptr));
+  const std::string compilerPath = compiler;
   g_free(compiler);
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  ASSERT_EQ(PXSubprocess::run({compilerPath, schemas}).exitStatus, 0);
   g_setenv("GSETTINGS_SCHEMA_DIR", schemas.c_str(), TRUE);
   g_setenv("GSETTINGS_BACKEND", "memory", TRUE);
 

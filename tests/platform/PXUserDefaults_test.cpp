@@ -13,11 +13,11 @@
 #include <pxkit/platform/PXUserDefaultsController.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "support/PXRunLoopUntil.h"
+#include "support/PXSubprocess.h"
 #include "support/PXTempHome.h"
 #include "support/PXTestPaths.h"
 
@@ -68,44 +69,8 @@ constexpr unsigned kNewAndOld = PXKeyValueObservingOptionNew | PXKeyValueObservi
 
 // Runs the helper process to the end; its exit status (-1 when it could not run).
 int runChild(std::vector<std::string> args) {
-  std::vector<char*> argv;
-  std::string child = PXKIT_PREFS_CHILD;
-  argv.push_back(child.data());
-  for (std::string& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  gint status = -1;
-  GError* error = nullptr;
-  if (!g_spawn_sync(nullptr, argv.data(), nullptr, G_SPAWN_DEFAULT, nullptr, nullptr, nullptr, nullptr,
-                    &status, &error)) {
-    ADD_FAILURE() << error->message;
-    g_error_free(error);
-    return -1;
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-GPid startChild(std::vector<std::string> args, int* stdoutFd = nullptr) {
-  std::vector<char*> argv;
-  std::string child = PXKIT_PREFS_CHILD;
-  argv.push_back(child.data());
-  for (std::string& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  GPid pid = 0;
-  GError* error = nullptr;
-  if (!g_spawn_async_with_pipes(nullptr, argv.data(), nullptr, G_SPAWN_DO_NOT_REAP_CHILD, nullptr, nullptr,
-                                &pid, nullptr, stdoutFd, nullptr, &error)) {
-    ADD_FAILURE() << error->message;
-    g_error_free(error);
-  }
-  return pid;
-}
-
-int waitChild(GPid pid) {
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  g_spawn_close_pid(pid);
-  return status;
+  args.insert(args.begin(), PXKIT_PREFS_CHILD);
+  return PXSubprocess::run(args).exitStatus;
 }
 
 // The root dictionary of a preferences file, or empty when it is missing or unreadable.
@@ -135,30 +100,6 @@ std::string payloadFor(long long counter, size_t bytes) {
   while (payload.size() < bytes) payload += unit;
   return payload;
 }
-
-// Reads lines of decimal numbers from a pipe, blocking.
-class LineReader {
- public:
-  explicit LineReader(int fd) : fd_(fd) {}
-  std::optional<long long> next() {
-    for (;;) {
-      if (size_t nl = buffer_.find('\n'); nl != std::string::npos) {
-        long long v = std::stoll(buffer_.substr(0, nl));
-        buffer_.erase(0, nl + 1);
-        return v;
-      }
-      char chunk[256];
-      ssize_t n = ::read(fd_, chunk, sizeof chunk);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) return std::nullopt;  // end: a half line is dropped, as its write was never acknowledged
-      buffer_.append(chunk, static_cast<size_t>(n));
-    }
-  }
-
- private:
-  int fd_;
-  std::string buffer_;
-};
 
 // Counts the "changes done" events of a file, as seen by a monitor of the test's own.
 class FileEvents {
@@ -482,19 +423,16 @@ TEST_F(PXUserDefaultsTest, LocalChangesNotYetWrittenSurviveAnotherProcessWrite) 
 
 TEST_F(PXUserDefaultsTest, ConcurrentProcessesKeepEachOthersKeys) {
   constexpr int kChildren = 4, kKeysEach = 20;
-  std::vector<GPid> children;
+  std::vector<std::unique_ptr<PXSubprocess>> children;
   for (int c = 0; c < kChildren; ++c) {
-    children.push_back(
-        startChild({"setmany", kAppID, "child" + std::to_string(c) + "-", std::to_string(kKeysEach)}));
+    children.push_back(std::make_unique<PXSubprocess>(std::vector<std::string>{
+        PXKIT_PREFS_CHILD, "setmany", kAppID, "child" + std::to_string(c) + "-", std::to_string(kKeysEach)}));
   }
   for (int i = 0; i < kKeysEach; ++i) {
     defaults->setInteger(i, "parent-" + std::to_string(i));
     ASSERT_TRUE(defaults->synchronize());
   }
-  for (GPid pid : children) {
-    int status = waitChild(pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  }
+  for (auto& child : children) EXPECT_EQ(PXSubprocess::exitStatusOf(child->wait()), 0);
   ASSERT_TRUE(defaults->synchronize());
   PXRef<PXDictionary> onDisk = readPreferences(filePath());
   ASSERT_TRUE(onDisk);
@@ -554,23 +492,19 @@ TEST_F(PXUserDefaultsTest, AWriterKilledAtRandomMomentsLeavesTheOldOrTheNewFile)
   int killedMidWrite = 0;
   for (int round = 0; round < 200; ++round) {
     SCOPED_TRACE(round);
-    int out = -1;
-    GPid pid = startChild({"loop", kApp, std::to_string(kPayloadBytes)}, &out);
-    ASSERT_GT(pid, 0);
-    LineReader reader(out);
+    PXSubprocess writer({PXKIT_PREFS_CHILD, "loop", kApp, std::to_string(kPayloadBytes)});
+    ASSERT_GT(writer.pid(), 0);
     // Let it finish a few writes (or none), then kill it at a random moment:
     // the pause only spreads the kill over the write cycle.
     long long acknowledged = inFile;
     for (int lines = g_rand_int_range(rand, 0, 4); lines > 0; --lines) {
-      if (std::optional<long long> n = reader.next()) acknowledged = *n;
+      if (std::optional<std::string> n = writer.readLine()) acknowledged = std::stoll(*n);
     }
     g_usleep(static_cast<gulong>(g_rand_int_range(rand, 0, 5000)));
-    ::kill(pid, SIGKILL);
-    while (std::optional<long long> n = reader.next()) acknowledged = *n;
-    ::close(out);
-    int status = waitChild(pid);
-    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)
-        << "the writer stopped by itself: " << status;
+    writer.kill(SIGKILL);
+    while (std::optional<std::string> n = writer.readLine()) acknowledged = std::stoll(*n);
+    const int status = writer.wait();
+    ASSERT_TRUE(PXSubprocess::killedBy(status, SIGKILL)) << "the writer stopped by itself: " << status;
 
     // The file is always a whole property list, holding the last write the
     // writer acknowledged or the one it was making when it died.
