@@ -77,10 +77,14 @@ PXServiceQuery::~PXServiceQuery() {
 
 bool PXServiceQuery::startQuery() {
   if (isRunning()) return false;
-  startLoop_ = PXRef<PXRunLoop>(PXRunLoop::current());
-  startThread_ = std::this_thread::get_id();
+  PXRef<PXRunLoop> loop(PXRunLoop::current());
+  {
+    std::lock_guard guard(startLock_);
+    startLoop_ = loop;
+    startThread_ = std::this_thread::get_id();
+  }
   events_ = std::make_unique<Events>();
-  events_->events = DeviceEvents::start(startLoop_.get(), [this](const DeviceEvent& event) {
+  events_->events = DeviceEvents::start(loop.get(), [this](const DeviceEvent& event) {
     const std::string_view action(event.action);
     const uint32_t handle = DeviceRegistry::handleForSysfsPath(event.sysfsPath);
     const bool recorded = std::any_of(recorded_.begin(), recorded_.end(),
@@ -106,9 +110,14 @@ bool PXServiceQuery::startQuery() {
   return true;
 }
 
+PXRef<PXRunLoop> PXServiceQuery::startLoop() const {
+  std::lock_guard guard(startLock_);
+  // Another thread's view: the loop to move work to; none on the query's own thread.
+  return std::this_thread::get_id() == startThread_ ? PXRef<PXRunLoop>() : startLoop_;
+}
+
 void PXServiceQuery::stopQuery() {
-  PXRef<PXRunLoop> loop = startLoop_;
-  if (loop && std::this_thread::get_id() != startThread_) {
+  if (PXRef<PXRunLoop> loop = startLoop()) {
     loop->performBlockAndWait([this] { stopHere(); });
     return;
   }
@@ -116,8 +125,11 @@ void PXServiceQuery::stopQuery() {
 }
 
 void PXServiceQuery::stopHere() {
-  startLoop_ = PXRef<PXRunLoop>();
-  startThread_ = {};
+  {
+    std::lock_guard guard(startLock_);
+    startLoop_ = PXRef<PXRunLoop>();
+    startThread_ = {};
+  }
   // A snapshot: the delegate may look at the query meanwhile.
   std::vector<uint32_t> handles;
   for (const Recorded& r : recorded_) handles.push_back(r.service);
@@ -128,8 +140,7 @@ void PXServiceQuery::stopHere() {
 }
 
 void PXServiceQuery::_appStatusChanged(const PXNotification& notification) {
-  PXRef<PXRunLoop> loop = startLoop_;
-  if (loop && std::this_thread::get_id() != startThread_) {
+  if (PXRef<PXRunLoop> loop = startLoop()) {
     PXRef<PXNotification> kept(const_cast<PXNotification*>(&notification));
     loop->performBlockAndWait([this, kept] { _appStatusChanged(*kept); });
     return;

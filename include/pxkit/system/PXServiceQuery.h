@@ -36,6 +36,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -137,8 +138,11 @@ class PXKIT_EXPORT PXServiceQuery : public PXObject {
   PXServiceQueryDelegate* delegate_ = nullptr;
   PXRef<PXObject> terminateToken_;
   std::atomic<bool> running_{false};
-  PXRef<PXRunLoop> startLoop_;
-  std::thread::id startThread_;
+  // The query's run loop and thread, read by other threads' stopQuery.
+  PXRef<PXRunLoop> startLoop() const;
+  mutable std::mutex startLock_;
+  PXRef<PXRunLoop> startLoop_;   // guarded by startLock_
+  std::thread::id startThread_;  // guarded by startLock_
   std::unique_ptr<Events> events_;
   std::vector<Recorded> recorded_;  // the attribute map, in the order recorded
   uint32_t nextNotification_ = 1;
