@@ -134,10 +134,13 @@ struct PXPowerSourceObserver::Watch : std::enable_shared_from_this<Watch> {
   // On the main run loop.
   void start() {
     std::weak_ptr<Watch> weak = weak_from_this();
-    events = DeviceEvents::start(PXRunLoop::main(), [weak](const DeviceEvent& event) {
-      if (!event.subsystem || std::string_view(event.subsystem) != "power_supply") return;
-      if (auto self = weak.lock()) self->changed();
-    });
+    events = DeviceEvents::start(
+        PXRunLoop::main(),
+        [weak](const DeviceEvent& event) {
+          if (!event.subsystem || std::string_view(event.subsystem) != "power_supply") return;
+          if (auto self = weak.lock()) self->changed();
+        },
+        "power_supply");
     pxkit::internal::SystemBusWatcher watcher;
     watcher.busName = kUPowerName;
     watcher.signals = {{kUPowerName, "DeviceAdded", ""},

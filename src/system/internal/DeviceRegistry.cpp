@@ -398,7 +398,7 @@ bool DeviceEvents::udevEventsAvailable() {
   return access("/run/udev/control", F_OK) == 0;
 }
 
-DeviceEvents DeviceEvents::start(PXRunLoop* loop, Handler handler) {
+DeviceEvents DeviceEvents::start(PXRunLoop* loop, Handler handler, const char* subsystem) {
   DeviceEvents events;
   if (!loop || !handler) return events;
   auto impl = std::make_unique<Impl>();
@@ -406,9 +406,9 @@ DeviceEvents DeviceEvents::start(PXRunLoop* loop, Handler handler) {
   if (udevEventsAvailable()) {
     GMainContext* context = loop->context()->glib;
     g_main_context_push_thread_default(context);
-    // An empty list: every subsystem (a null list would listen to nothing).
-    const gchar* const everySubsystem[] = {nullptr};
-    impl->client.reset(g_udev_client_new(everySubsystem));
+    // An empty list is every subsystem (a null list would listen to nothing).
+    const gchar* const subsystems[] = {subsystem, nullptr};
+    impl->client.reset(g_udev_client_new(subsystems));
     g_main_context_pop_thread_default(context);
     impl->signalId = g_signal_connect(impl->client.get(), "uevent", G_CALLBACK(&Impl::onUevent), impl.get());
     impl->source = "udev";
@@ -416,6 +416,8 @@ DeviceEvents DeviceEvents::start(PXRunLoop* loop, Handler handler) {
     // No udev daemon: the kernel's own broadcast still carries every uevent.
     impl->udev = udev_new();
     impl->monitor = impl->udev ? udev_monitor_new_from_netlink(impl->udev, "kernel") : nullptr;
+    if (impl->monitor && subsystem)
+      udev_monitor_filter_add_match_subsystem_devtype(impl->monitor, subsystem, nullptr);
     if (!impl->monitor || udev_monitor_enable_receiving(impl->monitor) < 0) {
       PXLogWithLevel(PXLogLevel::Debug, "device events: no kernel uevent monitor");
       return events;

@@ -111,9 +111,10 @@ class DeviceEvents {
   DeviceEvents& operator=(DeviceEvents&&) noexcept;
   ~DeviceEvents();
 
-  // Starts delivery on `loop` (on the loop's thread). Empty (false) when no
-  // event source could be opened: nothing will be delivered then.
-  static DeviceEvents start(PXRunLoop* loop, Handler handler);
+  // Starts delivery on `loop` (on the loop's thread), of the events of one
+  // udev subsystem or (null) of all. Empty (false) when no event source could
+  // be opened: nothing will be delivered then.
+  static DeviceEvents start(PXRunLoop* loop, Handler handler, const char* subsystem = nullptr);
   explicit operator bool() const noexcept { return static_cast<bool>(impl_); }
   // "udev" or "kernel": where the events come from (for logs and tests).
   const char* source() const noexcept;
