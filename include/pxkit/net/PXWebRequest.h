@@ -34,7 +34,8 @@
 // soon as that many body bytes are in. A response without "Content-Length"
 // (chunked, or delimited by the server closing) finishes with success at its
 // end; its total length reads -1. A response whose body stops short of its
-// "Content-Length" finishes without success (and without event 3). Transport
+// "Content-Length" finishes without success (and without event 3); so does,
+// kept on purpose, the answer to a "HEAD" request that announces a length. Transport
 // failures (refused connection, reset, a reply that is not HTTP, too many
 // redirects, TLS failures) deliver event 3, then event 6 without success. An
 // HTTP error status (404, 500) with its body is a successful exchange; its
