@@ -130,6 +130,7 @@ TEST(PXWebRequest, EndsEachResponseShapeAsItsFramingSays) {
     int32_t status;       // 0: not checked
     const char* body;     // nullptr: not checked
     bool connectionKept;  // the tracking record still holds its connection
+    const char* method = "GET";
   } rows[] = {
       // A zero length completes at the end of the message, which closes the connection.
       {"content-length 0", server.url("/empty"), true, false, 0, 200, "", false},
@@ -143,6 +144,8 @@ TEST(PXWebRequest, EndsEachResponseShapeAsItsFramingSays) {
       {"not HTTP", server.rawURL("/garbage"), false, true, -1, 0, nullptr, false},
       {"refused", "http://127.0.0.1:" + std::to_string(Server::refusedPort()) + "/", false, true, -1, 0,
        nullptr, false},
+      // Kept: a header that announces a length no body follows is a short body.
+      {"HEAD with a length", server.url("/sized"), false, false, 5, 200, "", false, "HEAD"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -152,7 +155,7 @@ TEST(PXWebRequest, EndsEachResponseShapeAsItsFramingSays) {
       if (event == kPXWebRequestEventWillStart) return;
       if (!record) record = PXWebRequestTestHook::record(*request);
     };
-    auto request = makeRequest(row.url, recorder);
+    auto request = makeRequest(row.url, recorder, /*keepAlive=*/true, row.method);
     runToFinish(*request, recorder);
 
     EXPECT_EQ(recorder.finishes, 1);
