@@ -199,24 +199,6 @@ TEST(PXWebRequest, EndsEachResponseShapeAsItsFramingSays) {
   }
 }
 
-TEST(PXWebRequest, TheFinalDataOfAnUnsizedBodyIsFlaggedWhenItCameWithTheEnd) {
-  Server server;
-  server.handleRaw("/until-close",
-                   Server::RawResponse("HTTP/1.1 200 OK\r\n\r\n", Server::RawEnding::Close, 3000));
-  Recorder recorder;
-  auto request = makeRequest(server.rawURL("/until-close"), recorder);
-  runToFinish(*request, recorder);
-  EXPECT_EQ(recorder.body.size(), 3000u);
-  // Every data event before the last is not final; the last one may be (when
-  // the end was read with it): never a final flag followed by more data.
-  std::vector<uint32_t> dataFlags;
-  for (size_t i = 0; i < recorder.events.size(); ++i) {
-    if (recorder.events[i] == kPXWebRequestEventReceivedData) dataFlags.push_back(recorder.flags[i]);
-  }
-  ASSERT_FALSE(dataFlags.empty());
-  for (size_t i = 0; i + 1 < dataFlags.size(); ++i) EXPECT_EQ(dataFlags[i], 0u);
-}
-
 // ---- Redirects ----------------------------------------------------------------------------------
 
 TEST(PXWebRequest, FollowsRedirectChainsUpToTheLimit) {
