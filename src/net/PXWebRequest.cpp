@@ -3,6 +3,7 @@
 #include <pxkit/objects/PXFormat.h>
 #include <pxkit/platform/PXRunLoop.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <optional>
@@ -403,7 +404,13 @@ bool PXWebRequest::startRequestInRunLoopMode(std::string_view) {
       if (key.isString() && value.isString()) setField(key.stringValue(), value.stringValue());
     }
   }
-  if (requestKeepAlive_) setField("Connection", "Keep-Alive");
+  if (requestKeepAlive_) {
+    setField("Connection", "Keep-Alive");
+  } else if (!std::any_of(fields.begin(), fields.end(),
+                          [](const auto& f) { return equalsNoCase(f.first, "Connection"); })) {
+    // Not kept: say so, so that the server closes its side as soon as it has answered.
+    setField("Connection", "close");
+  }
 
   PXRunLoop* loop = PXRunLoop::current();
   PXRef<WebMulti> multi = WebMulti::forRunLoop(loop);

@@ -332,7 +332,7 @@ TEST(PXWebRequest, WithoutKeepAliveEveryRequestHasItsOwnConnectionAndNoRecord) {
   }
   EXPECT_EQ(server.acceptedConnections(), 3);
   EXPECT_TRUE(PXWebRequestTestHook::records().empty());
-  for (const auto& seen : server.requests()) EXPECT_NE(seen.header("Connection"), "Keep-Alive");
+  for (const auto& seen : server.requests()) EXPECT_EQ(seen.header("Connection"), "close");
 }
 
 // ---- The message -------------------------------------------------------------------------------------

@@ -50,8 +50,9 @@
 // Messages are HTTP/1.1. A body is sent with "Content-Type" "application/data"
 // (a caller's "Content-Type" in requestHeaders replaces it) and its
 // "Content-Length". With requestKeepAlive the request says "Connection"
-// "Keep-Alive". The environment's proxy settings (http_proxy, https_proxy,
-// no_proxy) apply.
+// "Keep-Alive"; without it, "Connection" "close" (unless requestHeaders name
+// a "Connection" of their own), and its connection is used once. The environment's proxy settings
+// (http_proxy, https_proxy, no_proxy) apply.
 //
 // Keep-alive tracking records. Requests with requestKeepAlive take a tracking
 // record for their scheme, host and port, a dictionary with
