@@ -63,6 +63,8 @@ namespace {
 
 constexpr const char* kIsCompleteKey = "isComplete";  // kept: not the property's name
 constexpr long kReceiveBufferSize = 16 * 1024;        // bytes libcurl reads at once
+constexpr size_t kLargeBodySize = 64 * 1024;          // libcurl's own upload buffer
+constexpr long kLargeBodyBufferSize = 512 * 1024;     // the upload buffer for larger bodies
 
 bool equalsNoCase(std::string_view a, std::string_view b) {
   if (a.size() != b.size()) return false;
@@ -478,6 +480,9 @@ bool PXWebRequest::startRequestInRunLoopMode(std::string_view) {
     if (body) {
       curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body->length()));
       curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body->bytes().data());
+      // A large body goes out in fewer, larger writes: each write is one turn of the run loop.
+      if (body->length() > kLargeBodySize)
+        curl_easy_setopt(easy, CURLOPT_UPLOAD_BUFFERSIZE, kLargeBodyBufferSize);
     } else if (method == "POST") {
       curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(0));
       curl_easy_setopt(easy, CURLOPT_POSTFIELDS, "");
