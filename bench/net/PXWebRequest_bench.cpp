@@ -29,7 +29,7 @@ constexpr size_t kPostSize = 1024 * 1024;
 
 PXLoopbackServer& server() {
   static PXLoopbackServer* shared = [] {
-    auto* made = new PXLoopbackServer();
+    auto* made = new PXLoopbackServer({.https = false, .keepRequests = false});
     made->handle("/small",
                  [](const PXLoopbackServer::Request&) { return PXLoopbackServer::Response("small body"); });
     made->handle("/post", [](const PXLoopbackServer::Request& request) {

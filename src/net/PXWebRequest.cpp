@@ -3,6 +3,7 @@
 #include <pxkit/objects/PXFormat.h>
 #include <pxkit/platform/PXRunLoop.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <optional>
@@ -62,6 +63,8 @@ namespace {
 
 constexpr const char* kIsCompleteKey = "isComplete";  // kept: not the property's name
 constexpr long kReceiveBufferSize = 16 * 1024;        // bytes libcurl reads at once
+constexpr size_t kLargeBodySize = 64 * 1024;          // libcurl's own upload buffer
+constexpr long kLargeBodyBufferSize = 512 * 1024;     // the upload buffer for larger bodies
 
 bool equalsNoCase(std::string_view a, std::string_view b) {
   if (a.size() != b.size()) return false;
@@ -403,7 +406,13 @@ bool PXWebRequest::startRequestInRunLoopMode(std::string_view) {
       if (key.isString() && value.isString()) setField(key.stringValue(), value.stringValue());
     }
   }
-  if (requestKeepAlive_) setField("Connection", "Keep-Alive");
+  if (requestKeepAlive_) {
+    setField("Connection", "Keep-Alive");
+  } else if (!std::any_of(fields.begin(), fields.end(),
+                          [](const auto& f) { return equalsNoCase(f.first, "Connection"); })) {
+    // Not kept: say so, so that the server closes its side as soon as it has answered.
+    setField("Connection", "close");
+  }
 
   PXRunLoop* loop = PXRunLoop::current();
   PXRef<WebMulti> multi = WebMulti::forRunLoop(loop);
@@ -471,6 +480,9 @@ bool PXWebRequest::startRequestInRunLoopMode(std::string_view) {
     if (body) {
       curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body->length()));
       curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body->bytes().data());
+      // A large body goes out in fewer, larger writes: each write is one turn of the run loop.
+      if (body->length() > kLargeBodySize)
+        curl_easy_setopt(easy, CURLOPT_UPLOAD_BUFFERSIZE, kLargeBodyBufferSize);
     } else if (method == "POST") {
       curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(0));
       curl_easy_setopt(easy, CURLOPT_POSTFIELDS, "");

@@ -158,7 +158,7 @@ struct PXLoopbackServer::Soup {
     Handler handler;
     {
       std::lock_guard guard(owner->lock_);
-      owner->requests_.push_back(request);
+      if (owner->options_.keepRequests) owner->requests_.push_back(request);
       auto found = owner->handlers_.find(request.path);
       if (found != owner->handlers_.end()) handler = found->second;
     }
@@ -179,7 +179,7 @@ struct PXLoopbackServer::Soup {
 
 // ---- Life ----------------------------------------------------------------------------------------------
 
-PXLoopbackServer::PXLoopbackServer() : PXLoopbackServer(Options{.https = false}) {}
+PXLoopbackServer::PXLoopbackServer() : PXLoopbackServer(Options{.https = false, .keepRequests = true}) {}
 
 PXLoopbackServer::PXLoopbackServer(Options options) : options_(options) {
   if (options_.https) {

@@ -48,7 +48,8 @@
 class PXLoopbackServer {
  public:
   struct Options {
-    bool https = false;  // also listen with TLS (makes a certificate)
+    bool https = false;        // also listen with TLS (makes a certificate)
+    bool keepRequests = true;  // keep a copy of every request for requests() (off for long runs)
   };
 
   struct Request {
@@ -123,7 +124,8 @@ class PXLoopbackServer {
   // Connections accepted by the SoupServer, plain and TLS.
   int acceptedConnections() const noexcept { return accepted_.load(); }
   int rawConnections() const noexcept { return rawAccepted_.load(); }
-  // Every request the SoupServer handled, in order (copies).
+  // Every request the SoupServer handled, in order (copies); empty without
+  // Options::keepRequests.
   std::vector<Request> requests() const;
   // A port on 127.0.0.1 that nothing listens on (bound, then closed).
   static uint16_t refusedPort();

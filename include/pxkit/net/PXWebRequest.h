@@ -34,7 +34,8 @@
 // soon as that many body bytes are in. A response without "Content-Length"
 // (chunked, or delimited by the server closing) finishes with success at its
 // end; its total length reads -1. A response whose body stops short of its
-// "Content-Length" finishes without success (and without event 3). Transport
+// "Content-Length" finishes without success (and without event 3); so does,
+// kept on purpose, the answer to a "HEAD" request that announces a length. Transport
 // failures (refused connection, reset, a reply that is not HTTP, too many
 // redirects, TLS failures) deliver event 3, then event 6 without success. An
 // HTTP error status (404, 500) with its body is a successful exchange; its
@@ -49,8 +50,9 @@
 // Messages are HTTP/1.1. A body is sent with "Content-Type" "application/data"
 // (a caller's "Content-Type" in requestHeaders replaces it) and its
 // "Content-Length". With requestKeepAlive the request says "Connection"
-// "Keep-Alive". The environment's proxy settings (http_proxy, https_proxy,
-// no_proxy) apply.
+// "Keep-Alive"; without it, "Connection" "close" (unless requestHeaders name
+// a "Connection" of their own), and its connection is used once. The environment's proxy settings
+// (http_proxy, https_proxy, no_proxy) apply.
 //
 // Keep-alive tracking records. Requests with requestKeepAlive take a tracking
 // record for their scheme, host and port, a dictionary with

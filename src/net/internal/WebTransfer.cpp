@@ -43,6 +43,8 @@ namespace {
 
 // The key of the run loop's associated multi.
 const char kMultiKey = 0;
+// Watches of sockets libcurl let go of, kept for their return, at most.
+constexpr size_t kMaxParkedWatches = 64;
 
 bool startsWithNoCase(std::string_view text, std::string_view prefix) {
   if (text.size() < prefix.size()) return false;
@@ -137,10 +139,13 @@ void WebMulti::markDirty(PXWebRequest* request) {
 int WebMulti::socketCallback(CURL*, curl_socket_t socket, int what, void* userp, void*) {
   auto* self = static_cast<WebMulti*>(userp);
   if (what == CURL_POLL_REMOVE) {
+    // Parked, not destroyed: a kept connection's socket comes back with the
+    // next request, and a parked watch polls nothing (should the number be
+    // reused by another file, it is not watched until libcurl asks again).
     auto found = self->watches_.find(socket);
-    if (found != self->watches_.end()) {
-      found->second.reset();
-      self->watches_.erase(found);
+    if (found != self->watches_.end()) found->second.setEvents(0);
+    if (self->watches_.size() > kMaxParkedWatches) {
+      std::erase_if(self->watches_, [](const auto& entry) { return entry.second.events() == 0; });
     }
     return 0;
   }
@@ -148,10 +153,11 @@ int WebMulti::socketCallback(CURL*, curl_socket_t socket, int what, void* userp,
   if (what == CURL_POLL_IN || what == CURL_POLL_INOUT) events |= kFdReadable;
   if (what == CURL_POLL_OUT || what == CURL_POLL_INOUT) events |= kFdWritable;
   auto found = self->watches_.find(socket);
-  if (found != self->watches_.end()) {
+  if (found != self->watches_.end() && found->second) {
     found->second.setEvents(events);
     return 0;
   }
+  if (found != self->watches_.end()) self->watches_.erase(found);
   self->watches_.emplace(socket, FdWatch::watch(self->loop_, socket, events, [self, socket](unsigned ready) {
                            int mask = 0;
                            if (ready & kFdReadable) mask |= CURL_CSELECT_IN;
