@@ -71,7 +71,8 @@ PXMetricsTracker::PXMetricsTracker() {
   paperCuts_ = PXMutableArray::array();
   lastPaperCutDateByMetricID_ = PXMutableDictionary::dictionary();
   channel_ = kPXMetricsChannelDefault;
-  metricsOperationQueue_ = std::make_unique<PXDispatchQueue>();
+  metricsOperationQueue_ =
+      std::make_unique<PXDispatchQueue>("pxkit-metrics", PXDispatchQueue::Wake::Deferred);
   metricsPostURL_ = kPXMetricsDefaultPostURL;
   registerSubmissionTriggers();
 }

@@ -36,6 +36,9 @@
 
 class PXDispatchQueue;
 class PXTimer;
+namespace pxkit::internal {
+struct MetricsTrackerAccess;
+}  // namespace pxkit::internal
 
 // Distribution channels reported with submissions.
 PXKIT_EXPORT extern const char* const kPXMetricsChannelDefault;      // "default"
@@ -194,6 +197,7 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
 
  private:
   friend struct PXMetricsTrackerTestAccess;
+  friend struct pxkit::internal::MetricsTrackerAccess;
   template <class Body>
   void enqueueRecording(std::string_view identifier, std::string_view primary, std::string_view secondary,
                         Body&& body);
