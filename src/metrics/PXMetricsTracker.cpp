@@ -14,6 +14,8 @@
 #include <memory>
 #include <string>
 
+#include "metrics/internal/PXMetricsTrackerInternal.h"
+
 const char* const kPXMetricsChannelDefault = "default";
 const char* const kPXMetricsChannelDemo = "demo";
 const char* const kPXMetricsChannelBundle = "bundle";
@@ -153,8 +155,8 @@ class RecordedIdentity {
 
 }  // namespace
 
-PXString PXMetricsTracker::_unifiedIDForIdentifier(const PXString& identifier, const PXString& primary,
-                                                   const PXString& secondary) {
+PXString pxkit::internal::unifiedIDForIdentifier(const PXString& identifier, const PXString& primary,
+                                                 const PXString& secondary) {
   std::string id;
   writeUnifiedID(id, identifier.view(), primary.view(), secondary.view());
   return PXString(id);
@@ -244,7 +246,8 @@ PXRef<PXMetric> PXMetricsTracker::metricForRecording(std::string_view identifier
 
 bool PXMetricsTracker::addMetric(const PXRef<PXMetric>& metric) {
   if (!metric) return false;
-  PXString unifiedID = _unifiedIDForIdentifier(metric->identifier(), metric->primary(), metric->secondary());
+  PXString unifiedID =
+      pxkit::internal::unifiedIDForIdentifier(metric->identifier(), metric->primary(), metric->secondary());
   std::lock_guard registry(metricsDict_->monitor());
   if (metricsDict_->find(unifiedID)) return false;  // an existing metric is never replaced
   metrics_->addObject(metric);
@@ -254,26 +257,35 @@ bool PXMetricsTracker::addMetric(const PXRef<PXMetric>& metric) {
 
 void PXMetricsTracker::removeMetric(const PXRef<PXMetric>& metric) {
   if (!metric) return;
-  PXString unifiedID = _unifiedIDForIdentifier(metric->identifier(), metric->primary(), metric->secondary());
+  PXString unifiedID =
+      pxkit::internal::unifiedIDForIdentifier(metric->identifier(), metric->primary(), metric->secondary());
   std::lock_guard registry(metricsDict_->monitor());
   metricsDict_->removeObjectForKey(unifiedID);
   metrics_->removeObjectIdenticalTo(metric);
 }
 
-PXRef<PXMetric> PXMetricsTracker::_findMetricForIdentifier(const PXString& identifier,
-                                                           const PXString& primary, const PXString& secondary,
-                                                           PXString* unifiedID) {
-  PXString key = _unifiedIDForIdentifier(identifier, primary, secondary);
-  std::lock_guard registry(metricsDict_->monitor());
-  const PXValue* found = metricsDict_->find(key);
-  if (unifiedID) *unifiedID = key;
+PXRef<PXMetric> pxkit::internal::MetricsTrackerAccess::findMetric(const PXMetricsTracker& tracker,
+                                                                  const PXString& unifiedID) {
+  std::lock_guard registry(tracker.metricsDict_->monitor());
+  const PXValue* found = tracker.metricsDict_->find(unifiedID);
   return found ? PXDynamicCast<PXMetric>(found->objectValue()) : PXRef<PXMetric>();
+}
+
+PXRef<PXMetric> pxkit::internal::findMetricForIdentifier(const PXMetricsTracker& tracker,
+                                                         const PXString& identifier, const PXString& primary,
+                                                         const PXString& secondary, PXString* unifiedID) {
+  PXString key = unifiedIDForIdentifier(identifier, primary, secondary);
+  if (unifiedID) *unifiedID = key;
+  return MetricsTrackerAccess::findMetric(tracker, key);
 }
 
 PXRef<PXMetric> PXMetricsTracker::metricForIdentifier(const PXString& identifier, const PXString& primary,
                                                       const PXString& secondary) {
   std::lock_guard registry(metricsDict_->monitor());
-  if (PXRef<PXMetric> found = _findMetricForIdentifier(identifier, primary, secondary)) return found;
+  if (PXRef<PXMetric> found =
+          pxkit::internal::findMetricForIdentifier(*this, identifier, primary, secondary)) {
+    return found;
+  }
   PXRef<PXMetric> metric = PXMake<PXMetric>();
   metric->setIdentifier(identifier);
   metric->setPrimary(primary);
@@ -378,20 +390,52 @@ PXRef<PXArray> PXMetricsTracker::metrics() const {
   return metrics_->copyArray();
 }
 
-PXRef<PXMutableArray> PXMetricsTracker::paperCuts() const {
-  return getAtomic(propertyLock_, paperCuts_);
+// A snapshot of a container, taken under its own lock.
+static PXRef<PXArray> snapshotOf(const PXRef<PXMutableArray>& live) {
+  if (!live) return {};
+  std::lock_guard lock(live->monitor());
+  return live->copyArray();
 }
 
-void PXMetricsTracker::setPaperCuts(PXRef<PXMutableArray> paperCuts) {
-  setObservable(propertyLock_, paperCuts_, std::move(paperCuts), "paperCuts");
+static PXRef<PXDictionary> snapshotOf(const PXRef<PXMutableDictionary>& live) {
+  if (!live) return {};
+  std::lock_guard lock(live->monitor());
+  return live->copyDictionary();
 }
 
-PXRef<PXMutableDictionary> PXMetricsTracker::lastPaperCutDateByMetricID() const {
-  return getAtomic(propertyLock_, lastPaperCutDateByMetricID_);
+PXRef<PXMutableArray> pxkit::internal::MetricsTrackerAccess::paperCuts(const PXMetricsTracker& tracker) {
+  std::lock_guard lock(tracker.propertyLock_);
+  return tracker.paperCuts_;
 }
 
-void PXMetricsTracker::setLastPaperCutDateByMetricID(PXRef<PXMutableDictionary> dates) {
-  setObservable(propertyLock_, lastPaperCutDateByMetricID_, std::move(dates), "lastPaperCutDateByMetricID");
+PXRef<PXMutableDictionary> pxkit::internal::MetricsTrackerAccess::lastPaperCutDates(
+    const PXMetricsTracker& tracker) {
+  std::lock_guard lock(tracker.propertyLock_);
+  return tracker.lastPaperCutDateByMetricID_;
+}
+
+PXRef<PXMutableDictionary> pxkit::internal::MetricsTrackerAccess::userData(const PXMetricsTracker& tracker) {
+  std::lock_guard lock(tracker.propertyLock_);
+  return tracker.userData_;
+}
+
+PXRef<PXArray> PXMetricsTracker::paperCuts() const {
+  return snapshotOf(pxkit::internal::livePaperCuts(*this));
+}
+
+void PXMetricsTracker::setPaperCuts(const PXRef<PXArray>& paperCuts) {
+  setObservable(propertyLock_, paperCuts_,
+                paperCuts ? paperCuts->mutableCopyArray() : PXRef<PXMutableArray>(), "paperCuts");
+}
+
+PXRef<PXDictionary> PXMetricsTracker::lastPaperCutDateByMetricID() const {
+  return snapshotOf(pxkit::internal::liveLastPaperCutDates(*this));
+}
+
+void PXMetricsTracker::setLastPaperCutDateByMetricID(const PXRef<PXDictionary>& dates) {
+  setObservable(propertyLock_, lastPaperCutDateByMetricID_,
+                dates ? dates->mutableCopyDictionary() : PXRef<PXMutableDictionary>(),
+                "lastPaperCutDateByMetricID");
 }
 
 std::optional<PXDate> PXMetricsTracker::lastAutoSubmissionDate() const {
@@ -402,12 +446,13 @@ void PXMetricsTracker::setLastAutoSubmissionDate(std::optional<PXDate> date) {
   setObservable(propertyLock_, lastAutoSubmissionDate_, std::move(date), "lastAutoSubmissionDate");
 }
 
-PXRef<PXMutableDictionary> PXMetricsTracker::userData() const {
-  return getAtomic(propertyLock_, userData_);
+PXRef<PXDictionary> PXMetricsTracker::userData() const {
+  return snapshotOf(pxkit::internal::liveUserData(*this));
 }
 
-void PXMetricsTracker::setUserData(PXRef<PXMutableDictionary> userData) {
-  setObservable(propertyLock_, userData_, std::move(userData), "userData");
+void PXMetricsTracker::setUserData(const PXRef<PXDictionary>& userData) {
+  setObservable(propertyLock_, userData_,
+                userData ? userData->mutableCopyDictionary() : PXRef<PXMutableDictionary>(), "userData");
 }
 
 PXRef<PXTimer> PXMetricsTracker::automaticPapercutTimer() const {

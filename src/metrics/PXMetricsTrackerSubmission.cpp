@@ -33,9 +33,9 @@ void PXMetricsTracker::registerSubmissionTriggers() {
 }
 
 void PXMetricsTracker::registerStartTrigger() {
-  // Kept as it has always been: at start the same key path is observed once
-  // more, on the controller's values object itself, one level deeper than the
-  // observation made at creation. It is never removed.
+  // At start the same key path is observed once more, on the controller's
+  // values object, one level deeper than the observation made at creation;
+  // kept on purpose, see docs/compatibility.md. It ends with the tracker.
   PXWeakRef<PXMetricsTracker> weak(this);
   startObservationToken_ = PXObjectBlockObserver::addObserverForKeyPath(
       *PXUserDefaultsController::sharedUserDefaultsController()->values(), optOutKeyPath().view(),
@@ -47,6 +47,9 @@ void PXMetricsTracker::registerStartTrigger() {
 }
 
 void PXMetricsTracker::unregisterSubmissionTriggers() {
-  PXObjectBlockObserver::removeObjectBlockObserversWithOwner(
-      *PXUserDefaultsController::sharedUserDefaultsController(), this, optOutKeyPath());
+  PXUserDefaultsController* controller = PXUserDefaultsController::sharedUserDefaultsController();
+  PXObjectBlockObserver::removeObjectBlockObserversWithOwner(*controller, this, optOutKeyPath());
+  if (startObservationToken_) {
+    PXObjectBlockObserver::removeObjectBlockObserversWithOwner(*controller->values(), this, optOutKeyPath());
+  }
 }

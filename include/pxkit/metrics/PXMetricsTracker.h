@@ -19,8 +19,17 @@
 // qualifier are the same metric.
 //
 // Thread safety: every public operation may be called from any thread. Locks
-// are recursive monitors taken in the order tracker → registry (the metricsDict
-// object) → metric; nothing takes them the other way round.
+// are taken in this order, and nothing takes two of them the other way round:
+//
+//   tracker monitor → registry (the metricsDict object's monitor) → a metric's monitor
+//                   → paperCuts list's monitor → lastPaperCutDateByMetricID's monitor
+//                   → userData's monitor
+//
+// then, innermost, the property lock (the plain fields' std::mutex, held for a
+// copy and never around a call) and the object model's own key-value observing
+// bookkeeping. A metric's monitor and the papercut containers' are never held
+// together. The clang build checks this order with thread-safety annotations
+// (the "thread-safety" preset).
 #pragma once
 
 #include <pxkit/export.h>
@@ -69,10 +78,6 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   ~PXMetricsTracker() override;
 
   // ---- Identity ------------------------------------------------------------
-  // "{identifier}-{primary}-{secondary}"; absent qualifiers are written as "",
-  // an absent identifier as "(null)".
-  static PXString _unifiedIDForIdentifier(const PXString& identifier, const PXString& primary,
-                                          const PXString& secondary);
   // The random per-installation ID (upper-case canonical UUID) kept in the
   // by-host preferences under "MetricsRandomSystemID"; made and stored on first
   // use. Absent only if no UUID could be made.
@@ -102,9 +107,6 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   // Adds `metric` unless a metric with its unified ID is registered; true when added.
   bool addMetric(const PXRef<PXMetric>& metric);
   void removeMetric(const PXRef<PXMetric>& metric);
-  // The registered metric, or empty; writes the unified ID to `unifiedID` when given.
-  PXRef<PXMetric> _findMetricForIdentifier(const PXString& identifier, const PXString& primary,
-                                           const PXString& secondary, PXString* unifiedID = nullptr);
   // The registered metric, or a new one registered now (empty if it cannot be registered).
   PXRef<PXMetric> metricForIdentifier(const PXString& identifier, const PXString& primary = {},
                                       const PXString& secondary = {});
@@ -124,7 +126,6 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   // Runs `operation` (optional) the same way and waits: returns once every
   // operation enqueued before has finished. Must not be called from a metrics operation.
   void settleOutstandingOperationsWithOperationSync(const PXMetricsOperation& operation = {});
-  PXDispatchQueue& metricsOperationQueue() const noexcept { return *metricsOperationQueue_; }
 
   // ---- Days and switches ----------------------------------------------------
   // Whole days from metricsOriginTime to `date` (now when absent), rounded at half a day.
@@ -151,36 +152,35 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   // ---- Papercuts ------------------------------------------------------------------
   // Cuts a resetting papercut stamped `timestamp` and stores it.
   void makePaperCutWithTimestamp(PXDate timestamp);
-  PXRef<PXMutableDictionary> _papercutDictWithTimestamp(PXDate timestamp, bool reset);
-  // The same over `snapshot`, a copy of the registry the caller has already taken.
-  PXRef<PXMutableDictionary> _papercutDictWithTimestamp(PXDate timestamp, bool reset,
-                                                        const PXArray& snapshot);
-  PXRef<PXMutableArray> _compileMetricsDataSetsFromMetrics(const PXArray& metrics, bool reset);
-  void _addPapercut(const PXRef<PXDictionary>& papercut);
-  static PXString _md5ChecksumOfString(const PXString& string);
   // True when the local calendar date has changed since metricsTimeBase.
   bool shouldPerformAutomaticPapercut();
   // Cuts the day's papercut when due; with `schedule`, (re)arms the daily timer
   // for 00:00:01 local time of the next day, on the main thread.
   void considerAutomaticPapercutWithSchedule(bool schedule);
-  // The daily timer's action (main thread).
-  void _automaticPapercutTimer(PXTimer& timer);
 
   // ---- Properties ---------------------------------------------------------------
   PXDate metricsOriginTime() const;
   void setMetricsOriginTime(PXDate date);
   PXDate metricsTimeBase() const;
   void setMetricsTimeBase(PXDate date);
+  // The containers' getters return snapshots (immutable copies) taken under
+  // the container's lock; changing one changes nothing in the tracker. Their
+  // setters store a mutable copy of what they are given. A new tracker's are
+  // empty; absent only after an absent one was set.
+  //
   // A snapshot of the registered metrics, in registration order.
   PXRef<PXArray> metrics() const;
-  PXRef<PXMutableArray> paperCuts() const;
-  void setPaperCuts(PXRef<PXMutableArray> paperCuts);
-  PXRef<PXMutableDictionary> lastPaperCutDateByMetricID() const;
-  void setLastPaperCutDateByMetricID(PXRef<PXMutableDictionary> dates);
+  // The papercuts cut and not yet confirmed, oldest first.
+  PXRef<PXArray> paperCuts() const;
+  void setPaperCuts(const PXRef<PXArray>& paperCuts);
+  // Plain metric identifier → date of the newest stored papercut that carried it.
+  PXRef<PXDictionary> lastPaperCutDateByMetricID() const;
+  void setLastPaperCutDateByMetricID(const PXRef<PXDictionary>& dates);
   std::optional<PXDate> lastAutoSubmissionDate() const;
   void setLastAutoSubmissionDate(std::optional<PXDate> date);
-  PXRef<PXMutableDictionary> userData() const;
-  void setUserData(PXRef<PXMutableDictionary> userData);
+  // The host's free-form data, kept with the state as "Storage".
+  PXRef<PXDictionary> userData() const;
+  void setUserData(const PXRef<PXDictionary>& userData);
   PXRef<PXTimer> automaticPapercutTimer() const;
   void setAutomaticPapercutTimer(PXRef<PXTimer> timer);
   PXString channel() const;
