@@ -163,7 +163,8 @@ const char* kindText(Kind kind) {
 // tracker's metrics (an absent and an empty qualifier are the same).
 PXRef<PXMetric> findMetric(PXMetricsTracker& tracker, const Expected& e) {
   auto same = [](const PXString& a, const std::string& b) { return a.view() == b; };
-  for (const PXValue& value : *tracker.metrics()) {
+  PXRef<PXArray> metrics = tracker.metrics();
+  for (const PXValue& value : *metrics) {
     PXRef<PXMetric> metric = PXDynamicCast<PXMetric>(value.objectValue());
     if (metric && same(metric->identifier(), e.identifier) && same(metric->primary(), e.primary) &&
         same(metric->secondary(), e.secondary)) {
