@@ -166,7 +166,7 @@ PXString PXMetricsTracker::systemID() {
   static const char* const kSystemIDKey = "MetricsRandomSystemID";
   PXValue stored = PXPreferences::copyValue(kSystemIDKey, kPXPreferencesCurrentApplication,
                                             kPXPreferencesCurrentUser, kPXPreferencesCurrentHost);
-  // Whatever string is found is used; its form is never checked.
+  // Whatever string is found is used: kept on purpose, see docs/compatibility.md.
   if (stored.isString()) return stored.stringObject();
   PXString made = PXUUID::createString();
   if (!made) return {};
@@ -348,7 +348,8 @@ int32_t PXMetricsTracker::totalUsageDaysUntil(std::optional<PXDate> date) {
   std::lock_guard lock(monitor());
   double seconds = until.timeIntervalSinceDate(metricsOriginTime());
   // Tenths of a day, truncated to a 32-bit integer, then rounded at half a day
-  // with truncating integer division: 1.45 days → 1, 1.5 → 2, −0.6 → 0, −1.6 → −1.
+  // with truncating integer division: 1.45 days → 1, 1.5 → 2, −0.6 → 0, −1.6 → −1
+  // (kept on purpose, see docs/compatibility.md).
   double tenths = std::floor(seconds / 86400.0 * 10.0);
   int32_t whole = 0;
   if (tenths >= 2147483647.0) {

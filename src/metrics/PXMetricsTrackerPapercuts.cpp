@@ -35,8 +35,7 @@ PXRef<PXMutableDictionary> pxkit::internal::papercutDictWithTimestamp(PXMetricsT
 
   PXBundle* bundle = PXBundle::mainBundle();
   PXString channelName = tracker.channel();
-  // Built in this order and cut at the first absent value: a host without a
-  // bundle identifier gets a record holding "packageID" alone. Kept on purpose.
+  // Built in this order and cut at the first absent value: kept on purpose, see docs/compatibility.md.
   auto papercut = PXMutableDictionary::dictionary();
   std::pair<PXValue, const char*> pairs[] = {
       {packageID, "packageID"},
@@ -58,8 +57,7 @@ PXRef<PXMutableArray> pxkit::internal::compileMetricsDataSetsFromMetrics(PXMetri
                                                                          const PXArray& metricsToCompile,
                                                                          bool reset) {
   auto result = PXMutableArray::arrayWithCapacity(metricsToCompile.count());
-  // Read without its lock: the tracker reaches here from its own queue. Kept on
-  // purpose, see docs/compatibility.md.
+  // Read without its lock: kept on purpose, see docs/compatibility.md.
   PXRef<PXMutableDictionary> lastDates = liveLastPaperCutDates(tracker);
   for (const PXValue& value : metricsToCompile) {
     auto* metric = dynamic_cast<PXMetric*>(value.objectPointer());

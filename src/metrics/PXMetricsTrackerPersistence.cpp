@@ -14,8 +14,7 @@ namespace {
 const char* const kMetricsDefaultsKey = "Metrics";
 
 // A dictionary built from value/key pairs in order that ends at the first
-// absent value: that key and every key after it are left out. The order is part
-// of the stored format.
+// absent value (kept on purpose, see docs/compatibility.md).
 PXRef<PXMutableDictionary> dictionaryUntilFirstAbsent(
     std::initializer_list<std::pair<PXValue, const char*>> pairs) {
   auto dictionary = PXMutableDictionary::dictionary();

@@ -14,6 +14,7 @@ PXString optOutKeyPath() {
 }  // namespace
 
 void PXMetricsTracker::considerAutoSubmissionWithSubmissionDate(std::optional<PXDate> /*submissionDate*/) {
+  // The date is ignored: kept on purpose, see docs/compatibility.md.
   if (!autoSubmissionEnabled()) return;
   PXUserDefaultsController* controller = PXUserDefaultsController::sharedUserDefaultsController();
   bool disabled = controller->values()->valueForKey(kPXMetricsPreferencesDisabledKey).boolValue();
@@ -33,9 +34,7 @@ void PXMetricsTracker::registerSubmissionTriggers() {
 }
 
 void PXMetricsTracker::registerStartTrigger() {
-  // At start the same key path is observed once more, on the controller's
-  // values object, one level deeper than the observation made at creation;
-  // kept on purpose, see docs/compatibility.md. It ends with the tracker.
+  // The same key path once more, on the values object: kept on purpose, see docs/compatibility.md.
   PXWeakRef<PXMetricsTracker> weak(this);
   startObservationToken_ = PXObjectBlockObserver::addObserverForKeyPath(
       *PXUserDefaultsController::sharedUserDefaultsController()->values(), optOutKeyPath().view(),

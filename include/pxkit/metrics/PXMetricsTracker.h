@@ -133,7 +133,8 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   // Switches automatic submission on and honours the opt-out switch from now on.
   void start();
   // Considers an automatic submission: while automatic submission is on, mirrors
-  // the opt-out switch into `enabled`.
+  // the opt-out switch into `enabled`. `submissionDate` is ignored (kept on
+  // purpose, see docs/compatibility.md).
   void considerAutoSubmissionWithSubmissionDate(std::optional<PXDate> submissionDate = std::nullopt);
 
   // ---- Persistence ------------------------------------------------------------
