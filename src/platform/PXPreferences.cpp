@@ -48,9 +48,9 @@ std::string machineIdentity() {
     paths = {"/etc/machine-id", "/var/lib/dbus/machine-id"};
   }
   for (const std::string& path : paths) {
-    std::string bytes, why;
+    std::string bytes;
     bool exists = false;
-    if (!pxkit::internal::readWholeFile(path, &bytes, &exists, &why) || bytes.size() > 4096) continue;
+    if (!pxkit::internal::readWholeFile(path, &bytes, &exists) || bytes.size() > 4096) continue;
     if (std::string id = trimmed(std::move(bytes)); !id.empty()) return id;
   }
   const char* host = g_get_host_name();
@@ -98,9 +98,9 @@ ResolvedScope resolve(std::string_view application, std::string_view user, std::
 
 // Reads one key from a file, afresh.
 PXValue valueInFile(const std::string& path, std::string_view key) {
-  std::string bytes, why;
+  std::string bytes;
   bool exists = false;
-  if (!pxkit::internal::readWholeFile(path, &bytes, &exists, &why) || !exists) return {};
+  if (!pxkit::internal::readWholeFile(path, &bytes, &exists) || !exists) return {};
   PXRef<PXDictionary> dict = PXPropertyList::propertyListWithString(bytes).dictionaryValue();
   if (!dict) return {};
   const PXValue* v = dict->findStringKey(key);
