@@ -187,11 +187,12 @@ void PXMetricsTracker::enqueueRecording(std::string_view identifier, std::string
   auto job = [tracker = PXRef<PXMetricsTracker>(this),
               identity = RecordedIdentity(identifier, primary, secondary), body = std::forward<Body>(body)] {
     // Each job holds the tracker lock while it runs; its temporaries die with it.
-    std::lock_guard lock(tracker->monitor());
+    PXMetricsTracker& self = *tracker;
+    PXMonitorLock lock(self.monitor());
     // The metric is looked up (or created) when the job runs, not when the call was made.
     if (PXRef<PXMetric> metric =
-            tracker->metricForRecording(identity.identifier(), identity.primary(), identity.secondary())) {
-      body(*tracker, *metric);
+            self.metricForRecording(identity.identifier(), identity.primary(), identity.secondary())) {
+      body(self, *metric);
     }
   };
   static_assert(PXDispatchQueue::storesInline<decltype(job)>(),
@@ -232,7 +233,7 @@ PXRef<PXMetric> PXMetricsTracker::metricForRecording(std::string_view identifier
   thread_local std::string unifiedID;
   writeUnifiedID(unifiedID, identifier, primary, secondary);
   {
-    std::lock_guard registry(metricsDict_->monitor());
+    PXMonitorLock registry(metricsDict_->monitor());
     // The registry holds nothing but metrics (addMetric takes only PXMetric).
     if (const PXValue* found = metricsDict_->findStringKey(unifiedID)) {
       return PXRef<PXMetric>(static_cast<PXMetric*>(found->objectPointer()));
@@ -248,7 +249,7 @@ bool PXMetricsTracker::addMetric(const PXRef<PXMetric>& metric) {
   if (!metric) return false;
   PXString unifiedID =
       pxkit::internal::unifiedIDForIdentifier(metric->identifier(), metric->primary(), metric->secondary());
-  std::lock_guard registry(metricsDict_->monitor());
+  PXMonitorLock registry(metricsDict_->monitor());
   if (metricsDict_->find(unifiedID)) return false;  // an existing metric is never replaced
   metrics_->addObject(metric);
   metricsDict_->setObject(metric, unifiedID);
@@ -259,14 +260,14 @@ void PXMetricsTracker::removeMetric(const PXRef<PXMetric>& metric) {
   if (!metric) return;
   PXString unifiedID =
       pxkit::internal::unifiedIDForIdentifier(metric->identifier(), metric->primary(), metric->secondary());
-  std::lock_guard registry(metricsDict_->monitor());
+  PXMonitorLock registry(metricsDict_->monitor());
   metricsDict_->removeObjectForKey(unifiedID);
   metrics_->removeObjectIdenticalTo(metric);
 }
 
 PXRef<PXMetric> pxkit::internal::MetricsTrackerAccess::findMetric(const PXMetricsTracker& tracker,
                                                                   const PXString& unifiedID) {
-  std::lock_guard registry(tracker.metricsDict_->monitor());
+  PXMonitorLock registry(tracker.metricsDict_->monitor());
   const PXValue* found = tracker.metricsDict_->find(unifiedID);
   return found ? PXDynamicCast<PXMetric>(found->objectValue()) : PXRef<PXMetric>();
 }
@@ -281,7 +282,7 @@ PXRef<PXMetric> pxkit::internal::findMetricForIdentifier(const PXMetricsTracker&
 
 PXRef<PXMetric> PXMetricsTracker::metricForIdentifier(const PXString& identifier, const PXString& primary,
                                                       const PXString& secondary) {
-  std::lock_guard registry(metricsDict_->monitor());
+  PXMonitorLock registry(metricsDict_->monitor());
   if (PXRef<PXMetric> found =
           pxkit::internal::findMetricForIdentifier(*this, identifier, primary, secondary)) {
     return found;
@@ -298,7 +299,7 @@ PXRef<PXMetric> PXMetricsTracker::metricForIdentifier(const PXString& identifier
                                                       const PXString& secondary,
                                                       PXMetricComputeBlock withMetricComputationBlock,
                                                       bool needsPersistentStorage) {
-  std::lock_guard registry(metricsDict_->monitor());
+  PXMonitorLock registry(metricsDict_->monitor());
   PXRef<PXMetric> metric = metricForIdentifier(identifier, primary, secondary);
   if (metric) {
     metric->setComputeMetricBlock(
@@ -310,7 +311,7 @@ PXRef<PXMetric> PXMetricsTracker::metricForIdentifier(const PXString& identifier
 
 PXRef<PXMetric> PXMetricsTracker::metricForIdentifier(const PXString& identifier, const PXString& primary,
                                                       const PXString& secondary, int32_t withValue) {
-  std::lock_guard registry(metricsDict_->monitor());
+  PXMonitorLock registry(metricsDict_->monitor());
   PXRef<PXMetric> metric = metricForIdentifier(identifier, primary, secondary);
   if (metric) {
     // A fixed value describes the current state: rebuilt each launch, never persisted, sent daily.
@@ -326,7 +327,7 @@ PXRef<PXMetric> PXMetricsTracker::metricForIdentifier(const PXString& identifier
 void PXMetricsTracker::performMetricsOperation(PXMetricsOperation operation) {
   if (!operation || !metricsOperationQueue_) return;
   metricsOperationQueue_->async([tracker = PXRef<PXMetricsTracker>(this), operation = std::move(operation)] {
-    std::lock_guard lock(tracker->monitor());
+    PXMonitorLock lock(tracker->monitor());
     operation();
   });
 }
@@ -336,7 +337,7 @@ void PXMetricsTracker::settleOutstandingOperationsWithOperationSync(const PXMetr
   // The queue is serial: this job runs after every operation enqueued before it.
   metricsOperationQueue_->sync([this, &operation] {
     if (!operation) return;
-    std::lock_guard lock(monitor());
+    PXMonitorLock lock(monitor());
     operation();
   });
 }
@@ -345,7 +346,7 @@ void PXMetricsTracker::settleOutstandingOperationsWithOperationSync(const PXMetr
 
 int32_t PXMetricsTracker::totalUsageDaysUntil(std::optional<PXDate> date) {
   PXDate until = date.value_or(PXDate::now());
-  std::lock_guard lock(monitor());
+  PXMonitorLock lock(monitor());
   double seconds = until.timeIntervalSinceDate(metricsOriginTime());
   // Tenths of a day, truncated to a 32-bit integer, then rounded at half a day
   // with truncating integer division: 1.45 days → 1, 1.5 → 2, −0.6 → 0, −1.6 → −1
@@ -387,20 +388,20 @@ void PXMetricsTracker::setMetricsTimeBase(PXDate date) {
 }
 
 PXRef<PXArray> PXMetricsTracker::metrics() const {
-  std::lock_guard registry(metricsDict_->monitor());
+  PXMonitorLock registry(metricsDict_->monitor());
   return metrics_->copyArray();
 }
 
 // A snapshot of a container, taken under its own lock.
 static PXRef<PXArray> snapshotOf(const PXRef<PXMutableArray>& live) {
   if (!live) return {};
-  std::lock_guard lock(live->monitor());
+  PXMonitorLock lock(live->monitor());
   return live->copyArray();
 }
 
 static PXRef<PXDictionary> snapshotOf(const PXRef<PXMutableDictionary>& live) {
   if (!live) return {};
-  std::lock_guard lock(live->monitor());
+  PXMonitorLock lock(live->monitor());
   return live->copyDictionary();
 }
 

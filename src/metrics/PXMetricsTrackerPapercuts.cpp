@@ -89,14 +89,14 @@ PXRef<PXMutableArray> pxkit::internal::compileMetricsDataSetsFromMetrics(PXMetri
 void pxkit::internal::addPapercut(PXMetricsTracker& tracker, const PXRef<PXDictionary>& papercut) {
   PXRef<PXMutableArray> cuts = livePaperCuts(tracker);
   if (!papercut || !cuts) return;
-  std::lock_guard cutsLock(cuts->monitor());
+  PXMonitorLock cutsLock(cuts->monitor());
   PXRef<PXArray> dataSets = papercut->objectForKey("metrics").arrayValue();
   PXValue timestamp = papercut->objectForKey("timestamp");
   // A period with nothing to report leaves no papercut.
   if (!dataSets || !timestamp || dataSets->count() == 0) return;
   PXDate date = PXDate::dateWithTimeIntervalSince1970(timestamp.doubleValue());
   if (PXRef<PXMutableDictionary> dates = liveLastPaperCutDates(tracker)) {
-    std::lock_guard datesLock(dates->monitor());
+    PXMonitorLock datesLock(dates->monitor());
     for (const PXValue& entry : *dataSets) {
       PXRef<PXDictionary> dataSet = entry.dictionaryValue();
       PXValue identifier = dataSet ? dataSet->objectForKey("identifier") : PXValue();

@@ -66,7 +66,7 @@ bool PXMetricsTracker::restoreFromData(const PXRef<PXData>& data) {
   if (!state) return false;
   storedStateLength_.store(data->length(), std::memory_order_relaxed);
 
-  std::lock_guard lock(monitor());
+  PXMonitorLock lock(monitor());
   // A value of another type than stored by this kit counts as absent: these
   // properties are typed.
   PXValue timeBase = state->objectForKey("TimeBase");
@@ -129,6 +129,6 @@ void PXMetricsTracker::loadFromPreferences() {
     }
   }
   // Whether or not any state was found.
-  std::lock_guard lock(monitor());
+  PXMonitorLock lock(monitor());
   considerAutomaticPapercutWithSchedule(/*schedule=*/true);
 }

@@ -28,8 +28,9 @@
 // then, innermost, the property lock (the plain fields' std::mutex, held for a
 // copy and never around a call) and the object model's own key-value observing
 // bookkeeping. A metric's monitor and the papercut containers' are never held
-// together. The clang build checks this order with thread-safety annotations
-// (the "thread-safety" preset).
+// together. The tracker's code takes every monitor through PXMonitorLock and
+// states which lock a private step needs (PX_REQUIRES); the clang
+// "thread-safety" preset checks that with -Wthread-safety.
 #pragma once
 
 #include <pxkit/export.h>
@@ -38,6 +39,7 @@
 #include <pxkit/objects/PXDate.h>
 #include <pxkit/objects/PXDictionary.h>
 #include <pxkit/objects/PXObject.h>
+#include <pxkit/objects/PXThreadSafety.h>
 
 #include <functional>
 #include <memory>
@@ -202,9 +204,11 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   template <class Body>
   void enqueueRecording(std::string_view identifier, std::string_view primary, std::string_view secondary,
                         Body&& body);
-  // The registered metric for an identity, found without allocating; created on first use.
+  // The registered metric for an identity, found without allocating; created on
+  // first use. Runs in a recording job, which holds the tracker lock; takes the
+  // registry lock inside it.
   PXRef<PXMetric> metricForRecording(std::string_view identifier, std::string_view primary,
-                                     std::string_view secondary);
+                                     std::string_view secondary) PX_REQUIRES(monitor());
   void registerSubmissionTriggers();
   void registerStartTrigger();
   void unregisterSubmissionTriggers();
