@@ -14,6 +14,7 @@ PXString optOutKeyPath() {
 }  // namespace
 
 void PXMetricsTracker::considerAutoSubmissionWithSubmissionDate(std::optional<PXDate> /*submissionDate*/) {
+  // The date is ignored: kept on purpose, see docs/compatibility.md.
   if (!autoSubmissionEnabled()) return;
   PXUserDefaultsController* controller = PXUserDefaultsController::sharedUserDefaultsController();
   bool disabled = controller->values()->valueForKey(kPXMetricsPreferencesDisabledKey).boolValue();
@@ -33,9 +34,7 @@ void PXMetricsTracker::registerSubmissionTriggers() {
 }
 
 void PXMetricsTracker::registerStartTrigger() {
-  // Kept as it has always been: at start the same key path is observed once
-  // more, on the controller's values object itself, one level deeper than the
-  // observation made at creation. It is never removed.
+  // The same key path once more, on the values object: kept on purpose, see docs/compatibility.md.
   PXWeakRef<PXMetricsTracker> weak(this);
   startObservationToken_ = PXObjectBlockObserver::addObserverForKeyPath(
       *PXUserDefaultsController::sharedUserDefaultsController()->values(), optOutKeyPath().view(),
@@ -47,6 +46,9 @@ void PXMetricsTracker::registerStartTrigger() {
 }
 
 void PXMetricsTracker::unregisterSubmissionTriggers() {
-  PXObjectBlockObserver::removeObjectBlockObserversWithOwner(
-      *PXUserDefaultsController::sharedUserDefaultsController(), this, optOutKeyPath());
+  PXUserDefaultsController* controller = PXUserDefaultsController::sharedUserDefaultsController();
+  PXObjectBlockObserver::removeObjectBlockObserversWithOwner(*controller, this, optOutKeyPath());
+  if (startObservationToken_) {
+    PXObjectBlockObserver::removeObjectBlockObserversWithOwner(*controller->values(), this, optOutKeyPath());
+  }
 }

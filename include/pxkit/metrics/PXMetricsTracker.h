@@ -19,8 +19,18 @@
 // qualifier are the same metric.
 //
 // Thread safety: every public operation may be called from any thread. Locks
-// are recursive monitors taken in the order tracker → registry (the metricsDict
-// object) → metric; nothing takes them the other way round.
+// are taken in this order, and nothing takes two of them the other way round:
+//
+//   tracker monitor → registry (the metricsDict object's monitor) → a metric's monitor
+//                   → paperCuts list's monitor → lastPaperCutDateByMetricID's monitor
+//                   → userData's monitor
+//
+// then, innermost, the property lock (the plain fields' std::mutex, held for a
+// copy and never around a call) and the object model's own key-value observing
+// bookkeeping. A metric's monitor and the papercut containers' are never held
+// together. The tracker's code takes every monitor through PXMonitorLock and
+// states which lock a private step needs (PX_REQUIRES); the clang
+// "thread-safety" preset checks that with -Wthread-safety.
 #pragma once
 
 #include <pxkit/export.h>
@@ -29,6 +39,7 @@
 #include <pxkit/objects/PXDate.h>
 #include <pxkit/objects/PXDictionary.h>
 #include <pxkit/objects/PXObject.h>
+#include <pxkit/objects/PXThreadSafety.h>
 
 #include <functional>
 #include <memory>
@@ -36,6 +47,9 @@
 
 class PXDispatchQueue;
 class PXTimer;
+namespace pxkit::internal {
+struct MetricsTrackerAccess;
+}  // namespace pxkit::internal
 
 // Distribution channels reported with submissions.
 PXKIT_EXPORT extern const char* const kPXMetricsChannelDefault;      // "default"
@@ -66,10 +80,6 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   ~PXMetricsTracker() override;
 
   // ---- Identity ------------------------------------------------------------
-  // "{identifier}-{primary}-{secondary}"; absent qualifiers are written as "",
-  // an absent identifier as "(null)".
-  static PXString _unifiedIDForIdentifier(const PXString& identifier, const PXString& primary,
-                                          const PXString& secondary);
   // The random per-installation ID (upper-case canonical UUID) kept in the
   // by-host preferences under "MetricsRandomSystemID"; made and stored on first
   // use. Absent only if no UUID could be made.
@@ -99,9 +109,6 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   // Adds `metric` unless a metric with its unified ID is registered; true when added.
   bool addMetric(const PXRef<PXMetric>& metric);
   void removeMetric(const PXRef<PXMetric>& metric);
-  // The registered metric, or empty; writes the unified ID to `unifiedID` when given.
-  PXRef<PXMetric> _findMetricForIdentifier(const PXString& identifier, const PXString& primary,
-                                           const PXString& secondary, PXString* unifiedID = nullptr);
   // The registered metric, or a new one registered now (empty if it cannot be registered).
   PXRef<PXMetric> metricForIdentifier(const PXString& identifier, const PXString& primary = {},
                                       const PXString& secondary = {});
@@ -121,7 +128,6 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   // Runs `operation` (optional) the same way and waits: returns once every
   // operation enqueued before has finished. Must not be called from a metrics operation.
   void settleOutstandingOperationsWithOperationSync(const PXMetricsOperation& operation = {});
-  PXDispatchQueue& metricsOperationQueue() const noexcept { return *metricsOperationQueue_; }
 
   // ---- Days and switches ----------------------------------------------------
   // Whole days from metricsOriginTime to `date` (now when absent), rounded at half a day.
@@ -129,7 +135,8 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   // Switches automatic submission on and honours the opt-out switch from now on.
   void start();
   // Considers an automatic submission: while automatic submission is on, mirrors
-  // the opt-out switch into `enabled`.
+  // the opt-out switch into `enabled`. `submissionDate` is ignored (kept on
+  // purpose, see docs/compatibility.md).
   void considerAutoSubmissionWithSubmissionDate(std::optional<PXDate> submissionDate = std::nullopt);
 
   // ---- Persistence ------------------------------------------------------------
@@ -148,36 +155,35 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   // ---- Papercuts ------------------------------------------------------------------
   // Cuts a resetting papercut stamped `timestamp` and stores it.
   void makePaperCutWithTimestamp(PXDate timestamp);
-  PXRef<PXMutableDictionary> _papercutDictWithTimestamp(PXDate timestamp, bool reset);
-  // The same over `snapshot`, a copy of the registry the caller has already taken.
-  PXRef<PXMutableDictionary> _papercutDictWithTimestamp(PXDate timestamp, bool reset,
-                                                        const PXArray& snapshot);
-  PXRef<PXMutableArray> _compileMetricsDataSetsFromMetrics(const PXArray& metrics, bool reset);
-  void _addPapercut(const PXRef<PXDictionary>& papercut);
-  static PXString _md5ChecksumOfString(const PXString& string);
   // True when the local calendar date has changed since metricsTimeBase.
   bool shouldPerformAutomaticPapercut();
   // Cuts the day's papercut when due; with `schedule`, (re)arms the daily timer
   // for 00:00:01 local time of the next day, on the main thread.
   void considerAutomaticPapercutWithSchedule(bool schedule);
-  // The daily timer's action (main thread).
-  void _automaticPapercutTimer(PXTimer& timer);
 
   // ---- Properties ---------------------------------------------------------------
   PXDate metricsOriginTime() const;
   void setMetricsOriginTime(PXDate date);
   PXDate metricsTimeBase() const;
   void setMetricsTimeBase(PXDate date);
+  // The containers' getters return snapshots (immutable copies) taken under
+  // the container's lock; changing one changes nothing in the tracker. Their
+  // setters store a mutable copy of what they are given. A new tracker's are
+  // empty; absent only after an absent one was set.
+  //
   // A snapshot of the registered metrics, in registration order.
   PXRef<PXArray> metrics() const;
-  PXRef<PXMutableArray> paperCuts() const;
-  void setPaperCuts(PXRef<PXMutableArray> paperCuts);
-  PXRef<PXMutableDictionary> lastPaperCutDateByMetricID() const;
-  void setLastPaperCutDateByMetricID(PXRef<PXMutableDictionary> dates);
+  // The papercuts cut and not yet confirmed, oldest first.
+  PXRef<PXArray> paperCuts() const;
+  void setPaperCuts(const PXRef<PXArray>& paperCuts);
+  // Plain metric identifier → date of the newest stored papercut that carried it.
+  PXRef<PXDictionary> lastPaperCutDateByMetricID() const;
+  void setLastPaperCutDateByMetricID(const PXRef<PXDictionary>& dates);
   std::optional<PXDate> lastAutoSubmissionDate() const;
   void setLastAutoSubmissionDate(std::optional<PXDate> date);
-  PXRef<PXMutableDictionary> userData() const;
-  void setUserData(PXRef<PXMutableDictionary> userData);
+  // The host's free-form data, kept with the state as "Storage".
+  PXRef<PXDictionary> userData() const;
+  void setUserData(const PXRef<PXDictionary>& userData);
   PXRef<PXTimer> automaticPapercutTimer() const;
   void setAutomaticPapercutTimer(PXRef<PXTimer> timer);
   PXString channel() const;
@@ -194,12 +200,15 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
 
  private:
   friend struct PXMetricsTrackerTestAccess;
+  friend struct pxkit::internal::MetricsTrackerAccess;
   template <class Body>
   void enqueueRecording(std::string_view identifier, std::string_view primary, std::string_view secondary,
                         Body&& body);
-  // The registered metric for an identity, found without allocating; created on first use.
+  // The registered metric for an identity, found without allocating; created on
+  // first use. Runs in a recording job, which holds the tracker lock; takes the
+  // registry lock inside it.
   PXRef<PXMetric> metricForRecording(std::string_view identifier, std::string_view primary,
-                                     std::string_view secondary);
+                                     std::string_view secondary) PX_REQUIRES(monitor());
   void registerSubmissionTriggers();
   void registerStartTrigger();
   void unregisterSubmissionTriggers();
