@@ -35,6 +35,7 @@
 
 #include <pxkit/export.h>
 #include <pxkit/metrics/PXMetric.h>
+#include <pxkit/net/PXJSONRequest.h>
 #include <pxkit/objects/PXArray.h>
 #include <pxkit/objects/PXDate.h>
 #include <pxkit/objects/PXDictionary.h>
@@ -132,12 +133,42 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   // ---- Days and switches ----------------------------------------------------
   // Whole days from metricsOriginTime to `date` (now when absent), rounded at half a day.
   int32_t totalUsageDaysUntil(std::optional<PXDate> date = std::nullopt);
-  // Switches automatic submission on and honours the opt-out switch from now on.
+  // Switches automatic submission on, honours the opt-out switch from now on and
+  // considers a first submission.
   void start();
-  // Considers an automatic submission: while automatic submission is on, mirrors
-  // the opt-out switch into `enabled`. `submissionDate` is ignored (kept on
-  // purpose, see docs/compatibility.md).
+  // Considers an automatic submission. While automatic submission is on,
+  // mirrors the opt-out switch into `enabled`; then, unless the user opted out
+  // or fewer than 86400 s have passed since lastAutoSubmissionDate, submits
+  // (submitDataWithResponseHandler, no handler, `submissionDate`). Network
+  // availability is a trigger of this call, never a condition of it.
   void considerAutoSubmissionWithSubmissionDate(std::optional<PXDate> submissionDate = std::nullopt);
+
+  // ---- Submission (see docs/submission.md) ----------------------------------
+  // Starts a submission unless one is in flight (then the call is dropped and
+  // `handler` is never called). On the main run loop the stored papercuts are
+  // packed (dataForSubmissionSync) and POSTed as JSON to metricsPostURL; when
+  // nothing is stored nothing is sent. When the request succeeds the receipt
+  // prunes the store (handleSubmissionReceipt), lastAutoSubmissionDate becomes
+  // `submissionDate` (now minus 60 s when absent) and the state is saved; a
+  // failed request changes nothing. `handler` (optional, copied) is called on
+  // the main thread after that, with the request's outcome unchanged; it is
+  // not called when nothing was sent or the request could not start.
+  void submitDataWithResponseHandler(PXJSONResponseHandler handler = {},
+                                     std::optional<PXDate> submissionDate = std::nullopt);
+  // The next submission's body, {"papercuts":[...]} of every stored papercut,
+  // oldest first, as compact JSON. Cuts the due papercuts first (and, when the
+  // tracker has never submitted, one of the period so far). Runs on the
+  // metrics operation queue after every earlier operation and waits; must not
+  // be called from a metrics operation. Absent when no papercut is stored or
+  // the store cannot be written as JSON (logged).
+  PXRef<PXData> dataForSubmissionSync();
+  // Removes exactly the stored papercuts whose "packageID" the receipt's
+  // "processedPapercutPackageIDs" names (strings; anything else names none).
+  // True when `receipt` is a JSON object with that array, also when nothing
+  // matched; false (nothing removed) otherwise. Any thread.
+  bool handleSubmissionReceipt(const PXRef<PXData>& receipt);
+  // The submission request in flight, or empty.
+  PXRef<PXJSONRequest> submissionRequest() const;
 
   // ---- Persistence ------------------------------------------------------------
   // The whole state as a keyed archive, made on the queue after every earlier
@@ -192,6 +223,8 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
     return autoSubmissionEnabled_.load(std::memory_order_relaxed);
   }
   void setAutoSubmissionEnabled(bool enabled);
+  // Where submissions are POSTed: the metrics collection endpoint, path
+  // "/metrics/post". A host points the tracker at its own endpoint here, before start().
   PXString metricsPostURL() const;
   void setMetricsPostURL(PXString url);
   // Recording allowed; mirrors the negation of the opt-out switch once started.
@@ -212,6 +245,9 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   void registerSubmissionTriggers();
   void registerStartTrigger();
   void unregisterSubmissionTriggers();
+  void setSubmissionRequest(PXRef<PXJSONRequest> request);
+  // The submission accepted by submitDataWithResponseHandler, on the main thread.
+  void sendSubmission(PXJSONResponseHandler handler, PXDate submissionDate);
 
   mutable std::mutex propertyLock_;  // the atomic properties below
   PXDate metricsOriginTime_;
@@ -233,4 +269,6 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   std::atomic<size_t> storedStateLength_{0};
   PXRef<PXObject> preferenceObservationToken_;
   PXRef<PXObject> startObservationToken_;
+  std::atomic<bool> networkObserved_{false};  // the "networkAvailable" trigger is registered
+  PXRef<PXJSONRequest> submissionRequest_;     // under propertyLock_
 };
