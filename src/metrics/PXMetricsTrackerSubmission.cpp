@@ -59,9 +59,10 @@ void PXMetricsTracker::submitDataWithResponseHandler(PXJSONResponseHandler handl
     autoSubmissionScheduled_ = true;
   }
   PXDate date = submissionDate.value_or(PXDate::now().dateByAddingTimeInterval(-60));
+  // Held weakly until the request starts: a tracker released meanwhile sends nothing.
   PXOperationQueue::mainQueue()->addOperationWithBlock(
-      [tracker = PXRef<PXMetricsTracker>(this), handler = std::move(handler), date]() mutable {
-        tracker->sendSubmission(std::move(handler), date);
+      [weak = PXWeakRef<PXMetricsTracker>(this), handler = std::move(handler), date]() mutable {
+        if (PXRef<PXMetricsTracker> tracker = weak.lock()) tracker->sendSubmission(std::move(handler), date);
       });
 }
 
@@ -75,7 +76,10 @@ void PXMetricsTracker::sendSubmission(PXJSONResponseHandler handler, PXDate subm
     auto completion = [self, handler = std::move(handler), submissionDate](
                           PXJSONRequest* request, bool success, uint32_t cancelled, const PXValue& object,
                           PXError* parseError) {
-      if (success) {
+      // An error status (404, 500) is an exchange that succeeded and a
+      // submission that did not: whatever its body says, nothing changes.
+      int32_t status = request->responseStatusCode();
+      if (success && status >= 200 && status < 300) {
         self->handleSubmissionReceipt(request->responseBodyData());
         {
           PXMonitorLock lock(self->monitor());
