@@ -2,6 +2,7 @@
 //
 //   pxkit demo [--keep]   the kit at work in a sample application (Demo.h)
 //   pxkit online [--watch]  whether the network is available (Online.h)
+//   pxkit state [--app ID]  what is stored for an application (State.h)
 //   pxkit --help | --version
 #include <pxkit/PXKit.h>
 
@@ -12,6 +13,7 @@
 
 #include "Demo.h"
 #include "Online.h"
+#include "State.h"
 
 namespace {
 
@@ -27,6 +29,10 @@ constexpr const char* kUsage =
     "                  print whether the network is available (exit status 0 when\n"
     "                  it is, 1 when not); with --watch, also each change, until\n"
     "                  interrupted\n"
+    "  state [--app ID]\n"
+    "                  show what is stored for an application (default: the\n"
+    "                  demo's): its metrics, the papercuts waiting and the exact\n"
+    "                  JSON body its next submission will post; changes nothing\n"
     "\n"
     "Options:\n"
     "  --help          show this help\n"
@@ -74,5 +80,6 @@ int main(int argc, char** argv) {
   }
   if (command == "demo") return demo(args);
   if (command == "online") return PXKitOnline::run(args);
+  if (command == "state") return PXKitState::run(args);
   return usageError("unknown command '" + std::string(command) + "'");
 }
