@@ -33,7 +33,8 @@ class TemporaryHome {
     std::string pattern = (std::filesystem::temp_directory_path() / "pxkit-bench-XXXXXX").string();
     if (!mkdtemp(pattern.data())) std::abort();
     root_ = pattern;
-    for (const char* name : {"HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME"}) {
+    for (const char* name :
+         {"HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME"}) {
       const std::string dir = root_ + "/" + name;
       std::filesystem::create_directories(dir);
       setenv(name, dir.c_str(), 1);

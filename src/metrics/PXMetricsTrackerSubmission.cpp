@@ -93,8 +93,8 @@ void PXMetricsTracker::sendSubmission(PXJSONResponseHandler handler, PXDate subm
       PXMonitorLock lock(self->monitor());
       self->autoSubmissionScheduled_ = false;
     };
-    setSubmissionRequest(
-        PXJSONRequest::startedJSONRequestWithURL(metricsPostURL(), PXValue(data), std::move(completion), &error));
+    setSubmissionRequest(PXJSONRequest::startedJSONRequestWithURL(metricsPostURL(), PXValue(data),
+                                                                  std::move(completion), &error));
   }
   if (!error && submissionRequest()) return;  // running
   // Nothing to send, or the request could not start: back to idle, silently.
@@ -182,10 +182,9 @@ void PXMetricsTracker::registerSubmissionTriggers() {
   PXOperationQueue::mainQueue()->addOperationWithBlock([weak, consider] {
     PXRef<PXMetricsTracker> tracker = weak.lock();
     if (!tracker) return;
-    PXObjectBlockObserver::addObserverForKeyPath(*PXNetworkAvailabilityMonitor::sharedMonitor(),
-                                                 "networkAvailable",
-                                                 PXKeyValueObservingOptionNew | PXKeyValueObservingOptionOld,
-                                                 tracker.get(), consider);
+    PXObjectBlockObserver::addObserverForKeyPath(
+        *PXNetworkAvailabilityMonitor::sharedMonitor(), "networkAvailable",
+        PXKeyValueObservingOptionNew | PXKeyValueObservingOptionOld, tracker.get(), consider);
     tracker->networkObserved_.store(true, std::memory_order_release);
   });
 }

@@ -53,7 +53,8 @@ class PXMetricsTrackerSubmissionTest : public testing::Test {
   }
   static Strings idsOf(const PXArray& cuts) {
     Strings ids;
-    for (const PXValue& cut : cuts) ids.emplace_back(cut.dictionaryValue()->objectForKey("packageID").stringValue());
+    for (const PXValue& cut : cuts)
+      ids.emplace_back(cut.dictionaryValue()->objectForKey("packageID").stringValue());
     return ids;
   }
   static std::string receiptNaming(const Strings& ids) {
@@ -110,10 +111,19 @@ TEST_F(PXMetricsTrackerSubmissionTest, EachAnswerLeavesExactlyTheUnconfirmedPape
       {"empty body", [](const Strings&) { return R(""); }, all, true},
       {"not JSON", [](const Strings&) { return R("<html>thanks</html>"); }, all, true},
       {"a JSON array", [](const Strings& ids) { return R("[\"" + ids[0] + "\"]"); }, all, true},
-      {"unknown IDs", [](const Strings&) { return R(receiptNaming({"feed", "0123456789abcdef"})); }, all, true},
-      {"half of them", [](const Strings& ids) { return R(receiptNaming({ids[2], ids[0]})); }, {1, 3}, true},
-      {"IDs as numbers",
-       [](const Strings&) { return R(R"({"processedPapercutPackageIDs":[0,1,2,3]})"); }, all, true},
+      {"unknown IDs",
+       [](const Strings&) {
+         return R(receiptNaming({"feed", "0123456789abcdef"}));
+       },
+       all, true},
+      {"half of them",
+       [](const Strings& ids) {
+         return R(receiptNaming({ids[2], ids[0]}));
+       },
+       {1, 3},
+       true},
+      {"IDs as numbers", [](const Strings&) { return R(R"({"processedPapercutPackageIDs":[0,1,2,3]})"); },
+       all, true},
       {"reset before the answer", nullptr, all, false},
       {"307 to the endpoint", [](const Strings& ids) { return R(receiptNaming(ids)); }, {}, true},
   };
@@ -126,15 +136,15 @@ TEST_F(PXMetricsTrackerSubmissionTest, EachAnswerLeavesExactlyTheUnconfirmedPape
     ASSERT_EQ(ids.size(), 4u);
     tracker->setMetricsPostURL(server.url("/metrics/post"));
     if (!c.answer) {
-      server.handleRaw("/metrics/post", PXLoopbackServer::RawResponse("", PXLoopbackServer::RawEnding::Reset));
+      server.handleRaw("/metrics/post",
+                       PXLoopbackServer::RawResponse("", PXLoopbackServer::RawEnding::Reset));
       tracker->setMetricsPostURL(server.rawURL("/metrics/post"));
     } else {
       server.handle("/metrics/post", [answer = c.answer(ids)](const auto&) { return answer; });
     }
     if (std::string(c.name).starts_with("307")) {
-      server.handle("/moved", [&](const auto&) {
-        return R("", 307).header("Location", server.url("/metrics/post"));
-      });
+      server.handle("/moved",
+                    [&](const auto&) { return R("", 307).header("Location", server.url("/metrics/post")); });
       tracker->setMetricsPostURL(server.url("/moved"));
     }
     ASSERT_TRUE(submitAndWait());
@@ -157,8 +167,9 @@ TEST_F(PXMetricsTrackerSubmissionTest, EachAnswerLeavesExactlyTheUnconfirmedPape
 
 TEST_F(PXMetricsTrackerSubmissionTest, OneSubmissionADayAndOnlyOneInFlight) {
   Strings ids = storePapercuts(2);
-  server.handle("/metrics/post", [ids](const auto&) { return PXLoopbackServer::Response(receiptNaming(ids)); });
-  tracker->start();  // a trigger
+  server.handle("/metrics/post",
+                [ids](const auto&) { return PXLoopbackServer::Response(receiptNaming(ids)); });
+  tracker->start();                                                      // a trigger
   tracker->considerAutoSubmissionWithSubmissionDate(PXDate(kNoon + 1));  // and another at once
   ASSERT_TRUE(PXRunLoopUntil([&] { return tracker->paperCuts()->count() == 0; }));
   drainMainQueue();
@@ -207,13 +218,15 @@ TEST_F(PXMetricsTrackerSubmissionTest, OptedOutTrackerRecordsAndSendsNothingUnti
 
 TEST_F(PXMetricsTrackerSubmissionTest, PapercutCutInFlightSurvivesTheEarlierReceipt) {
   Strings ids = storePapercuts(3);
-  server.handle("/metrics/post", [ids](const auto&) { return PXLoopbackServer::Response(receiptNaming(ids)); });
+  server.handle("/metrics/post",
+                [ids](const auto&) { return PXLoopbackServer::Response(receiptNaming(ids)); });
   bool finished = false;
   tracker->submitDataWithResponseHandler([&](auto...) { finished = true; }, PXDate(kNoon));
   ASSERT_TRUE(PXRunLoopUntil([&] { return bool(tracker->submissionRequest()); }));
   // The request is running; its completion waits for this thread's run loop.
   tracker->metricForIdentifier("com.example.late")->setValue(9);
-  tracker->settleOutstandingOperationsWithOperationSync([&] { tracker->makePaperCutWithTimestamp(PXDate(kNoon)); });
+  tracker->settleOutstandingOperationsWithOperationSync(
+      [&] { tracker->makePaperCutWithTimestamp(PXDate(kNoon)); });
   Strings late = idsOf(*tracker->paperCuts());
   ASSERT_EQ(late.size(), 4u);
   ASSERT_TRUE(PXRunLoopUntil([&] { return finished; }));

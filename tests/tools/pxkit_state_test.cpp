@@ -64,7 +64,8 @@ TEST(PXKitStateTool, ShowsTheStoredStateAndTheNextBodyWithoutChangingIt) {
   PXRef<PXData> body = tracker->dataForSubmissionSync();
   ASSERT_TRUE(body);
   const std::string expectedBody(reinterpret_cast<const char*>(body->bytes().data()), body->length());
-  const std::string packageID(tracker->paperCuts()->objectAtIndex(0).dictionaryValue()->objectForKey("packageID").stringValue());
+  const std::string packageID(
+      tracker->paperCuts()->objectAtIndex(0).dictionaryValue()->objectForKey("packageID").stringValue());
   const auto before = filesUnder(home.configHome());
   ASSERT_FALSE(before.empty());
 
@@ -74,7 +75,8 @@ TEST(PXKitStateTool, ShowsTheStoredStateAndTheNextBodyWithoutChangingIt) {
     std::vector<std::string> lines;  // each a whole line of the output, in this order
   };
   const std::vector<Case> cases = {
-      {std::string("state --app ") + kApp, 0,
+      {std::string("state --app ") + kApp,
+       0,
        {std::string("application: ") + kApp, "system ID: " + std::string(systemID.view()), "metrics (2):",
         "  com.example.clicks [toolbar] = 0", "  com.example.editing = 420", "papercuts waiting (1):",
         "next submission body (" + std::to_string(expectedBody.size()) + " bytes):", expectedBody}},

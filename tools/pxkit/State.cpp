@@ -22,7 +22,8 @@ std::string utcText(double secondsSince1970) {
   std::time_t t = static_cast<std::time_t>(std::floor(secondsSince1970));
   std::tm tm{};
   char text[64];
-  if (!gmtime_r(&t, &tm) || !std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", &tm)) return "(invalid date)";
+  if (!gmtime_r(&t, &tm) || !std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", &tm))
+    return "(invalid date)";
   return text;
 }
 
@@ -57,8 +58,8 @@ int run(const std::vector<std::string_view>& args) {
   }
   // Read before anything asks the tracker for its system ID, which would make
   // and store one when none exists.
-  PXString systemID = PXPreferences::copyValue("MetricsRandomSystemID", application, kPXPreferencesCurrentUser,
-                                               kPXPreferencesCurrentHost)
+  PXString systemID = PXPreferences::copyValue("MetricsRandomSystemID", application,
+                                               kPXPreferencesCurrentUser, kPXPreferencesCurrentHost)
                           .stringValue();
   if (systemID.view().empty()) return noState(application, "no system ID");
   PXRef<PXDictionary> all = PXPreferences::copyAppValue("Metrics", application).dictionaryValue();
@@ -92,13 +93,15 @@ int run(const std::vector<std::string_view>& args) {
       PXRef<PXDictionary> cut = value.dictionaryValue();
       if (!cut) continue;
       PXRef<PXArray> sets = cut->objectForKey("metrics").arrayValue();
-      std::printf("  %s  %s  %zu metrics\n", std::string(cut->objectForKey("packageID").stringValue()).c_str(),
+      std::printf("  %s  %s  %zu metrics\n",
+                  std::string(cut->objectForKey("packageID").stringValue()).c_str(),
                   utcText(cut->objectForKey("timestamp").doubleValue()).c_str(), sets ? sets->count() : 0);
     }
   }
   std::optional<PXDate> last = tracker->lastAutoSubmissionDate();
-  std::printf("last submission: %s\n",
-              last ? utcText(last->timeIntervalSinceReferenceDate() + kPXTimeIntervalSince1970).c_str() : "never");
+  std::printf(
+      "last submission: %s\n",
+      last ? utcText(last->timeIntervalSinceReferenceDate() + kPXTimeIntervalSince1970).c_str() : "never");
   PXRef<PXData> body = tracker->dataForSubmissionSync();
   if (!body) {
     std::printf("next submission body: none\n");

@@ -270,5 +270,5 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   PXRef<PXObject> preferenceObservationToken_;
   PXRef<PXObject> startObservationToken_;
   std::atomic<bool> networkObserved_{false};  // the "networkAvailable" trigger is registered
-  PXRef<PXJSONRequest> submissionRequest_;     // under propertyLock_
+  PXRef<PXJSONRequest> submissionRequest_;    // under propertyLock_
 };
