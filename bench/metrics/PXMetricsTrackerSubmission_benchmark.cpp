@@ -60,8 +60,9 @@ PXRef<PXMetricsTracker> makeStore(int64_t papercutCount) {
     PXString primary = i % 3 == 0 ? PXString("primary." + std::to_string(i % 7)) : PXString();
     day->metricForIdentifier("org.example.editor.daily." + std::to_string(i), primary, {});
   }
+  PXRef<PXArray> dayMetrics = day->metrics();
   for (int64_t d = 0; d < papercutCount; ++d) {
-    for (const PXValue& value : *day->metrics()) {
+    for (const PXValue& value : *dayMetrics) {
       static_cast<PXMetric*>(value.objectPointer())->setValue(static_cast<int32_t>(d * 7 + 1));
     }
     PXDate stamp(kBenchClock - 86400.0 * static_cast<double>(papercutCount - d));

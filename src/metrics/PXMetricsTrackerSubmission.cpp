@@ -116,11 +116,10 @@ PXRef<PXData> PXMetricsTracker::dataForSubmissionSync() {
     // The store itself, written while its lock is held.
     auto document = PXMutableDictionary::dictionary();
     document->setObject(PXValue(cuts), "papercuts");
-    if (PXJSONSerialization::isValidJSONObject(PXValue(document))) {
-      data = PXJSONSerialization::dataWithJSONObject(PXValue(document), 0, nullptr);
-    } else {
-      PXLog("Submission dictionary could not be packed as JSON");
-    }
+    // The writer refuses what JSON cannot hold (a date, data) as the validity
+    // check would, in the same single walk over the store.
+    data = PXJSONSerialization::dataWithJSONObject(PXValue(document), 0, nullptr);
+    if (!data) PXLog("Submission dictionary could not be packed as JSON");
   });
   return data;
 }

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "metrics/internal/PXMetricsTrackerInternal.h"
+#include "support/PXLogCapture.h"
 #include "support/PXLoopbackServer.h"
 #include "support/PXRunLoopUntil.h"
 #include "support/PXTempHome.h"
@@ -197,6 +198,24 @@ TEST_F(PXMetricsTrackerSubmissionTest, NothingStoredSendsNothingAndLeavesTheTrac
   storePapercuts(1);
   ASSERT_TRUE(submitAndWait());
   EXPECT_EQ(posts(), 1u);
+}
+
+TEST_F(PXMetricsTrackerSubmissionTest, AStoreThatIsNotJSONIsLoggedAndNotSent) {
+  storePapercuts(1);
+  auto odd = PXMutableDictionary::dictionary();
+  odd->setObject(PXDate(kNoon), "packageID");  // a date: JSON cannot hold it
+  odd->setObject(PXArray::arrayWithObjects({PXValue(1)}), "metrics");
+  odd->setObject(PXValue(1.0), "timestamp");
+  pxkit::internal::addPapercut(*tracker, odd);
+  ASSERT_EQ(tracker->paperCuts()->count(), 2u);
+  PXLogCapture log;
+  bool called = false;
+  tracker->submitDataWithResponseHandler([&](auto...) { called = true; });
+  drainMainQueue();
+  EXPECT_TRUE(log.contains("Submission dictionary could not be packed as JSON"));
+  EXPECT_EQ(posts(), 0u);
+  EXPECT_FALSE(called);
+  EXPECT_EQ(tracker->paperCuts()->count(), 2u);
 }
 
 TEST_F(PXMetricsTrackerSubmissionTest, OptedOutTrackerRecordsAndSendsNothingUntilSwitchedBack) {
