@@ -10,6 +10,7 @@
 #include <pxkit/platform/PXOperationQueue.h>
 #include <pxkit/platform/PXUserDefaultsController.h>
 
+#include <memory>
 #include <string>
 #include <unordered_set>
 #include <utility>
@@ -71,11 +72,16 @@ void PXMetricsTracker::sendSubmission(PXJSONResponseHandler handler, PXDate subm
   if (submissionRequest()) return;
   PXRef<PXData> data = dataForSubmissionSync();
   PXErrorRef error;
+  PXRef<PXJSONRequest> started;
+  // Set once the completion has run, so that a request finishing inside its
+  // own start is never kept as the one in flight.
+  auto finished = std::make_shared<bool>(false);
   if (data) {
     PXRef<PXMetricsTracker> self(this);
-    auto completion = [self, handler = std::move(handler), submissionDate](
+    auto completion = [self, handler = std::move(handler), submissionDate, finished](
                           PXJSONRequest* request, bool success, uint32_t cancelled, const PXValue& object,
                           PXError* parseError) {
+      *finished = true;
       // An error status (404, 500) is an exchange that succeeded and a
       // submission that did not: whatever its body says, nothing changes.
       int32_t status = request->responseStatusCode();
@@ -93,10 +99,13 @@ void PXMetricsTracker::sendSubmission(PXJSONResponseHandler handler, PXDate subm
       PXMonitorLock lock(self->monitor());
       self->autoSubmissionScheduled_ = false;
     };
-    setSubmissionRequest(PXJSONRequest::startedJSONRequestWithURL(metricsPostURL(), PXValue(data),
-                                                                  std::move(completion), &error));
+    started = PXJSONRequest::startedJSONRequestWithURL(metricsPostURL(), PXValue(data), std::move(completion),
+                                                       &error);
   }
-  if (!error && submissionRequest()) return;  // running
+  if (!error && started) {
+    if (!*finished) setSubmissionRequest(std::move(started));  // running
+    return;
+  }
   // Nothing to send, or the request could not start: back to idle, silently.
   setSubmissionRequest({});
   PXMonitorLock lock(monitor());

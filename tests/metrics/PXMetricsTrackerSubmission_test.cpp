@@ -188,14 +188,20 @@ TEST_F(PXMetricsTrackerSubmissionTest, OneSubmissionADayAndOnlyOneInFlight) {
   ASSERT_TRUE(PXRunLoopUntil([&] { return posts() == 2; }));
 }
 
-TEST_F(PXMetricsTrackerSubmissionTest, NothingStoredSendsNothingAndLeavesTheTrackerIdle) {
+TEST_F(PXMetricsTrackerSubmissionTest, NothingStoredOrNoStartLeavesTheTrackerIdle) {
   bool called = false;
   tracker->submitDataWithResponseHandler([&](auto...) { called = true; });
   drainMainQueue();
   EXPECT_EQ(posts(), 0u);
   EXPECT_FALSE(called);
-  // Idle again: the next submission with something stored goes out.
+  // Idle again, also after a request that could not start (an unknown scheme).
   storePapercuts(1);
+  tracker->setMetricsPostURL("gopher://127.0.0.1/metrics/post");
+  tracker->submitDataWithResponseHandler([&](auto...) { called = true; });
+  drainMainQueue();
+  EXPECT_FALSE(called);
+  EXPECT_FALSE(tracker->submissionRequest());
+  tracker->setMetricsPostURL(server.url("/metrics/post"));
   ASSERT_TRUE(submitAndWait());
   EXPECT_EQ(posts(), 1u);
 }
