@@ -206,6 +206,8 @@ struct RecycleBatches {
 };
 
 thread_local PXDispatchQueue* tlCurrentQueue = nullptr;
+// Enqueues this thread has made in a row onto dozing workers without waking them.
+thread_local uint32_t tlUnwokenEnqueues __attribute__((tls_model("initial-exec"))) = 0;
 
 }  // namespace
 
@@ -249,6 +251,10 @@ struct DispatchQueueCore {
   // then it sleeps until woken.
   static constexpr long kFirstDozeNanoseconds = 250'000;
   static constexpr int kDozes = 10;
+  // A producer that has left this many jobs in a row to dozing workers wakes
+  // the worker after all: a burst is under way, and the worker had better work
+  // through it alongside than after it (one system call per this many calls).
+  static constexpr uint32_t kWakeAfterUnwokenEnqueues = 1024;
 
   alignas(64) std::atomic<DispatchNode*> tail;  // producers
   alignas(64) DispatchNode* head;               // the worker only
@@ -274,9 +280,13 @@ struct DispatchQueueCore {
     // Pairs with the worker's announcement in park(): either the worker sees
     // the new tail, or this load sees it asleep.
     uint32_t seen = state.load(std::memory_order_seq_cst);
-    if (seen == kSleeping || (urgent && seen == kDozing)) {
-      if (state.exchange(kRunning, std::memory_order_seq_cst) != kRunning) futexWake(&state, 1);
+    if (seen == kRunning) {
+      tlUnwokenEnqueues = 0;
+      return;
     }
+    if (seen == kDozing && !urgent && ++tlUnwokenEnqueues < kWakeAfterUnwokenEnqueues) return;
+    tlUnwokenEnqueues = 0;
+    if (state.exchange(kRunning, std::memory_order_seq_cst) != kRunning) futexWake(&state, 1);
   }
 
   // ---- worker ----
