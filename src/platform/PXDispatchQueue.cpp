@@ -418,6 +418,10 @@ PXRef<PXDispatchQueue> PXDispatchQueue::create(std::string_view label, Wake wake
   return PXMake<PXDispatchQueue>(label, wake);
 }
 
+bool pxkit::internal::dispatchQueueSleepsUntilWoken(const PXDispatchQueue& queue) noexcept {
+  return queue.core_->state.load(std::memory_order_acquire) == DispatchQueueCore::kSleeping;
+}
+
 PXDispatchQueue* PXDispatchQueue::current() noexcept {
   return tlCurrentQueue;
 }

@@ -107,6 +107,17 @@ TEST(PXDispatchQueue, ADeferredQueueRunsJobsThatNobodyWakesItFor) {
     ran.wait(round, std::memory_order_acquire);
   }
   EXPECT_EQ(ran.load(), 50);
+
+  // Idle, it stops waking up by itself: after its dozes it sleeps with no
+  // timer (a worker that kept polling would keep this loop going until the
+  // test's time limit).
+  while (!pxkit::internal::dispatchQueueSleepsUntilWoken(*queue)) std::this_thread::yield();
+  queue->async([&] {
+    ran.fetch_add(1, std::memory_order_release);
+    ran.notify_all();
+  });
+  ran.wait(50, std::memory_order_acquire);  // the first job after that wakes it
+  EXPECT_EQ(ran.load(), 51);
 }
 
 TEST(PXDispatchQueue, ProducersThatWaitForEachJobNeverMissTheWorkersWakeUp) {

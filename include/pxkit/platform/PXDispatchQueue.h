@@ -90,6 +90,13 @@ struct DispatchQueueCore;
 
 }  // namespace pxkit::internal
 
+class PXDispatchQueue;
+namespace pxkit::internal {
+// Whether the queue's worker is asleep with no timer (idle; only a new job wakes
+// it). For tests of the idle state.
+PXKIT_EXPORT bool dispatchQueueSleepsUntilWoken(const PXDispatchQueue& queue) noexcept;
+}  // namespace pxkit::internal
+
 class PXKIT_EXPORT PXDispatchQueue : public PXObject {
   PX_DECLARE_CLASS(PXDispatchQueue)
 
@@ -158,6 +165,7 @@ class PXKIT_EXPORT PXDispatchQueue : public PXObject {
   template <class F>
   void enqueueJob(F&& job, bool urgent);
   void enqueue(pxkit::internal::DispatchNode* node, bool urgent) noexcept;
+  friend bool pxkit::internal::dispatchQueueSleepsUntilWoken(const PXDispatchQueue& queue) noexcept;
   void syncInvoke(void (*call)(void*), void* callable);
 
   std::string label_;
