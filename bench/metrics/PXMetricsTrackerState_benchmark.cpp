@@ -17,6 +17,7 @@
 #include <string>
 #include <utility>
 
+#include "metrics/internal/PXMetricsTrackerInternal.h"
 #include "support/PXBenchRatio.h"
 
 namespace {
@@ -79,7 +80,8 @@ PXRef<PXMetricsTracker> makeState(int64_t metricCount, int64_t papercutCount) {
       static_cast<PXMetric*>(value.objectPointer())->setValue(static_cast<int32_t>(d + 1));
     }
     PXDate stamp(kBenchClock - 86400.0 * static_cast<double>(papercutCount - d));
-    tracker->_addPapercut(day->_papercutDictWithTimestamp(stamp, /*reset=*/false));
+    pxkit::internal::addPapercut(*tracker,
+                                 pxkit::internal::papercutDictWithTimestamp(*day, stamp, /*reset=*/false));
   }
   return tracker;
 }

@@ -1,18 +1,35 @@
 // Recording cost, side by side with the simplest thing a host could do
 // instead: update a counter inline under a mutex.
+//
+// The caller's thread and the tracker's queue worker are pinned, so that each
+// figure describes one placement and not whatever the scheduler chose:
+//  - cross-core: caller on one core, worker on another (the usual case in an
+//    application whose main thread records while the worker runs elsewhere);
+//  - same-core: both on one core (for reference);
+//  - sporadic: one call, then about 100 µs of other work, repeated; the
+//    figure is the median of the caller's time for the call alone (the usual
+//    rhythm of an application, in which the worker has gone idle between calls).
+#include <pthread.h>
 #include <pxkit/metrics/PXMetricsTracker.h>
-#include <pxkit/objects/PXClock.h>
+#include <pxkit/platform/PXDispatchQueue.h>
+#include <sched.h>
 
-#include <cstdlib>
+#include <algorithm>
+#include <chrono>
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
+#include "metrics/internal/PXMetricsTrackerInternal.h"
 #include "support/PXBenchRatio.h"
 
 namespace {
 
 constexpr int kSettleEvery = 1 << 16;  // bounds the queue while timing the caller side
+constexpr int kBurst = 10000;
+constexpr int kSporadicCalls = 200;                            // calls per timed iteration
+constexpr auto kSporadicGap = std::chrono::microseconds(100);  // the other work between two calls
 
 // The baseline: a map keyed by the same unified ID, updated inline.
 struct InlineCounters {
@@ -38,6 +55,60 @@ PXMetricsTracker& benchTracker() {
   return *tracker;
 }
 
+// The cores the process was given, read before any thread is pinned.
+cpu_set_t& originalCores() {
+  static cpu_set_t set = [] {
+    cpu_set_t cores;
+    CPU_ZERO(&cores);
+    if (sched_getaffinity(0, sizeof cores, &cores) != 0) CPU_ZERO(&cores);
+    return cores;
+  }();
+  return set;
+}
+
+std::vector<int> allowedCores() {
+  std::vector<int> cores;
+  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+    if (CPU_ISSET(cpu, &originalCores())) cores.push_back(cpu);
+  }
+  return cores;
+}
+
+bool pinCallingThread(int core) {
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  CPU_SET(core, &set);
+  return pthread_setaffinity_np(pthread_self(), sizeof set, &set) == 0;
+}
+
+enum class Placement { Unpinned, CrossCore, SameCore };
+
+// Pins the benchmark thread and the tracker's worker as asked; false (and the
+// benchmark skipped) when the machine cannot give that placement.
+bool place(benchmark::State& state, Placement placement) {
+  if (placement == Placement::Unpinned) return true;
+  std::vector<int> cores = allowedCores();
+  if (cores.empty() || (placement == Placement::CrossCore && cores.size() < 2)) {
+    state.SkipWithError("not enough cores for this placement");
+    return false;
+  }
+  const int caller = cores[0];
+  const int worker = placement == Placement::CrossCore ? cores[1] : cores[0];
+  bool pinned = pinCallingThread(caller);
+  pxkit::internal::metricsOperationQueue(benchTracker()).sync([&] {
+    pinned = pinCallingThread(worker) && pinned;
+  });
+  if (!pinned) state.SkipWithError("the threads could not be pinned");
+  return pinned;
+}
+
+// Lets both threads run on every core again.
+void unplace() {
+  auto release = [] { (void)pthread_setaffinity_np(pthread_self(), sizeof(cpu_set_t), &originalCores()); };
+  release();
+  pxkit::internal::metricsOperationQueue(benchTracker()).sync(release);
+}
+
 void BM_Recording_InlineMutex(benchmark::State& state) {
   InlineCounters counters;
   for (auto _ : state) counters.update(1, "com.example.clicks", "toolbar", "");
@@ -45,9 +116,10 @@ void BM_Recording_InlineMutex(benchmark::State& state) {
 }
 BENCHMARK(BM_Recording_InlineMutex);
 
-void BM_Recording_Caller(benchmark::State& state) {
+void recordingCaller(benchmark::State& state, Placement placement) {
   PXMetricsTracker& tracker = benchTracker();
   tracker.setEnabled(true);
+  if (!place(state, placement)) return;
   int64_t n = 0;
   for (auto _ : state) {
     tracker.updateMetricValue(1, "com.example.clicks", "toolbar");
@@ -58,7 +130,19 @@ void BM_Recording_Caller(benchmark::State& state) {
     }
   }
   tracker.settleOutstandingOperationsWithOperationSync();  // after the timed loop
+  unplace();
   state.SetItemsProcessed(state.iterations());
+}
+void BM_Recording_CallerCrossCore(benchmark::State& state) {
+  recordingCaller(state, Placement::CrossCore);
+}
+BENCHMARK(BM_Recording_CallerCrossCore);
+void BM_Recording_CallerSameCore(benchmark::State& state) {
+  recordingCaller(state, Placement::SameCore);
+}
+BENCHMARK(BM_Recording_CallerSameCore);
+void BM_Recording_Caller(benchmark::State& state) {
+  recordingCaller(state, Placement::Unpinned);
 }
 BENCHMARK(BM_Recording_Caller);
 
@@ -71,22 +155,58 @@ void BM_Recording_CallerDisabled(benchmark::State& state) {
 }
 BENCHMARK(BM_Recording_CallerDisabled);
 
-// End to end: a burst of calls, then wait until every one has been applied.
-void BM_Recording_Throughput(benchmark::State& state) {
+// One call, then about 100 µs of other work, repeated; each iteration's time
+// is the median of the caller's time for its calls.
+template <class Call>
+void sporadic(benchmark::State& state, Call&& call) {
+  using Clock = std::chrono::steady_clock;
+  std::vector<double> seconds(kSporadicCalls);
+  for (auto _ : state) {
+    for (double& spent : seconds) {
+      Clock::time_point start = Clock::now();
+      call();
+      Clock::time_point end = Clock::now();
+      spent = std::chrono::duration<double>(end - start).count();
+      while (Clock::now() - end < kSporadicGap) benchmark::DoNotOptimize(end);  // the other work
+    }
+    std::nth_element(seconds.begin(), seconds.begin() + kSporadicCalls / 2, seconds.end());
+    state.SetIterationTime(seconds[kSporadicCalls / 2]);
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+
+void BM_Recording_SporadicInlineMutex(benchmark::State& state) {
+  InlineCounters counters;
+  sporadic(state, [&] { counters.update(1, "com.example.clicks", "toolbar", ""); });
+}
+BENCHMARK(BM_Recording_SporadicInlineMutex)->UseManualTime()->Iterations(10);
+
+void BM_Recording_SporadicCallerCrossCore(benchmark::State& state) {
   PXMetricsTracker& tracker = benchTracker();
   tracker.setEnabled(true);
-  constexpr int kBurst = 10000;
+  if (!place(state, Placement::CrossCore)) return;
+  sporadic(state, [&] { tracker.updateMetricValue(1, "com.example.clicks", "toolbar"); });
+  tracker.settleOutstandingOperationsWithOperationSync();
+  unplace();
+}
+BENCHMARK(BM_Recording_SporadicCallerCrossCore)->UseManualTime()->Iterations(10);
+
+// End to end: a burst of calls, then wait until every one has been applied.
+void BM_Recording_ThroughputCrossCore(benchmark::State& state) {
+  PXMetricsTracker& tracker = benchTracker();
+  tracker.setEnabled(true);
+  if (!place(state, Placement::CrossCore)) return;
   for (auto _ : state) {
     for (int i = 0; i < kBurst; ++i) tracker.updateMetricValue(1, "com.example.clicks", "toolbar");
     tracker.settleOutstandingOperationsWithOperationSync();
   }
+  unplace();
   state.SetItemsProcessed(state.iterations() * kBurst);
 }
-BENCHMARK(BM_Recording_Throughput);
+BENCHMARK(BM_Recording_ThroughputCrossCore);
 
 void BM_Recording_InlineMutexBurst(benchmark::State& state) {
   InlineCounters counters;
-  constexpr int kBurst = 10000;
   for (auto _ : state) {
     for (int i = 0; i < kBurst; ++i) counters.update(1, "com.example.clicks", "toolbar", "");
   }
@@ -97,13 +217,21 @@ BENCHMARK(BM_Recording_InlineMutexBurst);
 }  // namespace
 
 int main(int argc, char** argv) {
+  (void)originalCores();
   std::map<std::string, double> t = PXBenchRunAll(argc, argv);
   auto ratio = [&](const char* name, const char* a, const char* b) {
     if (t.count(a) && t.count(b) && t[b] > 0) PXBenchReportRatio(name, t[a] / t[b]);
   };
-  ratio("recording-caller-vs-inline-mutex", "BM_Recording_Caller", "BM_Recording_InlineMutex");
+  ratio("recording-caller-vs-inline-mutex-cross-core", "BM_Recording_CallerCrossCore",
+        "BM_Recording_InlineMutex");
+  ratio("recording-caller-vs-inline-mutex-same-core", "BM_Recording_CallerSameCore",
+        "BM_Recording_InlineMutex");
+  ratio("recording-sporadic-caller-vs-inline-mutex",
+        "BM_Recording_SporadicCallerCrossCore/iterations:10/manual_time",
+        "BM_Recording_SporadicInlineMutex/iterations:10/manual_time");
   // Throughput is the inverse of time per recording.
-  ratio("recording-throughput-vs-inline-mutex", "BM_Recording_InlineMutexBurst", "BM_Recording_Throughput");
+  ratio("recording-throughput-vs-inline-mutex-cross-core", "BM_Recording_InlineMutexBurst",
+        "BM_Recording_ThroughputCrossCore");
   ratio("recording-caller-disabled-vs-enabled", "BM_Recording_CallerDisabled", "BM_Recording_Caller");
   return 0;
 }

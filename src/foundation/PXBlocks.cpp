@@ -28,7 +28,7 @@ PXRef<PXTimer> scheduledTimerFiringInTimeInterval(double timeInterval, double re
 
 PXRef<PXTimer> scheduledTimerFiringOnceInTimeInterval(double timeInterval, PXTimerBlock executeBlock,
                                                       std::optional<std::string_view> inRunLoopMode) {
-  // Kept as it always was: a one-shot timer still carries an interval of 0.1 s.
+  // A one-shot timer carries an interval of 0.1 s: kept on purpose, see docs/compatibility.md.
   return scheduledTimerWithFireDate(PXDate::dateWithTimeIntervalSinceNow(timeInterval), 0.1,
                                     std::move(executeBlock), false, inRunLoopMode);
 }

@@ -138,7 +138,7 @@ icu::TimeZone* userTimeZone(PXDate date) {
 
 void splitTimeInterval(double timeInterval, int* inYears, int* days, int* hours, int* minutes,
                        int* seconds) noexcept {
-  // Kept on purpose: hours are not cleared here (see the header).
+  // Hours are not cleared: kept on purpose, see docs/compatibility.md.
   if (inYears) *inYears = 0;
   if (days) *days = 0;
   if (minutes) *minutes = 0;
@@ -225,8 +225,8 @@ std::optional<PXDate> dateFromRFC3339DateString(std::string_view string) {
   size_t start = string.find('+');
   if (start == std::string_view::npos) start = string.find('-');
   if (start == std::string_view::npos) return parser->parse(string);
-  // "+02:00" becomes "+0200", the zone form the pattern reads. Kept on purpose:
-  // without a "+" the cut starts at the date's first "-" (see the header).
+  // "+02:00" becomes "+0200", the zone form the pattern reads; without a "+" the
+  // cut starts at the date's first "-": kept on purpose, see docs/compatibility.md.
   std::string trimmed(string.substr(0, start));
   for (char c : string.substr(start))
     if (c != ':') trimmed += c;

@@ -672,10 +672,7 @@ class Parser {
           construct(place, static_cast<unsigned long long>(n.significand));
           return true;
         }
-        if (n.significand == 0) {  // "-0" is read as the double -0.0, which keeps its sign
-          construct(place, -0.0);
-          return true;
-        }
+        // "-0" is the integer 0, as every number without a fraction or exponent is an integer.
         if (n.significand <= static_cast<uint64_t>(INT64_MAX) + 1) {
           construct(place, static_cast<long long>(0 - n.significand));
           return true;

@@ -164,8 +164,7 @@ void PXMetric::resetMetric() {
   bool clear = true;
   if (computeMetricBlock_) clear = computeMetricBlock_(*this, PXMetricComputePhaseReset);
   if (PXRef<PXMutableDictionary> data = metricData(); clear && data) data->removeAllObjects();
-  // Kept on purpose: a metric that is not persisted describes the current state
-  // (a fixed value) and must still be submitted in the next period.
+  // A fixed value keeps its value: kept on purpose, see docs/compatibility.md.
   if (needsPersistentStorage()) setValue(0);
 }
 

@@ -14,6 +14,8 @@
 #include <memory>
 #include <string>
 
+#include "metrics/internal/PXMetricsTrackerInternal.h"
+
 const char* const kPXMetricsChannelDefault = "default";
 const char* const kPXMetricsChannelDemo = "demo";
 const char* const kPXMetricsChannelBundle = "bundle";
@@ -71,7 +73,8 @@ PXMetricsTracker::PXMetricsTracker() {
   paperCuts_ = PXMutableArray::array();
   lastPaperCutDateByMetricID_ = PXMutableDictionary::dictionary();
   channel_ = kPXMetricsChannelDefault;
-  metricsOperationQueue_ = std::make_unique<PXDispatchQueue>();
+  metricsOperationQueue_ =
+      std::make_unique<PXDispatchQueue>("pxkit-metrics", PXDispatchQueue::Wake::Deferred);
   metricsPostURL_ = kPXMetricsDefaultPostURL;
   registerSubmissionTriggers();
 }
@@ -152,8 +155,8 @@ class RecordedIdentity {
 
 }  // namespace
 
-PXString PXMetricsTracker::_unifiedIDForIdentifier(const PXString& identifier, const PXString& primary,
-                                                   const PXString& secondary) {
+PXString pxkit::internal::unifiedIDForIdentifier(const PXString& identifier, const PXString& primary,
+                                                 const PXString& secondary) {
   std::string id;
   writeUnifiedID(id, identifier.view(), primary.view(), secondary.view());
   return PXString(id);
@@ -163,7 +166,7 @@ PXString PXMetricsTracker::systemID() {
   static const char* const kSystemIDKey = "MetricsRandomSystemID";
   PXValue stored = PXPreferences::copyValue(kSystemIDKey, kPXPreferencesCurrentApplication,
                                             kPXPreferencesCurrentUser, kPXPreferencesCurrentHost);
-  // Whatever string is found is used; its form is never checked.
+  // Whatever string is found is used: kept on purpose, see docs/compatibility.md.
   if (stored.isString()) return stored.stringObject();
   PXString made = PXUUID::createString();
   if (!made) return {};
@@ -184,11 +187,12 @@ void PXMetricsTracker::enqueueRecording(std::string_view identifier, std::string
   auto job = [tracker = PXRef<PXMetricsTracker>(this),
               identity = RecordedIdentity(identifier, primary, secondary), body = std::forward<Body>(body)] {
     // Each job holds the tracker lock while it runs; its temporaries die with it.
-    std::lock_guard lock(tracker->monitor());
+    PXMetricsTracker& self = *tracker;
+    PXMonitorLock lock(self.monitor());
     // The metric is looked up (or created) when the job runs, not when the call was made.
     if (PXRef<PXMetric> metric =
-            tracker->metricForRecording(identity.identifier(), identity.primary(), identity.secondary())) {
-      body(*tracker, *metric);
+            self.metricForRecording(identity.identifier(), identity.primary(), identity.secondary())) {
+      body(self, *metric);
     }
   };
   static_assert(PXDispatchQueue::storesInline<decltype(job)>(),
@@ -229,7 +233,7 @@ PXRef<PXMetric> PXMetricsTracker::metricForRecording(std::string_view identifier
   thread_local std::string unifiedID;
   writeUnifiedID(unifiedID, identifier, primary, secondary);
   {
-    std::lock_guard registry(metricsDict_->monitor());
+    PXMonitorLock registry(metricsDict_->monitor());
     // The registry holds nothing but metrics (addMetric takes only PXMetric).
     if (const PXValue* found = metricsDict_->findStringKey(unifiedID)) {
       return PXRef<PXMetric>(static_cast<PXMetric*>(found->objectPointer()));
@@ -243,8 +247,9 @@ PXRef<PXMetric> PXMetricsTracker::metricForRecording(std::string_view identifier
 
 bool PXMetricsTracker::addMetric(const PXRef<PXMetric>& metric) {
   if (!metric) return false;
-  PXString unifiedID = _unifiedIDForIdentifier(metric->identifier(), metric->primary(), metric->secondary());
-  std::lock_guard registry(metricsDict_->monitor());
+  PXString unifiedID =
+      pxkit::internal::unifiedIDForIdentifier(metric->identifier(), metric->primary(), metric->secondary());
+  PXMonitorLock registry(metricsDict_->monitor());
   if (metricsDict_->find(unifiedID)) return false;  // an existing metric is never replaced
   metrics_->addObject(metric);
   metricsDict_->setObject(metric, unifiedID);
@@ -253,26 +258,35 @@ bool PXMetricsTracker::addMetric(const PXRef<PXMetric>& metric) {
 
 void PXMetricsTracker::removeMetric(const PXRef<PXMetric>& metric) {
   if (!metric) return;
-  PXString unifiedID = _unifiedIDForIdentifier(metric->identifier(), metric->primary(), metric->secondary());
-  std::lock_guard registry(metricsDict_->monitor());
+  PXString unifiedID =
+      pxkit::internal::unifiedIDForIdentifier(metric->identifier(), metric->primary(), metric->secondary());
+  PXMonitorLock registry(metricsDict_->monitor());
   metricsDict_->removeObjectForKey(unifiedID);
   metrics_->removeObjectIdenticalTo(metric);
 }
 
-PXRef<PXMetric> PXMetricsTracker::_findMetricForIdentifier(const PXString& identifier,
-                                                           const PXString& primary, const PXString& secondary,
-                                                           PXString* unifiedID) {
-  PXString key = _unifiedIDForIdentifier(identifier, primary, secondary);
-  std::lock_guard registry(metricsDict_->monitor());
-  const PXValue* found = metricsDict_->find(key);
-  if (unifiedID) *unifiedID = key;
+PXRef<PXMetric> pxkit::internal::MetricsTrackerAccess::findMetric(const PXMetricsTracker& tracker,
+                                                                  const PXString& unifiedID) {
+  PXMonitorLock registry(tracker.metricsDict_->monitor());
+  const PXValue* found = tracker.metricsDict_->find(unifiedID);
   return found ? PXDynamicCast<PXMetric>(found->objectValue()) : PXRef<PXMetric>();
+}
+
+PXRef<PXMetric> pxkit::internal::findMetricForIdentifier(const PXMetricsTracker& tracker,
+                                                         const PXString& identifier, const PXString& primary,
+                                                         const PXString& secondary, PXString* unifiedID) {
+  PXString key = unifiedIDForIdentifier(identifier, primary, secondary);
+  if (unifiedID) *unifiedID = key;
+  return MetricsTrackerAccess::findMetric(tracker, key);
 }
 
 PXRef<PXMetric> PXMetricsTracker::metricForIdentifier(const PXString& identifier, const PXString& primary,
                                                       const PXString& secondary) {
-  std::lock_guard registry(metricsDict_->monitor());
-  if (PXRef<PXMetric> found = _findMetricForIdentifier(identifier, primary, secondary)) return found;
+  PXMonitorLock registry(metricsDict_->monitor());
+  if (PXRef<PXMetric> found =
+          pxkit::internal::findMetricForIdentifier(*this, identifier, primary, secondary)) {
+    return found;
+  }
   PXRef<PXMetric> metric = PXMake<PXMetric>();
   metric->setIdentifier(identifier);
   metric->setPrimary(primary);
@@ -285,7 +299,7 @@ PXRef<PXMetric> PXMetricsTracker::metricForIdentifier(const PXString& identifier
                                                       const PXString& secondary,
                                                       PXMetricComputeBlock withMetricComputationBlock,
                                                       bool needsPersistentStorage) {
-  std::lock_guard registry(metricsDict_->monitor());
+  PXMonitorLock registry(metricsDict_->monitor());
   PXRef<PXMetric> metric = metricForIdentifier(identifier, primary, secondary);
   if (metric) {
     metric->setComputeMetricBlock(
@@ -297,7 +311,7 @@ PXRef<PXMetric> PXMetricsTracker::metricForIdentifier(const PXString& identifier
 
 PXRef<PXMetric> PXMetricsTracker::metricForIdentifier(const PXString& identifier, const PXString& primary,
                                                       const PXString& secondary, int32_t withValue) {
-  std::lock_guard registry(metricsDict_->monitor());
+  PXMonitorLock registry(metricsDict_->monitor());
   PXRef<PXMetric> metric = metricForIdentifier(identifier, primary, secondary);
   if (metric) {
     // A fixed value describes the current state: rebuilt each launch, never persisted, sent daily.
@@ -313,7 +327,7 @@ PXRef<PXMetric> PXMetricsTracker::metricForIdentifier(const PXString& identifier
 void PXMetricsTracker::performMetricsOperation(PXMetricsOperation operation) {
   if (!operation || !metricsOperationQueue_) return;
   metricsOperationQueue_->async([tracker = PXRef<PXMetricsTracker>(this), operation = std::move(operation)] {
-    std::lock_guard lock(tracker->monitor());
+    PXMonitorLock lock(tracker->monitor());
     operation();
   });
 }
@@ -323,7 +337,7 @@ void PXMetricsTracker::settleOutstandingOperationsWithOperationSync(const PXMetr
   // The queue is serial: this job runs after every operation enqueued before it.
   metricsOperationQueue_->sync([this, &operation] {
     if (!operation) return;
-    std::lock_guard lock(monitor());
+    PXMonitorLock lock(monitor());
     operation();
   });
 }
@@ -332,10 +346,11 @@ void PXMetricsTracker::settleOutstandingOperationsWithOperationSync(const PXMetr
 
 int32_t PXMetricsTracker::totalUsageDaysUntil(std::optional<PXDate> date) {
   PXDate until = date.value_or(PXDate::now());
-  std::lock_guard lock(monitor());
+  PXMonitorLock lock(monitor());
   double seconds = until.timeIntervalSinceDate(metricsOriginTime());
   // Tenths of a day, truncated to a 32-bit integer, then rounded at half a day
-  // with truncating integer division: 1.45 days → 1, 1.5 → 2, −0.6 → 0, −1.6 → −1.
+  // with truncating integer division: 1.45 days → 1, 1.5 → 2, −0.6 → 0, −1.6 → −1
+  // (kept on purpose, see docs/compatibility.md).
   double tenths = std::floor(seconds / 86400.0 * 10.0);
   int32_t whole = 0;
   if (tenths >= 2147483647.0) {
@@ -373,24 +388,56 @@ void PXMetricsTracker::setMetricsTimeBase(PXDate date) {
 }
 
 PXRef<PXArray> PXMetricsTracker::metrics() const {
-  std::lock_guard registry(metricsDict_->monitor());
+  PXMonitorLock registry(metricsDict_->monitor());
   return metrics_->copyArray();
 }
 
-PXRef<PXMutableArray> PXMetricsTracker::paperCuts() const {
-  return getAtomic(propertyLock_, paperCuts_);
+// A snapshot of a container, taken under its own lock.
+static PXRef<PXArray> snapshotOf(const PXRef<PXMutableArray>& live) {
+  if (!live) return {};
+  PXMonitorLock lock(live->monitor());
+  return live->copyArray();
 }
 
-void PXMetricsTracker::setPaperCuts(PXRef<PXMutableArray> paperCuts) {
-  setObservable(propertyLock_, paperCuts_, std::move(paperCuts), "paperCuts");
+static PXRef<PXDictionary> snapshotOf(const PXRef<PXMutableDictionary>& live) {
+  if (!live) return {};
+  PXMonitorLock lock(live->monitor());
+  return live->copyDictionary();
 }
 
-PXRef<PXMutableDictionary> PXMetricsTracker::lastPaperCutDateByMetricID() const {
-  return getAtomic(propertyLock_, lastPaperCutDateByMetricID_);
+PXRef<PXMutableArray> pxkit::internal::MetricsTrackerAccess::paperCuts(const PXMetricsTracker& tracker) {
+  std::lock_guard lock(tracker.propertyLock_);
+  return tracker.paperCuts_;
 }
 
-void PXMetricsTracker::setLastPaperCutDateByMetricID(PXRef<PXMutableDictionary> dates) {
-  setObservable(propertyLock_, lastPaperCutDateByMetricID_, std::move(dates), "lastPaperCutDateByMetricID");
+PXRef<PXMutableDictionary> pxkit::internal::MetricsTrackerAccess::lastPaperCutDates(
+    const PXMetricsTracker& tracker) {
+  std::lock_guard lock(tracker.propertyLock_);
+  return tracker.lastPaperCutDateByMetricID_;
+}
+
+PXRef<PXMutableDictionary> pxkit::internal::MetricsTrackerAccess::userData(const PXMetricsTracker& tracker) {
+  std::lock_guard lock(tracker.propertyLock_);
+  return tracker.userData_;
+}
+
+PXRef<PXArray> PXMetricsTracker::paperCuts() const {
+  return snapshotOf(pxkit::internal::livePaperCuts(*this));
+}
+
+void PXMetricsTracker::setPaperCuts(const PXRef<PXArray>& paperCuts) {
+  setObservable(propertyLock_, paperCuts_,
+                paperCuts ? paperCuts->mutableCopyArray() : PXRef<PXMutableArray>(), "paperCuts");
+}
+
+PXRef<PXDictionary> PXMetricsTracker::lastPaperCutDateByMetricID() const {
+  return snapshotOf(pxkit::internal::liveLastPaperCutDates(*this));
+}
+
+void PXMetricsTracker::setLastPaperCutDateByMetricID(const PXRef<PXDictionary>& dates) {
+  setObservable(propertyLock_, lastPaperCutDateByMetricID_,
+                dates ? dates->mutableCopyDictionary() : PXRef<PXMutableDictionary>(),
+                "lastPaperCutDateByMetricID");
 }
 
 std::optional<PXDate> PXMetricsTracker::lastAutoSubmissionDate() const {
@@ -401,12 +448,13 @@ void PXMetricsTracker::setLastAutoSubmissionDate(std::optional<PXDate> date) {
   setObservable(propertyLock_, lastAutoSubmissionDate_, std::move(date), "lastAutoSubmissionDate");
 }
 
-PXRef<PXMutableDictionary> PXMetricsTracker::userData() const {
-  return getAtomic(propertyLock_, userData_);
+PXRef<PXDictionary> PXMetricsTracker::userData() const {
+  return snapshotOf(pxkit::internal::liveUserData(*this));
 }
 
-void PXMetricsTracker::setUserData(PXRef<PXMutableDictionary> userData) {
-  setObservable(propertyLock_, userData_, std::move(userData), "userData");
+void PXMetricsTracker::setUserData(const PXRef<PXDictionary>& userData) {
+  setObservable(propertyLock_, userData_,
+                userData ? userData->mutableCopyDictionary() : PXRef<PXMutableDictionary>(), "userData");
 }
 
 PXRef<PXTimer> PXMetricsTracker::automaticPapercutTimer() const {

@@ -11,35 +11,37 @@
 
 #include <cmath>
 
+#include "metrics/internal/PXMetricsTrackerInternal.h"
+
+using namespace pxkit::internal;
+
 void PXMetricsTracker::makePaperCutWithTimestamp(PXDate timestamp) {
-  if (PXRef<PXMutableDictionary> papercut = _papercutDictWithTimestamp(timestamp, /*reset=*/true)) {
-    _addPapercut(papercut);
+  if (PXRef<PXMutableDictionary> papercut = papercutDictWithTimestamp(*this, timestamp, /*reset=*/true)) {
+    addPapercut(*this, papercut);
   }
 }
 
-PXRef<PXMutableDictionary> PXMetricsTracker::_papercutDictWithTimestamp(PXDate timestamp, bool reset) {
+PXRef<PXMutableDictionary> pxkit::internal::papercutDictWithTimestamp(PXMetricsTracker& tracker,
+                                                                      PXDate timestamp, bool reset,
+                                                                      const PXArray* snapshot) {
   // A snapshot: metrics registered meanwhile are neither reported nor reset.
-  return _papercutDictWithTimestamp(timestamp, reset, *metrics());
-}
-
-PXRef<PXMutableDictionary> PXMetricsTracker::_papercutDictWithTimestamp(PXDate timestamp, bool reset,
-                                                                        const PXArray& snapshot) {
-  PXRef<PXMutableArray> dataSets = _compileMetricsDataSetsFromMetrics(snapshot, reset);
+  PXRef<PXArray> taken = snapshot ? PXRef<PXArray>() : tracker.metrics();
+  PXRef<PXMutableArray> dataSets =
+      compileMetricsDataSetsFromMetrics(tracker, snapshot ? *snapshot : *taken, reset);
   if (!dataSets) return {};
-  PXString packageID =
-      _md5ChecksumOfString(PXFormat("%@%f", systemID(), timestamp.timeIntervalSinceReferenceDate()));
+  PXString packageID = md5ChecksumOfString(
+      PXFormat("%@%f", PXMetricsTracker::systemID(), timestamp.timeIntervalSinceReferenceDate()));
   if (!packageID) return {};
 
   PXBundle* bundle = PXBundle::mainBundle();
-  PXString channelName = channel();
-  // Built in this order and cut at the first absent value: a host without a
-  // bundle identifier gets a record holding "packageID" alone. Kept on purpose.
+  PXString channelName = tracker.channel();
+  // Built in this order and cut at the first absent value: kept on purpose, see docs/compatibility.md.
   auto papercut = PXMutableDictionary::dictionary();
   std::pair<PXValue, const char*> pairs[] = {
       {packageID, "packageID"},
       {bundle->objectForInfoDictionaryKey("CFBundleIdentifier"), "applicationID"},
       {dataSets, "metrics"},
-      {totalUsageDaysUntil(timestamp), "totalUsageDays"},
+      {tracker.totalUsageDaysUntil(timestamp), "totalUsageDays"},
       {std::floor(timestamp.timeIntervalSince1970()), "timestamp"},
       {channelName ? channelName : PXString(kPXMetricsChannelDefault), "channel"},
       {bundle->objectForInfoDictionaryKey("CFBundleShortVersionString"), "applicationVersion"},
@@ -51,11 +53,12 @@ PXRef<PXMutableDictionary> PXMetricsTracker::_papercutDictWithTimestamp(PXDate t
   return papercut;
 }
 
-PXRef<PXMutableArray> PXMetricsTracker::_compileMetricsDataSetsFromMetrics(const PXArray& metricsToCompile,
-                                                                           bool reset) {
+PXRef<PXMutableArray> pxkit::internal::compileMetricsDataSetsFromMetrics(PXMetricsTracker& tracker,
+                                                                         const PXArray& metricsToCompile,
+                                                                         bool reset) {
   auto result = PXMutableArray::arrayWithCapacity(metricsToCompile.count());
-  // Read without its lock: the tracker reaches here from its own queue.
-  PXRef<PXMutableDictionary> lastDates = lastPaperCutDateByMetricID();
+  // Read without its lock: kept on purpose, see docs/compatibility.md.
+  PXRef<PXMutableDictionary> lastDates = liveLastPaperCutDates(tracker);
   for (const PXValue& value : metricsToCompile) {
     auto* metric = dynamic_cast<PXMetric*>(value.objectPointer());
     if (!metric) continue;
@@ -79,21 +82,21 @@ PXRef<PXMutableArray> PXMetricsTracker::_compileMetricsDataSetsFromMetrics(const
     // Every metric of the period is reset, reported or not: the whole period restarts at once.
     if (reset) metric->resetMetric();
   }
-  if (reset) setMetricsTimeBase(PXDate::now());
+  if (reset) tracker.setMetricsTimeBase(PXDate::now());
   return result;
 }
 
-void PXMetricsTracker::_addPapercut(const PXRef<PXDictionary>& papercut) {
-  PXRef<PXMutableArray> cuts = paperCuts();
+void pxkit::internal::addPapercut(PXMetricsTracker& tracker, const PXRef<PXDictionary>& papercut) {
+  PXRef<PXMutableArray> cuts = livePaperCuts(tracker);
   if (!papercut || !cuts) return;
-  std::lock_guard cutsLock(cuts->monitor());
+  PXMonitorLock cutsLock(cuts->monitor());
   PXRef<PXArray> dataSets = papercut->objectForKey("metrics").arrayValue();
   PXValue timestamp = papercut->objectForKey("timestamp");
   // A period with nothing to report leaves no papercut.
   if (!dataSets || !timestamp || dataSets->count() == 0) return;
   PXDate date = PXDate::dateWithTimeIntervalSince1970(timestamp.doubleValue());
-  if (PXRef<PXMutableDictionary> dates = lastPaperCutDateByMetricID()) {
-    std::lock_guard datesLock(dates->monitor());
+  if (PXRef<PXMutableDictionary> dates = liveLastPaperCutDates(tracker)) {
+    PXMonitorLock datesLock(dates->monitor());
     for (const PXValue& entry : *dataSets) {
       PXRef<PXDictionary> dataSet = entry.dictionaryValue();
       PXValue identifier = dataSet ? dataSet->objectForKey("identifier") : PXValue();
@@ -106,7 +109,7 @@ void PXMetricsTracker::_addPapercut(const PXRef<PXDictionary>& papercut) {
   cuts->addObject(papercut);
 }
 
-PXString PXMetricsTracker::_md5ChecksumOfString(const PXString& string) {
+PXString pxkit::internal::md5ChecksumOfString(const PXString& string) {
   if (!string) return {};
   return PXDigest::md5Hex(string.view());
 }
@@ -137,7 +140,7 @@ void PXMetricsTracker::considerAutomaticPapercutWithSchedule(bool schedule) {
         PXRef<PXTimer> timer = PXAbsoluteTimeFire::initWithAbsoluteFireDate(
             date, nullptr,
             [weak](PXTimer* fired) {
-              if (PXRef<PXMetricsTracker> owner = weak.lock()) owner->_automaticPapercutTimer(*fired);
+              if (PXRef<PXMetricsTracker> owner = weak.lock()) automaticPapercutTimerFired(*owner, *fired);
             },
             PXValue());
         tracker->setAutomaticPapercutTimer(timer);
@@ -145,9 +148,9 @@ void PXMetricsTracker::considerAutomaticPapercutWithSchedule(bool schedule) {
       });
 }
 
-void PXMetricsTracker::_automaticPapercutTimer(PXTimer& /*timer*/) {
+void pxkit::internal::automaticPapercutTimerFired(PXMetricsTracker& owner, PXTimer& /*timer*/) {
   PXDate now = PXDate::now();
-  performMetricsOperation([tracker = PXRef<PXMetricsTracker>(this), now] {
+  owner.performMetricsOperation([tracker = PXRef<PXMetricsTracker>(&owner), now] {
     tracker->considerAutomaticPapercutWithSchedule(/*schedule=*/true);  // today's papercut, tomorrow's timer
     tracker->considerAutoSubmissionWithSubmissionDate(now);
     PXOperationQueue::mainQueue()->addOperationWithBlock([tracker] { tracker->saveToPreferences(); });

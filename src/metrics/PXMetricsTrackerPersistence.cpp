@@ -8,13 +8,14 @@
 
 #include <utility>
 
+#include "metrics/internal/PXMetricsTrackerInternal.h"
+
 namespace {
 
 const char* const kMetricsDefaultsKey = "Metrics";
 
 // A dictionary built from value/key pairs in order that ends at the first
-// absent value: that key and every key after it are left out. The order is part
-// of the stored format.
+// absent value (kept on purpose, see docs/compatibility.md).
 PXRef<PXMutableDictionary> dictionaryUntilFirstAbsent(
     std::initializer_list<std::pair<PXValue, const char*>> pairs) {
   auto dictionary = PXMutableDictionary::dictionary();
@@ -45,10 +46,12 @@ PXRef<PXData> PXMetricsTracker::storeAsData() {
         {metricsTimeBase(), "TimeBase"},
         {metricsOriginTime(), "OriginTime"},
         {persisted, "Data"},
-        {userData(), "Storage"},
-        {paperCuts(), "PaperCuts"},
-        {lastPaperCutDateByMetricID(), "LastPaperCutDateByMetricID"},
-        {_papercutDictWithTimestamp(metricsTimeBase(), /*reset=*/false, *snapshot), "SavedStatePaperCut"},
+        {pxkit::internal::liveUserData(*this), "Storage"},
+        {pxkit::internal::livePaperCuts(*this), "PaperCuts"},
+        {pxkit::internal::liveLastPaperCutDates(*this), "LastPaperCutDateByMetricID"},
+        {pxkit::internal::papercutDictWithTimestamp(*this, metricsTimeBase(), /*reset=*/false,
+                                                    snapshot.get()),
+         "SavedStatePaperCut"},
         {lastSubmission ? PXValue(*lastSubmission) : PXValue(), "LastAutoSubmissionDate"},
     });
     result = PXKeyedArchiver::archivedDataWithRootObject(root, nullptr,
@@ -64,7 +67,7 @@ bool PXMetricsTracker::restoreFromData(const PXRef<PXData>& data) {
   if (!state) return false;
   storedStateLength_.store(data->length(), std::memory_order_relaxed);
 
-  std::lock_guard lock(monitor());
+  PXMonitorLock lock(monitor());
   // A value of another type than stored by this kit counts as absent: these
   // properties are typed.
   PXValue timeBase = state->objectForKey("TimeBase");
@@ -73,17 +76,12 @@ bool PXMetricsTracker::restoreFromData(const PXRef<PXData>& data) {
   setMetricsOriginTime(originTime.isDate() ? originTime.dateValue() : PXDate::now());
 
   PXRef<PXDictionary> storage = state->objectForKey("Storage").dictionaryValue();
-  setUserData(storage ? storage->mutableCopyDictionary() : PXMutableDictionary::dictionary());
-  // Stored mutable; an immutable one (a foreign writer) is made mutable rather than left to raise later.
-  PXRef<PXArray> cuts = state->objectForKey("PaperCuts").arrayValue();
-  setPaperCuts(!cuts               ? PXMutableArray::array()
-               : cuts->isMutable() ? PXDynamicCast<PXMutableArray>(PXRef<PXObject>(cuts))
-                                   : cuts->mutableCopyArray());
-  PXRef<PXDictionary> dates = state->objectForKey("LastPaperCutDateByMetricID").dictionaryValue();
-  setLastPaperCutDateByMetricID(!dates ? PXMutableDictionary::dictionary()
-                                : dates->isMutable()
-                                    ? PXDynamicCast<PXMutableDictionary>(PXRef<PXObject>(dates))
-                                    : dates->mutableCopyDictionary());
+  // Each setter keeps a mutable copy; an absent entry restores as empty.
+  auto orEmpty = [](auto stored, auto empty) { return stored ? stored : empty; };
+  setUserData(orEmpty(state->objectForKey("Storage").dictionaryValue(), PXDictionary::dictionary()));
+  setPaperCuts(orEmpty(state->objectForKey("PaperCuts").arrayValue(), PXArray::array()));
+  setLastPaperCutDateByMetricID(orEmpty(state->objectForKey("LastPaperCutDateByMetricID").dictionaryValue(),
+                                        PXDictionary::dictionary()));
   PXValue lastSubmission = state->objectForKey("LastAutoSubmissionDate");
   setLastAutoSubmissionDate(lastSubmission.isDate() ? std::optional(lastSubmission.dateValue())
                                                     : std::nullopt);
@@ -98,8 +96,8 @@ bool PXMetricsTracker::restoreFromData(const PXRef<PXData>& data) {
     // The saved period is over: keep its record as a papercut, start a new
     // period for the restored values, and write that down soon — from the main
     // queue, since this runs inside a settle callback.
-    _addPapercut(saved);
-    _papercutDictWithTimestamp(metricsTimeBase(), /*reset=*/true);
+    pxkit::internal::addPapercut(*this, saved);
+    pxkit::internal::papercutDictWithTimestamp(*this, metricsTimeBase(), /*reset=*/true);
     PXOperationQueue::mainQueue()->addOperationWithBlock(
         [tracker = PXRef<PXMetricsTracker>(this)] { tracker->saveToPreferences(); });
   }
@@ -136,6 +134,6 @@ void PXMetricsTracker::loadFromPreferences() {
     }
   }
   // Whether or not any state was found.
-  std::lock_guard lock(monitor());
+  PXMonitorLock lock(monitor());
   considerAutomaticPapercutWithSchedule(/*schedule=*/true);
 }

@@ -41,14 +41,21 @@ ObservationInfo& infoFor(const PXObject& object) {
 
 // ---- Values -----------------------------------------------------------------
 
-// The value at `keyPath`, absent when the path cannot be read: observing never
+// The one place where observing meets key-value coding's raise: the value at
+// `keyPath` (or of the single `key`), absent when it cannot be read — a key the
+// object does not know, or a host's override that raises. Observing never
 // raises on behalf of a setter that is only announcing its change.
-PXValue observedValue(const PXObject& object, std::string_view keyPath) {
+template <class Read>
+PXValue readObservedValue(Read&& read) {
   try {
-    return object.valueForKeyPath(keyPath);
+    return read();
   } catch (const PXException&) {
     return {};
   }
+}
+
+PXValue observedValue(const PXObject& object, std::string_view keyPath) {
+  return readObservedValue([&] { return object.valueForKeyPath(keyPath); });
 }
 
 PXValue orNull(const PXValue& value) {
@@ -106,12 +113,8 @@ void rewalk(const RegistrationRef& registration, const PXObject& root) {
   objects.emplace_back(const_cast<PXObject*>(&root));
   const auto& keys = registration->keys;
   for (size_t i = 0; i + 1 < keys.size(); ++i) {
-    PXValue value;
-    try {
-      value = objects.back()->valueForKey(keys[i]);
-    } catch (const PXException&) {
-      break;  // a key the object does not know ends the path here
-    }
+    // A key the object does not know ends the path here, as an absent value does.
+    PXValue value = readObservedValue([&] { return objects.back()->valueForKey(keys[i]); });
     if (!value.isObject()) break;
     objects.push_back(value.objectValue());
   }

@@ -4,6 +4,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -17,7 +18,10 @@
 // One worker thread per queue takes them off in order. When the list is empty
 // the worker spins briefly, then announces that it sleeps and waits on a futex;
 // a producer makes the wake-up system call only when it sees that announcement,
-// so a busy queue costs producers no system calls at all.
+// so a busy queue costs producers no system calls at all. A queue made with
+// Wake::Deferred first dozes (timed futex waits, growing from 250 µs to 128 ms)
+// and producers leave a dozing worker alone: calls spaced out in time cost no
+// system call either, and an idle queue still ends up asleep with no timer.
 //
 // Nodes are recycled: the worker returns finished nodes to a global stack that
 // producers take over whole into a per-thread cache, so the steady state
@@ -202,6 +206,8 @@ struct RecycleBatches {
 };
 
 thread_local PXDispatchQueue* tlCurrentQueue = nullptr;
+// Enqueues this thread has made in a row onto dozing workers without waking them.
+thread_local uint32_t tlUnwokenEnqueues __attribute__((tls_model("initial-exec"))) = 0;
 
 }  // namespace
 
@@ -228,21 +234,39 @@ void dispatchNodeDiscard(DispatchNode* node) noexcept {
 
 // The queue proper, shared by the PXDispatchQueue and its worker thread (which
 // outlives the object when the last reference goes on the worker itself).
+//
+// `head` is the node whose job ran last (at first the stub): the worker runs
+// the job of the node after it and only then lets the old head go. So the
+// worker learns that the queue is empty from `head->next` alone and reads
+// `tail`, the producers' line, only when it is about to sleep.
 struct DispatchQueueCore {
-  enum : uint32_t { kRunning = 0, kSleeping = 1 };
+  // kDozing: the worker sleeps with a timeout and looks at the queue when it
+  // ends; producers leave it alone. kSleeping: it sleeps until woken.
+  enum : uint32_t { kRunning = 0, kDozing = 1, kSleeping = 2 };
   // Spins of the worker on an empty queue before it goes to sleep: long enough
   // to catch the next job of a steady stream, short enough not to matter.
   static constexpr int kSpinsBeforeSleep = 256;
+  // A deferred-wake queue dozes for 250 µs, then twice as long each time, up
+  // to 128 ms: ten timed wake-ups in the quarter second after its last job,
+  // then it sleeps until woken.
+  static constexpr long kFirstDozeNanoseconds = 250'000;
+  static constexpr int kDozes = 10;
+  // A producer that has left this many jobs in a row to dozing workers wakes
+  // the worker after all: a burst is under way, and the worker had better work
+  // through it alongside than after it (one system call per this many calls).
+  static constexpr uint32_t kWakeAfterUnwokenEnqueues = 1024;
 
   alignas(64) std::atomic<DispatchNode*> tail;  // producers
   alignas(64) DispatchNode* head;               // the worker only
   alignas(64) std::atomic<uint32_t> state{kRunning};
   std::atomic<bool> stopping{false};
   std::atomic<PXDispatchQueue*> owner;
+  const PXDispatchQueue::Wake wake;
   DispatchNode stub;
   std::thread worker;
 
-  explicit DispatchQueueCore(PXDispatchQueue* queue) : tail(&stub), head(&stub), owner(queue) {}
+  DispatchQueueCore(PXDispatchQueue* queue, PXDispatchQueue::Wake wakePolicy)
+      : tail(&stub), head(&stub), owner(queue), wake(wakePolicy) {}
 
   // ---- producers ----
   void push(DispatchNode* node) noexcept {
@@ -250,48 +274,50 @@ struct DispatchQueueCore {
     DispatchNode* previous = tail.exchange(node, std::memory_order_seq_cst);
     previous->next.store(node, std::memory_order_release);
   }
-  void enqueue(DispatchNode* node) noexcept {
+  // `urgent`: someone waits for the job, so a dozing worker is woken too.
+  void enqueue(DispatchNode* node, bool urgent) noexcept {
     push(node);
     // Pairs with the worker's announcement in park(): either the worker sees
-    // the new tail, or this load sees it sleeping.
-    if (state.load(std::memory_order_seq_cst) == kSleeping &&
-        state.exchange(kRunning, std::memory_order_seq_cst) == kSleeping) {
-      futexWake(&state, 1);
+    // the new tail, or this load sees it asleep.
+    uint32_t seen = state.load(std::memory_order_seq_cst);
+    if (seen == kRunning) {
+      tlUnwokenEnqueues = 0;
+      return;
     }
+    if (seen == kDozing && !urgent && ++tlUnwokenEnqueues < kWakeAfterUnwokenEnqueues) return;
+    tlUnwokenEnqueues = 0;
+    if (state.exchange(kRunning, std::memory_order_seq_cst) != kRunning) futexWake(&state, 1);
   }
 
   // ---- worker ----
-  // The oldest node, or null when the queue is empty or a producer is between
-  // its exchange and its link.
-  DispatchNode* pop() noexcept {
-    DispatchNode* first = head;
-    DispatchNode* next = first->next.load(std::memory_order_acquire);
-    if (first == &stub) {
-      if (!next) return nullptr;
-      head = next;
-      first = next;
-      next = next->next.load(std::memory_order_acquire);
-    }
-    if (next) {
-      head = next;
-      return first;
-    }
-    if (first != tail.load(std::memory_order_acquire)) return nullptr;  // a push is under way
-    push(&stub);
-    next = first->next.load(std::memory_order_acquire);
-    if (next) {
-      head = next;
-      return first;
-    }
-    return nullptr;
-  }
   bool isEmpty() const noexcept {
-    // The link of our own last node first: it changes only when a job arrives,
-    // so spinning on it leaves the producers' tail alone.
     return !head->next.load(std::memory_order_acquire) && tail.load(std::memory_order_seq_cst) == head;
   }
 
-  // Returns false when the worker should end (stopping and drained).
+  // Announces `how` (kDozing or kSleeping) and sleeps, unless a job or the
+  // end arrived meanwhile; a timeout (nanoseconds) for dozing. Returns false
+  // when the worker should end.
+  enum class Woken { Job, Timeout, End };
+  Woken sleep(uint32_t how, long nanoseconds) noexcept {
+    state.store(how, std::memory_order_seq_cst);
+    if (!isEmpty()) {
+      state.store(kRunning, std::memory_order_relaxed);
+      return Woken::Job;
+    }
+    if (stopping.load(std::memory_order_seq_cst)) return Woken::End;
+    if (how == kDozing) {
+      timespec timeout{0, nanoseconds};
+      syscall(SYS_futex, reinterpret_cast<uint32_t*>(&state), FUTEX_WAIT_PRIVATE, how, &timeout, nullptr, 0);
+    } else {
+      futexWait(&state, how);
+    }
+    // Woken by a producer (state is kRunning), by the timeout or spuriously.
+    bool timedOut = state.exchange(kRunning, std::memory_order_relaxed) == how;
+    return timedOut && isEmpty() ? Woken::Timeout : Woken::Job;
+  }
+
+  // Waits for the next job. Returns false when the worker should end
+  // (stopping and drained).
   bool park() noexcept {
     // Spin on the link a producer writes next, not on `tail`: a consumer that
     // keeps reading `tail` pulls its cache line away from the producers, and
@@ -300,39 +326,46 @@ struct DispatchQueueCore {
       if (head->next.load(std::memory_order_acquire)) return true;
       cpuRelax();
     }
-    state.store(kSleeping, std::memory_order_seq_cst);
-    if (!isEmpty()) {
-      state.store(kRunning, std::memory_order_relaxed);
-      return true;
+    if (wake == PXDispatchQueue::Wake::Deferred) {
+      long nanoseconds = kFirstDozeNanoseconds;
+      for (int i = 0; i < kDozes; ++i, nanoseconds *= 2) {
+        Woken woken = sleep(kDozing, std::min(nanoseconds, 999'999'999L));
+        if (woken != Woken::Timeout) return woken == Woken::Job;
+      }
     }
-    if (stopping.load(std::memory_order_seq_cst)) return false;
-    futexWait(&state, kSleeping);
-    state.store(kRunning, std::memory_order_relaxed);
-    return true;
+    for (;;) {
+      Woken woken = sleep(kSleeping, 0);
+      if (woken != Woken::Timeout) return woken == Woken::Job;
+    }
   }
 
   void run() noexcept {
     RecycleBatches finished;
     for (;;) {
-      if (DispatchNode* node = pop()) {
+      DispatchNode* next = head->next.load(std::memory_order_acquire);
+      if (next) {
+        DispatchNode* done = head;
+        head = next;
         tlCurrentQueue = owner.load(std::memory_order_relaxed);
-        node->run(node);  // a throwing job ends the process here (noexcept)
+        next->run(next);  // a throwing job ends the process here (noexcept)
         tlCurrentQueue = nullptr;
-        finished.add(node);
+        if (done != &stub) finished.add(done);
         continue;
       }
-      if (!isEmpty()) {
-        cpuRelax();  // a producer is linking its node
-        continue;
-      }
-      finished.flush();  // idle: give the nodes back before spinning and sleeping
-      if (!park()) return;
+      // Idle, or a producer is between its exchange and its link (park() then
+      // finds the job at once): give the nodes back before spinning and sleeping.
+      finished.flush();
+      if (!park()) break;
     }
+    // The last job's node, kept as the head until now.
+    if (head != &stub) finished.add(head);
+    head = &stub;
+    finished.flush();
   }
 
   void stop() noexcept {
     stopping.store(true, std::memory_order_seq_cst);
-    if (state.exchange(kRunning, std::memory_order_seq_cst) == kSleeping) futexWake(&state, 1);
+    if (state.exchange(kRunning, std::memory_order_seq_cst) != kRunning) futexWake(&state, 1);
   }
 };
 
@@ -361,8 +394,8 @@ void dispatchOnceSlow(std::atomic<uint32_t>& state, void (*call)(void*), void* c
 
 PX_DEFINE_CLASS(PXDispatchQueue, PXObject, nullptr)
 
-PXDispatchQueue::PXDispatchQueue(std::string_view label)
-    : label_(label), core_(std::make_shared<pxkit::internal::DispatchQueueCore>(this)) {
+PXDispatchQueue::PXDispatchQueue(std::string_view label, Wake wake)
+    : label_(label), core_(std::make_shared<pxkit::internal::DispatchQueueCore>(this, wake)) {
   std::shared_ptr<pxkit::internal::DispatchQueueCore> core = core_;
   core_->worker = std::thread([core] { core->run(); });
   std::string name = label_.empty() ? std::string("pxkit-queue") : label_.substr(0, 15);
@@ -381,16 +414,20 @@ PXDispatchQueue::~PXDispatchQueue() {
   }
 }
 
-PXRef<PXDispatchQueue> PXDispatchQueue::create(std::string_view label) {
-  return PXMake<PXDispatchQueue>(label);
+PXRef<PXDispatchQueue> PXDispatchQueue::create(std::string_view label, Wake wake) {
+  return PXMake<PXDispatchQueue>(label, wake);
+}
+
+bool pxkit::internal::dispatchQueueSleepsUntilWoken(const PXDispatchQueue& queue) noexcept {
+  return queue.core_->state.load(std::memory_order_acquire) == DispatchQueueCore::kSleeping;
 }
 
 PXDispatchQueue* PXDispatchQueue::current() noexcept {
   return tlCurrentQueue;
 }
 
-void PXDispatchQueue::enqueue(pxkit::internal::DispatchNode* node) noexcept {
-  core_->enqueue(node);
+void PXDispatchQueue::enqueue(pxkit::internal::DispatchNode* node, bool urgent) noexcept {
+  core_->enqueue(node, urgent);
 }
 
 void PXDispatchQueue::syncInvoke(void (*call)(void*), void* callable) {
@@ -406,10 +443,13 @@ void PXDispatchQueue::syncInvoke(void (*call)(void*), void* callable) {
 #endif
   }
   std::atomic<uint32_t> done{0};
-  async([call, callable, &done] {
-    call(callable);
-    done.store(1, std::memory_order_release);
-    futexWake(&done, 1);  // may reach a futex word already gone: a harmless spurious wake-up
-  });
+  // Urgent: a dozing worker is woken at once, since this thread waits for it.
+  enqueueJob(
+      [call, callable, &done] {
+        call(callable);
+        done.store(1, std::memory_order_release);
+        futexWake(&done, 1);  // may reach a futex word already gone: a harmless spurious wake-up
+      },
+      /*urgent=*/true);
   while (done.load(std::memory_order_acquire) == 0) futexWait(&done, 0);
 }

@@ -50,11 +50,13 @@ std::string machineIdentity() {
     paths = {"/etc/machine-id", "/var/lib/dbus/machine-id"};
   }
   for (const std::string& path : paths) {
-    std::string bytes, why;
+    std::string bytes;
     bool exists = false;
-    if (!pxkit::internal::readWholeFile(path, &bytes, &exists, &why)) {
+    PXErrorRef error;
+    if (!pxkit::internal::readWholeFile(path, &bytes, &exists, &error)) {
       // The next source is used instead, which changes the by-host file's name.
-      PXLogWithLevel(PXLogLevel::Warning, "PXPreferences: machine id unread: %s", why.c_str());
+      PXLogWithLevel(PXLogLevel::Warning, "PXPreferences: machine id unread: %@",
+                     error ? error->localizedDescription() : PXString("unknown error"));
       continue;
     }
     if (bytes.size() > 4096) continue;
@@ -105,10 +107,12 @@ ResolvedScope resolve(std::string_view application, std::string_view user, std::
 
 // Reads one key from a file, afresh.
 PXValue valueInFile(const std::string& path, std::string_view key) {
-  std::string bytes, why;
+  std::string bytes;
   bool exists = false;
-  if (!pxkit::internal::readWholeFile(path, &bytes, &exists, &why)) {
-    PXLogWithLevel(PXLogLevel::Warning, "PXPreferences: %s", why.c_str());
+  PXErrorRef error;
+  if (!pxkit::internal::readWholeFile(path, &bytes, &exists, &error)) {
+    PXLogWithLevel(PXLogLevel::Warning, "PXPreferences: %@",
+                   error ? error->localizedDescription() : PXString("unknown error"));
     return {};
   }
   if (!exists) return {};

@@ -240,10 +240,13 @@ TEST(JSONDecoder, NumbersWithFractionOrExponentAreCorrectlyRoundedDoubles) {
     ASSERT_EQ(v.kind(), PXValue::Kind::Double);
     EXPECT_EQ(v.doubleValue(), std::strtod(text, nullptr));
   }
-  // "-0" keeps its sign, as the double -0.0.
+  // Without a fraction or exponent a number is an integer, "-0" included; with
+  // one, zero keeps its sign.
   PXValue negativeZero = only("[-0]");
-  ASSERT_EQ(negativeZero.kind(), PXValue::Kind::Double);
-  EXPECT_TRUE(std::signbit(negativeZero.doubleValue()));
+  ASSERT_EQ(negativeZero.kind(), PXValue::Kind::Int);
+  EXPECT_EQ(negativeZero.longLongValue(), 0);
+  EXPECT_FALSE(std::signbit(negativeZero.doubleValue()));
+  EXPECT_TRUE(std::signbit(only("[-0.0]").doubleValue()));
   EXPECT_EQ(only("[0e-999]").doubleValue(), 0.0);  // zero is not an underflow
 }
 

@@ -154,8 +154,8 @@ TEST(JSONNumbers, ConversionReportsTokensItCannotConsume) {
   EXPECT_EQ(message, "The conversion function did not consume all of the number tokens characters.");
   // And converts what it can.
   ASSERT_TRUE(convertNumberToken("-0", false, number, message));
-  EXPECT_EQ(number.kind, NumberValue::Kind::Double);
-  EXPECT_TRUE(std::signbit(number.d));
+  EXPECT_EQ(number.kind, NumberValue::Kind::Signed);
+  EXPECT_EQ(number.i, 0);
   ASSERT_TRUE(convertNumberToken("18446744073709551615", false, number, message));
   EXPECT_EQ(number.kind, NumberValue::Kind::Unsigned);
   EXPECT_EQ(number.u, UINT64_MAX);

@@ -13,6 +13,7 @@
 
 #include <random>
 
+#include "metrics/internal/PXMetricsTrackerInternal.h"
 #include "support/PXTempHome.h"
 
 extern char** environ;
@@ -38,7 +39,7 @@ int64_t loadedGeneration() {
   EXPECT_TRUE(PXUserDefaults::standardUserDefaults()->synchronize());
   auto tracker = PXMake<PXMetricsTracker>();
   tracker->loadFromPreferences();
-  PXRef<PXMetric> counter = tracker->_findMetricForIdentifier("crash.counter", {}, {});
+  PXRef<PXMetric> counter = pxkit::internal::findMetricForIdentifier(*tracker, "crash.counter", {}, {});
   int64_t generation = tracker->userData()->objectForKey("generation").longLongValue();
   // Both values were written by one save: they must agree.
   EXPECT_EQ(counter ? counter->value() : 0, generation) << "a torn state";

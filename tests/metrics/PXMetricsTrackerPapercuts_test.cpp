@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "metrics/internal/PXMetricsTrackerInternal.h"
 #include "support/PXTempHome.h"
 
 namespace {
@@ -61,7 +62,8 @@ TEST_F(PXMetricsTrackerPapercutsTest, RecordHasItsKeysInOrderWithTheHostsIdentit
   tracker->metricForIdentifier("with.qualifiers", "p", "s")->setValue(3);
   metric("plain", -2);
   clock.advance(1.5 * 86400);
-  PXRef<PXMutableDictionary> cut = tracker->_papercutDictWithTimestamp(PXDate(kNoon), /*reset=*/false);
+  PXRef<PXMutableDictionary> cut =
+      pxkit::internal::papercutDictWithTimestamp(*tracker, PXDate(kNoon), /*reset=*/false);
   ASSERT_TRUE(cut);
   EXPECT_EQ(keysOf(*cut), (std::vector<std::string>{"packageID", "applicationID", "metrics", "totalUsageDays",
                                                     "timestamp", "channel", "applicationVersion"}));
@@ -82,22 +84,25 @@ TEST_F(PXMetricsTrackerPapercutsTest, RecordHasItsKeysInOrderWithTheHostsIdentit
   EXPECT_EQ(sets->objectAtIndex(1).dictionaryValue()->objectForKey("value").intValue(), -2);
 
   // A microsecond apart is another package; the same moment is the same one.
-  EXPECT_EQ(tracker->_papercutDictWithTimestamp(PXDate(kNoon + 1e-6), false)
+  EXPECT_EQ(pxkit::internal::papercutDictWithTimestamp(*tracker, PXDate(kNoon + 1e-6), false)
                 ->objectForKey("packageID")
                 .stringValue(),
             "466cb00b0ee88ae0ac04cddb307feaf8");
-  EXPECT_EQ(tracker->_papercutDictWithTimestamp(PXDate(kNoon), false)->objectForKey("packageID"),
-            cut->objectForKey("packageID"));
+  EXPECT_EQ(
+      pxkit::internal::papercutDictWithTimestamp(*tracker, PXDate(kNoon), false)->objectForKey("packageID"),
+      cut->objectForKey("packageID"));
 }
 
 TEST_F(PXMetricsTrackerPapercutsTest, RecordStopsAtTheFirstMissingHostValue) {
   metric("m", 1);
   ASSERT_TRUE(PXBundle::setMainBundleIdentity("org.pxkit.NoVersion", {}, {}));
-  PXRef<PXMutableDictionary> cut = tracker->_papercutDictWithTimestamp(PXDate(kNoon), false);
+  PXRef<PXMutableDictionary> cut = pxkit::internal::papercutDictWithTimestamp(*tracker, PXDate(kNoon), false);
   EXPECT_EQ(keysOf(*cut), (std::vector<std::string>{"packageID", "applicationID", "metrics", "totalUsageDays",
                                                     "timestamp", "channel"}));
   tracker->setChannel({});
-  EXPECT_EQ(tracker->_papercutDictWithTimestamp(PXDate(kNoon), false)->objectForKey("channel").stringValue(),
+  EXPECT_EQ(pxkit::internal::papercutDictWithTimestamp(*tracker, PXDate(kNoon), false)
+                ->objectForKey("channel")
+                .stringValue(),
             "default");
 }
 
@@ -106,7 +111,8 @@ TEST_F(PXMetricsTrackerPapercutsTest, CompilingReportsDueMetricsAndResetsEveryOn
   metric("due", 5);
   PXRef<PXMetric> throttled = metric("throttled", 9, 86400);
   PXRef<PXMetric> fixed = tracker->metricForIdentifier("fixed", {}, {}, 1);
-  tracker->lastPaperCutDateByMetricID()->setObject(PXDate(kNoon - 23 * 3600), "throttled");
+  tracker->setLastPaperCutDateByMetricID(
+      PXDictionary::dictionaryWithEntries({{"throttled", PXDate(kNoon - 23 * 3600)}}));
 
   tracker->makePaperCutWithTimestamp(tracker->metricsTimeBase());
   ASSERT_EQ(tracker->paperCuts()->count(), 1u);
@@ -131,8 +137,10 @@ TEST_F(PXMetricsTrackerPapercutsTest, SharedIdentifierSharesOneThrottle) {
   PXRef<PXMetric> b = tracker->metricForIdentifier("shared", "b");
   b->setValue(1);
   b->setSubmissionFrequency(86400);
-  tracker->lastPaperCutDateByMetricID()->setObject(PXDate(kNoon - 60), "shared");
-  PXRef<PXMutableArray> sets = tracker->_compileMetricsDataSetsFromMetrics(*tracker->metrics(), false);
+  tracker->setLastPaperCutDateByMetricID(
+      PXDictionary::dictionaryWithEntries({{"shared", PXDate(kNoon - 60)}}));
+  PXRef<PXMutableArray> sets =
+      pxkit::internal::compileMetricsDataSetsFromMetrics(*tracker, *tracker->metrics(), false);
   ASSERT_EQ(sets->count(), 1u);
   EXPECT_EQ(sets->objectAtIndex(0).dictionaryValue()->objectForKey("primary").stringValue(), "a");
 }
@@ -144,10 +152,10 @@ TEST_F(PXMetricsTrackerPapercutsTest, EmptyPeriodsLeaveNoPapercutButStillRestart
   EXPECT_EQ(tracker->paperCuts()->count(), 0u);
   EXPECT_EQ(tracker->metricsTimeBase(), clock.now());
 
-  tracker->_addPapercut({});
-  tracker->_addPapercut(
-      PXDictionary::dictionaryWithEntries({{"metrics", PXArray::array()}, {"timestamp", 1.0}}));
-  tracker->_addPapercut(PXDictionary::dictionaryWithEntries({{"packageID", "x"}}));
+  pxkit::internal::addPapercut(*tracker, {});
+  pxkit::internal::addPapercut(
+      *tracker, PXDictionary::dictionaryWithEntries({{"metrics", PXArray::array()}, {"timestamp", 1.0}}));
+  pxkit::internal::addPapercut(*tracker, PXDictionary::dictionaryWithEntries({{"packageID", "x"}}));
   EXPECT_EQ(tracker->paperCuts()->count(), 0u);
 }
 
@@ -158,8 +166,8 @@ TEST_F(PXMetricsTrackerPapercutsTest, RecordedDatesNeverMoveBackwards) {
                                                 PXDictionary::dictionaryWithEntries({{"value", 1}})})},
          {"timestamp", since1970}});
   };
-  tracker->_addPapercut(cutAt(2000));
-  tracker->_addPapercut(cutAt(1000));
+  pxkit::internal::addPapercut(*tracker, cutAt(2000));
+  pxkit::internal::addPapercut(*tracker, cutAt(1000));
   EXPECT_EQ(tracker->paperCuts()->count(), 2u);
   EXPECT_EQ(tracker->lastPaperCutDateByMetricID()->objectForKey("m").dateValue(),
             PXDate::dateWithTimeIntervalSince1970(2000));
@@ -193,8 +201,8 @@ TEST_F(PXMetricsTrackerPapercutsTest, AutomaticPapercutIsDueWhenTheLocalDateChan
 }
 
 TEST_F(PXMetricsTrackerPapercutsTest, Md5OfUtf8Bytes) {
-  EXPECT_EQ(PXMetricsTracker::_md5ChecksumOfString(""), "d41d8cd98f00b204e9800998ecf8427e");
-  EXPECT_EQ(PXMetricsTracker::_md5ChecksumOfString("abc"), "900150983cd24fb0d6963f7d28e17f72");
-  EXPECT_EQ(PXMetricsTracker::_md5ChecksumOfString("\xc3\xa9t\xc3\xa9"), "deaf6a1e9612a4d8c221e68ee23d58d2");
-  EXPECT_TRUE(PXMetricsTracker::_md5ChecksumOfString({}).isAbsent());
+  EXPECT_EQ(pxkit::internal::md5ChecksumOfString(""), "d41d8cd98f00b204e9800998ecf8427e");
+  EXPECT_EQ(pxkit::internal::md5ChecksumOfString("abc"), "900150983cd24fb0d6963f7d28e17f72");
+  EXPECT_EQ(pxkit::internal::md5ChecksumOfString("\xc3\xa9t\xc3\xa9"), "deaf6a1e9612a4d8c221e68ee23d58d2");
+  EXPECT_TRUE(pxkit::internal::md5ChecksumOfString({}).isAbsent());
 }

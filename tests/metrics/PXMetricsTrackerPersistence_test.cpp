@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "metrics/internal/PXMetricsTrackerInternal.h"
 #include "support/PXRunLoopUntil.h"
 #include "support/PXTempHome.h"
 
@@ -47,12 +48,13 @@ TEST_F(PXMetricsTrackerPersistenceTest, SaveThenLoadInAFreshTrackerBringsTheStat
   tracker->updateMetricValue(7, "counter", "p", "s");
   tracker->startOrContinueUsageWithAutostopAfterInterval(0, "usage");
   tracker->setFixedValue(1, "fixed");
-  tracker->userData()->setObject("blue", "theme");
-  tracker->_addPapercut(PXDictionary::dictionaryWithEntries(
-      {{"packageID", "abc"},
-       {"metrics", PXArray::arrayWithObjects(
-                       {PXDictionary::dictionaryWithEntries({{"identifier", "old"}, {"value", 1}})})},
-       {"timestamp", kNoon + kPXTimeIntervalSince1970 - 86400}}));
+  tracker->setUserData(PXDictionary::dictionaryWithEntries({{"theme", "blue"}}));
+  pxkit::internal::addPapercut(
+      *tracker, PXDictionary::dictionaryWithEntries(
+                    {{"packageID", "abc"},
+                     {"metrics", PXArray::arrayWithObjects({PXDictionary::dictionaryWithEntries(
+                                     {{"identifier", "old"}, {"value", 1}})})},
+                     {"timestamp", kNoon + kPXTimeIntervalSince1970 - 86400}}));
   tracker->settleOutstandingOperationsWithOperationSync();  // usage starts now, not later
   clock.advance(30.9);
   tracker->saveToPreferences();
@@ -63,19 +65,19 @@ TEST_F(PXMetricsTrackerPersistenceTest, SaveThenLoadInAFreshTrackerBringsTheStat
   EXPECT_EQ(fresh->metricsOriginTime(), origin);
   EXPECT_EQ(fresh->metricsTimeBase(), origin);
   EXPECT_EQ(fresh->userData()->objectForKey("theme").stringValue(), "blue");
-  EXPECT_TRUE(fresh->userData()->isMutable());
   ASSERT_EQ(fresh->paperCuts()->count(), 1u);
   EXPECT_EQ(fresh->paperCuts()->objectAtIndex(0).dictionaryValue()->objectForKey("packageID").stringValue(),
             "abc");
   EXPECT_TRUE(fresh->lastPaperCutDateByMetricID()->objectForKey("old").isDate());
 
-  PXRef<PXMetric> counter = fresh->_findMetricForIdentifier("counter", "p", "s");
+  PXRef<PXMetric> counter = pxkit::internal::findMetricForIdentifier(*fresh, "counter", "p", "s");
   ASSERT_TRUE(counter);
   EXPECT_EQ(counter->value(), 7);
-  PXRef<PXMetric> usage = fresh->_findMetricForIdentifier("usage", {}, {});
+  PXRef<PXMetric> usage = pxkit::internal::findMetricForIdentifier(*fresh, "usage", {}, {});
   ASSERT_TRUE(usage);
   EXPECT_EQ(usage->value(), 30) << "whole seconds committed at save";
-  EXPECT_FALSE(fresh->_findMetricForIdentifier("fixed", {}, {})) << "fixed values are rebuilt each launch";
+  EXPECT_FALSE(pxkit::internal::findMetricForIdentifier(*fresh, "fixed", {}, {}))
+      << "fixed values are rebuilt each launch";
 }
 
 TEST_F(PXMetricsTrackerPersistenceTest, BlobKeysFollowTheStoredOrderAndStopAtTheFirstAbsentValue) {
@@ -98,7 +100,7 @@ TEST_F(PXMetricsTrackerPersistenceTest, BlobKeysFollowTheStoredOrderAndStopAtThe
   EXPECT_EQ(keysOf(*root), (std::vector<std::string>{"TimeBase", "OriginTime", "Data", "Storage"}));
 
   // The saved-state papercut is a preview: making it reset nothing.
-  EXPECT_EQ(tracker->_findMetricForIdentifier("m", {}, {})->value(), 1);
+  EXPECT_EQ(pxkit::internal::findMetricForIdentifier(*tracker, "m", {}, {})->value(), 1);
 }
 
 TEST_F(PXMetricsTrackerPersistenceTest, OtherSystemsEntriesAreKept) {
@@ -136,7 +138,6 @@ TEST_F(PXMetricsTrackerPersistenceTest, BadBlobsGiveAFreshState) {
       PXKeyedArchiver::archivedDataWithRootObject(PXValue(PXDictionary::dictionary()))));
   EXPECT_EQ(tracker->metricsTimeBase(), clock.now());
   EXPECT_EQ(tracker->paperCuts()->count(), 0u);
-  EXPECT_TRUE(tracker->paperCuts()->isMutable());
 }
 
 TEST_F(PXMetricsTrackerPersistenceTest, DuplicateArchivedMetricsRestoreOnlyTheFirst) {
@@ -151,7 +152,7 @@ TEST_F(PXMetricsTrackerPersistenceTest, DuplicateArchivedMetricsRestoreOnlyTheFi
   auto tracker = PXMake<PXMetricsTracker>();
   ASSERT_TRUE(tracker->restoreFromData(PXKeyedArchiver::archivedDataWithRootObject(PXValue(state))));
   ASSERT_EQ(tracker->metrics()->count(), 1u);
-  EXPECT_EQ(tracker->_findMetricForIdentifier("dup", {}, {})->value(), 1);
+  EXPECT_EQ(pxkit::internal::findMetricForIdentifier(*tracker, "dup", {}, {})->value(), 1);
 }
 
 TEST_F(PXMetricsTrackerPersistenceTest, RestoringAnOverduePeriodCutsItAndStartsANewOne) {
@@ -166,7 +167,7 @@ TEST_F(PXMetricsTrackerPersistenceTest, RestoringAnOverduePeriodCutsItAndStartsA
   ASSERT_EQ(fresh->paperCuts()->count(), 1u);
   PXRef<PXDictionary> cut = fresh->paperCuts()->objectAtIndex(0).dictionaryValue();
   EXPECT_EQ(cut->objectForKey("timestamp").doubleValue(), dayOne.timeIntervalSince1970());
-  EXPECT_EQ(fresh->_findMetricForIdentifier("counter", {}, {})->value(), 0)
+  EXPECT_EQ(pxkit::internal::findMetricForIdentifier(*fresh, "counter", {}, {})->value(), 0)
       << "restored values start a new period";
   EXPECT_EQ(fresh->metricsTimeBase(), clock.now());
 
@@ -180,5 +181,5 @@ TEST_F(PXMetricsTrackerPersistenceTest, RestoringAnOverduePeriodCutsItAndStartsA
   auto sameDay = PXMake<PXMetricsTracker>();
   ASSERT_TRUE(sameDay->restoreFromData(blob));
   EXPECT_EQ(sameDay->paperCuts()->count(), 0u);
-  EXPECT_EQ(sameDay->_findMetricForIdentifier("counter", {}, {})->value(), 4);
+  EXPECT_EQ(pxkit::internal::findMetricForIdentifier(*sameDay, "counter", {}, {})->value(), 4);
 }

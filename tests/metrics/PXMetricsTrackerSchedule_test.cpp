@@ -32,9 +32,7 @@ constexpr double kNewYorkAfterSpring = 731822401;     // 2024-03-11 00:00:01 EDT
 // The number of stored papercuts, read under the list's own lock (the metrics
 // queue appends to it).
 size_t storedPapercuts(PXMetricsTracker& tracker) {
-  PXRef<PXMutableArray> cuts = tracker.paperCuts();
-  std::lock_guard lock(cuts->monitor());
-  return cuts->count();
+  return tracker.paperCuts()->count();
 }
 
 void useZone(const char* zone) {

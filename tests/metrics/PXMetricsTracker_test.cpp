@@ -1,13 +1,17 @@
 #include <gtest/gtest.h>
+#include <pxkit/foundation/PXObjectBlockObserver.h>
+#include <pxkit/foundation/PXRuntime.h>
 #include <pxkit/metrics/PXMetricsTracker.h>
 #include <pxkit/objects/PXClock.h>
 #include <pxkit/platform/PXBundle.h>
 #include <pxkit/platform/PXPreferences.h>
 #include <pxkit/platform/PXUserDefaults.h>
+#include <pxkit/platform/PXUserDefaultsController.h>
 
 #include <thread>
 #include <vector>
 
+#include "metrics/internal/PXMetricsTrackerInternal.h"
 #include "support/PXTempHome.h"
 
 namespace {
@@ -22,7 +26,7 @@ class PXMetricsTrackerTest : public testing::Test {
 
   PXRef<PXMetric> metric(const PXString& identifier, const PXString& primary = {},
                          const PXString& secondary = {}) {
-    return tracker->_findMetricForIdentifier(identifier, primary, secondary);
+    return pxkit::internal::findMetricForIdentifier(*tracker, identifier, primary, secondary);
   }
   int32_t valueOf(const PXString& identifier, const PXString& primary = {}, const PXString& secondary = {}) {
     PXRef<PXMetric> m = metric(identifier, primary, secondary);
@@ -45,7 +49,7 @@ TEST(PXMetricsTrackerIdentity, UnifiedIDTreatsAbsentAndEmptyQualifiersAlike) {
                          Row{"a", "p", {}, "{a}-{p}-{}"}, Row{"a", {}, "s", "{a}-{}-{s}"},
                          Row{"common.hwmodel", "Book", "Book1,1", "{common.hwmodel}-{Book}-{Book1,1}"},
                          Row{{}, {}, {}, "{(null)}-{}-{}"}, Row{"", "", "", "{}-{}-{}"}}) {
-    EXPECT_EQ(PXMetricsTracker::_unifiedIDForIdentifier(row.identifier, row.primary, row.secondary),
+    EXPECT_EQ(pxkit::internal::unifiedIDForIdentifier(row.identifier, row.primary, row.secondary),
               row.expected);
   }
 }
@@ -77,7 +81,7 @@ TEST_F(PXMetricsTrackerTest, RegistryNeverReplacesAnExistingMetric) {
   EXPECT_EQ(tracker->metricForIdentifier("x", {}, {}), first);
 
   PXString unified;
-  EXPECT_FALSE(tracker->_findMetricForIdentifier("y", "p", {}, &unified));
+  EXPECT_FALSE(pxkit::internal::findMetricForIdentifier(*tracker, "y", "p", {}, &unified));
   EXPECT_EQ(unified, "{y}-{p}-{}") << "the unified ID is written even when nothing is found";
 
   tracker->removeMetric(first);
@@ -192,6 +196,30 @@ TEST_F(PXMetricsTrackerTest, StartMirrorsTheOptOutSwitch) {
   tracker->settleOutstandingOperationsWithOperationSync();
   EXPECT_FALSE(metric("while.off"));
   EXPECT_EQ(valueOf("while.on"), 1);
+}
+
+TEST_F(PXMetricsTrackerTest, AReleasedTrackerLeavesNoObserverBehind) {
+  // A started tracker observes the opt-out key on the shared user-defaults
+  // controller and on its values object; both observations end with it.
+  PXUserDefaultsController* controller = PXUserDefaultsController::sharedUserDefaultsController();
+  auto observationsOwnedBy = [](const PXObject& observed, const PXObject* owner) {
+    size_t count = 0;
+    if (PXRef<PXArray> list =
+            PXRuntime::getAssociatedObjectForKey(observed, kPXObjectBlockObserverArrayKey).arrayValue()) {
+      for (const PXValue& entry : *list) {
+        auto* trampoline = dynamic_cast<PXObjectBlockObserverTrampoline*>(entry.objectPointer());
+        if (trampoline && trampoline->owner() == owner && trampoline->isObserving()) ++count;
+      }
+    }
+    return count;
+  };
+  const PXObject* owner = tracker.get();
+  tracker->start();
+  EXPECT_EQ(observationsOwnedBy(*controller, owner), 1u);
+  EXPECT_EQ(observationsOwnedBy(*controller->values(), owner), 1u);
+  tracker = nullptr;
+  EXPECT_EQ(observationsOwnedBy(*controller, owner), 0u);
+  EXPECT_EQ(observationsOwnedBy(*controller->values(), owner), 0u);
 }
 
 TEST_F(PXMetricsTrackerTest, TotalUsageDaysRoundAtHalfADay) {

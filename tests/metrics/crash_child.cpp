@@ -8,6 +8,8 @@
 
 #include <cstdint>
 
+#include "metrics/internal/PXMetricsTrackerInternal.h"
+
 int main() {
   PXClock::useVirtualClock(PXDate(700056000));  // one fixed day: no papercut interferes
   if (!PXBundle::setMainBundleIdentity("org.pxkit.CrashTest", "1.0", "1")) return 2;
@@ -16,8 +18,8 @@ int main() {
   for (;;) {
     tracker->updateMetricValue(1, "crash.counter");
     tracker->performMetricsOperation([&] {
-      PXRef<PXMetric> counter = tracker->_findMetricForIdentifier("crash.counter", {}, {});
-      tracker->userData()->setObject(counter->value(), "generation");
+      PXRef<PXMetric> counter = pxkit::internal::findMetricForIdentifier(*tracker, "crash.counter", {}, {});
+      tracker->setUserData(PXDictionary::dictionaryWithEntries({{"generation", counter->value()}}));
     });
     tracker->saveToPreferences();
     int64_t generation = tracker->userData()->objectForKey("generation").longLongValue();

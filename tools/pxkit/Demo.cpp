@@ -112,9 +112,6 @@ constexpr int32_t kEditingSeconds = kEditingContinuedAfter + kEditingAutostop;
 std::string_view view(const char* text) {
   return text ? std::string_view(text) : std::string_view();
 }
-PXString text(const std::string& s) {
-  return s.empty() ? PXString() : PXString(s);
-}
 
 std::vector<Expected> firstLaunchExpectations() {
   std::vector<Expected> all;
@@ -162,8 +159,19 @@ const char* kindText(Kind kind) {
   return "";
 }
 
+// The registered metric of that identity, as a host finds it: among the
+// tracker's metrics (an absent and an empty qualifier are the same).
 PXRef<PXMetric> findMetric(PXMetricsTracker& tracker, const Expected& e) {
-  return tracker._findMetricForIdentifier(e.identifier, text(e.primary), text(e.secondary));
+  auto same = [](const PXString& a, const std::string& b) { return a.view() == b; };
+  PXRef<PXArray> metrics = tracker.metrics();
+  for (const PXValue& value : *metrics) {
+    PXRef<PXMetric> metric = PXDynamicCast<PXMetric>(value.objectValue());
+    if (metric && same(metric->identifier(), e.identifier) && same(metric->primary(), e.primary) &&
+        same(metric->secondary(), e.secondary)) {
+      return metric;
+    }
+  }
+  return {};
 }
 
 // The local moment of `c`, or a failure line.

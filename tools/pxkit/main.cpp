@@ -4,6 +4,7 @@
 //   pxkit online [--watch]  whether the network is available (Online.h)
 //   pxkit check RULE      whether a rule holds on this machine (Rules.h)
 //   pxkit facts [PATH...] the facts rules can ask about (Rules.h)
+//   pxkit state [--app ID]  what is stored for an application (State.h)
 //   pxkit --help | --version
 #include <pxkit/PXKit.h>
 
@@ -15,6 +16,7 @@
 #include "Demo.h"
 #include "Online.h"
 #include "Rules.h"
+#include "State.h"
 
 namespace {
 
@@ -38,6 +40,10 @@ constexpr const char* kUsage =
     "  facts [--root DIR] [KEYPATH|${CALL} ...]\n"
     "                  the value of each key path or call (default: the OS,\n"
     "                  kernel and computer); --root reads another system tree\n"
+    "  state [--app ID]\n"
+    "                  show what is stored for an application (default: the\n"
+    "                  demo's): its metrics, the papercuts waiting and the exact\n"
+    "                  JSON body its next submission will post; changes nothing\n"
     "\n"
     "Options:\n"
     "  --help          show this help\n"
@@ -87,5 +93,6 @@ int main(int argc, char** argv) {
   if (command == "online") return PXKitOnline::run(args);
   if (command == "check") return PXKitRules::check(args);
   if (command == "facts") return PXKitRules::facts(args);
+  if (command == "state") return PXKitState::run(args);
   return usageError("unknown command '" + std::string(command) + "'");
 }

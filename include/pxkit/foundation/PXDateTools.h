@@ -54,9 +54,9 @@ inline constexpr size_t kPXMaxTimestampLength = 64;
 // wanted: 400 days come out as 400 days). The seconds output takes what is left,
 // floored.
 //
-// Kept on purpose: `years`, `days`, `minutes` and `seconds` are set to 0 first,
-// `hours` is NOT — when less than an hour remains at the hour step, `*hours`
-// keeps whatever the caller put there. Callers that want 0 clear it themselves.
+// `years`, `days`, `minutes` and `seconds` are set to 0 first, `hours` is NOT —
+// when less than an hour remains at the hour step, `*hours` keeps whatever the
+// caller put there (kept on purpose, see docs/compatibility.md).
 // Negative intervals go whole into the seconds output, floored (-5.5 gives -6).
 // Counts beyond the range of int saturate; NaN counts as 0.
 // Pure; any thread.
@@ -90,10 +90,11 @@ PXKIT_EXPORT PXString localizedStringFormattedWithDateStyle(PXDate date, PXDateF
 
 // Parses an RFC 3339 timestamp against "yyyy'-'MM'-'dd'T'HH':'mm':'ssZZZ"
 // (en_US_POSIX, strict fields) after removing every ":" from the first "+" on —
-// or, when there is no "+", from the first "-" on. Kept on purpose: the first "-"
-// of a string without "+" lies in its date, so its time loses its colons too and
-// no longer matches: only positive offsets parse ("2012-05-01T10:20:30+02:00"),
-// while "...-07:00" and "...Z" forms give an absent date. Any thread.
+// or, when there is no "+", from the first "-" on. The first "-" of a string
+// without "+" lies in its date, so its time loses its colons too and no longer
+// matches: only positive offsets parse ("2012-05-01T10:20:30+02:00"), while
+// "...-07:00" and "...Z" give an absent date (kept on purpose, see
+// docs/compatibility.md). Any thread.
 [[nodiscard]] PXKIT_EXPORT std::optional<PXDate> dateFromRFC3339DateString(std::string_view string);
 
 }  // namespace PXDateTools

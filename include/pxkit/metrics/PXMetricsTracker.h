@@ -19,16 +19,28 @@
 // qualifier are the same metric.
 //
 // Thread safety: every public operation may be called from any thread. Locks
-// are recursive monitors taken in the order tracker → registry (the metricsDict
-// object) → metric; nothing takes them the other way round.
+// are taken in this order, and nothing takes two of them the other way round:
+//
+//   tracker monitor → registry (the metricsDict object's monitor) → a metric's monitor
+//                   → paperCuts list's monitor → lastPaperCutDateByMetricID's monitor
+//                   → userData's monitor
+//
+// then, innermost, the property lock (the plain fields' std::mutex, held for a
+// copy and never around a call) and the object model's own key-value observing
+// bookkeeping. A metric's monitor and the papercut containers' are never held
+// together. The tracker's code takes every monitor through PXMonitorLock and
+// states which lock a private step needs (PX_REQUIRES); the clang
+// "thread-safety" preset checks that with -Wthread-safety.
 #pragma once
 
 #include <pxkit/export.h>
 #include <pxkit/metrics/PXMetric.h>
+#include <pxkit/net/PXJSONRequest.h>
 #include <pxkit/objects/PXArray.h>
 #include <pxkit/objects/PXDate.h>
 #include <pxkit/objects/PXDictionary.h>
 #include <pxkit/objects/PXObject.h>
+#include <pxkit/objects/PXThreadSafety.h>
 
 #include <functional>
 #include <memory>
@@ -36,6 +48,9 @@
 
 class PXDispatchQueue;
 class PXTimer;
+namespace pxkit::internal {
+struct MetricsTrackerAccess;
+}  // namespace pxkit::internal
 
 // Distribution channels reported with submissions.
 PXKIT_EXPORT extern const char* const kPXMetricsChannelDefault;      // "default"
@@ -66,10 +81,6 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   ~PXMetricsTracker() override;
 
   // ---- Identity ------------------------------------------------------------
-  // "{identifier}-{primary}-{secondary}"; absent qualifiers are written as "",
-  // an absent identifier as "(null)".
-  static PXString _unifiedIDForIdentifier(const PXString& identifier, const PXString& primary,
-                                          const PXString& secondary);
   // The random per-installation ID (upper-case canonical UUID) kept in the
   // by-host preferences under "MetricsRandomSystemID"; made and stored on first
   // use. Absent only if no UUID could be made.
@@ -99,9 +110,6 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   // Adds `metric` unless a metric with its unified ID is registered; true when added.
   bool addMetric(const PXRef<PXMetric>& metric);
   void removeMetric(const PXRef<PXMetric>& metric);
-  // The registered metric, or empty; writes the unified ID to `unifiedID` when given.
-  PXRef<PXMetric> _findMetricForIdentifier(const PXString& identifier, const PXString& primary,
-                                           const PXString& secondary, PXString* unifiedID = nullptr);
   // The registered metric, or a new one registered now (empty if it cannot be registered).
   PXRef<PXMetric> metricForIdentifier(const PXString& identifier, const PXString& primary = {},
                                       const PXString& secondary = {});
@@ -121,16 +129,46 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   // Runs `operation` (optional) the same way and waits: returns once every
   // operation enqueued before has finished. Must not be called from a metrics operation.
   void settleOutstandingOperationsWithOperationSync(const PXMetricsOperation& operation = {});
-  PXDispatchQueue& metricsOperationQueue() const noexcept { return *metricsOperationQueue_; }
 
   // ---- Days and switches ----------------------------------------------------
   // Whole days from metricsOriginTime to `date` (now when absent), rounded at half a day.
   int32_t totalUsageDaysUntil(std::optional<PXDate> date = std::nullopt);
-  // Switches automatic submission on and honours the opt-out switch from now on.
+  // Switches automatic submission on, honours the opt-out switch from now on and
+  // considers a first submission.
   void start();
-  // Considers an automatic submission: while automatic submission is on, mirrors
-  // the opt-out switch into `enabled`.
+  // Considers an automatic submission. While automatic submission is on,
+  // mirrors the opt-out switch into `enabled`; then, unless the user opted out
+  // or fewer than 86400 s have passed since lastAutoSubmissionDate, submits
+  // (submitDataWithResponseHandler, no handler, `submissionDate`). Network
+  // availability is a trigger of this call, never a condition of it.
   void considerAutoSubmissionWithSubmissionDate(std::optional<PXDate> submissionDate = std::nullopt);
+
+  // ---- Submission (see docs/submission.md) ----------------------------------
+  // Starts a submission unless one is in flight (then the call is dropped and
+  // `handler` is never called). On the main run loop the stored papercuts are
+  // packed (dataForSubmissionSync) and POSTed as JSON to metricsPostURL; when
+  // nothing is stored nothing is sent. When the request succeeds the receipt
+  // prunes the store (handleSubmissionReceipt), lastAutoSubmissionDate becomes
+  // `submissionDate` (now minus 60 s when absent) and the state is saved; a
+  // failed request changes nothing. `handler` (optional, copied) is called on
+  // the main thread after that, with the request's outcome unchanged; it is
+  // not called when nothing was sent or the request could not start.
+  void submitDataWithResponseHandler(PXJSONResponseHandler handler = {},
+                                     std::optional<PXDate> submissionDate = std::nullopt);
+  // The next submission's body, {"papercuts":[...]} of every stored papercut,
+  // oldest first, as compact JSON. Cuts the due papercuts first (and, when the
+  // tracker has never submitted, one of the period so far). Runs on the
+  // metrics operation queue after every earlier operation and waits; must not
+  // be called from a metrics operation. Absent when no papercut is stored or
+  // the store cannot be written as JSON (logged).
+  PXRef<PXData> dataForSubmissionSync();
+  // Removes exactly the stored papercuts whose "packageID" the receipt's
+  // "processedPapercutPackageIDs" names (strings; anything else names none).
+  // True when `receipt` is a JSON object with that array, also when nothing
+  // matched; false (nothing removed) otherwise. Any thread.
+  bool handleSubmissionReceipt(const PXRef<PXData>& receipt);
+  // The submission request in flight, or empty.
+  PXRef<PXJSONRequest> submissionRequest() const;
 
   // ---- Persistence ------------------------------------------------------------
   // The whole state as a keyed archive, made on the queue after every earlier
@@ -148,36 +186,35 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   // ---- Papercuts ------------------------------------------------------------------
   // Cuts a resetting papercut stamped `timestamp` and stores it.
   void makePaperCutWithTimestamp(PXDate timestamp);
-  PXRef<PXMutableDictionary> _papercutDictWithTimestamp(PXDate timestamp, bool reset);
-  // The same over `snapshot`, a copy of the registry the caller has already taken.
-  PXRef<PXMutableDictionary> _papercutDictWithTimestamp(PXDate timestamp, bool reset,
-                                                        const PXArray& snapshot);
-  PXRef<PXMutableArray> _compileMetricsDataSetsFromMetrics(const PXArray& metrics, bool reset);
-  void _addPapercut(const PXRef<PXDictionary>& papercut);
-  static PXString _md5ChecksumOfString(const PXString& string);
   // True when the local calendar date has changed since metricsTimeBase.
   bool shouldPerformAutomaticPapercut();
   // Cuts the day's papercut when due; with `schedule`, (re)arms the daily timer
   // for 00:00:01 local time of the next day, on the main thread.
   void considerAutomaticPapercutWithSchedule(bool schedule);
-  // The daily timer's action (main thread).
-  void _automaticPapercutTimer(PXTimer& timer);
 
   // ---- Properties ---------------------------------------------------------------
   PXDate metricsOriginTime() const;
   void setMetricsOriginTime(PXDate date);
   PXDate metricsTimeBase() const;
   void setMetricsTimeBase(PXDate date);
+  // The containers' getters return snapshots (immutable copies) taken under
+  // the container's lock; changing one changes nothing in the tracker. Their
+  // setters store a mutable copy of what they are given. A new tracker's are
+  // empty; absent only after an absent one was set.
+  //
   // A snapshot of the registered metrics, in registration order.
   PXRef<PXArray> metrics() const;
-  PXRef<PXMutableArray> paperCuts() const;
-  void setPaperCuts(PXRef<PXMutableArray> paperCuts);
-  PXRef<PXMutableDictionary> lastPaperCutDateByMetricID() const;
-  void setLastPaperCutDateByMetricID(PXRef<PXMutableDictionary> dates);
+  // The papercuts cut and not yet confirmed, oldest first.
+  PXRef<PXArray> paperCuts() const;
+  void setPaperCuts(const PXRef<PXArray>& paperCuts);
+  // Plain metric identifier → date of the newest stored papercut that carried it.
+  PXRef<PXDictionary> lastPaperCutDateByMetricID() const;
+  void setLastPaperCutDateByMetricID(const PXRef<PXDictionary>& dates);
   std::optional<PXDate> lastAutoSubmissionDate() const;
   void setLastAutoSubmissionDate(std::optional<PXDate> date);
-  PXRef<PXMutableDictionary> userData() const;
-  void setUserData(PXRef<PXMutableDictionary> userData);
+  // The host's free-form data, kept with the state as "Storage".
+  PXRef<PXDictionary> userData() const;
+  void setUserData(const PXRef<PXDictionary>& userData);
   PXRef<PXTimer> automaticPapercutTimer() const;
   void setAutomaticPapercutTimer(PXRef<PXTimer> timer);
   PXString channel() const;
@@ -186,6 +223,8 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
     return autoSubmissionEnabled_.load(std::memory_order_relaxed);
   }
   void setAutoSubmissionEnabled(bool enabled);
+  // Where submissions are POSTed: the metrics collection endpoint, path
+  // "/metrics/post". A host points the tracker at its own endpoint here, before start().
   PXString metricsPostURL() const;
   void setMetricsPostURL(PXString url);
   // Recording allowed; mirrors the negation of the opt-out switch once started.
@@ -194,15 +233,21 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
 
  private:
   friend struct PXMetricsTrackerTestAccess;
+  friend struct pxkit::internal::MetricsTrackerAccess;
   template <class Body>
   void enqueueRecording(std::string_view identifier, std::string_view primary, std::string_view secondary,
                         Body&& body);
-  // The registered metric for an identity, found without allocating; created on first use.
+  // The registered metric for an identity, found without allocating; created on
+  // first use. Runs in a recording job, which holds the tracker lock; takes the
+  // registry lock inside it.
   PXRef<PXMetric> metricForRecording(std::string_view identifier, std::string_view primary,
-                                     std::string_view secondary);
+                                     std::string_view secondary) PX_REQUIRES(monitor());
   void registerSubmissionTriggers();
   void registerStartTrigger();
   void unregisterSubmissionTriggers();
+  void setSubmissionRequest(PXRef<PXJSONRequest> request);
+  // The submission accepted by submitDataWithResponseHandler, on the main thread.
+  void sendSubmission(PXJSONResponseHandler handler, PXDate submissionDate);
 
   mutable std::mutex propertyLock_;  // the atomic properties below
   PXDate metricsOriginTime_;
@@ -224,4 +269,6 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   std::atomic<size_t> storedStateLength_{0};
   PXRef<PXObject> preferenceObservationToken_;
   PXRef<PXObject> startObservationToken_;
+  std::atomic<bool> networkObserved_{false};  // the "networkAvailable" trigger is registered
+  PXRef<PXJSONRequest> submissionRequest_;    // under propertyLock_
 };

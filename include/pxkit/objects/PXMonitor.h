@@ -6,23 +6,25 @@
 // call; a thread that finds it held by another waits in the kernel (futex).
 //
 //   std::lock_guard lock(object->monitor());   // BasicLockable and Lockable
+//   PXMonitorLock lock(object->monitor());     // the same, seen by -Wthread-safety
 //
 // Thread safety: any thread. Unlocking on a thread that does not hold it is an
 // error (as for std::recursive_mutex).
 #pragma once
 
 #include <pxkit/export.h>
+#include <pxkit/objects/PXThreadSafety.h>
 
 #include <atomic>
 #include <cstdint>
 
-class PXKIT_EXPORT PXMonitor {
+class PXKIT_EXPORT PX_CAPABILITY("monitor") PXMonitor {
  public:
   PXMonitor() noexcept = default;
   PXMonitor(const PXMonitor&) = delete;
   PXMonitor& operator=(const PXMonitor&) = delete;
 
-  void lock() noexcept {
+  void lock() noexcept PX_ACQUIRE() {
     uintptr_t self = currentThread();
     if (owner_.load(std::memory_order_relaxed) == self) {
       ++depth_;
@@ -37,7 +39,7 @@ class PXKIT_EXPORT PXMonitor {
     depth_ = 1;
   }
 
-  bool try_lock() noexcept {
+  bool try_lock() noexcept PX_TRY_ACQUIRE(true) {
     uintptr_t self = currentThread();
     if (owner_.load(std::memory_order_relaxed) == self) {
       ++depth_;
@@ -53,7 +55,7 @@ class PXKIT_EXPORT PXMonitor {
     return true;
   }
 
-  void unlock() noexcept {
+  void unlock() noexcept PX_RELEASE() {
     if (--depth_ > 0) return;
     owner_.store(0, std::memory_order_relaxed);
     if (state_.exchange(kFree, std::memory_order_release) == kLockedWithWaiters) wakeOne();
@@ -80,4 +82,19 @@ class PXKIT_EXPORT PXMonitor {
   // own id there if it holds the monitor.
   std::atomic<uintptr_t> owner_{0};
   uint32_t depth_ = 0;  // the holder's count
+};
+
+// Holds a monitor for a scope, as std::lock_guard does, in a form the
+// thread-safety analysis understands.
+class PX_SCOPED_CAPABILITY PXMonitorLock {
+ public:
+  explicit PXMonitorLock(PXMonitor& monitor) noexcept PX_ACQUIRE(monitor) : monitor_(monitor) {
+    monitor_.lock();
+  }
+  ~PXMonitorLock() PX_RELEASE() { monitor_.unlock(); }
+  PXMonitorLock(const PXMonitorLock&) = delete;
+  PXMonitorLock& operator=(const PXMonitorLock&) = delete;
+
+ private:
+  PXMonitor& monitor_;
 };

@@ -4,7 +4,7 @@
 // on a worker thread of its own. `async` is the recording hot path of the kit:
 // it costs the caller one lock-free enqueue (an atomic exchange) of a pooled
 // node that holds the callable, and a futex wake only when the worker had gone
-// to sleep.
+// to sleep (with Wake::Deferred, only when it had been idle a quarter second).
 //
 //   PXRef<PXDispatchQueue> queue = PXDispatchQueue::create("org.example.metrics");
 //   queue->async([tracker, delta] { tracker->apply(delta); });   // returns at once
@@ -90,18 +90,42 @@ struct DispatchQueueCore;
 
 }  // namespace pxkit::internal
 
+class PXDispatchQueue;
+namespace pxkit::internal {
+// Whether the queue's worker is asleep with no timer (idle; only a new job wakes
+// it). For tests of the idle state.
+PXKIT_EXPORT bool dispatchQueueSleepsUntilWoken(const PXDispatchQueue& queue) noexcept;
+}  // namespace pxkit::internal
+
 class PXKIT_EXPORT PXDispatchQueue : public PXObject {
   PX_DECLARE_CLASS(PXDispatchQueue)
 
  public:
+  // When the worker, idle, is given a new job.
+  enum class Wake : uint8_t {
+    // At once: the first `async` after the worker has gone to sleep makes a
+    // wake-up system call (the worker spins briefly before sleeping, so only
+    // after a pause).
+    Prompt,
+    // Within 250 µs to 128 ms (the longer, the longer the queue was idle):
+    // the worker dozes in timed waits for a quarter of a second after its
+    // last job, and `async` does not wake a dozing worker, so calls spaced out
+    // in time cost no system call (a thread that has left 1024 jobs in a row
+    // to a dozing worker wakes it, to get a burst worked through alongside).
+    // After the quarter second the worker sleeps without a timer, and the next
+    // `async` wakes it. `sync` always wakes it at once.
+    // For work whose effects nobody waits for, such as recording metrics.
+    Deferred,
+  };
+
   // A serial queue with its worker thread, already running. `label` names the
   // queue (and, truncated to 15 bytes, its thread); it may be empty.
-  explicit PXDispatchQueue(std::string_view label = {});
+  explicit PXDispatchQueue(std::string_view label = {}, Wake wake = Wake::Prompt);
   // Runs every job still queued, then ends the worker thread (see Lifetime).
   ~PXDispatchQueue() override;
 
   // A new serial queue; never empty (throws std::system_error if no thread can be started).
-  static PXRef<PXDispatchQueue> create(std::string_view label = {});
+  static PXRef<PXDispatchQueue> create(std::string_view label = {}, Wake wake = Wake::Prompt);
 
   // The label given at creation ("" when none).
   const std::string& label() const noexcept { return label_; }
@@ -138,7 +162,10 @@ class PXKIT_EXPORT PXDispatchQueue : public PXObject {
   bool isCurrent() const noexcept { return current() == this; }
 
  private:
-  void enqueue(pxkit::internal::DispatchNode* node) noexcept;
+  template <class F>
+  void enqueueJob(F&& job, bool urgent);
+  void enqueue(pxkit::internal::DispatchNode* node, bool urgent) noexcept;
+  friend bool pxkit::internal::dispatchQueueSleepsUntilWoken(const PXDispatchQueue& queue) noexcept;
   void syncInvoke(void (*call)(void*), void* callable);
 
   std::string label_;
@@ -148,10 +175,16 @@ class PXKIT_EXPORT PXDispatchQueue : public PXObject {
 template <class F>
 void PXDispatchQueue::async(F&& job) {
   using Job = std::decay_t<F>;
-  using namespace pxkit::internal;
   if constexpr (std::is_same_v<Job, std::function<void()>> || std::is_pointer_v<Job>) {
     if (!job) return;
   }
+  enqueueJob(std::forward<F>(job), /*urgent=*/false);
+}
+
+template <class F>
+void PXDispatchQueue::enqueueJob(F&& job, bool urgent) {
+  using Job = std::decay_t<F>;
+  using namespace pxkit::internal;
   // The smallest node the callable fits in; a pointer to it on the heap otherwise.
   constexpr bool kSmall = kDispatchFits<SmallDispatchNode, Job>;
   constexpr bool kLarge = !kSmall && kDispatchFits<LargeDispatchNode, Job>;
@@ -169,7 +202,7 @@ void PXDispatchQueue::async(F&& job) {
     dispatchNodeDiscard(node);
     throw;
   }
-  enqueue(node);
+  enqueue(node, urgent);
 }
 
 // Run-once initialisation: PXDispatchOnce runs its callable exactly once per

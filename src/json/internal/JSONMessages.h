@@ -1,6 +1,6 @@
 // The JSON codec's error texts, word for word. Callers and tools match on them,
 // so they keep their historical spelling, spacing and punctuation exactly
-// (kept on purpose: the three-word "Expected ..." form has no closing quote).
+// (the three-word "Expected ..." form has no closing quote: kept on purpose, see docs/compatibility.md).
 #pragma once
 
 #include <pxkit/objects/PXString.h>

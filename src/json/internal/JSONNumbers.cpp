@@ -233,7 +233,6 @@ bool convertNumberToken(std::string_view token, bool isFloat, NumberValue& out, 
   const char* last = token.data() + token.size();
   const std::string text(token);  // for messages; numbers reach here rarely (long or out of range)
   const bool negative = !token.empty() && token[0] == '-';
-  if (!isFloat && negative && token.size() == 2 && token[1] == '0') isFloat = true;  // "-0" keeps its sign
   if (isFloat) {
     double d = 0;
     auto result = std::from_chars(first, last, d, std::chars_format::general);

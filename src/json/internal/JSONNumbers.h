@@ -196,8 +196,8 @@ struct NumberValue {
 };
 
 // Converts a number token that the scanner has already checked against the JSON
-// number grammar: integers to 64-bit integers (signed when negative, "-0" to the
-// double -0.0 so that its sign survives), tokens with a fraction or exponent to
+// number grammar: integers to 64-bit integers (signed when negative, "-0" to
+// the integer 0), tokens with a fraction or exponent to
 // correctly rounded doubles. On failure returns false and sets `message` to the
 // codec's text (range errors; a token the converter does not consume entirely).
 bool convertNumberToken(std::string_view token, bool isFloat, NumberValue& out, std::string& message);

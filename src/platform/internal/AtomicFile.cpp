@@ -3,6 +3,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <pxkit/platform/PXPropertyList.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,8 +17,13 @@ namespace pxkit::internal {
 
 namespace {
 
-std::string errnoText(const char* what, const std::string& path, int err) {
-  return std::string(what) + " " + path + ": " + std::strerror(err);
+bool fail(PXErrorRef* error, int64_t code, const std::string& reason) {
+  return error
+             ? PXSetError(error, PXError::errorWithDomain(kPXPropertyListErrorDomain, code, PXString(reason)))
+             : false;
+}
+bool failWithErrno(PXErrorRef* error, int64_t code, const char* what, const std::string& path, int err) {
+  return fail(error, code, std::string(what) + " " + path + ": " + std::strerror(err));
 }
 
 // The characters mkstemp-style templates are filled with.
@@ -27,17 +33,17 @@ bool isTemplateChar(char c) {
 
 }  // namespace
 
-FileLock::FileLock(const std::string& lockPath) {
+FileLock::FileLock(const std::string& lockPath, PXErrorRef* error) {
   std::string dir = glib::String(g_path_get_dirname(lockPath.c_str())).get();
   makeDirectories(dir);
   int fd = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   if (fd < 0) {
-    error_ = errnoText("cannot open lock file", lockPath, errno);
+    failWithErrno(error, PXPropertyListWriteInvalidError, "cannot open lock file", lockPath, errno);
     return;
   }
   while (::flock(fd, LOCK_EX) != 0) {
     if (errno == EINTR) continue;
-    error_ = errnoText("cannot lock", lockPath, errno);
+    failWithErrno(error, PXPropertyListWriteInvalidError, "cannot lock", lockPath, errno);
     ::close(fd);
     return;
   }
@@ -52,14 +58,13 @@ std::string lockPathFor(const std::string& path) {
   return path + ".lock";
 }
 
-bool readWholeFile(const std::string& path, std::string* out, bool* exists, std::string* why) {
+bool readWholeFile(const std::string& path, std::string* out, bool* exists, PXErrorRef* error) {
   out->clear();
   *exists = false;
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
     if (errno == ENOENT || errno == ENOTDIR) return true;
-    *why = errnoText("cannot open", path, errno);
-    return false;
+    return failWithErrno(error, PXPropertyListReadCorruptError, "cannot open", path, errno);
   }
   *exists = true;
   char buf[16384];
@@ -71,9 +76,9 @@ bool readWholeFile(const std::string& path, std::string* out, bool* exists, std:
     }
     if (n == 0) break;
     if (errno == EINTR) continue;
-    *why = errnoText("cannot read", path, errno);
+    int err = errno;
     ::close(fd);
-    return false;
+    return failWithErrno(error, PXPropertyListReadCorruptError, "cannot read", path, err);
   }
   ::close(fd);
   return true;
@@ -85,21 +90,20 @@ bool makeDirectories(const std::string& directory) {
   return ::stat(directory.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-bool writeFileAtomically(const std::string& path, std::string_view bytes, std::string* why) {
+bool writeFileAtomically(const std::string& path, std::string_view bytes, PXErrorRef* error) {
   std::string dir = glib::String(g_path_get_dirname(path.c_str())).get();
   if (!makeDirectories(dir)) {
-    *why = errnoText("cannot make directory", dir, errno);
-    return false;
+    return failWithErrno(error, PXPropertyListWriteInvalidError, "cannot make directory", dir, errno);
   }
   // CONSISTENT: temporary + rename; DURABLE: fsync the data before the rename
   // and the directory after it, also when the file is new.
-  glib::Error error;
+  glib::Error written;
   if (!g_file_set_contents_full(
           path.c_str(), bytes.data(), static_cast<gssize>(bytes.size()),
           static_cast<GFileSetContentsFlags>(G_FILE_SET_CONTENTS_CONSISTENT | G_FILE_SET_CONTENTS_DURABLE),
-          0600, glib::out(error))) {
-    *why = error ? error->message : "cannot write " + path;
-    return false;
+          0600, glib::out(written))) {
+    return fail(error, PXPropertyListWriteInvalidError,
+                written ? std::string(written->message) : "cannot write " + path);
   }
   return true;
 }

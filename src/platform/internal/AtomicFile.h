@@ -12,8 +12,17 @@
 // A writer killed between steps leaves at most a stale temporary behind, which
 // the next writer (holding the lock, so no write can be in progress) removes.
 //
+// Failures follow the kit's convention (docs/api-overview.md): false, and a
+// PXError through the optional trailing `error`. Preferences files are these
+// functions' only users, so the errors are in the property-list domain: code
+// PXPropertyListReadCorruptError for a file that cannot be read,
+// PXPropertyListWriteInvalidError for one that cannot be locked or written,
+// with the system's reason in the description.
+//
 // Thread safety: functions are thread-safe; a FileLock object belongs to one thread.
 #pragma once
+
+#include <pxkit/objects/PXError.h>
 
 #include <string>
 #include <string_view>
@@ -25,31 +34,29 @@ namespace pxkit::internal {
 // process) holds it. The kernel drops it if the holder dies.
 class FileLock {
  public:
-  explicit FileLock(const std::string& lockPath);
+  // Sets `error` when the lock could not be taken (see locked()).
+  explicit FileLock(const std::string& lockPath, PXErrorRef* error = nullptr);
   ~FileLock();
   FileLock(const FileLock&) = delete;
   FileLock& operator=(const FileLock&) = delete;
 
   bool locked() const noexcept { return fd_ >= 0; }
-  // Why locking failed ("" when locked).
-  const std::string& error() const noexcept { return error_; }
 
  private:
   int fd_ = -1;
-  std::string error_;
 };
 
 // The lock file that guards `path`: "<path>.lock".
 std::string lockPathFor(const std::string& path);
 
 // Reads the whole file into `out`. A missing file is not an error: `exists` is
-// false and `out` empty. False (with `why`) on any other failure.
-bool readWholeFile(const std::string& path, std::string* out, bool* exists, std::string* why);
+// false and `out` empty. False (and `error` set) on any other failure.
+bool readWholeFile(const std::string& path, std::string* out, bool* exists, PXErrorRef* error = nullptr);
 
 // Replaces `path` with `bytes`, atomically and durably, mode 0600; makes missing
-// parent directories (0700). False (with `why`) when it could not; the old file
-// is then untouched.
-bool writeFileAtomically(const std::string& path, std::string_view bytes, std::string* why);
+// parent directories (0700). False (and `error` set) when it could not; the old
+// file is then untouched.
+bool writeFileAtomically(const std::string& path, std::string_view bytes, PXErrorRef* error = nullptr);
 
 // Removes "<path>.XXXXXX" temporaries left by writers that died mid-write. Call
 // only while holding the file's lock. Returns how many were removed.

@@ -15,10 +15,6 @@ namespace pxkit::internal {
 
 namespace {
 
-PXErrorRef storeError(int64_t code, const std::string& message) {
-  return PXError::errorWithDomain(kPXPropertyListErrorDomain, code, PXString(message));
-}
-
 // `depth` counts the containers around `v`, as the property-list writer does.
 PXValue copyValue(const PXValue& v, size_t depth) {
   if ((v.isArray() || v.isDictionary()) && depth >= kPXPropertyListMaxDepth) return {};
@@ -119,10 +115,10 @@ std::shared_ptr<PreferencesStore> PreferencesStore::forPath(const std::string& p
 
 PreferencesStore::PreferencesStore(std::string path)
     : path_(std::move(path)), pending_(PXMutableDictionary::dictionary()) {
-  std::string bytes, why;
+  std::string bytes;
   bool exists = false, ok = false;
   PXRef<PXDictionary> values;
-  if (readWholeFile(path_, &bytes, &exists, &why)) values = parse(bytes, &ok);
+  if (readWholeFile(path_, &bytes, &exists)) values = parse(bytes, &ok);
   if (ok) {
     disk_ = values;
     lastBytes_ = std::move(bytes);
@@ -198,9 +194,8 @@ std::optional<PreferencesDiskState> PreferencesStore::readIfChanged() const {
       std::lock_guard lock(mutex_);
       state.generation = generation_;
     }
-    std::string why;
     bool exists = false;
-    if (!readWholeFile(path_, &state.bytes, &exists, &why)) return std::nullopt;
+    if (!readWholeFile(path_, &state.bytes, &exists)) return std::nullopt;
     // An empty file that exists is one being written in place (truncated, not yet
     // filled): wait for its content rather than announce every key removed.
     if (exists && state.bytes.empty()) return std::nullopt;
@@ -237,20 +232,14 @@ bool PreferencesStore::adopt(const PreferencesDiskState& state) {
 
 bool PreferencesStore::synchronize(std::vector<std::string>* lateKeys, PXErrorRef* error) {
   std::lock_guard sync(syncMutex_);
-  FileLock fileLock(lockPathFor(path_));
-  if (!fileLock.locked()) {
-    PXSetError(error, storeError(PXPropertyListWriteInvalidError, fileLock.error()));
-    return false;
-  }
+  FileLock fileLock(lockPathFor(path_), error);
+  if (!fileLock.locked()) return false;
   // Holding the lock, no write is in progress: any temporary is a dead writer's.
   removeStaleTemporaries(path_);
 
-  std::string bytes, why;
+  std::string bytes;
   bool exists = false, ok = false;
-  if (!readWholeFile(path_, &bytes, &exists, &why)) {
-    PXSetError(error, storeError(PXPropertyListReadCorruptError, why));
-    return false;
-  }
+  if (!readWholeFile(path_, &bytes, &exists, error)) return false;
   // A file that exists but is empty or no property list is being rewritten in
   // place by someone who does not take the lock (an editor), or is damaged:
   // build on what was last read instead, and take nothing from it.
@@ -278,8 +267,7 @@ bool PreferencesStore::synchronize(std::vector<std::string>* lateKeys, PXErrorRe
       PXSetError(error, writeError);
       return false;
     }
-    if (text != bytes && !writeFileAtomically(path_, text, &why)) {
-      PXSetError(error, storeError(PXPropertyListWriteInvalidError, why));
+    if (text != bytes && !writeFileAtomically(path_, text, error)) {
       if (lateKeys) lateKeys->clear();
       return false;
     }

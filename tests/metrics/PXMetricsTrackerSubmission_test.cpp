@@ -1,0 +1,262 @@
+// Submission and receipts against a real HTTP server in the test process: what
+// each answer of the endpoint leaves in the store, in memory and on disk, and
+// when a submission is made at all.
+#include <gtest/gtest.h>
+#include <pxkit/metrics/PXMetricsTracker.h>
+#include <pxkit/net/PXJSONSerialization.h>
+#include <pxkit/objects/PXClock.h>
+#include <pxkit/platform/PXBundle.h>
+#include <pxkit/platform/PXCalendar.h>
+#include <pxkit/platform/PXOperationQueue.h>
+#include <pxkit/platform/PXPreferences.h>
+#include <pxkit/platform/PXUserDefaults.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "metrics/internal/PXMetricsTrackerInternal.h"
+#include "support/PXLogCapture.h"
+#include "support/PXLoopbackServer.h"
+#include "support/PXRunLoopUntil.h"
+#include "support/PXTempHome.h"
+
+namespace {
+
+constexpr double kNoon = 700056000;  // 2023-03-09 12:00:00 UTC
+constexpr const char* kApp = "org.pxkit.SubmissionTest";
+constexpr const char* kSystem = "SUBMISSION-SYSTEM-ID";
+
+using Strings = std::vector<std::string>;
+
+class PXMetricsTrackerSubmissionTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("TZ", "UTC", 1);
+    PXCalendar::resetTimeZone();
+    ASSERT_TRUE(PXBundle::setMainBundleIdentity(kApp, "1.0", "100"));
+    PXPreferences::setValue("MetricsRandomSystemID", kSystem, kPXPreferencesCurrentApplication,
+                            kPXPreferencesCurrentUser, kPXPreferencesCurrentHost);
+    tracker = PXMake<PXMetricsTracker>();
+    tracker->setLastAutoSubmissionDate(PXDate(kNoon - 3 * 86400));
+    tracker->setMetricsPostURL(server.url("/metrics/post"));
+  }
+
+  // Stores `count` papercuts, a second apart, and saves the state.
+  Strings storePapercuts(int count, double from = kNoon - 7200) {
+    for (int i = 0; i < count; ++i) {
+      tracker->metricForIdentifier("com.example.clicks")->setValue(i + 1);
+      tracker->settleOutstandingOperationsWithOperationSync(
+          [&] { tracker->makePaperCutWithTimestamp(PXDate(from + i)); });
+    }
+    tracker->saveToPreferences();
+    return idsOf(*tracker->paperCuts());
+  }
+  static Strings idsOf(const PXArray& cuts) {
+    Strings ids;
+    for (const PXValue& cut : cuts)
+      ids.emplace_back(cut.dictionaryValue()->objectForKey("packageID").stringValue());
+    return ids;
+  }
+  static std::string receiptNaming(const Strings& ids) {
+    std::string text = R"({"other":1,"processedPapercutPackageIDs":[)";
+    for (size_t i = 0; i < ids.size(); ++i) text += (i ? ",\"" : "\"") + ids[i] + "\"";
+    return text + "]}";
+  }
+  // Runs the main run loop until every main-queue operation enqueued so far has run.
+  static void drainMainQueue() {
+    bool drained = false;
+    PXOperationQueue::mainQueue()->addOperationWithBlock([&] { drained = true; });
+    ASSERT_TRUE(PXRunLoopUntil([&] { return drained; }));
+  }
+  // One submission, to its end (handler called), then the save it enqueued.
+  bool submitAndWait(PXDate date = PXDate(kNoon)) {
+    bool finished = false;
+    tracker->submitDataWithResponseHandler(
+        [&](PXJSONRequest*, bool, uint32_t, const PXValue&, PXError*) { finished = true; }, date);
+    bool ended = PXRunLoopUntil([&] { return finished; });
+    drainMainQueue();
+    return ended;
+  }
+  // The papercuts in the preferences file, read afresh through a tracker of its own.
+  Strings idsOnDisk() {
+    PXRef<PXDictionary> all = PXPreferences::copyAppValue("Metrics", kApp).dictionaryValue();
+    if (!all) return {"(no state)"};
+    auto reader = PXMake<PXMetricsTracker>();
+    if (!reader->restoreFromData(all->objectForKey(kSystem).dataValue())) return {"(unreadable)"};
+    return idsOf(*reader->paperCuts());
+  }
+  size_t posts() const { return server.requests().size(); }
+
+  PXTempHome home;
+  PXScopedVirtualClock clock{PXDate(kNoon)};
+  PXLoopbackServer server;
+  PXRef<PXMetricsTracker> tracker;
+};
+
+}  // namespace
+
+TEST_F(PXMetricsTrackerSubmissionTest, EachAnswerLeavesExactlyTheUnconfirmedPapercuts) {
+  struct Case {
+    const char* name;
+    // The answer, given the four stored package IDs; empty status: the connection is reset.
+    std::function<PXLoopbackServer::Response(const Strings&)> answer;
+    std::vector<size_t> remaining;  // indexes of the stored papercuts left afterwards
+    bool dateRecorded;
+  };
+  using R = PXLoopbackServer::Response;
+  const std::vector<size_t> all{0, 1, 2, 3};
+  const std::vector<Case> cases = {
+      {"500 with a receipt", [](const Strings& ids) { return R(receiptNaming(ids), 500); }, all, false},
+      {"404 with a receipt", [](const Strings& ids) { return R(receiptNaming(ids), 404); }, all, false},
+      {"empty body", [](const Strings&) { return R(""); }, all, true},
+      {"not JSON", [](const Strings&) { return R("<html>thanks</html>"); }, all, true},
+      {"a JSON array", [](const Strings& ids) { return R("[\"" + ids[0] + "\"]"); }, all, true},
+      {"unknown IDs",
+       [](const Strings&) {
+         return R(receiptNaming({"feed", "0123456789abcdef"}));
+       },
+       all, true},
+      {"half of them",
+       [](const Strings& ids) {
+         return R(receiptNaming({ids[2], ids[0]}));
+       },
+       {1, 3},
+       true},
+      {"IDs as numbers", [](const Strings&) { return R(R"({"processedPapercutPackageIDs":[0,1,2,3]})"); },
+       all, true},
+      {"reset before the answer", nullptr, all, false},
+      {"307 to the endpoint", [](const Strings& ids) { return R(receiptNaming(ids)); }, {}, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    tracker->setPaperCuts(PXArray::array());
+    PXDate before(kNoon - 3 * 86400);
+    tracker->setLastAutoSubmissionDate(before);
+    Strings ids = storePapercuts(4);
+    ASSERT_EQ(ids.size(), 4u);
+    tracker->setMetricsPostURL(server.url("/metrics/post"));
+    if (!c.answer) {
+      server.handleRaw("/metrics/post",
+                       PXLoopbackServer::RawResponse("", PXLoopbackServer::RawEnding::Reset));
+      tracker->setMetricsPostURL(server.rawURL("/metrics/post"));
+    } else {
+      server.handle("/metrics/post", [answer = c.answer(ids)](const auto&) { return answer; });
+    }
+    if (std::string(c.name).starts_with("307")) {
+      server.handle("/moved",
+                    [&](const auto&) { return R("", 307).header("Location", server.url("/metrics/post")); });
+      tracker->setMetricsPostURL(server.url("/moved"));
+    }
+    ASSERT_TRUE(submitAndWait());
+    Strings expected;
+    for (size_t index : c.remaining) expected.push_back(ids[index]);
+    EXPECT_EQ(idsOf(*tracker->paperCuts()), expected);
+    EXPECT_EQ(idsOnDisk(), expected) << "the state on disk is the state in memory";
+    EXPECT_EQ(tracker->lastAutoSubmissionDate(), c.dateRecorded ? PXDate(kNoon) : before);
+  }
+  // The body posted is the store, oldest first, and nothing else.
+  PXLoopbackServer::Request last = server.requests().back();
+  EXPECT_EQ(last.header("Content-Type"), "application/json");
+  PXRef<PXDictionary> body =
+      PXJSONSerialization::JSONObjectWithData(PXData::dataWithBytes(last.body.data(), last.body.size()), 0)
+          .dictionaryValue();
+  ASSERT_TRUE(body);
+  EXPECT_EQ(body->count(), 1u);
+  EXPECT_EQ(body->objectForKey("papercuts").arrayValue()->count(), 4u);
+}
+
+TEST_F(PXMetricsTrackerSubmissionTest, OneSubmissionADayAndOnlyOneInFlight) {
+  Strings ids = storePapercuts(2);
+  server.handle("/metrics/post",
+                [ids](const auto&) { return PXLoopbackServer::Response(receiptNaming(ids)); });
+  tracker->start();                                                      // a trigger
+  tracker->considerAutoSubmissionWithSubmissionDate(PXDate(kNoon + 1));  // and another at once
+  ASSERT_TRUE(PXRunLoopUntil([&] { return tracker->paperCuts()->count() == 0; }));
+  drainMainQueue();
+  EXPECT_EQ(posts(), 1u);
+  EXPECT_EQ(tracker->lastAutoSubmissionDate(), PXDate(kNoon - 60)) << "no date: a minute before the call";
+
+  // Within the day nothing goes, however much is stored.
+  storePapercuts(1, kNoon + 10);
+  clock.advance(86339);  // 86399 s after the recorded date
+  tracker->considerAutoSubmissionWithSubmissionDate();
+  drainMainQueue();
+  EXPECT_EQ(posts(), 1u);
+  clock.advance(1);
+  tracker->considerAutoSubmissionWithSubmissionDate();
+  ASSERT_TRUE(PXRunLoopUntil([&] { return posts() == 2; }));
+}
+
+TEST_F(PXMetricsTrackerSubmissionTest, NothingStoredOrNoStartLeavesTheTrackerIdle) {
+  bool called = false;
+  tracker->submitDataWithResponseHandler([&](auto...) { called = true; });
+  drainMainQueue();
+  EXPECT_EQ(posts(), 0u);
+  EXPECT_FALSE(called);
+  // Idle again, also after a request that could not start (an unknown scheme).
+  storePapercuts(1);
+  tracker->setMetricsPostURL("gopher://127.0.0.1/metrics/post");
+  tracker->submitDataWithResponseHandler([&](auto...) { called = true; });
+  drainMainQueue();
+  EXPECT_FALSE(called);
+  EXPECT_FALSE(tracker->submissionRequest());
+  tracker->setMetricsPostURL(server.url("/metrics/post"));
+  ASSERT_TRUE(submitAndWait());
+  EXPECT_EQ(posts(), 1u);
+}
+
+TEST_F(PXMetricsTrackerSubmissionTest, AStoreThatIsNotJSONIsLoggedAndNotSent) {
+  storePapercuts(1);
+  auto odd = PXMutableDictionary::dictionary();
+  odd->setObject(PXDate(kNoon), "packageID");  // a date: JSON cannot hold it
+  odd->setObject(PXArray::arrayWithObjects({PXValue(1)}), "metrics");
+  odd->setObject(PXValue(1.0), "timestamp");
+  pxkit::internal::addPapercut(*tracker, odd);
+  ASSERT_EQ(tracker->paperCuts()->count(), 2u);
+  PXLogCapture log;
+  bool called = false;
+  tracker->submitDataWithResponseHandler([&](auto...) { called = true; });
+  drainMainQueue();
+  EXPECT_TRUE(log.contains("Submission dictionary could not be packed as JSON"));
+  EXPECT_EQ(posts(), 0u);
+  EXPECT_FALSE(called);
+  EXPECT_EQ(tracker->paperCuts()->count(), 2u);
+}
+
+TEST_F(PXMetricsTrackerSubmissionTest, OptedOutTrackerRecordsAndSendsNothingUntilSwitchedBack) {
+  storePapercuts(2);
+  PXUserDefaults* defaults = PXUserDefaults::standardUserDefaults();
+  defaults->setBool(true, kPXMetricsPreferencesDisabledKey);
+  tracker->start();
+  tracker->updateMetricValue(5, "com.example.while.off");
+  tracker->considerAutoSubmissionWithSubmissionDate();
+  tracker->settleOutstandingOperationsWithOperationSync();
+  drainMainQueue();
+  EXPECT_EQ(posts(), 0u);
+  EXPECT_FALSE(tracker->enabled());
+  EXPECT_FALSE(pxkit::internal::findMetricForIdentifier(*tracker, "com.example.while.off", {}, {}));
+  // Switching back is a trigger of its own: the overdue submission goes at once.
+  defaults->setBool(false, kPXMetricsPreferencesDisabledKey);
+  ASSERT_TRUE(PXRunLoopUntil([&] { return posts() == 1; }));
+}
+
+TEST_F(PXMetricsTrackerSubmissionTest, PapercutCutInFlightSurvivesTheEarlierReceipt) {
+  Strings ids = storePapercuts(3);
+  server.handle("/metrics/post",
+                [ids](const auto&) { return PXLoopbackServer::Response(receiptNaming(ids)); });
+  bool finished = false;
+  tracker->submitDataWithResponseHandler([&](auto...) { finished = true; }, PXDate(kNoon));
+  ASSERT_TRUE(PXRunLoopUntil([&] { return bool(tracker->submissionRequest()); }));
+  // The request is running; its completion waits for this thread's run loop.
+  tracker->metricForIdentifier("com.example.late")->setValue(9);
+  tracker->settleOutstandingOperationsWithOperationSync(
+      [&] { tracker->makePaperCutWithTimestamp(PXDate(kNoon)); });
+  Strings late = idsOf(*tracker->paperCuts());
+  ASSERT_EQ(late.size(), 4u);
+  ASSERT_TRUE(PXRunLoopUntil([&] { return finished; }));
+  drainMainQueue();
+  EXPECT_EQ(idsOf(*tracker->paperCuts()), Strings{late[3]});
+  EXPECT_EQ(idsOnDisk(), Strings{late[3]});
+  EXPECT_FALSE(tracker->submissionRequest());
+}

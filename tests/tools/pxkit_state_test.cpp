@@ -1,0 +1,103 @@
+// `pxkit state` as a user runs it: a separate process reading the preferences
+// a tracker of this test saved in a throw-away home, and changing none of them.
+#include <gtest/gtest.h>
+#include <pxkit/metrics/PXMetricsTracker.h>
+#include <pxkit/platform/PXBundle.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+
+#include "support/PXTempHome.h"
+
+namespace {
+
+constexpr const char* kApp = "org.example.StateHost";
+
+struct ToolRun {
+  int status = -1;
+  std::string out;
+};
+
+// The tool with `args`, its standard output read whole (standard error is left alone).
+ToolRun runTool(const std::string& args) {
+  ToolRun run;
+  FILE* pipe = popen((std::string(PXKIT_CLI) + " " + args + " 2>/dev/null").c_str(), "r");
+  if (!pipe) return run;
+  char chunk[4096];
+  for (size_t n; (n = fread(chunk, 1, sizeof chunk, pipe)) > 0;) run.out.append(chunk, n);
+  int raw = pclose(pipe);
+  run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+  return run;
+}
+
+// Every file under `root` with its contents.
+std::map<std::string, std::string> filesUnder(const std::string& root) {
+  std::map<std::string, std::string> files;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
+    if (!entry.is_regular_file()) continue;
+    std::ifstream in(entry.path(), std::ios::binary);
+    std::ostringstream bytes;
+    bytes << in.rdbuf();
+    files[entry.path().string()] = bytes.str();
+  }
+  return files;
+}
+
+}  // namespace
+
+TEST(PXKitStateTool, ShowsTheStoredStateAndTheNextBodyWithoutChangingIt) {
+  PXTempHome home;
+  ASSERT_TRUE(PXBundle::setMainBundleIdentity(kApp, "2.0", "200"));
+  PXString systemID = PXMetricsTracker::systemID();
+  auto tracker = PXMake<PXMetricsTracker>();
+  tracker->metricForIdentifier("com.example.clicks", "toolbar", {})->setValue(3);
+  tracker->makePaperCutWithTimestamp(PXDate::now().dateByAddingTimeInterval(-60));
+  tracker->metricForIdentifier("com.example.editing")->setValue(420);
+  tracker->setLastAutoSubmissionDate(PXDate::now().dateByAddingTimeInterval(-3600));
+  tracker->saveToPreferences();
+  // What the application itself would post now (it has submitted today: the stored papercut alone).
+  PXRef<PXData> body = tracker->dataForSubmissionSync();
+  ASSERT_TRUE(body);
+  const std::string expectedBody(reinterpret_cast<const char*>(body->bytes().data()), body->length());
+  const std::string packageID(
+      tracker->paperCuts()->objectAtIndex(0).dictionaryValue()->objectForKey("packageID").stringValue());
+  const auto before = filesUnder(home.configHome());
+  ASSERT_FALSE(before.empty());
+
+  struct Case {
+    std::string args;
+    int status;
+    std::vector<std::string> lines;  // each a whole line of the output, in this order
+  };
+  const std::vector<Case> cases = {
+      {std::string("state --app ") + kApp,
+       0,
+       {std::string("application: ") + kApp, "system ID: " + std::string(systemID.view()), "metrics (2):",
+        "  com.example.clicks [toolbar] = 0", "  com.example.editing = 420", "papercuts waiting (1):",
+        "next submission body (" + std::to_string(expectedBody.size()) + " bytes):", expectedBody}},
+      {"state --app org.example.NeverRan", 1, {}},
+      {"state --app", 2, {}},
+      {"state --verbose", 2, {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.args);
+    ToolRun run = runTool(c.args);
+    EXPECT_EQ(run.status, c.status);
+    size_t from = 0;
+    for (const std::string& line : c.lines) {
+      size_t at = run.out.find(line + "\n", from);
+      EXPECT_NE(at, std::string::npos) << "missing line: " << line << "\nin:\n" << run.out;
+      if (at != std::string::npos) from = at + line.size();
+    }
+    if (c.status != 0) {
+      EXPECT_EQ(run.out, "");
+    }
+    EXPECT_EQ(filesUnder(home.configHome()), before) << "the tool wrote to the preferences";
+  }
+  EXPECT_NE(runTool(std::string("state --app ") + kApp).out.find("  " + packageID + "  "), std::string::npos);
+}
