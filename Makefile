@@ -23,10 +23,10 @@ coverage: deps
 	cmake --build --preset coverage -j $(JOBS)
 	scripts/run-coverage build/coverage
 
-# The optimised build of the pxkit tool alone, then its demonstration.
+# The optimised build of the pxkit tool and the collector it submits to, then the demonstration.
 demo: deps
 	cmake --preset release >/dev/null
-	cmake --build --preset release --target pxkit_cli -j $(JOBS)
+	cmake --build --preset release --target pxkit_cli pxkit_collector -j $(JOBS)
 	build/release/tools/pxkit/pxkit demo
 
 bench: deps

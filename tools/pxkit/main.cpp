@@ -1,6 +1,6 @@
 // pxkit: the kit's command-line tool.
 //
-//   pxkit demo [--keep]   the kit at work in a sample application (Demo.h)
+//   pxkit demo [--keep] [--serve]  the kit at work in a sample application (Demo.h)
 //   pxkit online [--watch]  whether the network is available (Online.h)
 //   pxkit check RULE      whether a rule holds on this machine (Rules.h)
 //   pxkit facts [PATH...] the facts rules can ask about (Rules.h)
@@ -24,10 +24,13 @@ constexpr const char* kUsage =
     "Usage: pxkit <command> [options]\n"
     "\n"
     "Commands:\n"
-    "  demo [--keep]   show the kit at work: a sample application records usage\n"
+    "  demo [--keep] [--serve]\n"
+    "                  show the kit at work: a sample application records usage\n"
     "                  from several threads, saves it, is launched again, restores\n"
-    "                  it and cuts its daily papercut at midnight, in a throw-away\n"
-    "                  home on a virtual clock (--keep leaves the home in place)\n"
+    "                  it, cuts its daily papercut at midnight and submits it to a\n"
+    "                  collector, in a throw-away home on a virtual clock (--keep\n"
+    "                  leaves the home in place; --serve keeps the collector and\n"
+    "                  its dashboard running until interrupted)\n"
     "  online [--watch]\n"
     "                  print whether the network is available (exit status 0 when\n"
     "                  it is, 1 when not); with --watch, also each change, until\n"
@@ -58,10 +61,12 @@ int usageError(const std::string& message) {
 }
 
 int demo(const std::vector<std::string_view>& args) {
-  bool keep = false;
+  bool keep = false, serve = false;
   for (size_t i = 0; i < args.size(); ++i) {
     if (args[i] == "--keep") {
       keep = true;
+    } else if (args[i] == "--serve") {
+      serve = true;
     } else if (args[i] == "--second-launch" && i + 1 < args.size()) {
       // Internal: the demo's first launch starts its second launch this way.
       return PXKitDemo::runSecondLaunch(std::string(args[i + 1]));
@@ -69,7 +74,7 @@ int demo(const std::vector<std::string_view>& args) {
       return usageError("demo: unknown option '" + std::string(args[i]) + "'");
     }
   }
-  return PXKitDemo::run(keep);
+  return PXKitDemo::run(keep, serve);
 }
 
 }  // namespace
