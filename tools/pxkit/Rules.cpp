@@ -135,7 +135,10 @@ int check(const std::vector<std::string_view>& arguments) {
     Console::field("evaluated", text.view(), 11);
     if (variables->count() == 0) Console::field("variables", "(none)", 11);
     for (const auto& [name, value] : variables->entries()) {
-      Console::field("$" + name.description().str(), shown(value) + "  (" + kindOf(value) + ")", 11);
+      // Built by appending: GCC 12 at -O3 warns (-Wrestrict, wrongly) on "$" + std::string&&.
+      std::string label = "$";
+      label += name.description().view();
+      Console::field(label, shown(value) + "  (" + kindOf(value) + ")", 11);
     }
   }
   std::optional<PXException> error;
