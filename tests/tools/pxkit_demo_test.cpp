@@ -5,6 +5,8 @@
 // failure when a part the story needs is missing.
 #include <gtest/gtest.h>
 #include <pxkit/net/PXJSONSerialization.h>
+#include <pxkit/net/PXWebRequest.h>
+#include <signal.h>
 
 #include <filesystem>
 #include <fstream>
@@ -12,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "support/PXRunLoopUntil.h"
+#include "support/PXSubprocess.h"
 #include "tools/ToolRun.h"
 
 namespace {
@@ -233,5 +237,36 @@ TEST(PXKitDemo, AMissingPartStopsTheStoryWithAClearLine) {
       std::error_code ignored;
       fs::remove_all(home, ignored);
     }
+  }
+}
+
+TEST(PXKitDemo, ServeKeepsTheDashboardUpUntilInterrupted) {
+  for (int signal : {SIGINT, SIGTERM}) {
+    SCOPED_TRACE(signal == SIGINT ? "SIGINT" : "SIGTERM");
+    PXSubprocess demo({PXKIT_CLI, "demo", "--serve"},
+                      {.environment = {"TZ=UTC", std::string("PXKIT_COLLECTOR=") + PXKIT_COLLECTOR},
+                       .mergeStandardError = true});
+    std::string told, dashboard;
+    for (std::optional<std::string> line; dashboard.empty() && (line = demo.readLine());) {
+      told += *line + "\n";
+      if (line->starts_with("  dashboard ")) dashboard = field(*line + "\n", "dashboard");
+    }
+    ASSERT_TRUE(dashboard.starts_with("http://127.0.0.1:")) << told;
+    // The collector still answers after the story has ended: its dashboard page.
+    bool finished = false;
+    PXRef<PXWebRequest> request = PXWebRequest::startedGETRequestForURL(
+        dashboard, [&](PXWebRequest*, int32_t event, const PXValue&, uint32_t) {
+          finished = finished || event == kPXWebRequestEventFinished;
+        });
+    ASSERT_TRUE(request);
+    ASSERT_TRUE(PXRunLoopUntil([&] { return finished; }));
+    EXPECT_EQ(request->responseStatusCode(), 200);
+    EXPECT_NE(std::string(request->responseBodyData()->view()).find("<svg"), std::string::npos);
+
+    demo.kill(signal);
+    const std::string rest = demo.readAll();
+    EXPECT_EQ(PXSubprocess::exitStatusOf(demo.wait()), 0) << told << rest;
+    EXPECT_NE(rest.find("The collector ends (exit status 0)."), std::string::npos) << rest;
+    EXPECT_FALSE(fs::exists(field(told, "home"))) << told;
   }
 }
