@@ -586,6 +586,7 @@ bool submit(PXMetricsTracker& tracker, PXDate submissionDate) {
       submissionDate);
   if (!runUntil([&] { return finished; })) return fail("the submission to the collector did not end");
   drainMainLoop();  // the receipt's save, enqueued on the main queue
+  if (status == 0) return fail("the collector did not answer the submission");
   Console::line("Posted to " + tracker.metricsPostURL().str() + ":");
   if (!showJSON(posted, "the posted document")) return false;
   Console::line();
