@@ -6,6 +6,7 @@
 #include <pxkit/rules/PXRuleChecker.h>
 #include <pxkit/rules/PXRuleCheckerApplicationFunction.h>
 #include <pxkit/rules/PXRuleCheckerFilesystemFunction.h>
+#include <pxkit/rules/PXRuleCheckerIOKitFunction.h>
 #include <pxkit/rules/PXRuleCheckerSysCtlFunction.h>
 #include <pxkit/rules/PXRuleCheckerVersionFunction.h>
 
@@ -51,13 +52,12 @@ PXRuleChecker* PXRuleChecker::sharedChecker() {
 }
 
 PXRef<PXArray> PXRuleChecker::defaultFunctions() {
-  // The iokit provider joins the end of this list when it exists: version,
-  // application, filesystem, sysctl, iokit.
   return PXArray::arrayWithObjects({
       PXValue(PXRuleCheckerVersionFunction::function()),
       PXValue(PXRuleCheckerApplicationFunction::function()),
       PXValue(PXRuleCheckerFilesystemFunction::function()),
       PXValue(PXRuleCheckerSysCtlFunction::function()),
+      PXValue(PXRuleCheckerIOKitFunction::function()),
   });
 }
 

@@ -4,6 +4,7 @@
 #include <pxkit/rules/PXRuleChecker.h>
 #include <pxkit/rules/PXRuleCheckerApplicationFunction.h>
 #include <pxkit/rules/PXRuleCheckerFilesystemFunction.h>
+#include <pxkit/rules/PXRuleCheckerIOKitFunction.h>
 #include <pxkit/rules/PXRuleCheckerSysCtlFunction.h>
 #include <pxkit/rules/PXRuleCheckerVersionFunction.h>
 
@@ -41,10 +42,9 @@ TEST(PXRuleChecker, DefaultFunctionsAreFreshProvidersInTheirOrder) {
   PXRef<PXArray> first = PXRuleChecker::defaultFunctions();
   PXRef<PXArray> second = PXRuleChecker::defaultFunctions();
   const PXClass* const order[] = {
-      &PXRuleCheckerVersionFunction::classObject(),
-      &PXRuleCheckerApplicationFunction::classObject(),
-      &PXRuleCheckerFilesystemFunction::classObject(),
-      &PXRuleCheckerSysCtlFunction::classObject(),
+      &PXRuleCheckerVersionFunction::classObject(),    &PXRuleCheckerApplicationFunction::classObject(),
+      &PXRuleCheckerFilesystemFunction::classObject(), &PXRuleCheckerSysCtlFunction::classObject(),
+      &PXRuleCheckerIOKitFunction::classObject(),
   };
   ASSERT_EQ(first->count(), std::size(order));
   for (size_t i = 0; i < std::size(order); ++i)
@@ -54,7 +54,7 @@ TEST(PXRuleChecker, DefaultFunctionsAreFreshProvidersInTheirOrder) {
   PXRuleChecker* shared = PXRuleChecker::sharedChecker();
   EXPECT_EQ(shared, PXRuleChecker::sharedChecker());
   EXPECT_EQ(shared->functions()->count(), std::size(order));
-  for (const char* identifier : {"version", "application", "filesystem", "sysctl"})
+  for (const char* identifier : {"version", "application", "filesystem", "sysctl", "iokit"})
     EXPECT_TRUE(shared->functionForIdentifier(identifier)) << identifier;
   EXPECT_EQ(PXRuleChecker::ruleCheckerWithDefaultFunctions(false)->functions()->count(), 0u);
   EXPECT_FALSE(PXMake<PXRuleChecker>()->kvoValues());

@@ -35,9 +35,7 @@
 //   application  (PXRuleCheckerApplicationFunction, prefix "application")
 //   filesystem   (PXRuleCheckerFilesystemFunction, "${...}" calls only)
 //   sysctl       (PXRuleCheckerSysCtlFunction, prefix "sysctl")
-// The device-registry provider (iokit, "${...}" calls only) comes with the
-// system-observation work: until then "${iokit(...)}" reaches no provider and
-// answers its fallback.
+//   iokit        (PXRuleCheckerIOKitFunction, "${...}" calls only)
 //
 // Failures never leave the checker as exceptions: they come back as absent
 // values, NO, the text "NULL" spliced into a rule, an exception handed out
