@@ -103,7 +103,7 @@ TEST_F(ApplicationFunction, IsReachedByKeyPathAndByCall) {
   EXPECT_EQ(checker->valueForKeyPath("application.hostApplicationBundleID"), PXValue("org.example.Host"));
   EXPECT_EQ(checker->preprocessCheckRule("${application(installed.org.example.Editor)}"), PXString("1"));
   EXPECT_EQ(checker->preprocessCheckRule("${application(installed.org.example.Missing)}"), PXString("0"));
-  EXPECT_TRUE(checker->runCheck("application.installed.kde-org.example.Viewer == YES", nullptr));
+  EXPECT_TRUE(checker->runCheck("${application(installed.kde-org.example.Viewer)} == YES", nullptr));
   EXPECT_FALSE(checker->runCheck("application.installed.org.example.Missing == YES", nullptr));
 }
 
