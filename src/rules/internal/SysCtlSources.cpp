@@ -160,13 +160,15 @@ std::optional<SysCtlValue> memorySize(std::string_view root) {
   uint64_t blocks = 0;
   std::error_code error;
   if (blockSize) {
-    for (const auto& entry : std::filesystem::directory_iterator(memory, error)) {
-      const std::string name = entry.path().filename().string();
+    // Incremented with an error code: a listing that fails half way ends the count.
+    std::filesystem::directory_iterator entry(memory, error), end;
+    for (; !error && entry != end; entry.increment(error)) {
+      const std::string name = entry->path().filename().string();
       if (!name.starts_with("memory") || name.size() == 6 ||
           name.find_first_not_of("0123456789", 6) != std::string::npos)
         continue;
       // A block without an "online" file cannot be taken off line: it counts.
-      std::optional<std::string> online = readWholeFile(entry.path().string() + "/online");
+      std::optional<std::string> online = readWholeFile(entry->path().string() + "/online");
       if (!online || trimmed(*online) == "1") ++blocks;
     }
   }
