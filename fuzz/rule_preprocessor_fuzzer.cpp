@@ -80,7 +80,7 @@ size_t countOf(std::string_view text, std::string_view needle) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view rule(reinterpret_cast<const char*>(data), size);
   PXRuleChecker* checker = fuzzChecker();
-  PXLogSetHandler([](std::string_view line) {
+  PXLogSetHandler([](PXLogLevel, std::string_view line) {
     if (line.starts_with("Unterminated function: ")) {
       ++observed.unterminated;
     } else {
