@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "platform/internal/GLibHandles.h"
+#include "platform/internal/RunOnContext.h"
 
 const char* const kPXNetworkAvailabilityMonitorDefaultHostName = "www.example.com";
 
@@ -153,12 +154,15 @@ PXNetworkAvailabilityMonitor* PXNetworkAvailabilityMonitor::sharedMonitor() {
                  .detach();  // never released
   });
   if (!switchedOn.load(std::memory_order_acquire)) {
-    // Switched on once, on the main thread; every caller returns only after that.
-    PXRunLoop::main()->performBlockAndWait([] {
-      if (switchedOn.load(std::memory_order_relaxed)) return;
-      shared->setMonitorNetworkAvailability(true);
-      switchedOn.store(true, std::memory_order_release);
-    });
+    // Switched on once, on the main context; every caller returns only after that.
+    pxkit::internal::runOnContext(
+        nullptr,
+        [] {
+          if (switchedOn.load(std::memory_order_relaxed)) return;
+          shared->setMonitorNetworkAvailability(true);
+          switchedOn.store(true, std::memory_order_release);
+        },
+        pxkit::internal::RunOnContextMode::Wait);
   }
   return shared;
 }
@@ -188,9 +192,10 @@ void PXNetworkAvailabilityMonitor::setHostName(PXString hostName) {
 }
 
 void PXNetworkAvailabilityMonitor::setMonitorNetworkAvailability(bool monitor) {
-  // Runs at once on the main thread; from any other thread it is handed to the
-  // main run loop and the caller waits.
-  PXRunLoop::main()->performBlockAndWait([this, monitor] { switchOnMainThread(monitor); });
+  // Runs at once on the main thread (or on any thread while nobody iterates the
+  // main context); otherwise it is handed to the main run loop and the caller waits.
+  pxkit::internal::runOnContext(
+      nullptr, [this, monitor] { switchOnMainThread(monitor); }, pxkit::internal::RunOnContextMode::Wait);
 }
 
 void PXNetworkAvailabilityMonitor::switchOnMainThread(bool monitor) {
@@ -201,16 +206,9 @@ void PXNetworkAvailabilityMonitor::switchOnMainThread(bool monitor) {
   }
   std::shared_ptr<Watch> started;
   if (monitor) {
-    GNetworkMonitor* system;
-    {
-      // GIO's monitor is made once per process and delivers its signals to the
-      // context that was the thread's default when it was made: make sure that
-      // is the main context, should this thread have pushed another one.
-      GMainContext* pushed = g_main_context_get_thread_default();
-      std::optional<pxkit::glib::ThreadDefaultContext> mainContext;
-      if (pushed && pushed != g_main_context_default()) mainContext.emplace(g_main_context_default());
-      system = g_network_monitor_get_default();  // borrowed; never null
-    }
+    // GIO's monitor is made once per process and delivers its signals to the
+    // thread-default context of its making: runOnContext has pushed the main one.
+    GNetworkMonitor* system = g_network_monitor_get_default();  // borrowed; never null
     started = std::make_shared<Watch>(this, system);
     started->start();
     watch_ = started;

@@ -4,7 +4,10 @@
 #include <pxkit/platform/PXLog.h>
 #include <pxkit/rules/PXPredicate.h>
 #include <pxkit/rules/PXRuleChecker.h>
+#include <pxkit/rules/PXRuleCheckerApplicationFunction.h>
 #include <pxkit/rules/PXRuleCheckerFilesystemFunction.h>
+#include <pxkit/rules/PXRuleCheckerIOKitFunction.h>
+#include <pxkit/rules/PXRuleCheckerSysCtlFunction.h>
 #include <pxkit/rules/PXRuleCheckerVersionFunction.h>
 
 #include <string>
@@ -49,12 +52,12 @@ PXRuleChecker* PXRuleChecker::sharedChecker() {
 }
 
 PXRef<PXArray> PXRuleChecker::defaultFunctions() {
-  // The application, sysctl and iokit providers join this list, in that
-  // order around filesystem, when they exist: version, application,
-  // filesystem, sysctl, iokit.
   return PXArray::arrayWithObjects({
       PXValue(PXRuleCheckerVersionFunction::function()),
+      PXValue(PXRuleCheckerApplicationFunction::function()),
       PXValue(PXRuleCheckerFilesystemFunction::function()),
+      PXValue(PXRuleCheckerSysCtlFunction::function()),
+      PXValue(PXRuleCheckerIOKitFunction::function()),
   });
 }
 

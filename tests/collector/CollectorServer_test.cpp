@@ -36,12 +36,9 @@ TEST(CollectorServer, BadRequestsGetAJSONErrorAndNoReceipt) {
     std::string body;
     long status;
   } rows[] = {
-      {"truncated body", "POST", "/metrics/post", good.substr(0, good.size() - 3), 400},
-      {"deep nesting", "POST", "/metrics/post", std::string(100000, '[') + std::string(100000, ']'), 400},
+      // Which bodies are no submission is PapercutRecord's (tested there): one of them here.
       {"not a submission", "POST", "/metrics/post", "{\"processedPapercutPackageIDs\":[]}", 400},
-      {"top-level array", "POST", "/metrics/post", "[]", 400},
       {"empty body", "POST", "/metrics/post", "", 400},
-      {"papercuts is a string", "POST", "/metrics/post", "{\"papercuts\":\"a\"}", 400},
       {"GET on ingest", "GET", "/metrics/post", "", 405},
       {"PUT on ingest", "PUT", "/metrics/post", good, 405},
       {"POST on the summary", "POST", "/api/summary", good, 405},

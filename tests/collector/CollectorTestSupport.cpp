@@ -2,12 +2,10 @@
 
 #include <arpa/inet.h>
 #include <curl/curl.h>
-#include <glib.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -74,18 +72,12 @@ bool PostgreSQLServer::run(const std::vector<std::string>& command, std::string*
   std::vector<std::string> argv;
   if (geteuid() == 0) argv = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--"};
   argv.insert(argv.end(), command.begin(), command.end());
-  std::vector<char*> raw;
-  for (std::string& a : argv) raw.push_back(a.data());
-  raw.push_back(nullptr);
-  gchar* out = nullptr;
-  gchar* err = nullptr;
-  gint status = -1;
-  const gboolean spawned = g_spawn_sync(dir_.path().c_str(), raw.data(), nullptr, G_SPAWN_DEFAULT, nullptr,
-                                        nullptr, &out, &err, &status, nullptr);
-  *output = std::string(out ? out : "") + (err ? err : "");
-  g_free(out);
-  g_free(err);
-  return spawned && g_spawn_check_wait_status(status, nullptr);
+  PXSubprocess::Options options;
+  options.mergeStandardError = true;
+  options.workingDirectory = dir_.path();
+  PXSubprocess::Result result = PXSubprocess::run(argv, options);
+  *output = std::move(result.output);
+  return result.exitStatus == 0;
 }
 
 std::string PostgreSQLServer::uri() const {
@@ -98,47 +90,28 @@ CollectorProcess::CollectorProcess(const std::vector<std::string>& args, bool ad
   std::vector<std::string> argv = {PXKIT_COLLECTOR};
   if (addListen) argv.insert(argv.end(), {"--listen", "127.0.0.1:0"});
   argv.insert(argv.end(), args.begin(), args.end());
-  std::vector<char*> raw;
-  for (std::string& a : argv) raw.push_back(a.data());
-  raw.push_back(nullptr);
-  GPid pid = -1;
-  gint out = -1;
   // Standard error joins standard output, so that one pipe holds all it says.
-  const GSpawnChildSetupFunc joinStderr = [](gpointer) { dup2(1, 2); };
-  if (!g_spawn_async_with_pipes(nullptr, raw.data(), nullptr, G_SPAWN_DO_NOT_REAP_CHILD, joinStderr, nullptr,
-                                &pid, nullptr, &out, nullptr, nullptr))
-    return;
-  pid_ = pid;
-  out_ = out;
+  PXSubprocess::Options options;
+  options.mergeStandardError = true;
+  child_ = std::make_unique<PXSubprocess>(argv, options);
   // The first line says where it listens; anything else first means it failed.
-  char c;
-  while (read(out_, &c, 1) == 1) {
-    output_ += c;
-    if (c == '\n') break;
-  }
+  const std::optional<std::string> first = child_->readLine();
+  if (!first) return;
+  output_ = *first + "\n";
   const std::string prefix = "listening on ";
-  if (output_.rfind(prefix, 0) == 0) url_ = output_.substr(prefix.size(), output_.size() - prefix.size() - 1);
+  if (first->starts_with(prefix)) url_ = first->substr(prefix.size());
 }
 
 CollectorProcess::~CollectorProcess() {
   stop(SIGTERM);
 }
 
-void CollectorProcess::readUntilEnd() {
-  char buffer[4096];
-  for (ssize_t n; (n = read(out_, buffer, sizeof buffer)) > 0;)
-    output_.append(buffer, static_cast<size_t>(n));
-}
-
 int CollectorProcess::stop(int signal) {
-  if (pid_ <= 0) return -1;
-  kill(pid_, signal);
-  int status = 0;
-  while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-  }
-  readUntilEnd();
-  close(out_);
-  pid_ = -1;
+  if (!child_ || child_->pid() <= 0) return -1;
+  if (signal != 0) child_->kill(signal);
+  const int status = child_->wait();
+  output_ += child_->readAll();
+  child_.reset();
   return status;
 }
 

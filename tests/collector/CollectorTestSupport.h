@@ -7,10 +7,11 @@
 //   HTTPAnswer a = httpPost(collector.url() + "/metrics/post", body);
 #pragma once
 
-#include <sys/types.h>
-
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "support/PXSubprocess.h"
 
 // A directory removed with everything in it when the object goes.
 class TempDir {
@@ -67,9 +68,7 @@ class CollectorProcess {
   int stop(int signal);
 
  private:
-  void readUntilEnd();
-  pid_t pid_ = -1;
-  int out_ = -1;
+  std::unique_ptr<PXSubprocess> child_;
   std::string url_;
   std::string output_;
 };

@@ -3,7 +3,6 @@
 // the plotted figures.
 #include "Dashboard.h"
 
-#include <glib.h>
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -33,16 +32,9 @@ bool runChromium(const std::string& url, const std::string& mode, std::string* o
                                    "--window-size=900,1400",
                                    mode,
                                    url};
-  std::vector<char*> raw;
-  for (std::string& a : argv) raw.push_back(a.data());
-  raw.push_back(nullptr);
-  gchar* stdoutText = nullptr;
-  gint status = -1;
-  const gboolean spawned = g_spawn_sync(nullptr, raw.data(), nullptr, G_SPAWN_STDERR_TO_DEV_NULL, nullptr,
-                                        nullptr, &stdoutText, nullptr, &status, nullptr);
-  *out = stdoutText ? stdoutText : "";
-  g_free(stdoutText);
-  return spawned && g_spawn_check_wait_status(status, nullptr);
+  PXSubprocess::Result result = PXSubprocess::run(argv);
+  *out = std::move(result.output);
+  return result.exitStatus == 0;
 }
 
 // The data-value of the bar labelled `label` inside the chart with id `chart` ("" when none).

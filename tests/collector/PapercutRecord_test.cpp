@@ -43,7 +43,6 @@ TEST(PapercutRecord, BodiesThatAreNotSubmissionsAreRefusedWhole) {
     const char* says;
   } rows[] = {
       {"empty", "", "not JSON"},
-      {"truncated", full.substr(0, full.size() / 2), "not JSON"},
       {"one byte short", full.substr(0, full.size() - 1), "not JSON"},
       {"top-level array", "[" + papercutJSON("a") + "]", "top level is not an object"},
       {"no papercuts", "{\"papercut\":[]}", "\"papercuts\" is missing"},

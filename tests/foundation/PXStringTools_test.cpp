@@ -196,34 +196,14 @@ TEST(PXStringTools, SearchesAndCopiesUnits) {
   EXPECT_EQ(uniCharRepresentation(""), nullptr);
 }
 
+// The orderings themselves are PXStringComparison's (tested there): here, what
+// these add — "." by default, an absent other, the separator passed on.
 TEST(PXStringTools, ComparesVersionsAndNames) {
-  struct Row {
-    const char* self;
-    PXString other;
-    PXComparisonResult expected;
-  } rows[] = {
-      {"10.6.8", "10.10", PXOrderedAscending},
-      {"10.7", "10.6.8", PXOrderedDescending},
-      {"10.6", "10.6.0", PXOrderedSame},
-      {"10.6", "10.6.0.0", PXOrderedAscending},
-      {"10.6", "10.6.1", PXOrderedAscending},
-      {"1", "1.0.1", PXOrderedAscending},
-      {"1", "1.0", PXOrderedSame},
-      {"2.0 beta", "2.0 rc", PXOrderedAscending},
-      {"2.0 rc", "2.0 beta", PXOrderedAscending},  // ascending both ways, kept
-      {"1.2", PXString(), PXOrderedSame},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(std::string(row.self) + " / " + text(row.other));
-    EXPECT_EQ(compareVersionTo(row.self, row.other), row.expected);
-  }
+  EXPECT_EQ(compareVersionTo("10.6.8", "10.10"), PXOrderedAscending);
+  EXPECT_EQ(compareVersionTo("1.2", PXString()), PXOrderedSame);
   EXPECT_EQ(compareVersionTo("1-10", "1-9", "-"), PXOrderedDescending);
-  EXPECT_EQ(compareVersionTo("01", "1", " "), PXOrderedAscending);
-  EXPECT_EQ(compareVersionTo("1", "01", " "), PXOrderedAscending);
-
   EXPECT_EQ(compareLikeFinder("File 9", "file 10"), PXOrderedAscending);
   EXPECT_EQ(compareLikeFinder("ＡＢＣ", "abc"), PXOrderedSame);  // width ignored
-  EXPECT_EQ(compareLikeFinder("b", "A"), PXOrderedDescending);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // Child of the crash-safety test: records and saves in a loop until killed.
-// After every completed save it writes the saved generation (a 64-bit integer)
+// After every completed save it writes the saved generation as a line of text
 // to file descriptor 3.
 #include <pxkit/metrics/PXMetricsTracker.h>
 #include <pxkit/objects/PXClock.h>
@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <string>
 
 #include "metrics/internal/PXMetricsTrackerInternal.h"
 
@@ -22,7 +23,7 @@ int main() {
       tracker->setUserData(PXDictionary::dictionaryWithEntries({{"generation", counter->value()}}));
     });
     tracker->saveToPreferences();
-    int64_t generation = tracker->userData()->objectForKey("generation").longLongValue();
-    if (write(3, &generation, sizeof generation) != sizeof generation) return 3;
+    std::string line = std::to_string(tracker->userData()->objectForKey("generation").longLongValue()) + "\n";
+    if (write(3, line.data(), line.size()) != static_cast<ssize_t>(line.size())) return 3;
   }
 }

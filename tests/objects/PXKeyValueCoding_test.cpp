@@ -209,22 +209,11 @@ TEST(PXKeyValueCoding, KeyPathsWalkObjectsAndDictionaries) {
   auto person = makeTrio();
   person->friendPerson = makeTrio();
   person->friendPerson->home->city = "Paris";
-  struct Row {
-    const char* path;
-    PXValue expected;
-  } rows[] = {
-      {"name", "Ada"},
-      {"home.city", "London"},
-      {"home.facts.river", "Thames"},
-      {"friendPerson.home.city", "Paris"},
-      {"friendPerson.friendPerson.home.city", PXValue()},  // absent in the middle ends the walk
-      {"home.facts.mountain", PXValue()},                  // dictionaries answer unknown keys with absent
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.path);
-    PXValue value = person->valueForKeyPath(row.path);
-    EXPECT_TRUE(value.isEqual(row.expected)) << value.description().str();
-  }
+  EXPECT_EQ(person->valueForKeyPath("friendPerson.home.city"), PXValue("Paris"));
+  EXPECT_EQ(person->valueForKeyPath("home.facts.river"), PXValue("Thames"));
+  // Absent in the middle ends the walk; dictionaries answer unknown keys with absent.
+  EXPECT_TRUE(person->valueForKeyPath("friendPerson.friendPerson.home.city").isAbsent());
+  EXPECT_TRUE(person->valueForKeyPath("home.facts.mountain").isAbsent());
   // Unknown keys raise wherever they are on the path.
   EXPECT_NE(raised([&] { (void)person->valueForKeyPath("home.street.number"); }).find("for the key street."),
             std::string::npos);
@@ -257,6 +246,11 @@ TEST(PXKeyValueCoding, LookupAnswersFoundAbsentOrUndefinedWithoutRaising) {
   auto employee = PXMake<KVCEmployee>();
   auto router = PXMake<KVCRouter>();
   const PXString personAddress = PXFormat("%p", person.get());
+  const PXObject* const P = person.get();
+  const PXObject* const E = employee.get();
+  const PXObject* const R = router.get();
+  constexpr PXKeyLookup Found = PXKeyLookup::Found, Absent = PXKeyLookup::Absent,
+                        Undefined = PXKeyLookup::UndefinedKey;
   struct Row {
     const char* what;
     const PXObject* object;
@@ -266,41 +260,21 @@ TEST(PXKeyValueCoding, LookupAnswersFoundAbsentOrUndefinedWithoutRaising) {
     PXValue value;
     const char* undefinedKey;  // and the reason contains "for the key <it>."
   } rows[] = {
-      {"declared property", person.get(), "name", false, PXKeyLookup::Found, "Ada", nullptr},
-      {"nested path", person.get(), "home.facts.river", true, PXKeyLookup::Found, "Thames", nullptr},
-      {"absent in a dictionary", person.get(), "home.facts.mountain", true, PXKeyLookup::Absent, {}, nullptr},
-      {"absent property", person.get(), "friendPerson", false, PXKeyLookup::Absent, {}, nullptr},
-      {"absent step ends the path",
-       person.get(),
-       "friendPerson.name",
-       true,
-       PXKeyLookup::Absent,
-       {},
-       nullptr},
-      {"undefined key", person.get(), "shoeSize", false, PXKeyLookup::UndefinedKey, {}, "shoeSize"},
-      {"undefined in the middle",
-       person.get(),
-       "home.street.number",
-       true,
-       PXKeyLookup::UndefinedKey,
-       {},
-       "street"},
-      {"key of a plain value", person.get(), "name.length", true, PXKeyLookup::UndefinedKey, {}, "length"},
-      {"valueForUndefinedKey override", employee.get(), "salary", true, PXKeyLookup::Found, "fallback:salary",
-       nullptr},
-      {"valueForKeyPath override", router.get(), "fact.os", true, PXKeyLookup::Found, "os", nullptr},
-      {"override answers absent", router.get(), "fact.none", true, PXKeyLookup::Absent, {}, nullptr},
-      {"valueForKey override", router.get(), "fixed", false, PXKeyLookup::Found, 7, nullptr},
-      {"override, then a dictionary", router.get(), "nested.inner", true, PXKeyLookup::Found, "deep",
-       nullptr},
-      {"override falls back and misses",
-       router.get(),
-       "unknown.x",
-       true,
-       PXKeyLookup::UndefinedKey,
-       {},
-       "unknown"},
-      {"override raises by itself", router.get(), "raising", false, PXKeyLookup::UndefinedKey, {}, "raising"},
+      {"declared property", P, "name", false, Found, "Ada", nullptr},
+      {"nested path", P, "home.facts.river", true, Found, "Thames", nullptr},
+      {"absent in a dictionary", P, "home.facts.mountain", true, Absent, {}, nullptr},
+      {"absent property", P, "friendPerson", false, Absent, {}, nullptr},
+      {"absent step ends the path", P, "friendPerson.name", true, Absent, {}, nullptr},
+      {"undefined key", P, "shoeSize", false, Undefined, {}, "shoeSize"},
+      {"undefined in the middle", P, "home.street.number", true, Undefined, {}, "street"},
+      {"key of a plain value", P, "name.length", true, Undefined, {}, "length"},
+      {"valueForUndefinedKey override", E, "salary", true, Found, "fallback:salary", nullptr},
+      {"valueForKeyPath override", R, "fact.os", true, Found, "os", nullptr},
+      {"override answers absent", R, "fact.none", true, Absent, {}, nullptr},
+      {"valueForKey override", R, "fixed", false, Found, 7, nullptr},
+      {"override, then a dictionary", R, "nested.inner", true, Found, "deep", nullptr},
+      {"override falls back and misses", R, "unknown.x", true, Undefined, {}, "unknown"},
+      {"override raises by itself", R, "raising", false, Undefined, {}, "raising"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);

@@ -109,39 +109,20 @@ class PXSystemEventsLogind : public ::testing::Test {
   Heard heard_;
 };
 
-TEST_F(PXSystemEventsLogind, PrepareForSleepBecomesWillSleepAndDidWakeOnTheMainLoop) {
-  observeAndWaitForListener();
-  ASSERT_TRUE(heard_.names.empty());
-
-  ASSERT_TRUE(emitPrepareForSleep(*bus_, false));
-  ASSERT_TRUE(PXIterateMainContextUntil([&] { return heard_.count(kPXWorkspaceDidWakeNotification) >= 1; }));
-  // Signals arrive in order: once will-sleep is heard, any second wake would have been too.
-  ASSERT_TRUE(emitPrepareForSleep(*bus_, true));
-  ASSERT_TRUE(
-      PXIterateMainContextUntil([&] { return heard_.count(kPXWorkspaceWillSleepNotification) >= 1; }));
-
-  EXPECT_EQ(heard_.names,
-            (std::vector<std::string>{kPXWorkspaceDidWakeNotification, kPXWorkspaceWillSleepNotification}));
-  for (size_t i = 0; i < heard_.names.size(); ++i) {
-    EXPECT_EQ(heard_.threads[i], std::this_thread::get_id()) << "delivered off the main run loop";
-    EXPECT_EQ(heard_.senders[i], PXWorkspace::sharedWorkspace());
-  }
-}
-
-TEST_F(PXSystemEventsLogind, WakeIsNotPostedOnTheDefaultCenter) {
+// Wake, sleep, wake: each signal is one notification on the workspace's
+// center (not the default one), on the main thread; the delay inhibitor is
+// let go for the sleep and taken again on wake.
+TEST_F(PXSystemEventsLogind, PrepareForSleepPostsOnTheMainLoopAndMovesTheDelayInhibitor) {
   Heard onDefault;
   PXNotificationCenter::defaultCenter()->addObserverForName(kPXWorkspaceDidWakeNotification, nullptr, nullptr,
                                                             onDefault.recorder());
   observeAndWaitForListener();
-  ASSERT_TRUE(emitPrepareForSleep(*bus_, false));
-  ASSERT_TRUE(PXIterateMainContextUntil([&] { return heard_.count(kPXWorkspaceDidWakeNotification) == 1; }));
-  EXPECT_TRUE(onDefault.names.empty());
-}
-
-TEST_F(PXSystemEventsLogind, DelayInhibitorIsReleasedForSleepAndTakenAgainOnWake) {
-  observeAndWaitForListener();
+  ASSERT_TRUE(heard_.names.empty());
   EXPECT_EQ(inhibitors(*bus_), (std::vector<std::string>{"sleep/delay"}));
 
+  ASSERT_TRUE(emitPrepareForSleep(*bus_, false));
+  ASSERT_TRUE(PXIterateMainContextUntil([&] { return heard_.count(kPXWorkspaceDidWakeNotification) == 1; }));
+  // Signals arrive in order: once will-sleep is heard, any second wake would have been too.
   ASSERT_TRUE(emitPrepareForSleep(*bus_, true));
   ASSERT_TRUE(
       PXIterateMainContextUntil([&] { return heard_.count(kPXWorkspaceWillSleepNotification) == 1; }));
@@ -151,6 +132,15 @@ TEST_F(PXSystemEventsLogind, DelayInhibitorIsReleasedForSleepAndTakenAgainOnWake
   ASSERT_TRUE(emitPrepareForSleep(*bus_, false));
   ASSERT_TRUE(PXIterateMainContextUntil([] { return PXSystemEvents::holdsSleepInhibitor(); }));
   EXPECT_EQ(inhibitors(*bus_), (std::vector<std::string>{"sleep/delay"}));
+  ASSERT_TRUE(PXIterateMainContextUntil([&] { return heard_.count(kPXWorkspaceDidWakeNotification) == 2; }));
+  EXPECT_EQ(heard_.names,
+            (std::vector<std::string>{kPXWorkspaceDidWakeNotification, kPXWorkspaceWillSleepNotification,
+                                      kPXWorkspaceDidWakeNotification}));
+  for (size_t i = 0; i < heard_.names.size(); ++i) {
+    EXPECT_EQ(heard_.threads[i], std::this_thread::get_id()) << "delivered off the main run loop";
+    EXPECT_EQ(heard_.senders[i], PXWorkspace::sharedWorkspace());
+  }
+  EXPECT_TRUE(onDefault.names.empty());
 }
 
 TEST(PXSystemEvents, BusWithoutLoginManagerListensQuietly) {
@@ -488,11 +478,7 @@ TEST(PXSystemEvents, WatchersStartOnlyWhenTheirNotificationsAreObserved) {
   PXNotificationCenter* workspaceCenter = PXWorkspace::sharedWorkspace()->notificationCenter();
   auto ignore = [](const PXNotification&) {};
 
-  defaultCenter->addObserverForName("SomethingElse", nullptr, nullptr, ignore);
-  defaultCenter->addObserverForName(PXString(), nullptr, nullptr, ignore);  // any name: no watcher
-  auto privateCenter = PXMake<PXNotificationCenter>();
-  privateCenter->addObserverForName(kPXSystemTimeZoneDidChangeNotification, nullptr, nullptr, ignore);
-  privateCenter->addObserverForName(kPXWorkspaceDidWakeNotification, nullptr, nullptr, ignore);
+  // (Other names, any name and private centres start nothing: see PXNotificationCenter's tests.)
   EXPECT_FALSE(PXSystemEvents::isWatchingTimeZone());
   EXPECT_EQ(PXSystemEvents::sleepWatchState(), PXSystemEvents::SleepWatchState::Stopped);
 

@@ -182,3 +182,31 @@ TEST(RunOnContext, ExceptionsReachAWaitingCallerAndAreLoggedOtherwise) {
                std::runtime_error);
   EXPECT_FALSE(g_main_context_is_owner(idle.get())) << "the context stayed taken after the exception";
 }
+
+TEST(RunOnContext, TwoCallersOfAContextNobodyIteratesBothRunAndReturn) {
+  // The first caller takes the free context for its work; the second cannot
+  // take it and hands its work over. Nobody iterates the context, so the second
+  // must take it itself once the first lets it go, not wait forever.
+  pxkit::glib::MainContext context(g_main_context_new());
+  std::promise<void> firstRunning;
+  std::atomic<bool> secondRan{false};
+  std::thread first([&] {
+    runOnContext(
+        context.get(),
+        [&] {
+          firstRunning.set_value();
+          // Holding the context until the second caller's work is attached to it.
+          while (!g_main_context_pending(context.get())) std::this_thread::yield();
+        },
+        RunOnContextMode::Wait);
+  });
+  firstRunning.get_future().wait();
+  EXPECT_TRUE(runOnContext(
+      context.get(), [&] { secondRan = true; }, RunOnContextMode::Wait));
+  first.join();
+  EXPECT_TRUE(secondRan);
+  // The handed-over source was dropped, not left to run a second time.
+  ASSERT_TRUE(g_main_context_acquire(context.get()));
+  EXPECT_FALSE(g_main_context_iteration(context.get(), FALSE));
+  g_main_context_release(context.get());
+}

@@ -2,9 +2,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pxkit/rules/PXRuleChecker.h>
+#include <pxkit/rules/PXRuleCheckerApplicationFunction.h>
 #include <pxkit/rules/PXRuleCheckerFilesystemFunction.h>
+#include <pxkit/rules/PXRuleCheckerIOKitFunction.h>
+#include <pxkit/rules/PXRuleCheckerSysCtlFunction.h>
 #include <pxkit/rules/PXRuleCheckerVersionFunction.h>
 
+#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
@@ -37,18 +41,21 @@ PXRef<PXRuleCheckerFunction> recorder(const char* identifier, const char* prefix
 TEST(PXRuleChecker, DefaultFunctionsAreFreshProvidersInTheirOrder) {
   PXRef<PXArray> first = PXRuleChecker::defaultFunctions();
   PXRef<PXArray> second = PXRuleChecker::defaultFunctions();
-  ASSERT_EQ(first->count(), 2u);
-  EXPECT_TRUE(
-      first->objectAtIndex(0).objectPointer()->isKindOfClass(PXRuleCheckerVersionFunction::classObject()));
-  EXPECT_TRUE(
-      first->objectAtIndex(1).objectPointer()->isKindOfClass(PXRuleCheckerFilesystemFunction::classObject()));
+  const PXClass* const order[] = {
+      &PXRuleCheckerVersionFunction::classObject(),    &PXRuleCheckerApplicationFunction::classObject(),
+      &PXRuleCheckerFilesystemFunction::classObject(), &PXRuleCheckerSysCtlFunction::classObject(),
+      &PXRuleCheckerIOKitFunction::classObject(),
+  };
+  ASSERT_EQ(first->count(), std::size(order));
+  for (size_t i = 0; i < std::size(order); ++i)
+    EXPECT_TRUE(first->objectAtIndex(i).objectPointer()->isKindOfClass(*order[i])) << i;
   EXPECT_NE(first->objectAtIndex(0).objectPointer(), second->objectAtIndex(0).objectPointer());
 
   PXRuleChecker* shared = PXRuleChecker::sharedChecker();
   EXPECT_EQ(shared, PXRuleChecker::sharedChecker());
-  EXPECT_EQ(shared->functions()->count(), 2u);
-  EXPECT_TRUE(shared->functionForIdentifier("version"));
-  EXPECT_TRUE(shared->functionForIdentifier("filesystem"));
+  EXPECT_EQ(shared->functions()->count(), std::size(order));
+  for (const char* identifier : {"version", "application", "filesystem", "sysctl", "iokit"})
+    EXPECT_TRUE(shared->functionForIdentifier(identifier)) << identifier;
   EXPECT_EQ(PXRuleChecker::ruleCheckerWithDefaultFunctions(false)->functions()->count(), 0u);
   EXPECT_FALSE(PXMake<PXRuleChecker>()->kvoValues());
 }

@@ -4,6 +4,8 @@
 
 #include <mutex>
 
+#include "support/PXSubprocess.h"
+
 namespace {
 
 constexpr const char* kPython = "/usr/bin/python3";
@@ -39,11 +41,7 @@ std::string PXDBusMock::unavailableReason() {
     pxkit::glib::String daemon(g_find_program_in_path("dbus-daemon"));
     if (!daemon) return std::string("dbus-daemon is not installed (package dbus-daemon)");
     if (!g_file_test(kPython, G_FILE_TEST_IS_EXECUTABLE)) return std::string(kPython) + " is missing";
-    const char* argv[] = {kPython, "-c", "import dbusmock", nullptr};
-    gint status = 0;
-    if (!g_spawn_sync(nullptr, const_cast<gchar**>(argv), nullptr, G_SPAWN_STDOUT_TO_DEV_NULL, nullptr,
-                      nullptr, nullptr, nullptr, &status, nullptr) ||
-        !g_spawn_check_wait_status(status, nullptr))
+    if (PXSubprocess::run({kPython, "-c", "import dbusmock"}).exitStatus != 0)
       return std::string(kPython) + " cannot import dbusmock (package python3-dbusmock)";
     return std::string();
   }();

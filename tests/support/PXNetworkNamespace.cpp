@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <vector>
 
+#include "support/PXSubprocess.h"
+
 std::string PXNetworkNamespaceUnavailableReason() {
   const char* inNamespace = getenv("PXKIT_TEST_NETNS");
   if (!inNamespace || std::string(inNamespace) != "1") {
@@ -41,13 +43,9 @@ bool PXRunIp(std::initializer_list<const char*> args, std::string* error) {
     return false;
   }
   argv.insert(argv.end(), args.begin(), args.end());
-  argv.push_back(nullptr);
-  gchar* complaint = nullptr;
-  gint status = 0;
-  const bool ok = g_spawn_sync(nullptr, const_cast<gchar**>(argv.data()), nullptr, G_SPAWN_STDOUT_TO_DEV_NULL,
-                               nullptr, nullptr, nullptr, &complaint, &status, nullptr) &&
-                  g_spawn_check_wait_status(status, nullptr);
-  if (!ok && error) *error = complaint && *complaint ? complaint : "ip failed";
-  g_free(complaint);
-  return ok;
+  PXSubprocess::Options options;
+  options.mergeStandardError = true;
+  const PXSubprocess::Result result = PXSubprocess::run({argv.begin(), argv.end()}, options);
+  if (result.exitStatus != 0 && error) *error = result.output.empty() ? "ip failed" : result.output;
+  return result.exitStatus == 0;
 }

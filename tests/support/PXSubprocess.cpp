@@ -30,6 +30,8 @@ PXSubprocess::PXSubprocess(const std::vector<std::string>& argv, const Options& 
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, fds[1], options.outputDescriptor);
   if (options.mergeStandardError) posix_spawn_file_actions_adddup2(&actions, fds[1], 2);
+  if (!options.workingDirectory.empty())
+    posix_spawn_file_actions_addchdir_np(&actions, options.workingDirectory.c_str());
   const int rc = posix_spawn(&pid_, argp[0], &actions, nullptr, argp.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
   close(fds[1]);

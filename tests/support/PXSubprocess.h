@@ -29,6 +29,7 @@ class PXSubprocess {
     std::vector<std::string> environment;  // "NAME=value", ahead of the inherited ones
     int outputDescriptor = 1;              // the child's descriptor that feeds the pipe: 1 or 3
     bool mergeStandardError = false;       // standard error into the pipe too
+    std::string workingDirectory{};        // the child's; empty: this process's
   };
   struct Result {
     int exitStatus = -1;  // exit status, or -1 when it could not start or did not exit by itself

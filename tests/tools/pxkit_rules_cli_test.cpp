@@ -97,6 +97,10 @@ TEST(PXKitToolRules, FactsPrintsEachKeyPathOrCall) {
   EXPECT_THAT(defaults.output, HasSubstr("  version.os "));
   EXPECT_THAT(defaults.output, HasSubstr(" 11.7\n"));
   EXPECT_THAT(defaults.output, HasSubstr(" Raspberry Pi 4 Model B Rev 1.4\n"));
+  ToolRun hardware = runTool({"facts", "--root", fixture("sysctl-smt")});
+  EXPECT_EQ(hardware.status, 0) << hardware.output;
+  EXPECT_THAT(hardware.output, HasSubstr("  sysctl.integer.hw.physicalcpu           2\n"));
+  EXPECT_THAT(hardware.output, HasSubstr(" Intel(R) Core(TM) i7-8650U CPU @ 1.90GHz\n"));
 
   // The running machine: the kernel is always known.
   ToolRun here = runTool({"facts", "version.kernel"});

@@ -4,6 +4,7 @@
 #include <pxkit/platform/PXLog.h>
 #include <pxkit/rules/PXRuleChecker.h>
 #include <pxkit/rules/PXRuleCheckerFilesystemFunction.h>
+#include <pxkit/rules/PXRuleCheckerSysCtlFunction.h>
 #include <pxkit/rules/PXRuleCheckerVersionFunction.h>
 
 #include <algorithm>
@@ -31,6 +32,10 @@ constexpr const char* kDefaultFacts[] = {
     "version.computerVersion",
     "version.hostApplication",
     "version.hostApplicationShort",
+    "sysctl.integer.hw.physicalcpu",
+    "sysctl.integer.hw.logicalcpu",
+    "sysctl.integer.hw.memsize",
+    "sysctl.string.machdep.cpu.brand_string",
 };
 
 int usageError(const std::string& message) {
@@ -55,6 +60,7 @@ PXRef<PXRuleChecker> makeChecker(const std::optional<std::string>& root) {
   PXRef<PXRuleChecker> checker = PXRuleChecker::ruleCheckerWithDefaultFunctions(false);
   checker->addFunction(PXMake<PXRuleCheckerVersionFunction>(*root));
   checker->addFunction(PXRuleCheckerFilesystemFunction::function());
+  checker->addFunction(PXMake<PXRuleCheckerSysCtlFunction>(*root));
   return checker;
 }
 

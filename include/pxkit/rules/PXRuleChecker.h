@@ -31,12 +31,11 @@
 // argument (kPXRuleCheckerFallbackValueKey), or absent.
 //
 // The functions provided by default (defaultFunctions), in this order:
-//   version     (PXRuleCheckerVersionFunction, prefix "version")
-//   filesystem  (PXRuleCheckerFilesystemFunction, "${...}" calls only)
-// The application, sysctl and device-registry (iokit) providers come with the
-// system-observation work: until then "application.…", "sysctl.…" and
-// "${iokit(...)}" reach no provider (a key path raises the undefined-key
-// exception inside runCheck, which answers NO; a call answers its fallback).
+//   version      (PXRuleCheckerVersionFunction, prefix "version")
+//   application  (PXRuleCheckerApplicationFunction, prefix "application")
+//   filesystem   (PXRuleCheckerFilesystemFunction, "${...}" calls only)
+//   sysctl       (PXRuleCheckerSysCtlFunction, prefix "sysctl")
+//   iokit        (PXRuleCheckerIOKitFunction, "${...}" calls only)
 //
 // Failures never leave the checker as exceptions: they come back as absent
 // values, NO, the text "NULL" spliced into a rule, an exception handed out

@@ -114,7 +114,6 @@ class WebMulti : public PXObject {
   std::unordered_map<curl_socket_t, FdWatch> watches_;
   RunLoopTimeout timer_;
   std::vector<PXRef<PXWebRequest>> dirty_;
-  int driving_ = 0;
 };
 
 }  // namespace pxkit::internal

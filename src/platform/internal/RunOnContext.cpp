@@ -8,6 +8,8 @@
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <utility>
+#include <vector>
 
 #include "platform/internal/GLibHandles.h"
 #include "platform/internal/RunLoopContext.h"
@@ -32,8 +34,52 @@ struct HandOver {
   std::condition_variable finished;
   bool done = false;
   bool ran = false;
+  bool claimed = false;  // the work has been taken, by the context's thread or by the waiter
+  bool retry = false;    // the context was let go: the waiter may take it itself
   std::exception_ptr failure;
 };
+
+// Callers waiting for a context that was taken but not iterated. When a caller
+// that ran its work here lets the context go, it tells the waiters of that
+// context, and one of them takes the context and runs its own work: two threads
+// that both want a context nobody iterates must not wait on each other forever.
+std::mutex gWaitersMutex;
+std::vector<std::shared_ptr<HandOver>> gWaiters;
+
+void addWaiter(const std::shared_ptr<HandOver>& handOver) {
+  std::lock_guard lock(gWaitersMutex);
+  gWaiters.push_back(handOver);
+}
+
+void removeWaiter(const std::shared_ptr<HandOver>& handOver) {
+  std::lock_guard lock(gWaitersMutex);
+  std::erase(gWaiters, handOver);
+}
+
+void tellWaitersContextIsFree(GMainContext* context) {
+  std::lock_guard lock(gWaitersMutex);
+  for (const std::shared_ptr<HandOver>& waiter : gWaiters) {
+    if (waiter->context != context) continue;
+    {
+      std::lock_guard waiterLock(waiter->mutex);
+      waiter->retry = true;
+    }
+    waiter->finished.notify_all();
+  }
+}
+
+// Runs `work` here with the context taken for the time of it; lets the context
+// go and tells whoever waits for it.
+void runTaken(GMainContext* context, const std::function<void()>& work) {
+  struct Release {
+    GMainContext* c;
+    ~Release() {
+      g_main_context_release(c);
+      tellWaitersContextIsFree(c);
+    }
+  } release{context};
+  runAsDefault(context, work);
+}
 
 void logDropped(const char* why) {
   PXLogWithLevel(PXLogLevel::Error, "PXKit: work handed to a main context raised an exception: %s", why);
@@ -41,6 +87,11 @@ void logDropped(const char* why) {
 
 gboolean runHandedOver(gpointer data) {
   auto& handOver = *static_cast<std::shared_ptr<HandOver>*>(data);
+  if (handOver->waited) {
+    std::lock_guard lock(handOver->mutex);
+    if (handOver->claimed) return G_SOURCE_REMOVE;  // the waiter ran it itself
+    handOver->claimed = true;
+  }
   std::exception_ptr failure;
   try {
     runAsDefault(handOver->context, handOver->work);
@@ -87,11 +138,7 @@ bool runOnContext(GMainContext* context, std::function<void()> work, RunOnContex
     return true;
   }
   if (g_main_context_acquire(context)) {
-    struct Release {
-      GMainContext* c;
-      ~Release() { g_main_context_release(c); }
-    } release{context};
-    runAsDefault(context, work);
+    runTaken(context, work);
     return true;
   }
   if (mode == RunOnContextMode::OnlyHere) return false;
@@ -105,11 +152,29 @@ bool runOnContext(GMainContext* context, std::function<void()> work, RunOnContex
   g_source_set_callback(source.get(), runHandedOver, new std::shared_ptr<HandOver>(handOver),
                         releaseHandOver);
   g_source_attach(source.get(), context);
-  source.reset();  // the context holds it now
   if (mode == RunOnContextMode::DontWait) return false;
 
+  // Wait for the context's thread to run it, unless the context is let go
+  // before that by someone who only took it for a moment: then take it here.
+  // Registered before the first try, so that no letting go falls in between.
+  addWaiter(handOver);
   std::unique_lock lock(handOver->mutex);
-  handOver->finished.wait(lock, [&] { return handOver->done; });
+  bool tryHere = true;
+  while (!handOver->done) {
+    if (tryHere && !handOver->claimed && g_main_context_acquire(context)) {
+      handOver->claimed = true;
+      std::function<void()> mine = std::move(handOver->work);
+      lock.unlock();
+      removeWaiter(handOver);
+      g_source_destroy(source.get());  // not run there: its end only lets go of the hand-over
+      runTaken(context, mine);         // an exception simply propagates, as inline
+      return true;
+    }
+    handOver->finished.wait(lock, [&] { return handOver->done || handOver->retry; });
+    tryHere = std::exchange(handOver->retry, false);
+  }
+  lock.unlock();
+  removeWaiter(handOver);
   if (handOver->failure) std::rethrow_exception(handOver->failure);
   return handOver->ran;
 }

@@ -16,9 +16,11 @@
 // Thread safety: any thread, any number of threads at once. The work must not
 // throw when it may run later (DontWait): an exception there is logged at error
 // level and dropped; with Wait it is rethrown to the waiting caller, and inline
-// it simply propagates. Waiting (Wait) on a context that another thread holds
-// without iterating it, or on one whose iterating thread waits for the caller,
-// never returns: wait only on a context that some thread keeps iterating.
+// it simply propagates. A caller that waits (Wait) on a context that another
+// caller of runOnContext has taken only for its own work takes the context as
+// soon as that work is done and runs its work itself. Waiting on a context that
+// a thread holds otherwise without iterating it, or on one whose iterating
+// thread waits for the caller, never returns.
 #pragma once
 
 #include <glib.h>

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
+#include <utility>
 
 #include "platform/internal/BundleIdentity.h"
 #include "platform/internal/GLibHandles.h"
@@ -53,6 +55,58 @@ std::optional<InstalledApplication> loadApplication(const std::string& path, std
   return app;
 }
 
+// Vendor subdirectories nest no deeper than this (applications/a/b/c/x.desktop).
+constexpr int kMaxVendorDepth = 4;
+
+// The desktop file of `identifier` below the applications directory `dir`:
+// <dir>/<id>.desktop, else a vendor subdirectory standing for a prefix of
+// the id up to a "-" (the id "kde-org.example.Foo" is also
+// <dir>/kde/org.example.Foo.desktop).
+std::optional<std::string> desktopFileForIdentifier(const std::string& dir, std::string_view identifier,
+                                                    int depth = 0) {
+  const std::string path = dir + "/" + std::string(identifier) + std::string(kDesktopSuffix);
+  if (g_file_test(path.c_str(), G_FILE_TEST_IS_REGULAR)) return path;
+  if (depth >= kMaxVendorDepth) return std::nullopt;
+  for (size_t dash = identifier.find('-'); dash != std::string_view::npos;
+       dash = identifier.find('-', dash + 1)) {
+    const std::string vendor = dir + "/" + std::string(identifier.substr(0, dash));
+    if (dash == 0 || !g_file_test(vendor.c_str(), G_FILE_TEST_IS_DIR)) continue;
+    if (std::optional<std::string> found =
+            desktopFileForIdentifier(vendor, identifier.substr(dash + 1), depth + 1))
+      return found;
+  }
+  return std::nullopt;
+}
+
+// The desktop files below `dir` as (id, path), sorted by file name within a
+// directory, files before subdirectories; a subdirectory's name and "-" prefix
+// the ids of its files.
+std::vector<std::pair<std::string, std::string>> desktopFilesBelow(const std::string& dir,
+                                                                   const std::string& prefix, int depth) {
+  std::vector<std::pair<std::string, std::string>> files;
+  glib::Handle<GDir, g_dir_close> listing(g_dir_open(dir.c_str(), 0, nullptr));
+  if (!listing) return files;
+  std::vector<std::string> names, subdirectories;
+  while (const char* entry = g_dir_read_name(listing.get())) {
+    std::string_view file(entry);
+    const std::string path = dir + "/" + entry;
+    if (file.size() > kDesktopSuffix.size() && file.ends_with(kDesktopSuffix)) {
+      names.emplace_back(file);
+    } else if (depth < kMaxVendorDepth && g_file_test(path.c_str(), G_FILE_TEST_IS_DIR)) {
+      subdirectories.emplace_back(file);
+    }
+  }
+  std::sort(names.begin(), names.end());
+  std::sort(subdirectories.begin(), subdirectories.end());
+  for (const std::string& file : names)
+    files.emplace_back(prefix + file.substr(0, file.size() - kDesktopSuffix.size()), dir + "/" + file);
+  for (const std::string& sub : subdirectories) {
+    auto below = desktopFilesBelow(dir + "/" + sub, prefix + sub + "-", depth + 1);
+    files.insert(files.end(), std::make_move_iterator(below.begin()), std::make_move_iterator(below.end()));
+  }
+  return files;
+}
+
 }  // namespace
 
 std::vector<std::string> applicationDataDirs() {
@@ -65,12 +119,10 @@ std::vector<std::string> applicationDataDirs() {
 std::optional<InstalledApplication> findApplicationWithIdentifier(std::string_view identifier,
                                                                   const std::vector<std::string>& dataDirs) {
   if (identifier.empty() || identifier.find('/') != std::string_view::npos) return std::nullopt;
-  const std::string fileName = std::string(identifier) + std::string(kDesktopSuffix);
   for (const std::string& dir : dataDirs) {
-    const std::string path = dir + "/applications/" + fileName;
     // The first directory holding the id decides, even when that entry is Hidden.
-    if (g_file_test(path.c_str(), G_FILE_TEST_IS_REGULAR))
-      return loadApplication(path, std::string(identifier), dataDirs);
+    if (std::optional<std::string> path = desktopFileForIdentifier(dir + "/applications", identifier))
+      return loadApplication(*path, std::string(identifier), dataDirs);
   }
   return std::nullopt;
 }
@@ -80,20 +132,10 @@ std::optional<InstalledApplication> findApplicationNamed(std::string_view name,
   if (name.empty()) return std::nullopt;
   std::vector<std::string> seen;
   for (const std::string& dir : dataDirs) {
-    const std::string applications = dir + "/applications";
-    glib::Handle<GDir, g_dir_close> listing(g_dir_open(applications.c_str(), 0, nullptr));
-    if (!listing) continue;
-    std::vector<std::string> names;
-    while (const char* entry = g_dir_read_name(listing.get())) {
-      std::string_view file(entry);
-      if (file.size() > kDesktopSuffix.size() && file.ends_with(kDesktopSuffix)) names.emplace_back(file);
-    }
-    std::sort(names.begin(), names.end());
-    for (const std::string& file : names) {
-      std::string id = file.substr(0, file.size() - kDesktopSuffix.size());
+    for (const auto& [id, path] : desktopFilesBelow(dir + "/applications", "", 0)) {
       if (std::find(seen.begin(), seen.end(), id) != seen.end()) continue;
       seen.push_back(id);
-      std::optional<InstalledApplication> app = loadApplication(applications + "/" + file, id, dataDirs);
+      std::optional<InstalledApplication> app = loadApplication(path, id, dataDirs);
       if (app && app->name == name) return app;
     }
   }

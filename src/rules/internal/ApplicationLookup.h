@@ -2,11 +2,11 @@
 //
 // An application is a desktop entry (<data dir>/applications/<id>.desktop in
 // the XDG data directories, the first directory holding the id deciding; a
-// Hidden entry counts as absent). Its identifier is the desktop-file id, its
-// version the newest release of its AppStream metainfo, and its path the
-// directory that holds the program its TryExec or Exec line starts (found on
-// PATH when the line names no directory) — the same thing PXBundle's
-// bundlePath is for the host.
+// Hidden entry counts as absent). Vendor subdirectories count: the entry
+// applications/kde/org.example.Foo.desktop has the id "kde-org.example.Foo". Its identifier is the
+// desktop-file id, its version the newest release of its AppStream metainfo, and its path the directory that
+// holds the program its TryExec or Exec line starts (found on PATH when the line names no directory) — the
+// same thing PXBundle's bundlePath is for the host.
 //
 // Thread safety: reads files and the environment only; any thread.
 #pragma once
@@ -32,7 +32,8 @@ std::vector<std::string> applicationDataDirs();
 std::optional<InstalledApplication> findApplicationWithIdentifier(std::string_view identifier,
                                                                   const std::vector<std::string>& dataDirs);
 // The first application whose unlocalised Name is `name` exactly (by data
-// directory order, then by file name; an id shadowed by an earlier directory
+// directory order, then by file name, files before vendor subdirectories;
+// an id shadowed by an earlier directory
 // is skipped), or nothing.
 std::optional<InstalledApplication> findApplicationNamed(std::string_view name,
                                                          const std::vector<std::string>& dataDirs);
