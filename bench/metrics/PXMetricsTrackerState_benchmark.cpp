@@ -12,12 +12,12 @@
 #include <stdlib.h>
 #include <sys/resource.h>
 
-#include <filesystem>
 #include <map>
 #include <string>
 #include <utility>
 
 #include "metrics/internal/PXMetricsTrackerInternal.h"
+#include "support/PXBenchHome.h"
 #include "support/PXBenchRatio.h"
 
 namespace {
@@ -27,37 +27,6 @@ constexpr int kMetricsPerPapercut = 50;
 constexpr double kBenchClock = 771033600;  // 2025-06-08 00:00:00 UTC, seconds since 2001
 constexpr int64_t kLarge[] = {100000, 365};
 constexpr int64_t kSmall[] = {10000, 36};
-
-// HOME and the XDG directories in a fresh temporary tree for the whole run:
-// the trackers' user defaults and by-host preferences land there. Made before
-// the kit's first GLib call.
-class TemporaryHome {
- public:
-  TemporaryHome() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "pxkit-bench-XXXXXX").string();
-    if (!mkdtemp(pattern.data())) std::abort();
-    root_ = pattern;
-    for (const char* name :
-         {"HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME"}) {
-      const std::string dir = root_ + "/" + name;
-      std::filesystem::create_directories(dir);
-      setenv(name, dir.c_str(), 1);
-    }
-    const std::string machineID = root_ + "/machine-id";
-    if (FILE* f = std::fopen(machineID.c_str(), "w")) {
-      std::fputs("3b8f5a1c9d2e4f6a7b0c1d2e3f4a5b6c\n", f);
-      std::fclose(f);
-    }
-    setenv("PXKIT_MACHINE_ID_PATH", machineID.c_str(), 1);
-  }
-  ~TemporaryHome() {
-    std::error_code ignored;
-    std::filesystem::remove_all(root_, ignored);
-  }
-
- private:
-  std::string root_;
-};
 
 // A tracker with `metricCount` persisted metrics, every one with a value and
 // a third of them qualified, and `papercutCount` stored papercuts of one day
@@ -159,7 +128,7 @@ BENCHMARK(BM_State_RestoreFromData)
 }  // namespace
 
 int main(int argc, char** argv) {
-  TemporaryHome home;
+  PXBenchHome home;
   PXClock::useVirtualClock(PXDate(kBenchClock));
   PXBundle::setMainBundleIdentity("org.example.BenchEditor", "1.0", "1");
   std::map<std::string, double> t = PXBenchRunAll(argc, argv);

@@ -12,11 +12,11 @@
 #include <pxkit/platform/PXBundle.h>
 #include <stdlib.h>
 
-#include <filesystem>
 #include <map>
 #include <string>
 
 #include "metrics/internal/PXMetricsTrackerInternal.h"
+#include "support/PXBenchHome.h"
 #include "support/PXBenchRatio.h"
 
 namespace {
@@ -25,29 +25,6 @@ constexpr int kDataSetsPerPapercut = 100;
 constexpr double kBenchClock = 771033600;  // 2025-06-08 00:00:00 UTC, seconds since 2001
 constexpr int64_t kLargePapercuts = 1000;  // 100,000 data sets
 constexpr int64_t kSmallPapercuts = 100;   // 10,000 data sets
-
-// HOME and the XDG directories in a fresh temporary tree for the whole run.
-class TemporaryHome {
- public:
-  TemporaryHome() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "pxkit-bench-XXXXXX").string();
-    if (!mkdtemp(pattern.data())) std::abort();
-    root_ = pattern;
-    for (const char* name :
-         {"HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME"}) {
-      const std::string dir = root_ + "/" + name;
-      std::filesystem::create_directories(dir);
-      setenv(name, dir.c_str(), 1);
-    }
-  }
-  ~TemporaryHome() {
-    std::error_code ignored;
-    std::filesystem::remove_all(root_, ignored);
-  }
-
- private:
-  std::string root_;
-};
 
 // A tracker that has submitted before (so packing cuts nothing) with
 // `papercutCount` stored papercuts, each cut by the kit from a day's metrics,
@@ -104,7 +81,7 @@ BENCHMARK(BM_Submission_Pack)
 }  // namespace
 
 int main(int argc, char** argv) {
-  TemporaryHome home;
+  PXBenchHome home;
   PXClock::useVirtualClock(PXDate(kBenchClock));
   PXBundle::setMainBundleIdentity("org.example.BenchEditor", "1.0", "1");
   std::map<std::string, double> t = PXBenchRunAll(argc, argv);

@@ -10,20 +10,13 @@
 #include <libpq-fe.h>
 #include <sqlite3.h>
 
-#include <memory>
+#include "objects/internal/CHandle.h"
 
 namespace pxcollector {
 
-template <class T, auto Free>
-struct HandleDeleter {
-  void operator()(T* p) const noexcept {
-    if (p) Free(p);
-  }
-};
-
-using SQLiteDatabase = std::unique_ptr<sqlite3, HandleDeleter<sqlite3, sqlite3_close_v2>>;
-using SQLiteStatement = std::unique_ptr<sqlite3_stmt, HandleDeleter<sqlite3_stmt, sqlite3_finalize>>;
-using PGConnection = std::unique_ptr<PGconn, HandleDeleter<PGconn, PQfinish>>;
-using PGResult = std::unique_ptr<PGresult, HandleDeleter<PGresult, PQclear>>;
+using SQLiteDatabase = pxkit::CHandle<sqlite3, sqlite3_close_v2>;
+using SQLiteStatement = pxkit::CHandle<sqlite3_stmt, sqlite3_finalize>;
+using PGConnection = pxkit::CHandle<PGconn, PQfinish>;
+using PGResult = pxkit::CHandle<PGresult, PQclear>;
 
 }  // namespace pxcollector

@@ -16,16 +16,12 @@
 #include <memory>
 #include <string_view>
 
+#include "objects/internal/CHandle.h"
+
 namespace pxkit::curl {
 
 template <class T, auto Free>
-struct Deleter {
-  void operator()(T* p) const noexcept {
-    if (p) Free(p);
-  }
-};
-template <class T, auto Free>
-using Handle = std::unique_ptr<T, Deleter<T, Free>>;
+using Handle = CHandle<T, Free>;
 
 inline void freeString(char* p) noexcept {
   curl_free(p);

@@ -21,18 +21,12 @@
 
 #include <memory>
 
+#include "objects/internal/CHandle.h"
+
 namespace pxkit::glib {
 
-// A deleter calling `Free` on a non-null pointer.
 template <class T, auto Free>
-struct Deleter {
-  void operator()(T* p) const noexcept {
-    if (p) Free(p);
-  }
-};
-
-template <class T, auto Free>
-using Handle = std::unique_ptr<T, Deleter<T, Free>>;
+using Handle = CHandle<T, Free>;
 
 // ---- Reference-counted GLib types ------------------------------------------
 struct ObjectDeleter {
