@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <unordered_map>
 #include <utility>
 
@@ -109,6 +110,20 @@ PXValue hexAttribute(GUdevDevice* device, const char* name) {
   auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value, 16);
   if (text.empty() || ec != std::errc() || end != text.data() + text.size()) return {};
   return PXValue(value);
+}
+
+// A non-negative whole number from attribute or property text: decimal, or
+// hexadecimal after "0x"; absent for anything else.
+std::optional<uint64_t> numberFromText(std::string_view text) {
+  int base = 10;
+  if (text.starts_with("0x") || text.starts_with("0X")) {
+    text.remove_prefix(2);
+    base = 16;
+  }
+  uint64_t value = 0;
+  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value, base);
+  if (text.empty() || ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return value;
 }
 
 const char* udevProperty(GUdevDevice* device, const char* key) {
@@ -276,7 +291,20 @@ bool DeviceRegistry::matches(GUdevDevice* device, const PXDictionary& matching) 
       const std::string keyText(name);
       const char* property = udevProperty(device, keyText.c_str());
       const std::string actual = property ? std::string(property) : attribute(device, keyText.c_str());
-      if ((!property && actual.empty()) || actual != wanted) return false;
+      if (!property && actual.empty()) {
+        // Not a udev property or attribute: a registry-style one ("vendor-id").
+        const PXValue derived = DeviceRegistry::property(device, name);
+        if (!derived || !(value.isNumber() ? derived.isNumber() && derived.isEqual(value)
+                                           : derived.isString() && derived.stringValue() == wanted)) {
+          return false;
+        }
+      } else if (value.isNumber()) {
+        // Numbers compare as numbers: 0x10de, "0x10de" and "4318" are one value.
+        const std::optional<uint64_t> number = numberFromText(actual);
+        if (!number || !PXValue(*number).isEqual(value)) return false;
+      } else if (actual != wanted) {
+        return false;
+      }
     }
   }
   return true;

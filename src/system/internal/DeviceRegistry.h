@@ -75,7 +75,9 @@ class DeviceRegistry {
   // Whether `device` matches `matching`: "IOProviderClass" names a registry
   // class of the table or, failing that, a udev subsystem; "IONameMatch" is
   // the device's sysfs name; every other key must equal a udev property or a
-  // sysfs attribute of the device (as text). An unknown class matches nothing.
+  // sysfs attribute of the device, or else a registry-style property (as
+  // text; a number wanted compares numerically, so 0x10de matches "0x10de"
+  // and "4318"). An unknown class matches nothing.
   static bool matches(GUdevDevice* device, const PXDictionary& matching);
 
   // The properties of a device: its sysfs attributes, its udev properties
