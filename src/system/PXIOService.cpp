@@ -70,6 +70,14 @@ std::vector<std::string> PXIOService::registryClassNames() {
   return names;
 }
 
+size_t PXIOService::countServicesForMatchingClass(const char* className) {
+  if (!className) return 0;
+  if (const DeviceClass* cls = DeviceRegistry::deviceClass(className))
+    return DeviceRegistry::countDevices(*cls);
+  PXRef<PXArray> services = servicesForMatchingClass(className);
+  return services ? services->count() : 0;
+}
+
 PXIOService::PXIOService(uint32_t service) : service_(DeviceRegistry::isKnownHandle(service) ? service : 0) {}
 
 PXIOService::~PXIOService() {

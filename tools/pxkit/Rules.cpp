@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <future>
 #include <optional>
 #include <string>
 
@@ -198,16 +199,24 @@ int facts(const std::vector<std::string_view>& arguments) {
   if (everything) paths.assign(std::begin(kDefaultFacts), std::end(kDefaultFacts));
 
   LogToStandardError log;
+  // The registry is walked on a thread of its own while the facts are read
+  // here (the catalogue asks the network monitor, which wants this thread).
+  std::future<std::vector<std::pair<std::string, size_t>>> counting;
+  if (everything) {
+    counting = std::async(std::launch::async, [] {
+      std::vector<std::pair<std::string, size_t>> counts;
+      for (std::string& name : PXIOService::registryClassNames()) {
+        const size_t count = PXIOService::countServicesForMatchingClass(name.c_str());
+        counts.emplace_back(std::move(name), count);
+      }
+      return counts;
+    });
+  }
   PXRef<PXRuleChecker> checker = makeChecker(root);
   std::vector<PXCommonMetric> catalogue;
-  std::vector<std::pair<std::string, size_t>> classes;
-  if (everything) {
-    catalogue = PXMetricsTrackerCommonMetrics::commonMetricsCatalogue(checker.get());
-    for (std::string& name : PXIOService::registryClassNames()) {
-      PXRef<PXArray> services = PXIOService::servicesForMatchingClass(name.c_str());
-      classes.emplace_back(std::move(name), services ? services->count() : 0);
-    }
-  }
+  if (everything) catalogue = PXMetricsTrackerCommonMetrics::commonMetricsCatalogue(checker.get());
+  const std::vector<std::pair<std::string, size_t>> classes =
+      counting.valid() ? counting.get() : std::vector<std::pair<std::string, size_t>>();
 
   if (json) {
     auto keyPaths = PXMutableDictionary::dictionary();

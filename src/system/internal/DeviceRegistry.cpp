@@ -6,6 +6,8 @@
 // or from libudev's kernel monitor.
 #include "system/internal/DeviceRegistry.h"
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <libudev.h>
 #include <pxkit/objects/PXArray.h>
 #include <pxkit/objects/PXString.h>
@@ -334,6 +336,43 @@ std::vector<UdevDevice> DeviceRegistry::devicesMatching(const PXDictionary& matc
     return std::strcmp(g_udev_device_get_sysfs_path(a.get()), g_udev_device_get_sysfs_path(b.get())) < 0;
   });
   return found;
+}
+
+namespace {
+// Devices at and below the directory `fd` (taken over and closed; see
+// countDevices). Opened relative to their parent, so no path is walked twice;
+// symbolic links are not followed.
+size_t countDevicesBelow(int fd) {
+  DIR* stream = fdopendir(fd);
+  if (!stream) {
+    close(fd);
+    return 0;
+  }
+  size_t count = 0;
+  bool uevent = false, subsystem = false;
+  while (const dirent* entry = readdir(stream)) {
+    const std::string_view name(entry->d_name);
+    if (entry->d_type == DT_DIR && name != "." && name != "..") {
+      const int child = openat(dirfd(stream), entry->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+      if (child >= 0) count += countDevicesBelow(child);
+    } else if (entry->d_type == DT_REG && name == "uevent") {
+      uevent = true;
+    } else if (entry->d_type == DT_LNK && name == "subsystem") {
+      subsystem = true;
+    }
+  }
+  closedir(stream);
+  return count + (uevent && subsystem ? 1 : 0);
+}
+}  // namespace
+
+size_t DeviceRegistry::countDevices(const DeviceClass& cls) {
+  if (!cls.subsystem) {
+    const int fd = open("/sys/devices", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    return fd < 0 ? 0 : countDevicesBelow(fd);
+  }
+  auto matching = PXDictionary::dictionaryWithEntries({{"IOProviderClass", cls.name}});
+  return devicesMatching(*matching).size();
 }
 
 // ---- Properties --------------------------------------------------------------------------------
