@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cstdlib>
 #include <mutex>
+#include <string>
 #include <string_view>
 
 namespace {
@@ -32,10 +33,20 @@ std::optional<double> positiveFromEnvironment(const char* name) {
   return value;
 }
 
+// Whether a desktop session's bus is there. Without one there is no desktop
+// whose setting could apply, and GSettings' backend would try to start a bus.
+bool hasSessionBus() {
+  if (const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS"); address && *address) return true;
+  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+  return runtime && *runtime && g_file_test((std::string(runtime) + "/bus").c_str(), G_FILE_TEST_EXISTS);
+}
+
 // GNOME's "scaling-factor" (0 is automatic, which only the compositor knows);
-// absent when the schema is not installed. Asking GSettings for a schema it
-// does not know would abort the process, hence the lookup first.
+// absent outside a desktop session or when the schema is not installed.
+// Asking GSettings for a schema it does not know would abort the process,
+// hence the lookup first.
 std::optional<double> gnomeScalingFactor() {
+  if (!hasSessionBus()) return std::nullopt;
   GSettingsSchemaSource* source = g_settings_schema_source_get_default();
   if (!source) return std::nullopt;
   GSettingsSchema* schema = g_settings_schema_source_lookup(source, "org.gnome.desktop.interface", TRUE);

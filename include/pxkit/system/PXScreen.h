@@ -23,8 +23,8 @@
 // - screens: the DRM connectors ("card0-HDMI-A-1") whose "status" is
 //   "connected"; none on a headless machine;
 // - scale: GDK_SCALE (a whole number), else QT_SCALE_FACTOR, else the GNOME
-//   interface setting "scaling-factor" when that schema is installed and the
-//   value is not 0 (automatic), else 1.0.
+//   interface setting "scaling-factor" when a desktop session's bus is there,
+//   that schema is installed and the value is not 0 (automatic), else 1.0.
 //
 // Thread safety: every function may be called from any thread. The provider
 // is called on the thread that asks; a host whose toolkit must be asked on
