@@ -42,9 +42,11 @@
 // model, cores) drop their pair.
 //
 // Thread safety: addCommonMetrics and commonMetricsCatalogue run on the
-// caller's thread (normally the main thread, whose run loop then delivers
-// power-source changes). State metrics are registered synchronously; usage
-// and counter changes run on the tracker's metrics operation queue.
+// caller's thread, normally the main thread (whose run loop delivers
+// power-source changes; from another thread they wait for the main loop to
+// start the network monitor, so the main loop must be running then). State
+// metrics are registered synchronously; usage and counter changes run on the
+// tracker's metrics operation queue.
 #pragma once
 
 #include <pxkit/export.h>
