@@ -8,6 +8,7 @@
 
 #include "system/internal/DeviceRegistry.h"
 
+using pxkit::internal::DeviceClass;
 using pxkit::internal::DeviceEvent;
 using pxkit::internal::DeviceEvents;
 using pxkit::internal::DeviceRegistry;
@@ -61,6 +62,20 @@ PXRef<PXArray> PXIOService::servicesForMatchingClass(const char* className) {
 
 PXRef<PXArray> PXIOService::servicesForMatchingDict(const PXDictionary& matching) {
   return wrapAll(DeviceRegistry::devicesMatching(matching));
+}
+
+std::vector<std::string> PXIOService::registryClassNames() {
+  std::vector<std::string> names;
+  for (const DeviceClass& cls : DeviceRegistry::classes()) names.emplace_back(cls.name);
+  return names;
+}
+
+size_t PXIOService::countServicesForMatchingClass(const char* className) {
+  if (!className) return 0;
+  if (const DeviceClass* cls = DeviceRegistry::deviceClass(className))
+    return DeviceRegistry::countDevices(*cls);
+  PXRef<PXArray> services = servicesForMatchingClass(className);
+  return services ? services->count() : 0;
 }
 
 PXIOService::PXIOService(uint32_t service) : service_(DeviceRegistry::isKnownHandle(service) ? service : 0) {}

@@ -101,6 +101,26 @@ TEST(PXIOServiceDevices, ClassesFindTheirDevices) {
   EXPECT_EQ(code, kPXIOReturnSuccess);
 }
 
+TEST(PXIOServiceDevices, NumbersInMatchingDictionariesMatchAsNumbers) {
+  PX_SKIP_WITHOUT_UMOCKDEV();
+  Laptop m;
+  struct Case {
+    const char* key;
+    PXValue wanted;
+    std::vector<std::string> paths;
+  };
+  for (const Case& c : std::vector<Case>{{"device", PXValue(0x0126), {m.gpu}},    // hex attribute
+                                         {"device", PXValue("0x0126"), {m.gpu}},  // text stays text
+                                         {"device", PXValue(0x0127), {}},
+                                         {"device-id", PXValue(0x0126u), {m.gpu}},  // registry-style
+                                         {"class", PXValue(0x010601LL), {m.sata}},
+                                         {"removable", PXValue(1), {m.stick}}}) {  // decimal
+    auto matching = PXDictionary::dictionaryWithEntries(
+        {{"IOProviderClass", c.key == std::string("removable") ? "block" : "pci"}, {c.key, c.wanted}});
+    EXPECT_EQ(pathsOf(PXIOService::servicesForMatchingDict(*matching)), c.paths) << c.key;
+  }
+}
+
 TEST(PXIOServiceDevices, RegistryProperties) {
   PX_SKIP_WITHOUT_UMOCKDEV();
   Laptop m;

@@ -1,14 +1,19 @@
 // `pxkit check` and `pxkit facts`; see Rules.h.
 #include "Rules.h"
 
+#include <pxkit/metrics/PXMetricsTrackerCommonMetrics.h>
+#include <pxkit/net/PXJSONSerialization.h>
+#include <pxkit/objects/PXData.h>
 #include <pxkit/platform/PXLog.h>
 #include <pxkit/rules/PXRuleChecker.h>
 #include <pxkit/rules/PXRuleCheckerFilesystemFunction.h>
 #include <pxkit/rules/PXRuleCheckerSysCtlFunction.h>
 #include <pxkit/rules/PXRuleCheckerVersionFunction.h>
+#include <pxkit/system/PXIOService.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <future>
 #include <optional>
 #include <string>
 
@@ -158,22 +163,105 @@ int check(const std::vector<std::string_view>& arguments) {
   return holds ? kHolds : kDoesNotHold;
 }
 
+namespace {
+
+// A fact as JSON: itself when JSON can carry it, its text otherwise, null when absent.
+PXValue jsonValue(const PXValue& value) {
+  if (!value) return PXValue::null();
+  return PXJSONSerialization::isValidJSONObject(PXArray::arrayWithValues({value}))
+             ? value
+             : PXValue(value.description());
+}
+
+PXValue jsonString(const PXString& text) {
+  return text ? PXValue(text) : PXValue::null();
+}
+
+}  // namespace
+
 int facts(const std::vector<std::string_view>& arguments) {
   std::vector<std::string_view> args = arguments;
   std::optional<std::string> root;
   if (!takeRoot(args, root, "facts")) return kRaised;
+  bool json = false;
+  std::vector<std::string> paths;
   for (std::string_view arg : args) {
-    if (arg.starts_with("--")) return usageError("facts: unknown option '" + std::string(arg) + "'");
+    if (arg == "--json") {
+      json = true;
+    } else if (arg.starts_with("--")) {
+      return usageError("facts: unknown option '" + std::string(arg) + "'");
+    } else {
+      paths.emplace_back(arg);
+    }
   }
-  std::vector<std::string> paths(args.begin(), args.end());
-  if (paths.empty()) paths.assign(std::begin(kDefaultFacts), std::end(kDefaultFacts));
+  // Named key paths show only themselves; without any, the whole picture.
+  const bool everything = paths.empty();
+  if (everything) paths.assign(std::begin(kDefaultFacts), std::end(kDefaultFacts));
 
   LogToStandardError log;
+  // The registry is walked on a thread of its own while the facts are read
+  // here (the catalogue asks the network monitor, which wants this thread).
+  std::future<std::vector<std::pair<std::string, size_t>>> counting;
+  if (everything) {
+    counting = std::async(std::launch::async, [] {
+      std::vector<std::pair<std::string, size_t>> counts;
+      for (std::string& name : PXIOService::registryClassNames()) {
+        const size_t count = PXIOService::countServicesForMatchingClass(name.c_str());
+        counts.emplace_back(std::move(name), count);
+      }
+      return counts;
+    });
+  }
   PXRef<PXRuleChecker> checker = makeChecker(root);
+  std::vector<PXCommonMetric> catalogue;
+  if (everything) catalogue = PXMetricsTrackerCommonMetrics::commonMetricsCatalogue(checker.get());
+  const std::vector<std::pair<std::string, size_t>> classes =
+      counting.valid() ? counting.get() : std::vector<std::pair<std::string, size_t>>();
+
+  if (json) {
+    auto keyPaths = PXMutableDictionary::dictionary();
+    for (const std::string& path : paths)
+      keyPaths->setObject(jsonValue(checker->computeFunction(path)), path);
+    auto document = PXMutableDictionary::dictionary();
+    document->setObject(keyPaths, "facts");
+    if (everything) {
+      auto metrics = PXMutableArray::array();
+      for (const PXCommonMetric& m : catalogue) {
+        metrics->addObject(PXDictionary::dictionaryWithEntries({{"identifier", m.identifier},
+                                                                {"primary", jsonString(m.primary)},
+                                                                {"secondary", jsonString(m.secondary)},
+                                                                {"kind", m.kind}}));
+      }
+      document->setObject(metrics, "commonMetrics");
+      auto counts = PXMutableDictionary::dictionary();
+      for (const auto& [name, count] : classes)
+        counts->setObject(PXValue(static_cast<unsigned long long>(count)), name);
+      document->setObject(counts, "registryClasses");
+    }
+    PXRef<PXData> data = PXJSONSerialization::dataWithJSONObject(document, kPXJSONWritingPrettyPrinted);
+    if (!data) return usageError("facts: the facts cannot be written as JSON");
+    std::fwrite(data->bytes().data(), 1, data->length(), stdout);
+    std::fputc('\n', stdout);
+    return 0;
+  }
+
   size_t width = 0;
   for (const std::string& path : paths) width = std::max(width, path.size());
   for (const std::string& path : paths)
     Console::field(path, shown(checker->computeFunction(path)), width + 2);
+  if (!everything) return 0;
+
+  Console::heading("Common metrics");
+  Console::Table metrics({{"Identifier"}, {"Primary"}, {"Secondary"}, {"Kind"}});
+  for (const PXCommonMetric& m : catalogue) {
+    metrics.addRow({m.identifier.str(), m.primary ? m.primary.str() : "-",
+                    m.secondary ? m.secondary.str() : "-", m.kind});
+  }
+  metrics.print();
+  Console::heading("Registry classes");
+  Console::Table registry({{"Class"}, {"Services", Console::Align::Right}});
+  for (const auto& [name, count] : classes) registry.addRow({name, std::to_string(count)});
+  registry.print();
   return 0;
 }
 

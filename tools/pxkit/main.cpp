@@ -40,7 +40,7 @@ constexpr const char* kUsage =
     "                  NO (exit 1); a rule that cannot be evaluated exits 2.\n"
     "                  --explain shows the rule with its ${...} calls replaced\n"
     "                  and their values\n"
-    "  facts [--root DIR] [KEYPATH|${CALL} ...]\n"
+    "  facts [--json] [--root DIR] [KEYPATH|${CALL} ...]\n"
     "                  the value of each key path or call (default: the OS,\n"
     "                  kernel and computer); --root reads another system tree\n"
     "  state [--app ID]\n"

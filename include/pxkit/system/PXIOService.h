@@ -38,6 +38,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -93,6 +94,12 @@ class PXKIT_EXPORT PXIOService : public PXObject {
   // (kPXIOProviderClassKey, "IONameMatch", other keys as udev properties or
   // sysfs attributes), in sysfs path order; possibly empty, never absent.
   static PXRef<PXArray> servicesForMatchingDict(const PXDictionary& matching);
+  // The names of the registry classes the kit maps, most specific first,
+  // "IOService" (every device) last; docs/linux-sources.md has the table.
+  static std::vector<std::string> registryClassNames();
+  // How many services servicesForMatchingClass would find, without making
+  // them (much cheaper for "IOService", every device); 0 for a null name.
+  static size_t countServicesForMatchingClass(const char* className);
 
   // initWithService: a service for `service`. An unknown handle gives an
   // invalid service (service() 0); serviceWithIOService answers absent then.

@@ -6,6 +6,8 @@
 // or from libudev's kernel monitor.
 #include "system/internal/DeviceRegistry.h"
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <libudev.h>
 #include <pxkit/objects/PXArray.h>
 #include <pxkit/objects/PXString.h>
@@ -18,6 +20,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <unordered_map>
 #include <utility>
 
@@ -109,6 +112,20 @@ PXValue hexAttribute(GUdevDevice* device, const char* name) {
   auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value, 16);
   if (text.empty() || ec != std::errc() || end != text.data() + text.size()) return {};
   return PXValue(value);
+}
+
+// A non-negative whole number from attribute or property text: decimal, or
+// hexadecimal after "0x"; absent for anything else.
+std::optional<uint64_t> numberFromText(std::string_view text) {
+  int base = 10;
+  if (text.starts_with("0x") || text.starts_with("0X")) {
+    text.remove_prefix(2);
+    base = 16;
+  }
+  uint64_t value = 0;
+  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value, base);
+  if (text.empty() || ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return value;
 }
 
 const char* udevProperty(GUdevDevice* device, const char* key) {
@@ -276,7 +293,20 @@ bool DeviceRegistry::matches(GUdevDevice* device, const PXDictionary& matching) 
       const std::string keyText(name);
       const char* property = udevProperty(device, keyText.c_str());
       const std::string actual = property ? std::string(property) : attribute(device, keyText.c_str());
-      if ((!property && actual.empty()) || actual != wanted) return false;
+      if (!property && actual.empty()) {
+        // Not a udev property or attribute: a registry-style one ("vendor-id").
+        const PXValue derived = DeviceRegistry::property(device, name);
+        if (!derived || !(value.isNumber() ? derived.isNumber() && derived.isEqual(value)
+                                           : derived.isString() && derived.stringValue() == wanted)) {
+          return false;
+        }
+      } else if (value.isNumber()) {
+        // Numbers compare as numbers: 0x10de, "0x10de" and "4318" are one value.
+        const std::optional<uint64_t> number = numberFromText(actual);
+        if (!number || !PXValue(*number).isEqual(value)) return false;
+      } else if (actual != wanted) {
+        return false;
+      }
     }
   }
   return true;
@@ -306,6 +336,43 @@ std::vector<UdevDevice> DeviceRegistry::devicesMatching(const PXDictionary& matc
     return std::strcmp(g_udev_device_get_sysfs_path(a.get()), g_udev_device_get_sysfs_path(b.get())) < 0;
   });
   return found;
+}
+
+namespace {
+// Devices at and below the directory `fd` (taken over and closed; see
+// countDevices). Opened relative to their parent, so no path is walked twice;
+// symbolic links are not followed.
+size_t countDevicesBelow(int fd) {
+  DIR* stream = fdopendir(fd);
+  if (!stream) {
+    close(fd);
+    return 0;
+  }
+  size_t count = 0;
+  bool uevent = false, subsystem = false;
+  while (const dirent* entry = readdir(stream)) {
+    const std::string_view name(entry->d_name);
+    if (entry->d_type == DT_DIR && name != "." && name != "..") {
+      const int child = openat(dirfd(stream), entry->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+      if (child >= 0) count += countDevicesBelow(child);
+    } else if (entry->d_type == DT_REG && name == "uevent") {
+      uevent = true;
+    } else if (entry->d_type == DT_LNK && name == "subsystem") {
+      subsystem = true;
+    }
+  }
+  closedir(stream);
+  return count + (uevent && subsystem ? 1 : 0);
+}
+}  // namespace
+
+size_t DeviceRegistry::countDevices(const DeviceClass& cls) {
+  if (!cls.subsystem) {
+    const int fd = open("/sys/devices", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    return fd < 0 ? 0 : countDevicesBelow(fd);
+  }
+  auto matching = PXDictionary::dictionaryWithEntries({{"IOProviderClass", cls.name}});
+  return devicesMatching(*matching).size();
 }
 
 // ---- Properties --------------------------------------------------------------------------------
