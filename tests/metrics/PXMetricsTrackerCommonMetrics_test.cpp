@@ -18,6 +18,8 @@
 #include <pxkit/system/PXScreen.h>
 
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -241,4 +243,21 @@ TEST(PXMetricsTrackerCommonMetrics, DeviceTestbed) {
   EXPECT_EQ(primaries(rows, "common.displaytype"), Row{"retina"});
   EXPECT_EQ(primaries(rows, "common.graphicscard"), Row{"Example Graphics 3000"});
   EXPECT_EQ(primaries(rows, "common.drivetechnology"), (Row{"Solid State", "Rotational"}));
+
+  // The original maker's firmware, then another maker's board: its maker is
+  // the vendor and the model reads "Hackintosh".
+  std::filesystem::create_directories(home.root() + "/sys/class/dmi/id");
+  std::ofstream(home.root() + "/sys/class/dmi/id/product_name") << "Book8,1\n";
+  const std::string dmi =
+      bed.addDevice("dmi", "id", "", {{"sys_vendor", "Apple Inc."}, {"product_name", "Book8,1"}});
+  rows = catalogue(home.root(), home.root());
+  EXPECT_EQ(primaries(rows, "common.hwvendor"), Row{"Apple"});
+  EXPECT_EQ(rowOf(rows, "common.hwmodel"), (Row{"common.hwmodel", "Book", "Book8,1"}));
+  bed.setAttribute(dmi, "sys_vendor", "Example Computers");
+  rows = catalogue(home.root(), home.root());
+  EXPECT_EQ(primaries(rows, "common.hwvendor"), Row{"Example Computers"});
+  bed.setAttribute(dmi, "board_vendor", "Example Boards");
+  rows = catalogue(home.root(), home.root());
+  EXPECT_EQ(primaries(rows, "common.hwvendor"), Row{"Example Boards"});
+  EXPECT_EQ(rowOf(rows, "common.hwmodel"), (Row{"common.hwmodel", "Hackintosh", "Hackintosh"}));
 }

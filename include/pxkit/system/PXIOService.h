@@ -88,7 +88,7 @@ class PXKIT_EXPORT PXIOService : public PXObject {
   static PXRef<PXIOService> serviceWithSysfsPath(std::string_view sysfsPath);
   // servicesForMatchingClass: every service of a registry class; absent for a
   // null name. Empty for a class with no devices here (or that the kit does
-  // not map, such as "FakeSMC").
+  // not map).
   static PXRef<PXArray> servicesForMatchingClass(const char* className);
   // servicesForMatchingDict: every service matching a matching dictionary
   // (kPXIOProviderClassKey, "IONameMatch", other keys as udev properties or

@@ -64,6 +64,13 @@ std::string trimmed(const char* text) {
 }
 
 // ---- Classes ----------------------------------------------------------------------------
+// The firmware of a machine the original maker did not build: its DMI vendor
+// is someone else's. The common metrics report that board maker as the vendor.
+bool isOtherMakersFirmware(GUdevDevice* device) {
+  const std::string vendor = DeviceRegistry::attribute(device, "sys_vendor");
+  return !vendor.empty() && vendor.rfind("Apple", 0) != 0;
+}
+
 bool isDrmCard(GUdevDevice* device) {
   // card0, card1 (not the connectors card0-HDMI-A-1, nor renderD128)
   const char* name = g_udev_device_get_name(device);
@@ -144,6 +151,9 @@ void addRegistryProperties(GUdevDevice* device, PXMutableDictionary& out) {
     }
     if (std::string vendor = DeviceRegistry::attribute(device, "sys_vendor"); !vendor.empty()) {
       out.setObject(vendor, "manufacturer");
+    }
+    if (std::string board = DeviceRegistry::attribute(device, "board_vendor"); !board.empty()) {
+      out.setObject(board, "mb-manufacturer");
     }
   } else if (sub == "pci") {
     if (PXValue vendor = hexAttribute(device, "vendor")) out.setObject(vendor, "vendor-id");
@@ -237,8 +247,7 @@ const std::vector<DeviceClass>& DeviceRegistry::classes() {
       {"IOPMPowerSource", "power_supply", nullptr},
       {"IONetworkInterface", "net", nullptr},
       {"IODisplayController", "pci", &isDisplayController},
-      // No counterpart on Linux: matches nothing, kept so that asking is not an error.
-      {"FakeSMC", "", nullptr},
+      {"FakeSMC", "dmi", &isOtherMakersFirmware},
       {"IOService", nullptr, nullptr},
   };
   return table;
