@@ -135,13 +135,7 @@ TEST(PXDateTools, StringFromTimeIntervalInTheUsersLanguage) {
     const char* twoUnits;  // 2 days 3 hours, omitUnused
   } cases[] = {
       {"de", "1 Jahr 2 Tage 1 Stunde 0 Minuten 1 Sekunde", "2 Tage 3 Stunden"},
-      {"fr_FR", "1 an 2 jours 1 heure 0 minutes 1 seconde", "2 jours 3 heures"},
-      {"es", "1 año 2 días 1 hora 0 minutos 1 segundo", "2 días 3 horas"},
-      {"it", "1 anno 2 giorni 1 ora 0 minuti 1 secondo", "2 giorni 3 ore"},
-      {"pt_BR", "1 ano 2 dias 1 hora 0 minutos 1 segundo", "2 dias 3 horas"},
-      {"nl", "1 jaar 2 dagen 1 uur 0 minuten 1 seconde", "2 dagen 3 uur"},
       {"ja_JP", "1 年 2 日 1 時間 0 分 1 秒", "2 日 3 時間"},
-      {"zh_CN", "1 年 2 天 1 小时 0 分钟 1 秒", "2 天 3 小时"},
       {"zh_TW", "1 年 2 天 1 小時 0 分鐘 1 秒", "2 天 3 小時"},
       // The first preferred language with a table wins...
       {"tlh:de", "1 Jahr 2 Tage 1 Stunde 0 Minuten 1 Sekunde", "2 Tage 3 Stunden"},

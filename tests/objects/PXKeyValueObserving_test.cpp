@@ -263,17 +263,6 @@ TEST(PXKeyValueObserving, RemovalMatchesObserverKeyPathAndContext) {
   EXPECT_EQ(other->seen.size(), 2u);
 }
 
-TEST(PXKeyValueObserving, ObserverDestroyedWithoutRemovingIsNotCalled) {
-  auto node = PXMake<KVONode>();
-  auto recorder = PXMake<Recorder>();
-  PXWeakRef<Recorder> weak = recorder;
-  node->addObserver(recorder.get(), "value", PXKeyValueObservingOptionPrior, nullptr);
-  recorder = nullptr;
-  EXPECT_TRUE(weak.expired()) << "observers are not retained";
-  node->setValue(1);  // must not reach the destroyed observer
-  node->removeObserver(weak.lock().get(), "value");
-}
-
 TEST(PXKeyValueObserving, DestroyedRootUnhooksItsPath) {
   auto a = PXMake<KVONode>(0, PXMake<KVONode>());
   auto recorder = PXMake<Recorder>();

@@ -315,37 +315,6 @@ TEST(PXKeyedArchiver, MutabilityIsKeptAtEveryLevel) {
   EXPECT_EQ(l->count(), 3u);
 }
 
-TEST(PXKeyedArchiver, AnObjectReachedTwiceIsWrittenOnceAndComesBackOnce) {
-  std::vector<PXValue> many;
-  for (int k = 0; k < 1000; ++k) many.emplace_back(k * 7919);
-  PXValue big = PXValue(PXArray::arrayWithValues(many));
-  PXValue data = PXValue(PXData::dataWithString("shared bytes"));
-  PXRef<PXArchiveTestNode> shared = node(7);
-  PXValue root = dict({{"a", big},
-                       {"b", big},
-                       {"d1", data},
-                       {"d2", data},
-                       {"n1", PXValue(shared)},
-                       {"list", array({PXValue(shared), big})}});
-
-  PXRef<PXData> once = PXKeyedArchiver::archivedDataWithRootObject(dict({{"a", big}}));
-  PXRef<PXData> twice = PXKeyedArchiver::archivedDataWithRootObject(root);
-  ASSERT_TRUE(once && twice);
-  EXPECT_LT(twice->length(), once->length() + 200) << "the shared array was written more than once";
-  EXPECT_EQ(shared->encodeCount, 1);
-
-  PXValue back = PXKeyedUnarchiver::unarchiveObjectWithData(twice);
-  ASSERT_TRUE(back.isDictionary());
-  PXRef<PXDictionary> d = back.dictionaryValue();
-  EXPECT_EQ(d->objectForKey("a").objectPointer(), d->objectForKey("b").objectPointer());
-  EXPECT_EQ(d->objectForKey("d1").objectPointer(), d->objectForKey("d2").objectPointer());
-  PXObject* n1 = d->objectForKey("n1").objectPointer();
-  EXPECT_EQ(n1, d->objectForKey("list").arrayValue()->objectAtIndex(0).objectPointer());
-  EXPECT_EQ(d->objectForKey("a").objectPointer(),
-            d->objectForKey("list").arrayValue()->objectAtIndex(1).objectPointer());
-  EXPECT_TRUE(d->objectForKey("a").isEqual(big));
-}
-
 TEST(PXKeyedArchiver, TemporariesOfEncodeWithCoderAreNeverTakenForEachOther) {
   PXValue back = roundTrip(PXValue(PXMake<PXArchiveTestSnapshot>()));
   auto restored = PXDynamicCast<PXArchiveTestSnapshot>(back.objectValue());
@@ -368,11 +337,20 @@ TEST(PXKeyedArchiver, ReferencesBackFromDeepInsideFindTheirObjectAtAnyTableSize)
     inner->peer = PXValue(a);
     std::vector<PXValue> items;
     for (int k = 0; k < filler; ++k) items.push_back(PXValue(PXData::dataWithString(std::to_string(k))));
-    items.push_back(dict({{"back", PXValue(a)}, {"inner", PXValue(inner)}}));
+    const PXValue bytes(PXData::dataWithString("shared bytes"));
+    items.push_back(dict({{"back", PXValue(a)}, {"inner", PXValue(inner)}, {"d1", bytes}, {"d2", bytes}}));
     a->payload = PXValue(PXArray::arrayWithValues(items));
     a->peer = PXValue(a);
 
+    // Reached three times, written once: the archive holds one copy.
+    PXRef<PXData> once = PXKeyedArchiver::archivedDataWithRootObject(PXValue(a));
+    PXRef<PXData> thrice =
+        PXKeyedArchiver::archivedDataWithRootObject(array({PXValue(a), PXValue(a), PXValue(inner)}));
+    ASSERT_TRUE(once && thrice);
+    EXPECT_LT(thrice->length(), once->length() + 32) << "an object reached twice was written twice";
+    a->encodeCount = 0;
     PXValue back = roundTrip(array({PXValue(a), PXValue(inner)}));
+    EXPECT_EQ(a->encodeCount, 1);
     ASSERT_TRUE(back.isArray());
     auto ra = PXDynamicCast<PXArchiveTestNode>(back.arrayValue()->objectAtIndex(0).objectValue());
     auto rinner = PXDynamicCast<PXArchiveTestNode>(back.arrayValue()->objectAtIndex(1).objectValue());
@@ -390,6 +368,7 @@ TEST(PXKeyedArchiver, ReferencesBackFromDeepInsideFindTheirObjectAtAnyTableSize)
     ASSERT_TRUE(last);
     EXPECT_EQ(last->objectForKey("back").objectPointer(), ra.get());
     EXPECT_EQ(last->objectForKey("inner").objectPointer(), rinner.get());
+    EXPECT_EQ(last->objectForKey("d1").objectPointer(), last->objectForKey("d2").objectPointer());
     breakCycles();
   }
 }
@@ -531,33 +510,8 @@ TEST(PXKeyedUnarchiver, EveryTruncationFlipAndEditGivesAValueOrAnError) {
   EXPECT_GT(values, 0) << "no edit kept a decodable archive: the test exercises too little";
 }
 
-TEST(PXKeyedUnarchiver, RefusesForeignData) {
+TEST(PXKeyedUnarchiver, RefusesForeignDataAndHostileContentsBehindAValidChecksum) {
   std::string plist = "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict/></plist>";
-  struct Row {
-    const char* name;
-    std::vector<uint8_t> bytes;
-    PXKeyedArchiveErrorCode code;
-  } rows[] = {
-      {"nothing", {}, PXKeyedArchiveDecodeCorruptError},
-      {"magic only", {'P', 'X', 'K', 'A'}, PXKeyedArchiveDecodeCorruptError},
-      {"a property list", std::vector<uint8_t>(plist.begin(), plist.end()), PXKeyedArchiveDecodeCorruptError},
-      {"zeros", std::vector<uint8_t>(64, 0), PXKeyedArchiveDecodeCorruptError},
-      {"a later format version", Payload().varint(0).byte(archive::kNull).archive(2),
-       PXKeyedArchiveDecodeVersionError},
-      {"version zero", Payload().varint(0).byte(archive::kNull).archive(0), PXKeyedArchiveDecodeVersionError},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    PXErrorRef error;
-    EXPECT_FALSE(decodeBytes(row.bytes, &error));
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->domain(), kPXKeyedArchiveErrorDomain);
-    EXPECT_EQ(error->code(), row.code);
-  }
-  EXPECT_FALSE(PXKeyedUnarchiver::unarchiveObjectWithData(PXRef<PXData>()));
-}
-
-TEST(PXKeyedUnarchiver, RefusesHostileContentsBehindAValidChecksum) {
   std::string longName(kPXKeyedArchiveMaxClassNameLength + 1, 'A');
   Payload arrayOfAbsent, selfArray, unknownClass, plainClass, refuser, raiser, trailing, nameTooLong;
   arrayOfAbsent.byte(archive::kArray).varint(1).byte(archive::kAbsent);
@@ -591,6 +545,12 @@ TEST(PXKeyedUnarchiver, RefusesHostileContentsBehindAValidChecksum) {
     std::vector<uint8_t> bytes;
     PXKeyedArchiveErrorCode code;
   } rows[] = {
+      {"nothing", {}, PXKeyedArchiveDecodeCorruptError},
+      {"magic only", {'P', 'X', 'K', 'A'}, PXKeyedArchiveDecodeCorruptError},
+      {"a property list", std::vector<uint8_t>(plist.begin(), plist.end()), PXKeyedArchiveDecodeCorruptError},
+      {"a later format version", Payload().varint(0).byte(archive::kNull).archive(2),
+       PXKeyedArchiveDecodeVersionError},
+      {"version zero", Payload().varint(0).byte(archive::kNull).archive(0), PXKeyedArchiveDecodeVersionError},
       {"empty payload", Payload().archive(), PXKeyedArchiveDecodeCorruptError},
       {"no root", Payload().varint(0).archive(), PXKeyedArchiveDecodeCorruptError},
       {"an absent root is fine but trailing bytes are not", Payload().varint(0).byte(0).byte(0).archive(),
@@ -639,8 +599,10 @@ TEST(PXKeyedUnarchiver, RefusesHostileContentsBehindAValidChecksum) {
     PXValue v = decodeBytes(row.bytes, &error);
     EXPECT_FALSE(v) << v.description().str();
     ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain(), kPXKeyedArchiveErrorDomain);
     EXPECT_EQ(error->code(), row.code) << error->description().str();
   }
+  EXPECT_FALSE(PXKeyedUnarchiver::unarchiveObjectWithData(PXRef<PXData>()));
   // Right at the limits: accepted.
   EXPECT_TRUE(decodeBytes(nestedArrayArchive(kPXKeyedArchiveMaxDepth)));
   EXPECT_TRUE(decodeBytes(nestedArrayArchive(kPXKeyedArchiveMaxDepth - 1)));
