@@ -512,84 +512,60 @@ TEST(PXKeyedUnarchiver, EveryTruncationFlipAndEditGivesAValueOrAnError) {
 
 TEST(PXKeyedUnarchiver, RefusesForeignDataAndHostileContentsBehindAValidChecksum) {
   std::string plist = "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict/></plist>";
-  std::string longName(kPXKeyedArchiveMaxClassNameLength + 1, 'A');
-  Payload arrayOfAbsent, selfArray, unknownClass, plainClass, refuser, raiser, trailing, nameTooLong;
-  arrayOfAbsent.byte(archive::kArray).varint(1).byte(archive::kAbsent);
-  selfArray.byte(archive::kArray).varint(1).byte(archive::kRef).varint(0);
-  unknownClass.byte(archive::kCodedObject).text("NoSuchClassAnywhere").varint(0);
-  plainClass.byte(archive::kCodedObject).text("PXArchiveTestPlain").varint(0);
-  refuser.byte(archive::kCodedObject)
-      .text("PXArchiveTestRefuser")
-      .varint(1)
-      .text("raise")
-      .byte(archive::kFalse);
-  raiser.byte(archive::kCodedObject)
-      .text("PXArchiveTestRefuser")
-      .varint(1)
-      .text("raise")
-      .byte(archive::kTrue);
-  trailing.byte(archive::kData).text("ab").byte(0);
-  nameTooLong.byte(archive::kCodedObject).text(longName).varint(0);
-  auto nodeWith = [](std::string_view key, const Payload& value) {
+  // A coded object of class `cls` with at most one field.
+  auto coded = [](std::string_view cls, std::string_view key = {}, const Payload& value = {}) {
     Payload e;
-    e.byte(archive::kCodedObject).text("PXArchiveTestNode").varint(1).text(key).raw(value.bytes);
+    e.byte(archive::kCodedObject).text(cls).varint(key.empty() ? 0 : 1);
+    if (!key.empty()) e.text(key).raw(value.bytes);
     return e;
   };
-  Payload int32TooBig, textForNumber, dateForNumber;
-  int32TooBig.byte(archive::kInt).varint(uint64_t{1} << 33);  // zigzag: 2^32, too big for "small"
-  textForNumber.byte(archive::kString).text("12");
-  dateForNumber.byte(archive::kDate).raw(std::string(8, '\0'));
-
+  const std::string longName(kPXKeyedArchiveMaxClassNameLength + 1, 'A');
+  const Payload int32TooBig =
+      Payload().byte(archive::kInt).varint(uint64_t{1} << 33);  // zigzag 2^32: too big
   struct Row {
     const char* name;
     std::vector<uint8_t> bytes;
-    PXKeyedArchiveErrorCode code;
+    PXKeyedArchiveErrorCode code = PXKeyedArchiveDecodeCorruptError;
   } rows[] = {
-      {"nothing", {}, PXKeyedArchiveDecodeCorruptError},
-      {"magic only", {'P', 'X', 'K', 'A'}, PXKeyedArchiveDecodeCorruptError},
-      {"a property list", std::vector<uint8_t>(plist.begin(), plist.end()), PXKeyedArchiveDecodeCorruptError},
+      {"nothing", {}},
+      {"magic only", {'P', 'X', 'K', 'A'}},
+      {"a property list", std::vector<uint8_t>(plist.begin(), plist.end())},
       {"a later format version", Payload().varint(0).byte(archive::kNull).archive(2),
        PXKeyedArchiveDecodeVersionError},
       {"version zero", Payload().varint(0).byte(archive::kNull).archive(0), PXKeyedArchiveDecodeVersionError},
-      {"empty payload", Payload().archive(), PXKeyedArchiveDecodeCorruptError},
-      {"no root", Payload().varint(0).archive(), PXKeyedArchiveDecodeCorruptError},
-      {"an absent root is fine but trailing bytes are not", Payload().varint(0).byte(0).byte(0).archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"huge object count", Payload().varint(uint64_t{1} << 40).byte(archive::kNull).archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"overlong varint", Payload().raw(std::string(10, '\x80')).raw("\x01").byte(archive::kNull).archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"entry longer than the payload", Payload().varint(1).varint(1000).byte(archive::kData).archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"empty entry", Payload().varint(1).varint(0).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"reference past the table", Payload().varint(0).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"unknown value tag", Payload().varint(0).byte(0x7f).archive(), PXKeyedArchiveDecodeCorruptError},
-      {"unknown object tag", single(Payload().byte(0x7f)), PXKeyedArchiveDecodeCorruptError},
+      {"empty payload", Payload().archive()},
+      {"no root", Payload().varint(0).archive()},
+      {"an absent root is fine but trailing bytes are not", Payload().varint(0).byte(0).byte(0).archive()},
+      {"huge object count", Payload().varint(uint64_t{1} << 40).byte(archive::kNull).archive()},
+      {"overlong varint", Payload().raw(std::string(10, '\x80')).raw("\x01").byte(archive::kNull).archive()},
+      {"entry longer than the payload", Payload().varint(1).varint(1000).byte(archive::kData).archive()},
+      {"empty entry", Payload().varint(1).varint(0).byte(archive::kRef).varint(0).archive()},
+      {"reference past the table", Payload().varint(0).byte(archive::kRef).varint(0).archive()},
+      {"unknown value tag", Payload().varint(0).byte(0x7f).archive()},
+      {"unknown object tag", single(Payload().byte(0x7f))},
       {"string longer than the payload",
-       Payload().varint(0).byte(archive::kString).varint(1u << 30).archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"double cut short", Payload().varint(0).byte(archive::kDouble).raw("1234").archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"array claiming a million elements", single(Payload().byte(archive::kArray).varint(1000000)),
-       PXKeyedArchiveDecodeCorruptError},
+       Payload().varint(0).byte(archive::kString).varint(1u << 30).archive()},
+      {"double cut short", Payload().varint(0).byte(archive::kDouble).raw("1234").archive()},
+      {"array claiming a million elements", single(Payload().byte(archive::kArray).varint(1000000))},
       {"dictionary claiming a million entries",
-       single(Payload().byte(archive::kDictionary).varint(1000000).byte(archive::kNull)),
-       PXKeyedArchiveDecodeCorruptError},
-      {"absent inside an array", single(arrayOfAbsent), PXKeyedArchiveDecodeCorruptError},
-      {"an array holding itself", single(selfArray), PXKeyedArchiveDecodeCorruptError},
-      {"trailing bytes in an entry", single(trailing), PXKeyedArchiveDecodeCorruptError},
-      {"unknown class", single(unknownClass), PXKeyedArchiveDecodeClassError},
-      {"class without PXCoding", single(plainClass), PXKeyedArchiveDecodeClassError},
-      {"class name past the limit", single(nameTooLong), PXKeyedArchiveDecodeLimitError},
-      {"initWithCoder refuses", single(refuser), PXKeyedArchiveDecodeRejectedError},
-      {"initWithCoder raises", single(raiser), PXKeyedArchiveDecodeRejectedError},
-      {"32-bit field out of range", single(nodeWith("small", int32TooBig)), PXKeyedArchiveDecodeCorruptError},
-      {"text where a number belongs", single(nodeWith("big", textForNumber)),
-       PXKeyedArchiveDecodeCorruptError},
-      {"date where a number belongs", single(nodeWith("ratio", dateForNumber)),
-       PXKeyedArchiveDecodeCorruptError},
+       single(Payload().byte(archive::kDictionary).varint(1000000).byte(archive::kNull))},
+      {"absent inside an array", single(Payload().byte(archive::kArray).varint(1).byte(archive::kAbsent))},
+      {"an array holding itself",
+       single(Payload().byte(archive::kArray).varint(1).byte(archive::kRef).varint(0))},
+      {"trailing bytes in an entry", single(Payload().byte(archive::kData).text("ab").byte(0))},
+      {"unknown class", single(coded("NoSuchClassAnywhere")), PXKeyedArchiveDecodeClassError},
+      {"class without PXCoding", single(coded("PXArchiveTestPlain")), PXKeyedArchiveDecodeClassError},
+      {"class name past the limit", single(coded(longName)), PXKeyedArchiveDecodeLimitError},
+      {"initWithCoder refuses",
+       single(coded("PXArchiveTestRefuser", "raise", Payload().byte(archive::kFalse))),
+       PXKeyedArchiveDecodeRejectedError},
+      {"initWithCoder raises", single(coded("PXArchiveTestRefuser", "raise", Payload().byte(archive::kTrue))),
+       PXKeyedArchiveDecodeRejectedError},
+      {"32-bit field out of range", single(coded("PXArchiveTestNode", "small", int32TooBig))},
+      {"text where a number belongs",
+       single(coded("PXArchiveTestNode", "big", Payload().byte(archive::kString).text("12")))},
+      {"date where a number belongs",
+       single(coded("PXArchiveTestNode", "ratio", Payload().byte(archive::kDate).raw(std::string(8, 0))))},
       {"nesting past the limit", nestedArrayArchive(kPXKeyedArchiveMaxDepth + 1),
        PXKeyedArchiveDecodeLimitError},
   };
@@ -607,9 +583,8 @@ TEST(PXKeyedUnarchiver, RefusesForeignDataAndHostileContentsBehindAValidChecksum
   EXPECT_TRUE(decodeBytes(nestedArrayArchive(kPXKeyedArchiveMaxDepth)));
   EXPECT_TRUE(decodeBytes(nestedArrayArchive(kPXKeyedArchiveMaxDepth - 1)));
   // The wrong type for an object field is not an error: the typed read gives nothing.
-  Payload labelIsNumber;
-  labelIsNumber.byte(archive::kInt).varint(2);
-  PXValue v = decodeBytes(single(nodeWith("label", labelIsNumber)));
+  PXValue v =
+      decodeBytes(single(coded("PXArchiveTestNode", "label", Payload().byte(archive::kInt).varint(2))));
   auto n = PXDynamicCast<PXArchiveTestNode>(v.objectValue());
   ASSERT_TRUE(n);
   EXPECT_FALSE(n->label);
