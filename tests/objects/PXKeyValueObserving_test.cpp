@@ -88,7 +88,6 @@ class Recorder : public PXObject {
     PXObject* object = nullptr;
     std::string change;
     void* context = nullptr;
-    std::thread::id thread;
   };
   std::vector<Seen> seen;
   std::function<void(const Seen&)> onNotify;
@@ -100,7 +99,7 @@ class Recorder : public PXObject {
   }
   void observeValueForKeyPath(const PXString& keyPath, PXObject* object, const PXDictionary& change,
                               void* context) override {
-    Seen s{keyPath.str(), object, describe(change), context, std::this_thread::get_id()};
+    Seen s{keyPath.str(), object, describe(change), context};
     seen.push_back(s);
     if (onNotify) onNotify(s);
   }
