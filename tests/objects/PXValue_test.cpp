@@ -109,14 +109,15 @@ TEST(PXValue, EqualityOrderAndHashAgreeAcrossKinds) {
 
 // ---- Text -------------------------------------------------------------------
 
-TEST(PXValue, DescriptionIsThePercentAtText) {
+TEST(PXValue, DescriptionIsThePercentAtTextAndClassNameTheOneMessagesShow) {
   struct Row {
     PXValue value;
     const char* text;
+    const char* className = "NSNumber";
   };
   const Row rows[] = {
-      {PXValue(), "(null)"},
-      {PXValue::null(), "<null>"},
+      {PXValue(), "(null)", "nil"},
+      {PXValue::null(), "<null>", "NSNull"},
       {true, "1"},
       {false, "0"},
       {0, "0"},
@@ -140,32 +141,23 @@ TEST(PXValue, DescriptionIsThePercentAtText) {
       {kNaN, "nan"},
       {kInf, "inf"},
       {-kInf, "-inf"},
-      {"as it is", "as it is"},
-      {PXDate(0), "2001-01-01 00:00:00 +0000"},
-      {PXDate(0.999), "2001-01-01 00:00:00 +0000"},
-      {PXDate(-0.5), "2000-12-31 23:59:59 +0000"},
-      {PXDate::dateWithTimeIntervalSince1970(0), "1970-01-01 00:00:00 +0000"},
-      {PXDate::dateWithTimeIntervalSince1970(951827696), "2000-02-29 12:34:56 +0000"},
-      {PXDate::dateWithTimeIntervalSince1970(4102444799), "2099-12-31 23:59:59 +0000"},
-      {PXDate::dateWithTimeIntervalSince1970(-86400), "1969-12-31 00:00:00 +0000"},
+      {"as it is", "as it is", "NSString"},
+      {PXDate(0), "2001-01-01 00:00:00 +0000", "NSDate"},
+      {PXDate(0.999), "2001-01-01 00:00:00 +0000", "NSDate"},
+      {PXDate(-0.5), "2000-12-31 23:59:59 +0000", "NSDate"},
+      {PXDate::dateWithTimeIntervalSince1970(0), "1970-01-01 00:00:00 +0000", "NSDate"},
+      {PXDate::dateWithTimeIntervalSince1970(951827696), "2000-02-29 12:34:56 +0000", "NSDate"},
+      {PXDate::dateWithTimeIntervalSince1970(4102444799), "2099-12-31 23:59:59 +0000", "NSDate"},
+      {PXDate::dateWithTimeIntervalSince1970(-86400), "1969-12-31 00:00:00 +0000", "NSDate"},
+      {PXData::dataWithString("d"), "{length = 1, bytes = 0x64}", "NSData"},
+      {PXArray::array(), "(\n)", "PXArray"},
+      {PXMutableDictionary::dictionary(), "{\n}", "PXMutableDictionary"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.text);
     EXPECT_EQ(row.value.description().view(), row.text);
+    EXPECT_EQ(row.value.className(), row.className);
   }
-}
-
-TEST(PXValue, ClassNameForMessages) {
-  EXPECT_EQ(PXValue().className(), "nil");
-  EXPECT_EQ(PXValue::null().className(), "NSNull");
-  EXPECT_EQ(PXValue(true).className(), "NSNumber");
-  EXPECT_EQ(PXValue(2.5).className(), "NSNumber");
-  EXPECT_EQ(U(1).className(), "NSNumber");
-  EXPECT_EQ(PXValue("s").className(), "NSString");
-  EXPECT_EQ(PXValue(PXDate(1)).className(), "NSDate");
-  EXPECT_EQ(PXValue(PXData::dataWithString("d")).className(), "NSData");
-  EXPECT_EQ(PXValue(PXArray::array()).className(), "PXArray");
-  EXPECT_EQ(PXValue(PXMutableDictionary::dictionary()).className(), "PXMutableDictionary");
 }
 
 // ---- Conversions ------------------------------------------------------------
