@@ -49,7 +49,7 @@ std::string makeMo(const std::vector<std::pair<std::string, std::string>>& entri
   return out;
 }
 
-TEST(Localization, MessageCatalogReadsBothByteOrders) {
+TEST(Localization, MessageCatalogReadsBothByteOrdersAndRefusesMalformedBytes) {
   const std::vector<std::pair<std::string, std::string>> entries = {
       {"", "Content-Type: text/plain; charset=UTF-8\n"},  // header: left out
       {"day", "Tag"},
@@ -74,11 +74,9 @@ TEST(Localization, MessageCatalogReadsBothByteOrders) {
     EXPECT_FALSE(catalog->find("open"));
     EXPECT_FALSE(catalog->find("hour"));
   }
-}
 
-TEST(Localization, MessageCatalogRefusesMalformedBytes) {
+  // Malformed bytes: no catalog.
   const std::string good = makeMo({{"day", "Tag"}, {"days", "Tage"}});
-  ASSERT_TRUE(MessageCatalog::parse(good));
 
   auto patched = [&](size_t at, uint32_t value) {
     std::string bytes = good;

@@ -13,45 +13,36 @@ namespace {
 
 using Trampoline = PXAssociatedTargetBlockTrampoline;
 
-TEST(PXAssociatedTargetBlockTrampoline, InvokeCallsTheInvocationCallbackWithTheSender) {
+TEST(PXAssociatedTargetBlockTrampoline, CallsBothCallbacksThenReleasesThem) {
   std::vector<PXObject*> senders;
-  auto trampoline = Trampoline::trampolineWithInvocationBlock(
-      [&](PXObject* sender) { senders.push_back(sender); }, nullptr);
-  auto sender = PXMake<PXObject>();
-  trampoline->invoke(sender.get());
-  trampoline->invoke(static_cast<PXObject*>(nullptr));
-  EXPECT_EQ(senders, (std::vector<PXObject*>{sender.get(), nullptr}));
-
-  trampoline->setInvocationBlock({});
-  trampoline->invoke(sender.get());  // nothing to call
-  EXPECT_EQ(senders.size(), 2u);
-
-  // Without any callback at all.
-  PXMake<Trampoline>()->invoke(sender.get());
-}
-
-TEST(PXAssociatedTargetBlockTrampoline, DeallocCallbackRunsOnceWithItselfThenBothAreReleased) {
   std::vector<const void*> ran;
   auto captured = std::make_shared<int>(0);
   const void* address = nullptr;
+  auto sender = PXMake<PXObject>();
   {
     auto trampoline = Trampoline::trampolineWithInvocationBlock(
-        [captured](PXObject*) {}, [&ran, captured](Trampoline* self) { ran.push_back(self); });
+        [&senders, captured](PXObject* s) { senders.push_back(s); },
+        [&ran, captured](Trampoline* self) { ran.push_back(self); });
     address = trampoline.get();
     EXPECT_EQ(captured.use_count(), 3);
+    trampoline->invoke(sender.get());
+    trampoline->invoke(static_cast<PXObject*>(nullptr));
+    trampoline->setInvocationBlock({});
+    trampoline->invoke(sender.get());  // nothing to call
     EXPECT_TRUE(ran.empty());
   }
-  EXPECT_EQ(ran, (std::vector<const void*>{address}));
+  EXPECT_EQ(senders, (std::vector<PXObject*>{sender.get(), nullptr}));
+  EXPECT_EQ(ran, (std::vector<const void*>{address})) << "the dealloc callback runs once, with itself";
   EXPECT_EQ(captured.use_count(), 1) << "both callbacks are released with the trampoline";
 
-  // A cleared dealloc callback does not run.
+  PXMake<Trampoline>()->invoke(sender.get());  // without any callback at all
   bool cleared = false;
   {
     auto trampoline = Trampoline::trampolineWithDeallocBlock([&](Trampoline*) { cleared = true; });
     ASSERT_TRUE(trampoline->deallocBlock());
     trampoline->setDeallocBlock({});
   }
-  EXPECT_FALSE(cleared);
+  EXPECT_FALSE(cleared) << "a cleared dealloc callback does not run";
 }
 
 PXRef<PXDictionary> deallocDictionary(const PXObject& object) {
@@ -63,6 +54,14 @@ TEST(PXAssociatedTargetBlockTrampoline, DestructionCallbacksRunAtDestructionUnle
   std::vector<std::string> ran;
   auto object = PXMake<PXObject>();
   const void* address = object.get();
+  // The object's dictionary comes with the first callback and goes with the last.
+  EXPECT_TRUE(Trampoline::addDeallocBlock(*object, nullptr).isAbsent()) << "no callback, no token";
+  EXPECT_FALSE(deallocDictionary(*object));
+  PXString only = Trampoline::addDeallocBlock(*object, [&](PXObject*) { ran.push_back("only"); });
+  EXPECT_TRUE(deallocDictionary(*object));
+  Trampoline::removeDeallocBlockWithToken(*object, only);
+  EXPECT_FALSE(deallocDictionary(*object));
+
   PXString first = Trampoline::addDeallocBlock(*object, [&](PXObject* gone) {
     ran.push_back(PXFormat("first %p", static_cast<const void*>(gone)).str());
   });
@@ -89,20 +88,6 @@ TEST(PXAssociatedTargetBlockTrampoline, DestructionCallbacksRunAtDestructionUnle
   ASSERT_EQ(ran.size(), 2u);
   EXPECT_EQ(ran[0], PXFormat("first %p", address).str());
   EXPECT_EQ(ran[1], "third");
-}
-
-TEST(PXAssociatedTargetBlockTrampoline, DictionaryComesAndGoesWithItsCallbacks) {
-  auto object = PXMake<PXObject>();
-  EXPECT_TRUE(Trampoline::addDeallocBlock(*object, nullptr).isAbsent()) << "no callback, no token";
-  EXPECT_FALSE(deallocDictionary(*object));
-
-  bool ran = false;
-  PXString token = Trampoline::addDeallocBlock(*object, [&](PXObject*) { ran = true; });
-  EXPECT_TRUE(deallocDictionary(*object));
-  Trampoline::removeDeallocBlockWithToken(*object, token);
-  EXPECT_FALSE(deallocDictionary(*object)) << "the empty dictionary is dropped";
-  object = nullptr;
-  EXPECT_FALSE(ran);
 }
 
 }  // namespace

@@ -2,7 +2,7 @@
 #include <pxkit/objects/PXError.h>
 #include <pxkit/objects/PXException.h>
 
-TEST(PXError, LocalizedDescriptionFromUserInfoOrDomainAndCode) {
+TEST(PXError, DescriptionsFromUserInfoOrDomainAndCode) {
   auto described = PXError::errorWithDomain("PXJSONErrorDomain", -1, PXString("Invalid number."));
   EXPECT_EQ(described->localizedDescription(), "Invalid number.");
   EXPECT_EQ(described->domain(), "PXJSONErrorDomain");
@@ -18,9 +18,8 @@ TEST(PXError, LocalizedDescriptionFromUserInfoOrDomainAndCode) {
   auto odd = PXError::errorWithDomain("D", 3,
                                       PXDictionary::dictionaryWithEntries({{kPXLocalizedDescriptionKey, 5}}));
   EXPECT_EQ(odd->localizedDescription(), "The operation couldn\u2019t be completed. (D error 3.)");
-}
 
-TEST(PXError, DescriptionNamesDomainCodeTextAndUserInfo) {
+  // The description names domain, code, text and user info.
   auto error = PXError::errorWithDomain("PXJSONErrorDomain", -1, PXString("Unexpected ']'."));
   EXPECT_EQ(error->description(),
             "Error Domain=PXJSONErrorDomain Code=-1 \"Unexpected ']'.\" UserInfo={\n"

@@ -315,37 +315,6 @@ TEST(PXKeyedArchiver, MutabilityIsKeptAtEveryLevel) {
   EXPECT_EQ(l->count(), 3u);
 }
 
-TEST(PXKeyedArchiver, AnObjectReachedTwiceIsWrittenOnceAndComesBackOnce) {
-  std::vector<PXValue> many;
-  for (int k = 0; k < 1000; ++k) many.emplace_back(k * 7919);
-  PXValue big = PXValue(PXArray::arrayWithValues(many));
-  PXValue data = PXValue(PXData::dataWithString("shared bytes"));
-  PXRef<PXArchiveTestNode> shared = node(7);
-  PXValue root = dict({{"a", big},
-                       {"b", big},
-                       {"d1", data},
-                       {"d2", data},
-                       {"n1", PXValue(shared)},
-                       {"list", array({PXValue(shared), big})}});
-
-  PXRef<PXData> once = PXKeyedArchiver::archivedDataWithRootObject(dict({{"a", big}}));
-  PXRef<PXData> twice = PXKeyedArchiver::archivedDataWithRootObject(root);
-  ASSERT_TRUE(once && twice);
-  EXPECT_LT(twice->length(), once->length() + 200) << "the shared array was written more than once";
-  EXPECT_EQ(shared->encodeCount, 1);
-
-  PXValue back = PXKeyedUnarchiver::unarchiveObjectWithData(twice);
-  ASSERT_TRUE(back.isDictionary());
-  PXRef<PXDictionary> d = back.dictionaryValue();
-  EXPECT_EQ(d->objectForKey("a").objectPointer(), d->objectForKey("b").objectPointer());
-  EXPECT_EQ(d->objectForKey("d1").objectPointer(), d->objectForKey("d2").objectPointer());
-  PXObject* n1 = d->objectForKey("n1").objectPointer();
-  EXPECT_EQ(n1, d->objectForKey("list").arrayValue()->objectAtIndex(0).objectPointer());
-  EXPECT_EQ(d->objectForKey("a").objectPointer(),
-            d->objectForKey("list").arrayValue()->objectAtIndex(1).objectPointer());
-  EXPECT_TRUE(d->objectForKey("a").isEqual(big));
-}
-
 TEST(PXKeyedArchiver, TemporariesOfEncodeWithCoderAreNeverTakenForEachOther) {
   PXValue back = roundTrip(PXValue(PXMake<PXArchiveTestSnapshot>()));
   auto restored = PXDynamicCast<PXArchiveTestSnapshot>(back.objectValue());
@@ -368,11 +337,20 @@ TEST(PXKeyedArchiver, ReferencesBackFromDeepInsideFindTheirObjectAtAnyTableSize)
     inner->peer = PXValue(a);
     std::vector<PXValue> items;
     for (int k = 0; k < filler; ++k) items.push_back(PXValue(PXData::dataWithString(std::to_string(k))));
-    items.push_back(dict({{"back", PXValue(a)}, {"inner", PXValue(inner)}}));
+    const PXValue bytes(PXData::dataWithString("shared bytes"));
+    items.push_back(dict({{"back", PXValue(a)}, {"inner", PXValue(inner)}, {"d1", bytes}, {"d2", bytes}}));
     a->payload = PXValue(PXArray::arrayWithValues(items));
     a->peer = PXValue(a);
 
+    // Reached three times, written once: the archive holds one copy.
+    PXRef<PXData> once = PXKeyedArchiver::archivedDataWithRootObject(PXValue(a));
+    PXRef<PXData> thrice =
+        PXKeyedArchiver::archivedDataWithRootObject(array({PXValue(a), PXValue(a), PXValue(inner)}));
+    ASSERT_TRUE(once && thrice);
+    EXPECT_LT(thrice->length(), once->length() + 32) << "an object reached twice was written twice";
+    a->encodeCount = 0;
     PXValue back = roundTrip(array({PXValue(a), PXValue(inner)}));
+    EXPECT_EQ(a->encodeCount, 1);
     ASSERT_TRUE(back.isArray());
     auto ra = PXDynamicCast<PXArchiveTestNode>(back.arrayValue()->objectAtIndex(0).objectValue());
     auto rinner = PXDynamicCast<PXArchiveTestNode>(back.arrayValue()->objectAtIndex(1).objectValue());
@@ -390,6 +368,7 @@ TEST(PXKeyedArchiver, ReferencesBackFromDeepInsideFindTheirObjectAtAnyTableSize)
     ASSERT_TRUE(last);
     EXPECT_EQ(last->objectForKey("back").objectPointer(), ra.get());
     EXPECT_EQ(last->objectForKey("inner").objectPointer(), rinner.get());
+    EXPECT_EQ(last->objectForKey("d1").objectPointer(), last->objectForKey("d2").objectPointer());
     breakCycles();
   }
 }
@@ -531,105 +510,62 @@ TEST(PXKeyedUnarchiver, EveryTruncationFlipAndEditGivesAValueOrAnError) {
   EXPECT_GT(values, 0) << "no edit kept a decodable archive: the test exercises too little";
 }
 
-TEST(PXKeyedUnarchiver, RefusesForeignData) {
+TEST(PXKeyedUnarchiver, RefusesForeignDataAndHostileContentsBehindAValidChecksum) {
   std::string plist = "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict/></plist>";
+  // A coded object of class `cls` with at most one field.
+  auto coded = [](std::string_view cls, std::string_view key = {}, const Payload& value = {}) {
+    Payload e;
+    e.byte(archive::kCodedObject).text(cls).varint(key.empty() ? 0 : 1);
+    if (!key.empty()) e.text(key).raw(value.bytes);
+    return e;
+  };
+  const std::string longName(kPXKeyedArchiveMaxClassNameLength + 1, 'A');
+  const Payload int32TooBig =
+      Payload().byte(archive::kInt).varint(uint64_t{1} << 33);  // zigzag 2^32: too big
   struct Row {
     const char* name;
     std::vector<uint8_t> bytes;
-    PXKeyedArchiveErrorCode code;
+    PXKeyedArchiveErrorCode code = PXKeyedArchiveDecodeCorruptError;
   } rows[] = {
-      {"nothing", {}, PXKeyedArchiveDecodeCorruptError},
-      {"magic only", {'P', 'X', 'K', 'A'}, PXKeyedArchiveDecodeCorruptError},
-      {"a property list", std::vector<uint8_t>(plist.begin(), plist.end()), PXKeyedArchiveDecodeCorruptError},
-      {"zeros", std::vector<uint8_t>(64, 0), PXKeyedArchiveDecodeCorruptError},
+      {"nothing", {}},
+      {"magic only", {'P', 'X', 'K', 'A'}},
+      {"a property list", std::vector<uint8_t>(plist.begin(), plist.end())},
       {"a later format version", Payload().varint(0).byte(archive::kNull).archive(2),
        PXKeyedArchiveDecodeVersionError},
       {"version zero", Payload().varint(0).byte(archive::kNull).archive(0), PXKeyedArchiveDecodeVersionError},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    PXErrorRef error;
-    EXPECT_FALSE(decodeBytes(row.bytes, &error));
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->domain(), kPXKeyedArchiveErrorDomain);
-    EXPECT_EQ(error->code(), row.code);
-  }
-  EXPECT_FALSE(PXKeyedUnarchiver::unarchiveObjectWithData(PXRef<PXData>()));
-}
-
-TEST(PXKeyedUnarchiver, RefusesHostileContentsBehindAValidChecksum) {
-  std::string longName(kPXKeyedArchiveMaxClassNameLength + 1, 'A');
-  Payload arrayOfAbsent, selfArray, unknownClass, plainClass, refuser, raiser, trailing, nameTooLong;
-  arrayOfAbsent.byte(archive::kArray).varint(1).byte(archive::kAbsent);
-  selfArray.byte(archive::kArray).varint(1).byte(archive::kRef).varint(0);
-  unknownClass.byte(archive::kCodedObject).text("NoSuchClassAnywhere").varint(0);
-  plainClass.byte(archive::kCodedObject).text("PXArchiveTestPlain").varint(0);
-  refuser.byte(archive::kCodedObject)
-      .text("PXArchiveTestRefuser")
-      .varint(1)
-      .text("raise")
-      .byte(archive::kFalse);
-  raiser.byte(archive::kCodedObject)
-      .text("PXArchiveTestRefuser")
-      .varint(1)
-      .text("raise")
-      .byte(archive::kTrue);
-  trailing.byte(archive::kData).text("ab").byte(0);
-  nameTooLong.byte(archive::kCodedObject).text(longName).varint(0);
-  auto nodeWith = [](std::string_view key, const Payload& value) {
-    Payload e;
-    e.byte(archive::kCodedObject).text("PXArchiveTestNode").varint(1).text(key).raw(value.bytes);
-    return e;
-  };
-  Payload int32TooBig, textForNumber, dateForNumber;
-  int32TooBig.byte(archive::kInt).varint(uint64_t{1} << 33);  // zigzag: 2^32, too big for "small"
-  textForNumber.byte(archive::kString).text("12");
-  dateForNumber.byte(archive::kDate).raw(std::string(8, '\0'));
-
-  struct Row {
-    const char* name;
-    std::vector<uint8_t> bytes;
-    PXKeyedArchiveErrorCode code;
-  } rows[] = {
-      {"empty payload", Payload().archive(), PXKeyedArchiveDecodeCorruptError},
-      {"no root", Payload().varint(0).archive(), PXKeyedArchiveDecodeCorruptError},
-      {"an absent root is fine but trailing bytes are not", Payload().varint(0).byte(0).byte(0).archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"huge object count", Payload().varint(uint64_t{1} << 40).byte(archive::kNull).archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"overlong varint", Payload().raw(std::string(10, '\x80')).raw("\x01").byte(archive::kNull).archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"entry longer than the payload", Payload().varint(1).varint(1000).byte(archive::kData).archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"empty entry", Payload().varint(1).varint(0).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"reference past the table", Payload().varint(0).byte(archive::kRef).varint(0).archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"unknown value tag", Payload().varint(0).byte(0x7f).archive(), PXKeyedArchiveDecodeCorruptError},
-      {"unknown object tag", single(Payload().byte(0x7f)), PXKeyedArchiveDecodeCorruptError},
+      {"empty payload", Payload().archive()},
+      {"no root", Payload().varint(0).archive()},
+      {"an absent root is fine but trailing bytes are not", Payload().varint(0).byte(0).byte(0).archive()},
+      {"huge object count", Payload().varint(uint64_t{1} << 40).byte(archive::kNull).archive()},
+      {"overlong varint", Payload().raw(std::string(10, '\x80')).raw("\x01").byte(archive::kNull).archive()},
+      {"entry longer than the payload", Payload().varint(1).varint(1000).byte(archive::kData).archive()},
+      {"empty entry", Payload().varint(1).varint(0).byte(archive::kRef).varint(0).archive()},
+      {"reference past the table", Payload().varint(0).byte(archive::kRef).varint(0).archive()},
+      {"unknown value tag", Payload().varint(0).byte(0x7f).archive()},
+      {"unknown object tag", single(Payload().byte(0x7f))},
       {"string longer than the payload",
-       Payload().varint(0).byte(archive::kString).varint(1u << 30).archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"double cut short", Payload().varint(0).byte(archive::kDouble).raw("1234").archive(),
-       PXKeyedArchiveDecodeCorruptError},
-      {"array claiming a million elements", single(Payload().byte(archive::kArray).varint(1000000)),
-       PXKeyedArchiveDecodeCorruptError},
+       Payload().varint(0).byte(archive::kString).varint(1u << 30).archive()},
+      {"double cut short", Payload().varint(0).byte(archive::kDouble).raw("1234").archive()},
+      {"array claiming a million elements", single(Payload().byte(archive::kArray).varint(1000000))},
       {"dictionary claiming a million entries",
-       single(Payload().byte(archive::kDictionary).varint(1000000).byte(archive::kNull)),
-       PXKeyedArchiveDecodeCorruptError},
-      {"absent inside an array", single(arrayOfAbsent), PXKeyedArchiveDecodeCorruptError},
-      {"an array holding itself", single(selfArray), PXKeyedArchiveDecodeCorruptError},
-      {"trailing bytes in an entry", single(trailing), PXKeyedArchiveDecodeCorruptError},
-      {"unknown class", single(unknownClass), PXKeyedArchiveDecodeClassError},
-      {"class without PXCoding", single(plainClass), PXKeyedArchiveDecodeClassError},
-      {"class name past the limit", single(nameTooLong), PXKeyedArchiveDecodeLimitError},
-      {"initWithCoder refuses", single(refuser), PXKeyedArchiveDecodeRejectedError},
-      {"initWithCoder raises", single(raiser), PXKeyedArchiveDecodeRejectedError},
-      {"32-bit field out of range", single(nodeWith("small", int32TooBig)), PXKeyedArchiveDecodeCorruptError},
-      {"text where a number belongs", single(nodeWith("big", textForNumber)),
-       PXKeyedArchiveDecodeCorruptError},
-      {"date where a number belongs", single(nodeWith("ratio", dateForNumber)),
-       PXKeyedArchiveDecodeCorruptError},
+       single(Payload().byte(archive::kDictionary).varint(1000000).byte(archive::kNull))},
+      {"absent inside an array", single(Payload().byte(archive::kArray).varint(1).byte(archive::kAbsent))},
+      {"an array holding itself",
+       single(Payload().byte(archive::kArray).varint(1).byte(archive::kRef).varint(0))},
+      {"trailing bytes in an entry", single(Payload().byte(archive::kData).text("ab").byte(0))},
+      {"unknown class", single(coded("NoSuchClassAnywhere")), PXKeyedArchiveDecodeClassError},
+      {"class without PXCoding", single(coded("PXArchiveTestPlain")), PXKeyedArchiveDecodeClassError},
+      {"class name past the limit", single(coded(longName)), PXKeyedArchiveDecodeLimitError},
+      {"initWithCoder refuses",
+       single(coded("PXArchiveTestRefuser", "raise", Payload().byte(archive::kFalse))),
+       PXKeyedArchiveDecodeRejectedError},
+      {"initWithCoder raises", single(coded("PXArchiveTestRefuser", "raise", Payload().byte(archive::kTrue))),
+       PXKeyedArchiveDecodeRejectedError},
+      {"32-bit field out of range", single(coded("PXArchiveTestNode", "small", int32TooBig))},
+      {"text where a number belongs",
+       single(coded("PXArchiveTestNode", "big", Payload().byte(archive::kString).text("12")))},
+      {"date where a number belongs",
+       single(coded("PXArchiveTestNode", "ratio", Payload().byte(archive::kDate).raw(std::string(8, 0))))},
       {"nesting past the limit", nestedArrayArchive(kPXKeyedArchiveMaxDepth + 1),
        PXKeyedArchiveDecodeLimitError},
   };
@@ -639,15 +575,16 @@ TEST(PXKeyedUnarchiver, RefusesHostileContentsBehindAValidChecksum) {
     PXValue v = decodeBytes(row.bytes, &error);
     EXPECT_FALSE(v) << v.description().str();
     ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain(), kPXKeyedArchiveErrorDomain);
     EXPECT_EQ(error->code(), row.code) << error->description().str();
   }
+  EXPECT_FALSE(PXKeyedUnarchiver::unarchiveObjectWithData(PXRef<PXData>()));
   // Right at the limits: accepted.
   EXPECT_TRUE(decodeBytes(nestedArrayArchive(kPXKeyedArchiveMaxDepth)));
   EXPECT_TRUE(decodeBytes(nestedArrayArchive(kPXKeyedArchiveMaxDepth - 1)));
   // The wrong type for an object field is not an error: the typed read gives nothing.
-  Payload labelIsNumber;
-  labelIsNumber.byte(archive::kInt).varint(2);
-  PXValue v = decodeBytes(single(nodeWith("label", labelIsNumber)));
+  PXValue v =
+      decodeBytes(single(coded("PXArchiveTestNode", "label", Payload().byte(archive::kInt).varint(2))));
   auto n = PXDynamicCast<PXArchiveTestNode>(v.objectValue());
   ASSERT_TRUE(n);
   EXPECT_FALSE(n->label);

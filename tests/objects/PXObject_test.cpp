@@ -16,27 +16,11 @@ class Tracked : public PXObject {
   Tracked() { ++live; }
   ~Tracked() override { --live; }
   int32_t count = 0;
-  PXString label;
-  PXRef<PXObject> child;
-};
-
-class TrackedChild : public Tracked {
-  PX_DECLARE_CLASS(TrackedChild)
- public:
-  double weight = 0;
 };
 
 }  // namespace
 
-PX_DEFINE_CLASS(Tracked, PXObject, [](PXClassBuilder<Tracked>& c) {
-  c.property("count", &Tracked::count);
-  c.property("label", &Tracked::label);
-  c.property("child", &Tracked::child);
-  c.factory();
-})
-PX_DEFINE_CLASS(TrackedChild, Tracked, [](PXClassBuilder<TrackedChild>& c) {
-  c.property("weight", &TrackedChild::weight, PXPropertyOwnership::Assign, "d", /*readOnly=*/true);
-})
+PX_DEFINE_CLASS(Tracked, PXObject, nullptr)
 
 TEST(PXObject, WeakLockRacingWithLastReleaseNeverResurrects) {
   // Many rounds of: one thread drops the last strong reference while another

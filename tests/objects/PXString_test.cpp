@@ -3,16 +3,7 @@
 
 #include <string>
 #include <thread>
-#include <unordered_set>
 #include <vector>
-
-TEST(PXString, OrderAndHashFollowTheBytes) {
-  EXPECT_LT(PXString("abc"), PXString("abd"));
-  EXPECT_LT(PXString("ab"), PXString("abc"));
-  EXPECT_EQ(std::hash<PXString>()(PXString("key")), std::hash<std::string_view>()("key"));
-  std::unordered_set<PXString> set{"a", "b", PXString("a")};
-  EXPECT_EQ(set.size(), 2u);
-}
 
 TEST(PXString, SharedAcrossThreads) {
   // Counting is atomic: many threads copying and dropping one string leave it intact.

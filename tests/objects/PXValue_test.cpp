@@ -28,113 +28,96 @@ PXValue U(uint64_t v) {
 
 }  // namespace
 
-// ---- Equality and hashing ---------------------------------------------------
+// ---- Equality, order and hashing -------------------------------------------
 
-TEST(PXValue, EqualityAcrossKindsAndHashAgreement) {
+// Equal values compare the same and hash alike; numbers compare exactly across
+// kinds, other kinds order absent < null < numbers < dates < strings < data <
+// objects, and objects that are not equal have no order of their own.
+TEST(PXValue, EqualityOrderAndHashAgreeAcrossKinds) {
+  constexpr PXComparisonResult Asc = PXOrderedAscending, Same = PXOrderedSame, Desc = PXOrderedDescending;
+  constexpr auto Unordered = static_cast<PXComparisonResult>(2);
   struct Row {
     const char* what;
     PXValue a, b;
-    bool equal;
+    PXComparisonResult order;
   };
   const Row rows[] = {
-      {"true is 1", true, 1, true},
-      {"false is 0", false, 0, true},
-      {"true is not 2", true, 2, false},
-      {"true is 1.0", true, 1.0, true},
-      {"signed and unsigned", 1, 1u, true},
-      {"-1 is not the all-ones unsigned", -1, U(kUInt64Max), false},
-      {"2^63 unsigned and 2^63 double", U(9223372036854775808ull), 9223372036854775808.0, true},
-      {"int64 max is not 2^63 double", I(kInt64Max), 9223372036854775808.0, false},
-      {"int64 min and -2^63 double", I(kInt64Min), -9223372036854775808.0, true},
-      {"uint64 max is not 2^64 double", U(kUInt64Max), 18446744073709551616.0, false},
-      {"2^53+1 is not 2^53 double", I(9007199254740993), 9007199254740992.0, false},
-      {"2^53 int and double", I(9007199254740992), 9007199254740992.0, true},
-      {"0.5 is not 0", 0.5, 0, false},
-      {"-0.5 is not 0", -0.5, 0, false},
-      {"-0.0 is 0", -0.0, 0, true},
-      {"-0.0 is +0.0", -0.0, 0.0, true},
-      {"NaN equals NaN", kNaN, kNaN, true},
-      {"NaN is not 0", kNaN, 0, false},
-      {"inf is not uint64 max", kInf, U(kUInt64Max), false},
-      {"a number is not its text", 1, "1", false},
-      {"strings by bytes", "abc", std::string("abc"), true},
-      {"case matters", "abc", "ABC", false},
-      {"inline and heap strings differ", "12345678901234", "123456789012345", false},
+      {"true is 1", true, 1, Same},
+      {"true is 1.0", true, 1.0, Same},
+      {"true is not 2", true, 2, Asc},
+      {"false < true", false, true, Asc},
+      {"1 < 2", 1, 2, Asc},
+      {"signed and unsigned", 1, 1u, Same},
+      {"-1 is below the all-ones unsigned", -1, U(kUInt64Max), Asc},
+      {"signed < unsigned above int64", I(kInt64Max), U(9223372036854775808ull), Asc},
+      {"2^63 unsigned and 2^63 double", U(9223372036854775808ull), 9223372036854775808.0, Same},
+      {"int64 max is below 2^63 double", I(kInt64Max), 9223372036854775808.0, Asc},
+      {"int64 min and -2^63 double", I(kInt64Min), -9223372036854775808.0, Same},
+      {"uint64 max is below 2^64 double", U(kUInt64Max), 18446744073709551616.0, Asc},
+      {"2^53+1 is above 2^53 double", I(9007199254740993), 9007199254740992.0, Desc},
+      {"2^53 int and double", I(9007199254740992), 9007199254740992.0, Same},
+      {"0.5 > 0", 0.5, 0, Desc},
+      {"-0.5 < unsigned 0", -0.5, U(0), Asc},
+      {"1.5 < 2u", 1.5, 2u, Asc},
+      {"-1e300 < int64 min", -1e300, I(kInt64Min), Asc},
+      {"-inf < int64 min", -kInf, I(kInt64Min), Asc},
+      {"inf > uint64 max", kInf, U(kUInt64Max), Desc},
+      {"-0.0 is 0", -0.0, 0, Same},
+      {"-0.0 is +0.0", -0.0, 0.0, Same},
+      {"NaN equals NaN", kNaN, kNaN, Same},
+      {"NaN below 0", kNaN, 0, Asc},
+      {"NaN below every number", kNaN, -kInf, Asc},
+      {"a number before its text", 1, "1", Asc},
+      {"strings by bytes", "abc", std::string("abc"), Same},
+      {"case matters", "abc", "ABC", Desc},
+      {"bytes are unsigned", "z", "\xc3\xa9", Asc},
+      {"inline and heap strings, prefix first", "12345678901234", "123456789012345", Asc},
       {"heap strings by bytes", "a string of more than fourteen", PXString("a string of more than fourteen"),
-       true},
-      {"empty string", "", std::string_view(), true},
-      {"null and null", PXValue::null(), PXValue::null(), true},
-      {"absent and absent", PXValue(), PXValue(), true},
-      {"absent is not null", PXValue(), PXValue::null(), false},
-      {"null is not 0", PXValue::null(), 0, false},
-      {"dates by moment", PXDate(10.5), PXDate(10.5), true},
-      {"different moments", PXDate(10.5), PXDate(10.25), false},
-      {"a date is not its number", PXDate(0), 0, false},
-      {"data by contents", PXData::dataWithString("xyz"), PXData::dataWithString("xyz"), true},
-      {"data is not a string", PXData::dataWithString("xyz"), "xyz", false},
+       Same},
+      {"empty string", "", std::string_view(), Same},
+      {"null and null", PXValue::null(), PXValue::null(), Same},
+      {"absent and absent", PXValue(), PXValue(), Same},
+      {"absent before null", PXValue(), PXValue::null(), Asc},
+      {"null before numbers", PXValue::null(), -1e300, Asc},
+      {"dates by moment", PXDate(10.5), PXDate(10.5), Same},
+      {"earlier date first", PXDate(10.25), PXDate(10.5), Asc},
+      {"a date after numbers", PXDate(0), 0, Desc},
+      {"data by contents", PXData::dataWithString("xyz"), PXData::dataWithString("xyz"), Same},
+      {"data by bytes", PXData::dataWithString("ab"), PXData::dataWithString("b"), Asc},
+      {"data after strings", PXData::dataWithString("xyz"), "xyz", Desc},
       {"arrays by contents", PXArray::arrayWithObjects({1, "a"}), PXArray::arrayWithObjects({true, "a"}),
-       true},
-      {"arrays of another length", PXArray::arrayWithObjects({1}), PXArray::arrayWithObjects({1, 1}), false},
+       Same},
+      {"arrays of another length", PXArray::arrayWithObjects({1}), PXArray::arrayWithObjects({1, 1}),
+       Unordered},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
-    EXPECT_EQ(row.a.isEqual(row.b), row.equal);
-    EXPECT_EQ(row.b.isEqual(row.a), row.equal);
-    if (row.equal) {
+    EXPECT_EQ(row.a.isEqual(row.b), row.order == Same);
+    EXPECT_EQ(row.b.isEqual(row.a), row.order == Same);
+    if (row.order == Same) {
       EXPECT_EQ(row.a.hash(), row.b.hash());
-      EXPECT_EQ(row.a.compare(row.b), PXOrderedSame);
     }
-  }
-}
-
-// ---- Order ------------------------------------------------------------------
-
-TEST(PXValue, CompareOrdersNumbersExactlyAndOtherKindsByKind) {
-  struct Row {
-    const char* what;
-    PXValue a, b;
-    PXComparisonResult expected;
-  };
-  const Row rows[] = {
-      {"1 < 2", 1, 2, PXOrderedAscending},
-      {"signed < unsigned above int64", I(kInt64Max), U(9223372036854775808ull), PXOrderedAscending},
-      {"negative < any unsigned", -1, U(0), PXOrderedAscending},
-      {"0.5 > 0", 0.5, 0, PXOrderedDescending},
-      {"-0.5 < 0", -0.5, U(0), PXOrderedAscending},
-      {"1.5 < 2u", 1.5, 2u, PXOrderedAscending},
-      {"2^64 > uint64 max", 18446744073709551616.0, U(kUInt64Max), PXOrderedDescending},
-      {"-1e300 < int64 min", -1e300, I(kInt64Min), PXOrderedAscending},
-      {"2^53+1 > 2^53 double", I(9007199254740993), 9007199254740992.0, PXOrderedDescending},
-      {"uint max - 1 < 2^64 double", U(kUInt64Max - 1), 18446744073709551616.0, PXOrderedAscending},
-      {"-inf < int64 min", -kInf, I(kInt64Min), PXOrderedAscending},
-      {"NaN below every number", kNaN, -kInf, PXOrderedAscending},
-      {"false < true", false, true, PXOrderedAscending},
-      {"strings by bytes", "abc", "abd", PXOrderedAscending},
-      {"prefix first", "ab", "abc", PXOrderedAscending},
-      {"bytes are unsigned", "z", "\xc3\xa9", PXOrderedAscending},
-      {"earlier date first", PXDate(-1), PXDate(0), PXOrderedAscending},
-      {"absent before null", PXValue(), PXValue::null(), PXOrderedAscending},
-      {"null before numbers", PXValue::null(), -1e300, PXOrderedAscending},
-      {"numbers before strings", 1e300, "", PXOrderedAscending},
-      {"data by bytes", PXData::dataWithString("ab"), PXData::dataWithString("b"), PXOrderedAscending},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.what);
-    EXPECT_EQ(row.a.compare(row.b), row.expected);
-    EXPECT_EQ(row.b.compare(row.a), static_cast<PXComparisonResult>(-row.expected));
+    if (row.order == Unordered) {
+      EXPECT_NE(row.a.compare(row.b), Same);
+      EXPECT_EQ(row.a.compare(row.b), static_cast<PXComparisonResult>(-row.b.compare(row.a)));
+    } else {
+      EXPECT_EQ(row.a.compare(row.b), row.order);
+      EXPECT_EQ(row.b.compare(row.a), static_cast<PXComparisonResult>(-row.order));
+    }
   }
 }
 
 // ---- Text -------------------------------------------------------------------
 
-TEST(PXValue, DescriptionIsThePercentAtText) {
+TEST(PXValue, DescriptionIsThePercentAtTextAndClassNameTheOneMessagesShow) {
   struct Row {
     PXValue value;
     const char* text;
+    const char* className = "NSNumber";
   };
   const Row rows[] = {
-      {PXValue(), "(null)"},
-      {PXValue::null(), "<null>"},
+      {PXValue(), "(null)", "nil"},
+      {PXValue::null(), "<null>", "NSNull"},
       {true, "1"},
       {false, "0"},
       {0, "0"},
@@ -158,32 +141,23 @@ TEST(PXValue, DescriptionIsThePercentAtText) {
       {kNaN, "nan"},
       {kInf, "inf"},
       {-kInf, "-inf"},
-      {"as it is", "as it is"},
-      {PXDate(0), "2001-01-01 00:00:00 +0000"},
-      {PXDate(0.999), "2001-01-01 00:00:00 +0000"},
-      {PXDate(-0.5), "2000-12-31 23:59:59 +0000"},
-      {PXDate::dateWithTimeIntervalSince1970(0), "1970-01-01 00:00:00 +0000"},
-      {PXDate::dateWithTimeIntervalSince1970(951827696), "2000-02-29 12:34:56 +0000"},
-      {PXDate::dateWithTimeIntervalSince1970(4102444799), "2099-12-31 23:59:59 +0000"},
-      {PXDate::dateWithTimeIntervalSince1970(-86400), "1969-12-31 00:00:00 +0000"},
+      {"as it is", "as it is", "NSString"},
+      {PXDate(0), "2001-01-01 00:00:00 +0000", "NSDate"},
+      {PXDate(0.999), "2001-01-01 00:00:00 +0000", "NSDate"},
+      {PXDate(-0.5), "2000-12-31 23:59:59 +0000", "NSDate"},
+      {PXDate::dateWithTimeIntervalSince1970(0), "1970-01-01 00:00:00 +0000", "NSDate"},
+      {PXDate::dateWithTimeIntervalSince1970(951827696), "2000-02-29 12:34:56 +0000", "NSDate"},
+      {PXDate::dateWithTimeIntervalSince1970(4102444799), "2099-12-31 23:59:59 +0000", "NSDate"},
+      {PXDate::dateWithTimeIntervalSince1970(-86400), "1969-12-31 00:00:00 +0000", "NSDate"},
+      {PXData::dataWithString("d"), "{length = 1, bytes = 0x64}", "NSData"},
+      {PXArray::array(), "(\n)", "PXArray"},
+      {PXMutableDictionary::dictionary(), "{\n}", "PXMutableDictionary"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.text);
     EXPECT_EQ(row.value.description().view(), row.text);
+    EXPECT_EQ(row.value.className(), row.className);
   }
-}
-
-TEST(PXValue, ClassNameForMessages) {
-  EXPECT_EQ(PXValue().className(), "nil");
-  EXPECT_EQ(PXValue::null().className(), "NSNull");
-  EXPECT_EQ(PXValue(true).className(), "NSNumber");
-  EXPECT_EQ(PXValue(2.5).className(), "NSNumber");
-  EXPECT_EQ(U(1).className(), "NSNumber");
-  EXPECT_EQ(PXValue("s").className(), "NSString");
-  EXPECT_EQ(PXValue(PXDate(1)).className(), "NSDate");
-  EXPECT_EQ(PXValue(PXData::dataWithString("d")).className(), "NSData");
-  EXPECT_EQ(PXValue(PXArray::array()).className(), "PXArray");
-  EXPECT_EQ(PXValue(PXMutableDictionary::dictionary()).className(), "PXMutableDictionary");
 }
 
 // ---- Conversions ------------------------------------------------------------
