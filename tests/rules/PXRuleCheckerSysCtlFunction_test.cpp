@@ -1,9 +1,8 @@
 // The sysctl provider: the pure parsers on sample text, and the provider
 // against fixture system trees (tests/rules/fixtures/sysctl-*).
 #include <gtest/gtest.h>
-#include <pxkit/rules/PXRuleChecker.h>
+#include <pxkit/objects/PXDictionary.h>
 #include <pxkit/rules/PXRuleCheckerSysCtlFunction.h>
-#include <unistd.h>
 
 #include <optional>
 #include <string>
@@ -217,33 +216,6 @@ TEST(PXRuleCheckerSysCtlFunction, FallsBackToCpuinfoAndMeminfoOnArm64) {
                     {"integer.hw.ncpu", PXValue(), nullptr},  // no "present" list, and not the running system
                     {"integer.hw.memsize", PXValue(8046784LL * 1024), "8239906816"},
                 });
-}
-
-TEST(PXRuleCheckerSysCtlFunction, ReadsTheRunningSystem) {
-  // Cross-checked with the system's own answers, not with fixed figures.
-  EXPECT_EQ(PXRuleCheckerSysCtlFunction::sysCtlIntegerValueForName("hw.logicalcpu", false),
-            PXValue(static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN))));
-  char host[256] = {};
-  ASSERT_EQ(gethostname(host, sizeof host - 1), 0);
-  EXPECT_EQ(PXRuleCheckerSysCtlFunction::sysCtlStringValueForName("kern.hostname"), PXString(host));
-  const PXValue memsize = PXRuleCheckerSysCtlFunction::sysCtlIntegerValueForName("hw.memsize", false);
-  ASSERT_TRUE(memsize);
-  EXPECT_GE(memsize.longLongValue(), static_cast<long long>(sysconf(_SC_PHYS_PAGES)) * sysconf(_SC_PAGESIZE));
-  const PXValue physical = PXRuleCheckerSysCtlFunction::sysCtlIntegerValueForName("hw.physicalcpu", false);
-  ASSERT_TRUE(physical);
-  EXPECT_GE(physical.longLongValue(), 1);
-  EXPECT_LE(physical.longLongValue(), sysconf(_SC_NPROCESSORS_ONLN));
-}
-
-TEST(PXRuleCheckerSysCtlFunction, IsReachedByKeyPathAndByCall) {
-  PXRef<PXRuleChecker> checker = PXRuleChecker::ruleCheckerWithDefaultFunctions(false);
-  checker->addFunction(PXMake<PXRuleCheckerSysCtlFunction>(fixture("sysctl-smt")));
-  EXPECT_EQ(checker->valueForKeyPath("sysctl.integer.hw.physicalcpu"), PXValue(2));
-  EXPECT_EQ(checker->computeFunction("sysctl.string.machdep.cpu.brand_string"),
-            PXValue("Intel(R) Core(TM) i7-8650U CPU @ 1.90GHz"));
-  EXPECT_EQ(checker->preprocessCheckRule("${sysctl(integer.hw.ncpu)} CPUs"), PXString("8 CPUs"));
-  EXPECT_FALSE(checker->valueForKeyPath("sysctl.integer"));
-  EXPECT_TRUE(checker->runCheck("sysctl.integer.hw.logicalcpu > sysctl.integer.hw.physicalcpu", nullptr));
 }
 
 }  // namespace
