@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <pxkit/objects/PXDictionary.h>
 #include <pxkit/rules/PXRuleCheckerSysCtlFunction.h>
+#include <unistd.h>
 
 #include <optional>
 #include <string>
@@ -216,6 +217,22 @@ TEST(PXRuleCheckerSysCtlFunction, FallsBackToCpuinfoAndMeminfoOnArm64) {
                     {"integer.hw.ncpu", PXValue(), nullptr},  // no "present" list, and not the running system
                     {"integer.hw.memsize", PXValue(8046784LL * 1024), "8239906816"},
                 });
+}
+
+TEST(PXRuleCheckerSysCtlFunction, ReadsTheRunningSystem) {
+  // Cross-checked with the system's own answers, not with fixed figures.
+  EXPECT_EQ(PXRuleCheckerSysCtlFunction::sysCtlIntegerValueForName("hw.logicalcpu", false),
+            PXValue(static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN))));
+  char host[256] = {};
+  ASSERT_EQ(gethostname(host, sizeof host - 1), 0);
+  EXPECT_EQ(PXRuleCheckerSysCtlFunction::sysCtlStringValueForName("kern.hostname"), PXString(host));
+  const PXValue memsize = PXRuleCheckerSysCtlFunction::sysCtlIntegerValueForName("hw.memsize", false);
+  ASSERT_TRUE(memsize);
+  EXPECT_GE(memsize.longLongValue(), static_cast<long long>(sysconf(_SC_PHYS_PAGES)) * sysconf(_SC_PAGESIZE));
+  const PXValue physical = PXRuleCheckerSysCtlFunction::sysCtlIntegerValueForName("hw.physicalcpu", false);
+  ASSERT_TRUE(physical);
+  EXPECT_GE(physical.longLongValue(), 1);
+  EXPECT_LE(physical.longLongValue(), sysconf(_SC_NPROCESSORS_ONLN));
 }
 
 }  // namespace

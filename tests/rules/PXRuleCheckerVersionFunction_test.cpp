@@ -162,6 +162,14 @@ TEST(PXRuleCheckerVersionFunction, AnswersFromADeviceTreeAndFromAMachineThatSays
                       });
 }
 
+TEST(PXRuleCheckerVersionFunction, TheRunningSystemHasAKernelRelease) {
+  PXTempHome home;
+  PXRuleCheckerVersionFunction function;
+  ASSERT_TRUE(function.kernelRelease());
+  EXPECT_FALSE(function.kernelRelease().empty());
+  EXPECT_TRUE(function.resultFor("kernel", false).isEqual(PXValue(function.kernelRelease())));
+}
+
 TEST(PXRuleCheckerVersionFunction, AnswersInstalledApplicationsAndTheHost) {
   PXTempHome home;
   home.writeFile(home.systemDataDir() + "/applications/org.example.Editor.desktop",
