@@ -152,15 +152,10 @@ TEST(JSONNumbers, ConversionReportsTokensItCannotConsume) {
   EXPECT_EQ(number.i, INT64_MIN);
 }
 
+// The one- and two-word forms are pinned by the decoder's error table; no grammar
+// state accepts all three, but the form exists, without its closing quote.
 TEST(JSONNumbers, ExpectedMessagesNameTheAcceptedTokens) {
-  EXPECT_EQ(composeExpectedMessage(kAcceptValue, kWordValue, kWordArrayEnd, "}").str(),
-            "Expected a value, not '}'");
-  EXPECT_EQ(composeExpectedMessage(kAcceptComma | kAcceptEnd, kWordString, kWordObjectEnd, "[").str(),
-            "Expected a comma or a '}', not '['");
-  // No grammar state accepts all three, but the form exists, without its closing quote.
   EXPECT_EQ(
       composeExpectedMessage(kAcceptValue | kAcceptComma | kAcceptEnd, kWordValue, kWordArrayEnd, ":").str(),
       "Expected a value, a comma, or a ']', not ':");
-  EXPECT_EQ(composeExpectedMessage(kAcceptValue | kAcceptEnd, kWordString, kWordObjectEnd, "12.5").str(),
-            "Expected a \"STRING\" or a '}', not '12.5'");
 }
