@@ -7,7 +7,7 @@
 // mutable form of the parse equals the immutable one.
 //
 // The same entry point runs in the ordinary test suite (tests/json), fed with
-// generated and mutated documents, so the properties hold without clang too.
+// its seeds and edits of them, so the properties hold without clang too.
 #include <pxkit/json/JSONDecoder.h>
 #include <pxkit/json/JSONSerializer.h>
 #include <pxkit/objects/PXDictionary.h>

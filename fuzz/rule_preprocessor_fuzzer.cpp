@@ -16,7 +16,8 @@
 // Log lines are captured (the system log stays quiet).
 //
 // The same entry point runs in the ordinary test suite
-// (tests/rules/RulePreprocessorFuzz_test.cpp), fed with generated rules.
+// (tests/rules/RulePreprocessorFuzz_test.cpp), fed with its seeds, edits of
+// them and generated rules.
 #include <pxkit/platform/PXLog.h>
 #include <pxkit/rules/PXRuleChecker.h>
 

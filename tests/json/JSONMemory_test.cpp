@@ -116,40 +116,33 @@ TEST(JSONMemory, EveryAllocationFailureInTheDecoderIsReported) {
   }
 }
 
-namespace {
-
-// Fails each allocation of `write` in turn; returns the messages seen, and
-// checks that the write succeeds with `expected` once all have been failed.
-template <class Write, class Text>
-std::set<std::string> sweepWrites(Write write, Text text, const std::string& expected) {
-  std::set<std::string> seen;
-  for (long n = 0;; ++n) {
-    decltype(write(nullptr)) result;
-    PXErrorRef error;
-    const bool reached = failingAllocation(n, [&] { result = write(&error); });
-    if (!reached) {
-      EXPECT_EQ(text(result), expected);
-      return seen;
-    }
-    EXPECT_FALSE(result);
-    if (!error) {
-      ADD_FAILURE() << "no error for allocation " << n;
-      return seen;
-    }
-    seen.insert(error->localizedDescription().str());
-  }
-}
-
-}  // namespace
-
+// Each allocation of a write failed in turn: reported with the one message of
+// the result object that could not be made.
 TEST(JSONMemory, ResultObjectsThatCannotBeMadeAreReported) {
   const PXValue doc = objectFromJSONString(PXString(demandingDocument()));
   ASSERT_TRUE(doc);
   const std::string expected = JSONString(doc).str();
-  EXPECT_EQ(sweepWrites([&](PXErrorRef* e) { return JSONDataWithOptions(doc, 0, e); },
-                        [](const PXRef<PXData>& d) { return std::string(d->view()); }, expected),
-            std::set<std::string>{"Unable to create NSData object"});
-  EXPECT_EQ(sweepWrites([&](PXErrorRef* e) { return JSONStringWithOptions(doc, 0, e); },
-                        [](const PXString& s) { return s.str(); }, expected),
-            std::set<std::string>{"Unable to create NSString object"});
+  for (bool asData : {true, false}) {
+    std::set<std::string> seen;
+    for (long n = 0;; ++n) {
+      PXRef<PXData> data;
+      PXString string;
+      PXErrorRef error;
+      const bool reached = failingAllocation(n, [&] {
+        if (asData) {
+          data = JSONDataWithOptions(doc, 0, &error);
+        } else {
+          string = JSONStringWithOptions(doc, 0, &error);
+        }
+      });
+      if (!reached) {
+        EXPECT_EQ(asData ? std::string(data->view()) : string.str(), expected);
+        break;
+      }
+      ASSERT_TRUE(error && !data && string.isAbsent()) << "allocation " << n;
+      seen.insert(error->localizedDescription().str());
+    }
+    EXPECT_EQ(seen, std::set<std::string>{asData ? "Unable to create NSData object"
+                                                 : "Unable to create NSString object"});
+  }
 }

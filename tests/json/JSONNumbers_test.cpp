@@ -62,49 +62,41 @@ TEST(JSONNumbers, DoublesMatchPrintfOverRandomValues) {
   }
 }
 
-// Decimal text through the decoder, bit for bit against the C library's strtod.
+// Decimal text through the decoder, bit for bit against the C library's strtod:
+// the forms "%g" writes for random doubles, up to twenty random digits with
+// exponents around the fast ranges, and texts close to halfway between two
+// neighbouring doubles.
 TEST(JSONNumbers, DecimalsReadExactlyAsStrtodReadsThem) {
   std::mt19937_64 rng(99);
   auto decoder = JSONDecoder::decoder();
-  std::vector<std::string> texts;
   char buf[128];
-  for (int i = 0; i < 40000; ++i) {
-    // Shortest-ish and longest forms of random doubles.
-    double v = fromBits(rng());
-    if (!std::isfinite(v)) continue;
-    std::snprintf(buf, sizeof buf, "%.*g", static_cast<int>(1 + rng() % 19), v);
-    texts.push_back(buf);
-  }
-  for (int i = 0; i < 40000; ++i) {
-    // Up to twenty digits with exponents around the fast ranges, signs both ways.
-    const int digits = 1 + static_cast<int>(rng() % 20);
-    std::string text = (rng() & 1) ? "-" : "";
-    std::string significand;
-    for (int d = 0; d < digits; ++d)
-      significand += static_cast<char>('0' + (d == 0 ? 1 + rng() % 9 : rng() % 10));
-    const int point = static_cast<int>(rng() % (digits + 1));
-    text += significand.substr(0, point == 0 ? 1 : point);
-    if (point < digits) text += "." + significand.substr(point == 0 ? 1 : point);
-    if (text.back() == '.') text += "0";
-    text += "e" + std::to_string(static_cast<int>(rng() % 100) - 60);
-    texts.push_back(text);
-  }
-  for (int i = 0; i < 20000; ++i) {
-    // Close to halfway between two neighbouring doubles.
-    const double a = std::pow(10.0, static_cast<double>(rng() % 40) - 20.0) *
-                     (1.0 + static_cast<double>(rng() % 1000000) / 1e6);
-    const long double mid =
-        (static_cast<long double>(a) + static_cast<long double>(std::nextafter(a, 1e300))) / 2;
-    std::snprintf(buf, sizeof buf, "%.*Le", static_cast<int>(15 + rng() % 10), mid);
-    texts.push_back(buf);
-  }
-  for (const std::string& text : texts) {
+  for (int i = 0; i < 100000; ++i) {
+    std::string text;
+    if (i % 5 < 2) {
+      std::snprintf(buf, sizeof buf, "%.*g", static_cast<int>(1 + rng() % 19), fromBits(rng()));
+      text = buf;
+    } else if (i % 5 < 4) {
+      const int digits = 1 + static_cast<int>(rng() % 20);
+      text = (rng() & 1) ? "-" : "";
+      for (int d = 0; d < digits; ++d) {
+        if (d > 0 && static_cast<int>(rng() % digits) == 0 && text.find('.') == std::string::npos)
+          text += ".";
+        text += static_cast<char>('0' + (d == 0 ? 1 + rng() % 9 : rng() % 10));
+      }
+      text += "e" + std::to_string(static_cast<int>(rng() % 100) - 60);
+    } else {
+      const double a = std::pow(10.0, static_cast<double>(rng() % 40) - 20.0) *
+                       (1.0 + static_cast<double>(rng() % 1000000) / 1e6);
+      const long double mid =
+          (static_cast<long double>(a) + static_cast<long double>(std::nextafter(a, 1e300))) / 2;
+      std::snprintf(buf, sizeof buf, "%.*Le", static_cast<int>(15 + rng() % 10), mid);
+      text = buf;
+    }
+    const double expected = std::strtod(text.c_str(), nullptr);
+    if (std::isnan(expected) || std::isinf(expected)) continue;  // not JSON, or an overflow error
+    if (expected == 0.0 && text.find_first_of("123456789") < text.find_first_of("eE")) continue;  // underflow
     const std::string doc = "[" + text + "]";
     PXValue parsed = decoder->objectWithUTF8String(doc.data(), doc.size());
-    const double expected = std::strtod(text.c_str(), nullptr);
-    if (expected == 0.0 && text.find_first_of("123456789") != std::string::npos)
-      continue;                          // underflow: an error
-    if (std::isinf(expected)) continue;  // overflow: an error
     ASSERT_TRUE(parsed) << text;
     const PXValue& number = parsed.arrayValue()->objectAtIndex(0);
     if (number.kind() != PXValue::Kind::Double) {
@@ -144,14 +136,10 @@ TEST(JSONNumbers, ConversionReportsTokensItCannotConsume) {
   // The scanner only hands over grammatical tokens, so this is the converter's own guard.
   NumberValue number;
   std::string message;
-  EXPECT_FALSE(convertNumberToken("12x", false, number, message));
-  EXPECT_EQ(message, "The conversion function did not consume all of the number tokens characters.");
-  message.clear();
-  EXPECT_FALSE(convertNumberToken("-3-", false, number, message));
-  EXPECT_EQ(message, "The conversion function did not consume all of the number tokens characters.");
-  message.clear();
-  EXPECT_FALSE(convertNumberToken("1.5.2", true, number, message));
-  EXPECT_EQ(message, "The conversion function did not consume all of the number tokens characters.");
+  for (const char* token : {"12x", "-3-", "1.5.2"}) {
+    EXPECT_FALSE(convertNumberToken(token, std::strchr(token, '.') != nullptr, number, message)) << token;
+    EXPECT_EQ(message, "The conversion function did not consume all of the number tokens characters.");
+  }
   // And converts what it can.
   ASSERT_TRUE(convertNumberToken("-0", false, number, message));
   EXPECT_EQ(number.kind, NumberValue::Kind::Signed);
@@ -164,15 +152,10 @@ TEST(JSONNumbers, ConversionReportsTokensItCannotConsume) {
   EXPECT_EQ(number.i, INT64_MIN);
 }
 
+// The one- and two-word forms are pinned by the decoder's error table; no grammar
+// state accepts all three, but the form exists, without its closing quote.
 TEST(JSONNumbers, ExpectedMessagesNameTheAcceptedTokens) {
-  EXPECT_EQ(composeExpectedMessage(kAcceptValue, kWordValue, kWordArrayEnd, "}").str(),
-            "Expected a value, not '}'");
-  EXPECT_EQ(composeExpectedMessage(kAcceptComma | kAcceptEnd, kWordString, kWordObjectEnd, "[").str(),
-            "Expected a comma or a '}', not '['");
-  // No grammar state accepts all three, but the form exists, without its closing quote.
   EXPECT_EQ(
       composeExpectedMessage(kAcceptValue | kAcceptComma | kAcceptEnd, kWordValue, kWordArrayEnd, ":").str(),
       "Expected a value, a comma, or a ']', not ':");
-  EXPECT_EQ(composeExpectedMessage(kAcceptValue | kAcceptEnd, kWordString, kWordObjectEnd, "12.5").str(),
-            "Expected a \"STRING\" or a '}', not '12.5'");
 }

@@ -3,9 +3,7 @@
 #include <pxkit/json/JSONSerializer.h>
 
 #include <string>
-#include <vector>
 
-#include "json/JSONTestDocuments.h"
 #include "support/PXTestPaths.h"
 
 namespace {
@@ -66,23 +64,5 @@ TEST(JSONRoundTrip, CorporaAreWrittenBackByteForByte) {
     PXValue mutableDoc =
         JSONDecoder::decoder()->mutableObjectWithUTF8String(text.data(), text.size(), &error);
     EXPECT_TRUE(mutableDoc.isEqual(doc));
-  }
-}
-
-TEST(JSONRoundTrip, GeneratedValuesReadBackEqualInEveryLayout) {
-  JSONTestDocuments generator(1);
-  auto decoder = JSONDecoder::decoder();
-  for (int i = 0; i < 1500; ++i) {
-    const PXValue value = generator.value(1 + static_cast<int>(generator.pick(5)));
-    for (JSONSerializeOptionFlags layout :
-         {kPXJSONSerializeOptionNone, kPXJSONSerializeOptionPretty, kPXJSONSerializeOptionEscapeUnicode}) {
-      PXErrorRef error;
-      PXRef<PXData> written = JSONDataWithOptions(value, layout, &error);
-      ASSERT_TRUE(written) << error->localizedDescription().str();
-      PXValue back = decoder->objectWithData(written, &error);
-      ASSERT_TRUE(back) << error->localizedDescription().str() << "\n" << written->view();
-      ASSERT_TRUE(back.isEqual(value)) << written->view();
-      ASSERT_TRUE(decoder->mutableObjectWithData(written).isEqual(value));
-    }
   }
 }

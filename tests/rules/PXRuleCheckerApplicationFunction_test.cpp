@@ -1,7 +1,7 @@
 // The application provider against real desktop files in a temporary XDG home.
 #include <gtest/gtest.h>
+#include <pxkit/objects/PXDictionary.h>
 #include <pxkit/platform/PXBundle.h>
-#include <pxkit/rules/PXRuleChecker.h>
 #include <pxkit/rules/PXRuleCheckerApplicationFunction.h>
 #include <sys/stat.h>
 
@@ -93,18 +93,6 @@ TEST_F(ApplicationFunction, AnswersByIdentifierAndByName) {
   EXPECT_FALSE(function->resultFor(PXValue(), false));
   EXPECT_FALSE(function->resultFor(PXValue(PXDictionary::dictionary()), false));
   EXPECT_FALSE(function->resultFor(PXValue(1), false));
-}
-
-TEST_F(ApplicationFunction, IsReachedByKeyPathAndByCall) {
-  ASSERT_TRUE(PXBundle::setMainBundleIdentity("org.example.Host", "1.0", "100"));
-  PXRef<PXRuleChecker> checker = PXRuleChecker::ruleCheckerWithDefaultFunctions(false);
-  checker->addFunction(PXRuleCheckerApplicationFunction::function());
-  EXPECT_EQ(checker->valueForKeyPath("application.installed.AppName.Text Editor"), PXValue(true));
-  EXPECT_EQ(checker->valueForKeyPath("application.hostApplicationBundleID"), PXValue("org.example.Host"));
-  EXPECT_EQ(checker->preprocessCheckRule("${application(installed.org.example.Editor)}"), PXString("1"));
-  EXPECT_EQ(checker->preprocessCheckRule("${application(installed.org.example.Missing)}"), PXString("0"));
-  EXPECT_TRUE(checker->runCheck("${application(installed.kde-org.example.Viewer)} == YES", nullptr));
-  EXPECT_FALSE(checker->runCheck("application.installed.org.example.Missing == YES", nullptr));
 }
 
 }  // namespace

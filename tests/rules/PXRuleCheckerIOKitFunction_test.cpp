@@ -1,11 +1,12 @@
 // The device-registry provider on a device testbed: two PCI devices of
 // different makers and a machine description. Runs under umockdev-wrapper.
 #include <gtest/gtest.h>
-#include <pxkit/rules/PXRuleChecker.h>
+#include <pxkit/objects/PXDictionary.h>
 #include <pxkit/rules/PXRuleCheckerIOKitFunction.h>
 
 #include <string>
 
+#include "rules/internal/RuleCallSyntax.h"
 #include "support/PXUMockdevTestbed.h"
 
 namespace {
@@ -25,18 +26,10 @@ struct Machine {
   }
 };
 
-// "a=1;b" as the dictionary the checker hands a provider (a bare name maps to null).
-PXValue argumentsFrom(std::string_view text) {
-  PXRef<PXMutableDictionary> arguments = PXMutableDictionary::dictionary();
-  while (!text.empty()) {
-    std::string_view part = text.substr(0, text.find(';'));
-    text.remove_prefix(std::min(text.size(), part.size() + 1));
-    const size_t equals = part.find('=');
-    arguments->setObject(
-        equals == std::string_view::npos ? PXValue::null() : PXValue(part.substr(equals + 1)),
-        PXValue(part.substr(0, equals)));
-  }
-  return PXValue(PXRef<PXDictionary>(arguments));
+// What a provider is handed for "${iokit(<text>)}".
+PXValue argumentsFrom(const std::string& text) {
+  pxkit::rules::QuoteStack quotes;
+  return pxkit::rules::ruleCallArgument(pxkit::rules::scanRuleCall("${iokit(" + text + ")}", 2, quotes));
 }
 
 TEST(PXRuleCheckerIOKitFunction, AnswersExistenceAndPropertyValues) {
@@ -106,23 +99,6 @@ TEST(PXRuleCheckerIOKitFunction, FindsTheFirstServiceThatMeetsTheDictionary) {
   EXPECT_FALSE(PXRuleCheckerIOKitFunction::firstServiceMatching({}, {}));
   EXPECT_FALSE(PXRuleCheckerIOKitFunction::firstServiceMatching(
       PXDictionary::dictionaryWithEntries({{"IOProviderClass", "IOUSBDevice"}}), {}));
-}
-
-TEST(PXRuleCheckerIOKitFunction, IsReachedByCallOnly) {
-  PX_SKIP_WITHOUT_UMOCKDEV();
-  Machine machine;
-  PXRef<PXRuleChecker> checker = PXRuleChecker::ruleCheckerWithDefaultFunctions(true);
-  EXPECT_EQ(checker->computeFunction(
-                "${iokit(do=exists;matchStrIOProviderClass=IOPCIDevice;meetIntvendor-id=4318)}"),
-            PXValue(true));
-  EXPECT_EQ(checker->preprocessCheckRule(
-                "${iokit(do=propertyValue;matchStrIOProviderClass=IOPCIDevice;propertyName=vendor-id)} > 0"),
-            PXString("32902 > 0"));
-  EXPECT_EQ(checker->preprocessCheckRule("${iokit(exists)}"), PXString("NULL"));
-  EXPECT_TRUE(checker->runCheck(
-      "${iokit(do=exists;matchStrIOProviderClass=IOPCIDevice;meetIntvendor-id=4318)} == YES", nullptr));
-  // No key path prefix: "iokit.…" reaches no provider.
-  EXPECT_FALSE(checker->computeFunction("iokit.exists"));
 }
 
 }  // namespace

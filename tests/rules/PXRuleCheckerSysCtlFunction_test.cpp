@@ -1,7 +1,7 @@
 // The sysctl provider: the pure parsers on sample text, and the provider
 // against fixture system trees (tests/rules/fixtures/sysctl-*).
 #include <gtest/gtest.h>
-#include <pxkit/rules/PXRuleChecker.h>
+#include <pxkit/objects/PXDictionary.h>
 #include <pxkit/rules/PXRuleCheckerSysCtlFunction.h>
 #include <unistd.h>
 
@@ -233,17 +233,6 @@ TEST(PXRuleCheckerSysCtlFunction, ReadsTheRunningSystem) {
   ASSERT_TRUE(physical);
   EXPECT_GE(physical.longLongValue(), 1);
   EXPECT_LE(physical.longLongValue(), sysconf(_SC_NPROCESSORS_ONLN));
-}
-
-TEST(PXRuleCheckerSysCtlFunction, IsReachedByKeyPathAndByCall) {
-  PXRef<PXRuleChecker> checker = PXRuleChecker::ruleCheckerWithDefaultFunctions(false);
-  checker->addFunction(PXMake<PXRuleCheckerSysCtlFunction>(fixture("sysctl-smt")));
-  EXPECT_EQ(checker->valueForKeyPath("sysctl.integer.hw.physicalcpu"), PXValue(2));
-  EXPECT_EQ(checker->computeFunction("sysctl.string.machdep.cpu.brand_string"),
-            PXValue("Intel(R) Core(TM) i7-8650U CPU @ 1.90GHz"));
-  EXPECT_EQ(checker->preprocessCheckRule("${sysctl(integer.hw.ncpu)} CPUs"), PXString("8 CPUs"));
-  EXPECT_FALSE(checker->valueForKeyPath("sysctl.integer"));
-  EXPECT_TRUE(checker->runCheck("sysctl.integer.hw.logicalcpu > sysctl.integer.hw.physicalcpu", nullptr));
 }
 
 }  // namespace

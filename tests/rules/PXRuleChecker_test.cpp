@@ -11,6 +11,7 @@
 #include <iterator>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/PXLogCapture.h"
@@ -38,26 +39,32 @@ PXRef<PXRuleCheckerFunction> recorder(const char* identifier, const char* prefix
       });
 }
 
+// The providers every rule reaches: by call ("${sysctl(...)}") through their
+// identifier, by key path ("sysctl.hw.ncpu") through their prefix.
 TEST(PXRuleChecker, DefaultFunctionsAreFreshProvidersInTheirOrder) {
   PXRef<PXArray> first = PXRuleChecker::defaultFunctions();
   PXRef<PXArray> second = PXRuleChecker::defaultFunctions();
-  const PXClass* const order[] = {
-      &PXRuleCheckerVersionFunction::classObject(),    &PXRuleCheckerApplicationFunction::classObject(),
-      &PXRuleCheckerFilesystemFunction::classObject(), &PXRuleCheckerSysCtlFunction::classObject(),
-      &PXRuleCheckerIOKitFunction::classObject(),
+  const std::tuple<const PXClass*, const char*, const char*> order[] = {
+      {&PXRuleCheckerVersionFunction::classObject(), "version", "version"},
+      {&PXRuleCheckerApplicationFunction::classObject(), "application", "application"},
+      {&PXRuleCheckerFilesystemFunction::classObject(), "filesystem", nullptr},
+      {&PXRuleCheckerSysCtlFunction::classObject(), "sysctl", "sysctl"},
+      {&PXRuleCheckerIOKitFunction::classObject(), "iokit", nullptr},
   };
   ASSERT_EQ(first->count(), std::size(order));
-  for (size_t i = 0; i < std::size(order); ++i)
-    EXPECT_TRUE(first->objectAtIndex(i).objectPointer()->isKindOfClass(*order[i])) << i;
-  EXPECT_NE(first->objectAtIndex(0).objectPointer(), second->objectAtIndex(0).objectPointer());
-
   PXRuleChecker* shared = PXRuleChecker::sharedChecker();
   EXPECT_EQ(shared, PXRuleChecker::sharedChecker());
+  for (size_t i = 0; i < std::size(order); ++i) {
+    const auto& [kind, identifier, prefix] = order[i];
+    const auto* function = static_cast<const PXRuleCheckerFunction*>(first->objectAtIndex(i).objectPointer());
+    EXPECT_TRUE(function->isKindOfClass(*kind)) << i;
+    EXPECT_EQ(function->functionID(), identifier);
+    EXPECT_EQ(function->functionKeyPathPrefix(), prefix ? PXString(prefix) : PXString());
+    EXPECT_TRUE(shared->functionForIdentifier(identifier)->isKindOfClass(*kind)) << identifier;
+  }
+  EXPECT_NE(first->objectAtIndex(0).objectPointer(), second->objectAtIndex(0).objectPointer());
   EXPECT_EQ(shared->functions()->count(), std::size(order));
-  for (const char* identifier : {"version", "application", "filesystem", "sysctl", "iokit"})
-    EXPECT_TRUE(shared->functionForIdentifier(identifier)) << identifier;
   EXPECT_EQ(PXRuleChecker::ruleCheckerWithDefaultFunctions(false)->functions()->count(), 0u);
-  EXPECT_FALSE(PXMake<PXRuleChecker>()->kvoValues());
 }
 
 TEST(PXRuleChecker, TheFirstProviderOfAnIdentifierOrPrefixWins) {
