@@ -85,7 +85,7 @@ TEST(PXIOServiceDevices, ClassesFindTheirDevices) {
                                          {"IOPCIDevice", {m.gpu, m.usbHost, m.sata}},
                                          {"IOPMPowerSource", {m.ac, m.bat, m.mouse}},
                                          {"IOUSBDevice", {m.usbStick}},
-                                         {"FakeSMC", {}},
+                                         {"FakeSMC", {m.dmi}},  // another maker's board
                                          {"NoSuchClass", {}}}) {
     std::vector<std::string> want = c.paths;
     std::sort(want.begin(), want.end());
@@ -97,7 +97,7 @@ TEST(PXIOServiceDevices, ClassesFindTheirDevices) {
   EXPECT_EQ(pathsOf(PXIOService::servicesForMatchingDict(*byAttribute)), std::vector<std::string>{m.stick});
   int32_t code = -1;
   EXPECT_FALSE(PXServiceQuery::servicesMatchingDictionary(
-      *PXServiceQuery::matchingDictionaryForIOServiceClass("FakeSMC"), &code));
+      *PXServiceQuery::matchingDictionaryForIOServiceClass("NoSuchClass"), &code));
   EXPECT_EQ(code, kPXIOReturnSuccess);
 }
 
