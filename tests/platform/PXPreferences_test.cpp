@@ -21,10 +21,6 @@
 #include "support/PXSubprocess.h"
 #include "support/PXTempHome.h"
 
-#ifndef PXKIT_PREFS_CHILD
-#error "PXKIT_PREFS_CHILD names the helper process"
-#endif
-
 namespace {
 
 constexpr const char* kAppID = "org.pxkit.PrefsTest";
@@ -128,20 +124,6 @@ TEST_F(PXPreferencesTest, ByHostValuesLiveInTheirOwnFileNamedByTheHostKey) {
   EXPECT_FALSE(currentHostValue("MetricsRandomSystemID"));
   ASSERT_TRUE(PXPreferences::synchronize(kAppID, kPXPreferencesCurrentUser, kPXPreferencesCurrentHost));
   EXPECT_FALSE(readPreferences(byHostPath)->objectForKey("MetricsRandomSystemID"));
-}
-
-TEST_F(PXPreferencesTest, ByHostValuesWrittenByAnotherProcessArriveAtSynchronize) {
-  ASSERT_TRUE(
-      PXPreferences::setValue("Mine", "kept", kAppID, kPXPreferencesCurrentUser, kPXPreferencesCurrentHost));
-  ASSERT_EQ(
-      PXSubprocess::run({PXKIT_PREFS_CHILD, "byhost-set", kAppID, "Theirs", "written elsewhere"}).exitStatus,
-      0);
-  ASSERT_TRUE(PXPreferences::synchronize(kAppID, kPXPreferencesCurrentUser, kPXPreferencesCurrentHost));
-  EXPECT_EQ(currentHostValue("Theirs").stringValue(), "written elsewhere");
-  EXPECT_EQ(currentHostValue("Mine").stringValue(), "kept");
-  PXRef<PXDictionary> onDisk = readPreferences(appDirectory() + "/" + kAppID + "." + kHostKey + ".plist");
-  ASSERT_TRUE(onDisk);
-  EXPECT_EQ(onDisk->count(), 2u);
 }
 
 TEST_F(PXPreferencesTest, AnyHostValuesAreTheUserDefaults) {
