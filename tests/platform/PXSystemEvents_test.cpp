@@ -295,11 +295,22 @@ TEST(PXSystemBus, NoSystemBusMeansUnavailableWatchersNoEventsNoWarningAndNoWait)
   PXTempHome home;
   setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + home.runtimeDir() + "/no-bus-here").c_str(), 1);
   g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_WARNING | G_LOG_LEVEL_CRITICAL));
+  setenv("PXKIT_LOCALTIME_PATH", (home.root() + "/localtime").c_str(), 1);
   PXLogCapture log;
   Heard heard;
+  // Each watcher starts when its notification is first observed (other names,
+  // any name and private centres start nothing: see PXNotificationCenter's tests).
+  EXPECT_FALSE(PXSystemEvents::isWatchingTimeZone());
+  EXPECT_EQ(PXSystemEvents::sleepWatchState(), PXSystemEvents::SleepWatchState::Stopped);
   PXWorkspace::sharedWorkspace()->notificationCenter()->addObserverForName(
       kPXWorkspaceDidWakeNotification, nullptr, nullptr, heard.recorder());
-  PXSystemEvents::start();
+  EXPECT_NE(PXSystemEvents::sleepWatchState(), PXSystemEvents::SleepWatchState::Stopped);
+  EXPECT_FALSE(PXSystemEvents::isWatchingTimeZone());
+  PXNotificationCenter::defaultCenter()->addObserverForName(kPXSystemTimeZoneDidChangeNotification, nullptr,
+                                                            nullptr, [](const PXNotification&) {});
+  EXPECT_TRUE(PXSystemEvents::isWatchingTimeZone());
+  EXPECT_EQ(PXSystemEvents::localTimePath(), home.root() + "/localtime");
+  PXSystemEvents::start();  // starts what is not started yet
   Told early, late;
   SystemBusWatch first = SystemBus::watch(early.watcher());
   // The bus is looked for asynchronously: start() and watch() have returned before the answer.
@@ -445,25 +456,4 @@ TEST(PXSystemEvents, TouchingTheFileWithoutChangingTheZonePostsNothing) {
   ASSERT_TRUE(PXIterateMainContextUntil([] { return PXSystemEvents::isTimeZoneCheckPending(); }));
   ASSERT_TRUE(PXIterateMainContextUntil([] { return !PXSystemEvents::isTimeZoneCheckPending(); }));
   EXPECT_EQ(posted, 0);
-}
-
-TEST(PXSystemEvents, WatchersStartOnlyWhenTheirNotificationsAreObserved) {
-  PXTempHome home;
-  setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + home.runtimeDir() + "/no-bus-here").c_str(), 1);
-  setenv("PXKIT_LOCALTIME_PATH", (home.root() + "/localtime").c_str(), 1);
-  PXNotificationCenter* defaultCenter = PXNotificationCenter::defaultCenter();
-  PXNotificationCenter* workspaceCenter = PXWorkspace::sharedWorkspace()->notificationCenter();
-  auto ignore = [](const PXNotification&) {};
-
-  // (Other names, any name and private centres start nothing: see PXNotificationCenter's tests.)
-  EXPECT_FALSE(PXSystemEvents::isWatchingTimeZone());
-  EXPECT_EQ(PXSystemEvents::sleepWatchState(), PXSystemEvents::SleepWatchState::Stopped);
-
-  workspaceCenter->addObserverForName(kPXWorkspaceDidWakeNotification, nullptr, nullptr, ignore);
-  EXPECT_NE(PXSystemEvents::sleepWatchState(), PXSystemEvents::SleepWatchState::Stopped);
-  EXPECT_FALSE(PXSystemEvents::isWatchingTimeZone());
-
-  defaultCenter->addObserverForName(kPXSystemTimeZoneDidChangeNotification, nullptr, nullptr, ignore);
-  EXPECT_TRUE(PXSystemEvents::isWatchingTimeZone());
-  EXPECT_EQ(PXSystemEvents::localTimePath(), home.root() + "/localtime");
 }
