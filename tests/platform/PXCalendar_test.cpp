@@ -104,6 +104,7 @@ TEST_F(PXCalendarTest, DatesFromComponentsResolveGapsOverlapsAndOverflow) {
       {"America/New_York", {2024, 3, 10, 2, 0, 0}, "2024-03-10T07:00:00Z", "in the gap: 03:00 EDT"},
       {"America/New_York", {2024, 11, 3, 1, 0, 0}, "2024-11-03T05:00:00Z", "repeated hour: 01:00 EDT"},
       {"UTC", {2024, 13, 1, 0, 0, 0}, "2025-01-01T00:00:00Z", "month 13"},
+      {"UTC", {2024, 0, 1, 0, 0, 0}, "2023-12-01T00:00:00Z", "month 0"},
       {"UTC", {2024, 3, 0, 0, 0, 0}, "2024-02-29T00:00:00Z", "day 0: last of February in a leap year"},
       {"UTC", {2023, 2, 29, 0, 0, 0}, "2023-03-01T00:00:00Z", "29 February of a common year"},
       {"UTC", {2024, 12, 31, 24, 0, 1}, "2025-01-01T00:00:01Z", "hour 24"},

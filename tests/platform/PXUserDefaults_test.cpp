@@ -186,15 +186,11 @@ TEST_F(PXUserDefaultsTest, TypedReadsConvertAndStoredValuesAreImmutableCopies) {
     double asDouble;
     PXString asString;
   } rows[] = {
-      {"absent", PXValue(), false, 0, 0.0, {}},
-      {"true", true, true, 1, 1.0, "1"},
-      {"negative", -7, true, -7, -7.0, "-7"},
-      {"real", 2.75, true, 2, 2.75, "2.75"},
-      {"text YES", "YES", true, 0, 0.0, "YES"},
-      {"text no", "no", false, 0, 0.0, "no"},
-      {"text number", " 42abc", true, 42, 42.0, " 42abc"},
-      {"text zero", "0", false, 0, 0.0, "0"},
-      {"date", PXDate(5), false, 0, 0.0, {}},
+      {"absent", PXValue(), false, 0, 0.0, {}}, {"true", true, true, 1, 1.0, "1"},
+      {"zero", 0, false, 0, 0.0, "0"},          {"negative", -7, true, -7, -7.0, "-7"},
+      {"real", 2.75, true, 2, 2.75, "2.75"},    {"text YES", "YES", true, 0, 0.0, "YES"},
+      {"text no", "no", false, 0, 0.0, "no"},   {"text number", " 42abc", true, 42, 42.0, " 42abc"},
+      {"text zero", "0", false, 0, 0.0, "0"},   {"date", PXDate(5), false, 0, 0.0, {}},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -206,6 +202,7 @@ TEST_F(PXUserDefaultsTest, TypedReadsConvertAndStoredValuesAreImmutableCopies) {
   }
   defaults->setObject(PXValue(PXData::dataWithString("raw")), "blob");
   EXPECT_FALSE(defaults->arrayForKey("blob"));
+  EXPECT_TRUE(defaults->dataForKey("blob"));
   EXPECT_EQ(defaults->valueForKey("blob").dataValue()->view(), "raw");  // key-value coding reads the defaults
 
   auto list = PXMutableArray::array();
@@ -218,12 +215,14 @@ TEST_F(PXUserDefaultsTest, TypedReadsConvertAndStoredValuesAreImmutableCopies) {
   PXRef<PXArray> stored = defaults->arrayForKey("list");
   ASSERT_TRUE(stored);
   EXPECT_FALSE(defaults->dictionaryForKey("list"));
+  EXPECT_FALSE(defaults->dataForKey("list"));
   EXPECT_EQ(stored->count(), 1u);
   EXPECT_FALSE(stored->isMutable());
   EXPECT_FALSE(stored->objectAtIndex(0).objectPointer()->isMutable());
   EXPECT_EQ(stored->objectAtIndex(0).dictionaryValue()->objectForKey("n").longLongValue(), 1);
 
-  for (const PXValue& bad : {PXValue::null(), PXValue(PXArray::arrayWithObjects({PXValue::null()})),
+  for (const PXValue& bad : {PXValue::null(), PXValue(PXError::errorWithDomain("D", 1)),
+                             PXValue(PXArray::arrayWithObjects({PXValue::null()})),
                              PXValue(PXDictionary::dictionaryWithEntries({{1, "number key"}}))}) {
     try {
       defaults->setObject(bad, "bad");
