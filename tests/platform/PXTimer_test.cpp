@@ -10,9 +10,7 @@
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <future>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -242,40 +240,33 @@ TEST_F(PXTimerTest, ATimerThatKeepsMovingIntoThePastDoesNotHoldTheLoop) {
 TEST_F(PXTimerTest, TimersOnAnotherThreadFireThereWhenTheClockMoves) {
   std::promise<PXRef<PXRunLoop>> loopReady;
   std::atomic<bool> quit{false};
-  std::mutex mutex;
-  std::condition_variable cv;
-  std::vector<std::thread::id> firedOn;
-  std::thread::id workerId;
+  std::atomic<int> fired{0};
+  std::thread::id firedOn[2];
   std::thread worker([&] {
-    workerId = std::this_thread::get_id();
     PXRunLoop* loop = PXRunLoop::current();
     loopReady.set_value(PXRef<PXRunLoop>(loop));
     while (!quit.load()) loop->run();
   });
   PXRef<PXRunLoop> loop = loopReady.get_future().get();
   auto record = [&](PXTimer*) {
-    std::lock_guard lock(mutex);
-    firedOn.push_back(std::this_thread::get_id());
-    cv.notify_all();
+    firedOn[fired.load()] = std::this_thread::get_id();
+    fired.fetch_add(1);
+    fired.notify_all();
   };
   PXRef<PXTimer> byClock = PXTimer::timerWithTimeInterval(30, false, record);
   PXRef<PXTimer> byDate = PXTimer::timerWithTimeInterval(1e6, false, record);
   loop->addTimer(byClock.get());
   loop->addTimer(byDate.get());
   clock.advance(30);  // wakes the worker's loop: its timer is due
-  {
-    std::unique_lock lock(mutex);
-    cv.wait(lock, [&] { return firedOn.size() == 1; });
-  }
+  fired.wait(0);
   byDate->setFireDate(PXDate::now());  // from this thread, onto the worker's loop
-  {
-    std::unique_lock lock(mutex);
-    cv.wait(lock, [&] { return firedOn.size() == 2; });
-  }
+  fired.wait(1);
   quit = true;
   loop->stop();
+  const std::thread::id workerId = worker.get_id();
   worker.join();
-  EXPECT_EQ(firedOn, (std::vector<std::thread::id>{workerId, workerId}));
+  EXPECT_EQ(firedOn[0], workerId);
+  EXPECT_EQ(firedOn[1], workerId);
 }
 
 TEST(PXTimerRealClock, ARealTimerFiresFromTheWallClockTimer) {
