@@ -7,10 +7,7 @@
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
-#include <future>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/PXRunLoopUntil.h"
@@ -147,30 +144,6 @@ TEST(FdWatch, BadArgumentsMakeAnEmptyWatch) {
   FdWatch target(std::move(moved));
   EXPECT_FALSE(moved);  // NOLINT(bugprone-use-after-move): a moved-from watch is empty
   EXPECT_TRUE(target);
-}
-
-TEST(FdWatch, AWatchOnAnotherThreadsLoopCallsBackOnThatThread) {
-  std::promise<PXRunLoop*> made;
-  std::promise<std::thread::id> calledOn;
-  std::atomic<bool> quit{false};
-  std::thread worker([&] {
-    made.set_value(PXRunLoop::current());
-    while (!quit.load()) PXRunLoop::current()->run();
-  });
-  PXRef<PXRunLoop> loop(made.get_future().get());
-  Pipe pipe;
-  FdWatch watch;
-  loop->performBlockAndWait([&] {
-    watch = FdWatch::watch(loop.get(), pipe.readEnd(), kFdReadable, [&](unsigned) {
-      watch.reset();
-      calledOn.set_value(std::this_thread::get_id());
-    });
-  });
-  pipe.write();
-  EXPECT_EQ(calledOn.get_future().get(), worker.get_id());
-  quit = true;
-  loop->stop();
-  worker.join();
 }
 
 TEST(RunLoopTimeout, FiresOnceOnTheRealClockUnlessCancelled) {

@@ -147,13 +147,6 @@ TEST(PXApplication, ExitPostsOnceWhicheverRoadComesFirst) {
          exit(0);
        },
        0},
-      {"the host's call twice, then exit()",
-       [] {
-         PXApplication::sharedApplication()->applicationWillTerminate();
-         PXApplication::sharedApplication()->applicationWillTerminate();
-         exit(0);
-       },
-       0},
       {"terminate(3)", [] { PXApplication::sharedApplication()->terminate(3); }, 3},
   };
   for (const Row& row : rows) {
@@ -166,17 +159,6 @@ TEST(PXApplication, ExitPostsOnceWhicheverRoadComesFirst) {
     EXPECT_EQ(WEXITSTATUS(child.status), row.exitStatus);
     EXPECT_EQ(child.lines, kBothObserversOnce);
   }
-}
-
-TEST(PXApplication, ExitWithoutObserversOrApplicationIsQuiet) {
-  // Nobody asked for the shared application: no exit handler, nothing posted.
-  ChildResult child = runChild([](int fd) {
-    PXNotificationCenter::defaultCenter()->addObserverForName(
-        PXString(), nullptr, nullptr, [fd](const PXNotification& n) { writeLine(fd, n.name().str()); });
-    exit(0);
-  });
-  ASSERT_TRUE(WIFEXITED(child.status));
-  EXPECT_TRUE(child.lines.empty());
 }
 
 TEST(PXApplication, TerminationSignalsPostThenEndTheProcessByTheSignal) {

@@ -156,17 +156,6 @@ TEST_F(BundleFixture, IdentityPrecedence) {
   }
 }
 
-TEST_F(BundleFixture, EarlierDataDirectoryWins) {
-  home_.writeFile(userData_ + "/applications/org.example.Editor.desktop", desktopFile("My Editor", "editor"));
-  home_.writeFile(userData_ + "/metainfo/org.example.Editor.metainfo.xml",
-                  metainfo("org.example.Editor", "    <release version=\"9.9\"/>\n"));
-  BundleIdentitySources s = sources();
-  s.applicationId = "org.example.Editor";
-  const BundleIdentity got = pxkit::internal::resolveBundleIdentity(s);
-  EXPECT_EQ(got.name, "My Editor");
-  EXPECT_EQ(got.shortVersion, "9.9");
-}
-
 TEST(PXBundleVersions, CompareReleaseVersions) {
   struct Row {
     const char* a;

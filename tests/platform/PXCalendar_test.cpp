@@ -54,33 +54,22 @@ struct FollowingDayRow {
 const FollowingDayRow kFollowingDayRows[] = {
     // Europe/Berlin: CET +1, CEST +2; forward 2024-03-31 02:00, back 2024-10-27 03:00.
     {"Europe/Berlin", "2024-06-15T06:00:00Z", "2024-06-15T22:00:01Z", "ordinary summer day"},
-    {"Europe/Berlin", "2024-01-10T12:00:00Z", "2024-01-10T23:00:01Z", "ordinary winter day"},
-    {"Europe/Berlin", "2024-03-30T11:00:00Z", "2024-03-30T23:00:01Z", "day before spring forward"},
     {"Europe/Berlin", "2024-03-30T22:30:00Z", "2024-03-30T23:00:01Z",
      "23:30 before a 23-hour day: now + 24 h would skip that day"},
     {"Europe/Berlin", "2024-03-30T23:00:01Z", "2024-03-31T22:00:01Z", "fired at 00:00:01 of the 23-hour day"},
-    {"Europe/Berlin", "2024-03-31T10:00:00Z", "2024-03-31T22:00:01Z", "noon of the 23-hour day"},
-    {"Europe/Berlin", "2024-10-26T10:00:00Z", "2024-10-26T22:00:01Z", "day before fall back"},
     {"Europe/Berlin", "2024-10-26T22:00:01Z", "2024-10-27T23:00:01Z",
      "fired at 00:00:01 of the 25-hour day: now + 24 h would land on the same day again"},
     {"Europe/Berlin", "2024-10-27T00:30:00Z", "2024-10-27T23:00:01Z",
      "02:30 CEST, first of the repeated hour"},
-    {"Europe/Berlin", "2024-10-27T01:30:00Z", "2024-10-27T23:00:01Z",
-     "02:30 CET, second of the repeated hour"},
     {"Europe/Berlin", "2024-10-27T22:59:59Z", "2024-10-27T23:00:01Z", "23:59:59 of the 25-hour day"},
-    {"Europe/Berlin", "2024-12-31T22:59:59Z", "2024-12-31T23:00:01Z", "new year"},
     {"Europe/Berlin", "2024-02-28T09:00:00Z", "2024-02-28T23:00:01Z", "into a leap day"},
     // America/New_York: EST -5, EDT -4; forward 2024-03-10 02:00, back 2024-11-03 02:00.
-    {"America/New_York", "2024-07-04T16:00:00Z", "2024-07-05T04:00:01Z", "ordinary summer day"},
     {"America/New_York", "2024-03-10T04:30:00Z", "2024-03-10T05:00:01Z", "23:30 EST before spring forward"},
     {"America/New_York", "2024-03-10T05:00:01Z", "2024-03-11T04:00:01Z",
      "fired at 00:00:01 of the 23-hour day"},
-    {"America/New_York", "2024-03-10T07:30:00Z", "2024-03-11T04:00:01Z", "03:30 EDT, just after the gap"},
     {"America/New_York", "2024-11-03T03:30:00Z", "2024-11-03T04:00:01Z", "23:30 EDT before fall back"},
     {"America/New_York", "2024-11-03T04:00:01Z", "2024-11-04T05:00:01Z",
      "fired at 00:00:01 of the 25-hour day"},
-    {"America/New_York", "2024-11-03T05:30:00Z", "2024-11-04T05:00:01Z",
-     "01:30 EDT, first of the repeated hour"},
     {"America/New_York", "2024-11-03T06:30:00Z", "2024-11-04T05:00:01Z",
      "01:30 EST, second of the repeated hour"},
     // A zone whose clocks jumped at midnight: 00:00:01 did not exist that day.
@@ -99,14 +88,6 @@ TEST_F(PXCalendarTest, FollowingDayAtOneSecondPastMidnightAcrossDaylightSaving) 
 
 // ---- components -----------------------------------------------------------------------
 
-TEST_F(PXCalendarTest, FractionsOfASecondBelongToTheSecondTheyStartIn) {
-  useZone("UTC");
-  const PXDateComponents before = PXCalendar::components(utc("2024-01-01T00:00:00Z") + -0.25);
-  EXPECT_EQ(before, (PXDateComponents{2023, 12, 31, 23, 59, 59, 7}));
-  const PXDateComponents after = PXCalendar::components(utc("2024-01-01T00:00:00Z") + 0.75);
-  EXPECT_EQ(after, (PXDateComponents{2024, 1, 1, 0, 0, 0, 1}));
-}
-
 TEST_F(PXCalendarTest, DatesFromComponentsResolveGapsOverlapsAndOverflow) {
   struct Row {
     const char* zone;
@@ -116,12 +97,10 @@ TEST_F(PXCalendarTest, DatesFromComponentsResolveGapsOverlapsAndOverflow) {
   };
   const Row rows[] = {
       {"Europe/Berlin", {2024, 3, 31, 2, 30, 0}, "2024-03-31T01:30:00Z", "in the gap: 03:30 CEST"},
-      {"Europe/Berlin", {2024, 3, 31, 3, 0, 0}, "2024-03-31T01:00:00Z", "first second after the gap"},
       {"Europe/Berlin",
        {2024, 10, 27, 2, 30, 0},
        "2024-10-27T00:30:00Z",
        "repeated hour: the earlier moment"},
-      {"Europe/Berlin", {2024, 10, 27, 3, 0, 0}, "2024-10-27T02:00:00Z", "after the repeated hour"},
       {"America/New_York", {2024, 3, 10, 2, 0, 0}, "2024-03-10T07:00:00Z", "in the gap: 03:00 EDT"},
       {"America/New_York", {2024, 11, 3, 1, 0, 0}, "2024-11-03T05:00:00Z", "repeated hour: 01:00 EDT"},
       {"UTC", {2024, 13, 1, 0, 0, 0}, "2025-01-01T00:00:00Z", "month 13"},
@@ -141,6 +120,11 @@ TEST_F(PXCalendarTest, DatesFromComponentsResolveGapsOverlapsAndOverflow) {
   EXPECT_TRUE(PXCalendar::dateFromComponents({1, 1, 1, 0, 0, 0}));
   EXPECT_TRUE(PXCalendar::dateFromComponents({9999, 12, 31, 23, 59, 59}));
   EXPECT_FALSE(PXCalendar::dateFromComponents({9999, 12, 31, 24, 0, 0}));
+  // Fractions of a second belong to the second they start in.
+  EXPECT_EQ(PXCalendar::components(utc("2024-01-01T00:00:00Z") + -0.25),
+            (PXDateComponents{2023, 12, 31, 23, 59, 59, 7}));
+  EXPECT_EQ(PXCalendar::components(utc("2024-01-01T00:00:00Z") + 0.75),
+            (PXDateComponents{2024, 1, 1, 0, 0, 0, 1}));
 }
 
 TEST_F(PXCalendarTest, SameDayFollowsTheLocalCalendarNotTwentyFourHours) {
@@ -152,10 +136,8 @@ TEST_F(PXCalendarTest, SameDayFollowsTheLocalCalendarNotTwentyFourHours) {
   };
   const Row rows[] = {
       {"Europe/Berlin", "2024-10-26T22:00:00Z", "2024-10-27T22:59:59Z", true},   // 25 hours, one day
-      {"Europe/Berlin", "2024-03-30T23:00:00Z", "2024-03-31T21:59:59Z", true},   // 23 hours, one day
       {"Europe/Berlin", "2024-03-31T21:59:59Z", "2024-03-31T22:00:00Z", false},  // one second, two days
       {"America/New_York", "2024-06-01T03:59:59Z", "2024-06-01T04:00:00Z", false},
-      {"America/New_York", "2024-06-01T04:00:00Z", "2024-06-02T03:59:59Z", true},
       {"UTC", "2024-06-01T00:00:00Z", "2025-06-01T00:00:00Z", false},  // same day and month, not year
       {"UTC", "2024-06-01T00:00:00Z", "2024-07-01T00:00:00Z", false},  // same day, not month
   };
@@ -177,9 +159,7 @@ TEST_F(PXCalendarTest, OffsetsAbbreviationsAndNamesFollowTheZone) {
     const char* name;
   };
   const Row rows[] = {
-      {"America/New_York", "2024-01-15T12:00:00Z", -18000, "EST", "America/New_York"},
       {"America/New_York", "2024-07-15T12:00:00Z", -14400, "EDT", "America/New_York"},
-      {"Europe/Berlin", "2024-01-15T12:00:00Z", 3600, "CET", "Europe/Berlin"},
       {"Europe/Berlin", "2024-07-15T12:00:00Z", 7200, "CEST", "Europe/Berlin"},
       {":Europe/Berlin", "2024-07-15T12:00:00Z", 7200, "CEST", "Europe/Berlin"},
       {"Asia/Kolkata", "2024-07-15T12:00:00Z", 19800, "IST", "Asia/Kolkata"},

@@ -11,19 +11,6 @@
 
 #include "support/PXLogCapture.h"
 
-TEST(PXLog, CaptureSeesTheExactLines) {
-  PXLogCapture log;
-  PXLog("%s: caught exception: %@", "runCheck", PXString("NSRangeException: index (3) beyond bounds (2)"));
-  PXLogLine("plain line");
-  EXPECT_EQ(log.lines(),
-            (std::vector<std::string>{
-                "runCheck: caught exception: NSRangeException: index (3) beyond bounds (2)", "plain line"}));
-  EXPECT_TRUE(log.contains("plain line"));
-  EXPECT_FALSE(log.contains("plain"));
-  log.clear();
-  EXPECT_TRUE(log.lines().empty());
-}
-
 namespace {
 
 struct Written {
@@ -52,23 +39,6 @@ GLogWriterOutput recordingWriter(GLogLevelFlags level, const GLogField* fields, 
 }
 
 }  // namespace
-
-TEST(PXLog, WithoutAHandlerLinesGoToGLibStructuredLogging) {
-  // The writer can be set once per process; every test case runs in its own.
-  g_log_set_writer_func(recordingWriter, nullptr, nullptr);
-  PXLog("%@ launched %d times", PXString("app"), 3);
-  EXPECT_EQ(written.count, 1);
-  EXPECT_EQ(written.domain, "PXKit");
-  EXPECT_EQ(written.message, "app launched 3 times");
-  EXPECT_EQ(written.level & G_LOG_LEVEL_MASK, G_LOG_LEVEL_MESSAGE);
-  {
-    PXLogCapture log;
-    PXLogLine("captured, not written");
-  }
-  PXLogLine("written again, with 100% of its text");
-  EXPECT_EQ(written.count, 2);
-  EXPECT_EQ(written.message, "written again, with 100% of its text");
-}
 
 TEST(PXLog, SwappingHandlersWhileOtherThreadsLogLosesNoLine) {
   // Two counting handlers swapped back and forth while writers log; every line
@@ -144,17 +114,34 @@ const LevelCase kLevels[] = {
 TEST(PXLog, CaptureSeesEachLevelWithItsLine) {
   PXLogCapture log;
   for (const LevelCase& c : kLevels) PXLogWithLevel(c.level, "%s line %d", c.name, 7);
-  PXLog("default line");
+  PXLog("%s: caught exception: %@", "runCheck", PXString("NSRangeException: index (3) beyond bounds (2)"));
+  PXLogLine("plain line, 100%");
   std::vector<PXLogCapture::Entry> expected;
   for (const LevelCase& c : kLevels) expected.emplace_back(c.level, std::string(c.name) + " line 7");
-  expected.emplace_back(PXLogLevel::Notice, "default line");
+  expected.emplace_back(PXLogLevel::Notice,
+                        "runCheck: caught exception: NSRangeException: index (3) beyond bounds (2)");
+  expected.emplace_back(PXLogLevel::Notice, "plain line, 100%");
   EXPECT_EQ(log.entries(), expected);
+  EXPECT_TRUE(log.contains("plain line, 100%"));
+  EXPECT_FALSE(log.contains("plain line"));
   EXPECT_EQ(log.lines(PXLogLevel::Warning), (std::vector<std::string>{"warning line 7", "error line 7"}));
   for (const LevelCase& c : kLevels) EXPECT_STREQ(PXLogLevelName(c.level), c.name);
+  log.clear();
+  EXPECT_TRUE(log.lines().empty());
 }
 
-TEST(PXLog, EachLevelReachesGLibWithItsLevelAndPriority) {
+TEST(PXLog, WithoutAHandlerEachLevelReachesGLibWithItsLevelAndPriority) {
+  // The writer can be set once per process; every test case runs in its own.
   g_log_set_writer_func(recordingWriter, nullptr, nullptr);
+  PXLog("%@ launched %d times", PXString("app"), 3);
+  EXPECT_EQ(written.count, 1);
+  EXPECT_EQ(written.message, "app launched 3 times");
+  EXPECT_EQ(written.level & G_LOG_LEVEL_MASK, G_LOG_LEVEL_MESSAGE);
+  {
+    PXLogCapture log;
+    PXLogLine("captured, not written");
+  }
+  EXPECT_EQ(written.count, 1);
   for (const LevelCase& c : kLevels) {
     SCOPED_TRACE(c.name);
     const int before = written.count;

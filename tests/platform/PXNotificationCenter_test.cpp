@@ -23,13 +23,6 @@ class Listener : public PXObject {
 
 }  // namespace
 
-TEST(PXNotificationCenter, NamesOfThePlatformNotifications) {
-  EXPECT_STREQ(kPXApplicationWillTerminateNotification, "NSApplicationWillTerminateNotification");
-  EXPECT_STREQ(kPXSystemTimeZoneDidChangeNotification, "NSSystemTimeZoneDidChangeNotification");
-  EXPECT_STREQ(kPXWorkspaceDidWakeNotification, "NSWorkspaceDidWakeNotification");
-  EXPECT_STREQ(kPXWorkspaceWillSleepNotification, "NSWorkspaceWillSleepNotification");
-}
-
 TEST(PXNotificationCenter, MatchesByNameAndSender) {
   PXRef<PXObject> a = PXMake<PXObject>();
   PXRef<PXObject> b = PXMake<PXObject>();
@@ -64,58 +57,51 @@ TEST(PXNotificationCenter, MatchesByNameAndSender) {
   }
 }
 
-TEST(PXNotificationCenter, NotificationCarriesNameSenderAndUserInfo) {
+TEST(PXNotificationCenter, InlineObserversGetTheNotificationOnThePostingThreadInRegistrationOrder) {
   auto center = PXMake<PXNotificationCenter>();
   PXRef<PXObject> sender = PXMake<PXObject>();
-  auto info = PXDictionary::dictionaryWithEntries({{"new", 1}, {"old", 0}});
+  auto info = PXDictionary::dictionaryWithEntries({{"new", 1}});
+  std::vector<int> order;
+  std::thread::id ranOn;
   PXRef<PXNotification> seen;
-  center->addObserverForName("changed", nullptr, nullptr, [&](const PXNotification& n) {
-    seen = PXRef<PXNotification>(const_cast<PXNotification*>(&n));
-  });
-  center->postNotificationName("changed", sender.get(), info);
+  for (int i = 0; i < 3; ++i) {
+    center->addObserverForName("changed", nullptr, nullptr, [&, i](const PXNotification& n) {
+      order.push_back(i);
+      ranOn = std::this_thread::get_id();
+      seen = PXRef<PXNotification>(const_cast<PXNotification*>(&n));
+    });
+  }
+  std::thread::id poster;
+  std::thread([&] {
+    poster = std::this_thread::get_id();
+    center->postNotificationName("changed", sender.get(), info);
+    order.push_back(99);  // after the post returned
+  }).join();
+  EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 99}));
+  EXPECT_EQ(ranOn, poster);
   ASSERT_TRUE(seen);
   EXPECT_EQ(seen->name(), "changed");
   EXPECT_EQ(seen->object(), sender.get());
   ASSERT_TRUE(seen->userInfo());
   EXPECT_EQ(seen->userInfo()->objectForKey("new"), PXValue(1));
 
-  // A prepared notification reaches the observer as it is.
+  // A prepared notification reaches the observers as it is.
   auto prepared = PXNotification::notificationWithName("changed");
   center->postNotification(prepared);
   EXPECT_EQ(seen.get(), prepared.get());
-  EXPECT_EQ(seen->object(), nullptr);
   EXPECT_FALSE(seen->userInfo());
-}
-
-TEST(PXNotificationCenter, InlineObserversRunOnThePostingThreadInRegistrationOrder) {
-  auto center = PXMake<PXNotificationCenter>();
-  std::vector<int> order;
-  std::thread::id ranOn;
-  for (int i = 0; i < 3; ++i) {
-    center->addObserverForName("tick", nullptr, nullptr, [&order, &ranOn, i](const PXNotification&) {
-      order.push_back(i);
-      ranOn = std::this_thread::get_id();
-    });
-  }
-  std::thread::id poster;
-  std::thread([&] {
-    poster = std::this_thread::get_id();
-    center->postNotificationName("tick");
-    order.push_back(99);  // after the post returned
-  }).join();
-  EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 99}));
-  EXPECT_EQ(ranOn, poster);
 }
 
 TEST(PXNotificationCenter, MainQueueObserversRunLaterOnTheMainRunLoop) {
   auto center = PXMake<PXNotificationCenter>();
   int heard = 0;
   std::thread::id ranOn;
-  center->addObserverForName("later", nullptr, PXOperationQueue::mainQueue(), [&](const PXNotification& n) {
-    EXPECT_EQ(n.name(), "later");
-    ++heard;
-    ranOn = std::this_thread::get_id();
-  });
+  PXRef<PXObject> token = center->addObserverForName("later", nullptr, PXOperationQueue::mainQueue(),
+                                                     [&](const PXNotification& n) {
+                                                       EXPECT_EQ(n.name(), "later");
+                                                       ++heard;
+                                                       ranOn = std::this_thread::get_id();
+                                                     });
   // Posted on the main thread: still not inline.
   center->postNotificationName("later");
   EXPECT_EQ(heard, 0);
@@ -127,34 +113,36 @@ TEST(PXNotificationCenter, MainQueueObserversRunLaterOnTheMainRunLoop) {
   EXPECT_EQ(heard, 1);
   ASSERT_TRUE(PXIterateMainContextUntil([&] { return heard == 2; }));
   EXPECT_EQ(ranOn, std::this_thread::get_id());
+
+  // A queued delivery of an observer removed before it ran is dropped.
+  center->postNotificationName("later");
+  center->removeObserver(token.get());
+  bool sentinel = false;  // the main queue runs in order: after it, the delivery had its turn
+  PXOperationQueue::mainQueue()->addOperationWithBlock([&] { sentinel = true; });
+  ASSERT_TRUE(PXIterateMainContextUntil([&] { return sentinel; }));
+  EXPECT_EQ(heard, 2);
 }
 
 TEST(PXNotificationCenter, RemovalByTokenObserverNameAndSender) {
   PXRef<PXObject> a = PXMake<PXObject>();
   PXRef<PXObject> b = PXMake<PXObject>();
-  enum class Removal {
-    Token,
-    Observer,
-    ObserverAndName,
-    ObserverAndOtherName,
-    ObserverAndSender,
-    OtherObserver
-  };
+  enum class Who { Token, Listener, Other };
+  const std::vector<std::string> all = {"x from a", "x from b", "y from a"};
   struct Row {
     const char* what;
-    Removal removal;
+    Who who;
+    const char* name;  // null with no sender: the one-argument removal
+    bool senderA;
     std::vector<std::string> stillHeard;  // of "x from a", "x from b", "y from a"
   };
   const Row rows[] = {
-      {"by token: that block only", Removal::Token, {"x from a", "x from b", "y from a"}},
-      {"by observer: all of it", Removal::Observer, {}},
-      {"by observer and name", Removal::ObserverAndName, {"y from a"}},
-      {"by observer and a name it never used",
-       Removal::ObserverAndOtherName,
-       {"x from a", "x from b", "y from a"}},
+      {"by token: that block only", Who::Token, nullptr, false, all},
+      {"by observer: all of it", Who::Listener, nullptr, false, {}},
+      {"by observer and name", Who::Listener, "x", false, {"y from a"}},
+      {"by observer and a name it never used", Who::Listener, "z", false, all},
       // Only the registration made for that sender; one made for any sender stays.
-      {"by observer and sender", Removal::ObserverAndSender, {"x from b", "y from a"}},
-      {"another observer: nothing", Removal::OtherObserver, {"x from a", "x from b", "y from a"}},
+      {"by observer and sender", Who::Listener, nullptr, true, {"x from b", "y from a"}},
+      {"another observer: nothing", Who::Other, nullptr, false, all},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
@@ -169,25 +157,14 @@ TEST(PXNotificationCenter, RemovalByTokenObserverNameAndSender) {
     center->addObserver(listener.get(), record, "x", b.get());
     center->addObserver(listener.get(), record, "y");
     PXRef<PXObject> token = center->addObserverForName("x", nullptr, nullptr, [](const PXNotification&) {});
-    switch (row.removal) {
-      case Removal::Token:
-        center->removeObserver(token.get());
-        break;
-      case Removal::Observer:
-        center->removeObserver(listener.get());
-        break;
-      case Removal::ObserverAndName:
-        center->removeObserver(listener.get(), "x", nullptr);
-        break;
-      case Removal::ObserverAndOtherName:
-        center->removeObserver(listener.get(), "z", nullptr);
-        break;
-      case Removal::ObserverAndSender:
-        center->removeObserver(listener.get(), PXString(), a.get());
-        break;
-      case Removal::OtherObserver:
-        center->removeObserver(other.get());
-        break;
+    const PXObject* who = row.who == Who::Token   ? token.get()
+                          : row.who == Who::Other ? other.get()
+                                                  : listener.get();
+    if (row.name || row.senderA) {
+      center->removeObserver(who, row.name ? PXString(row.name) : PXString(),
+                             row.senderA ? a.get() : nullptr);
+    } else {
+      center->removeObserver(who);
     }
     center->postNotificationName("x", a.get());
     center->postNotificationName("x", b.get());
@@ -232,19 +209,6 @@ TEST(PXNotificationCenter, ObserversChangedDuringDeliveryCountFromTheNextCall) {
   center->postNotificationName("go");
   EXPECT_EQ(calls, (std::vector<std::string>{"first", "added"}));
   EXPECT_EQ(center->observerCount(), 1u);
-}
-
-TEST(PXNotificationCenter, QueuedDeliveryOfARemovedObserverIsDropped) {
-  auto center = PXMake<PXNotificationCenter>();
-  int heard = 0;
-  PXRef<PXObject> token = center->addObserverForName("later", nullptr, PXOperationQueue::mainQueue(),
-                                                     [&](const PXNotification&) { ++heard; });
-  center->postNotificationName("later");
-  center->removeObserver(token.get());
-  bool sentinel = false;  // the main queue runs in order: after it, the delivery had its turn
-  PXOperationQueue::mainQueue()->addOperationWithBlock([&] { sentinel = true; });
-  ASSERT_TRUE(PXIterateMainContextUntil([&] { return sentinel; }));
-  EXPECT_EQ(heard, 0);
 }
 
 TEST(PXNotificationCenter, RemovalWaitsForACallRunningOnAnotherThread) {

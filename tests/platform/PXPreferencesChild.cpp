@@ -1,17 +1,16 @@
-// A second process for the preferences tests: writes an application's
+// A second process for the user-defaults tests: writes an application's
 // preferences the way another instance, a settings tool or the CLI would.
 //
-//   pxkit_test_prefs_child set <app id> <key> int|string|bool|remove [value]
+//   pxkit_test_prefs_child set <app id> <key> [0|1]
+//       sets the key to that bool, or removes it when no value is given
 //   pxkit_test_prefs_child setmany <app id> <key prefix> <count>
 //       sets <prefix>0 ... <prefix>count-1, synchronising after each one
 //   pxkit_test_prefs_child loop <app id> <payload bytes>
 //       forever: Counter + 1, a Payload made from the counter, synchronise,
 //       then print the counter on a line of its own (the crash test kills it)
-//   pxkit_test_prefs_child byhost-set <app id> <key> <string>
 //
-// XDG_CONFIG_HOME and PXKIT_MACHINE_ID_PATH come from the environment.
+// XDG_CONFIG_HOME comes from the environment.
 // Exit status 0 when every write reached the file.
-#include <pxkit/platform/PXPreferences.h>
 #include <pxkit/platform/PXUserDefaults.h>
 
 #include <cstdio>
@@ -31,7 +30,7 @@ std::string payloadFor(long long counter, size_t bytes) {
 }
 
 int usage() {
-  std::fprintf(stderr, "usage: pxkit_test_prefs_child set|setmany|loop|byhost-set <app id> ...\n");
+  std::fprintf(stderr, "usage: pxkit_test_prefs_child set|setmany|loop <app id> ...\n");
   return 2;
 }
 
@@ -43,19 +42,11 @@ int main(int argc, char** argv) {
   PXUserDefaults* defaults = PXUserDefaults::userDefaultsForApplication(argv[2]);
   if (!defaults) return usage();
 
-  if (command == "set" && argc >= 5) {
-    std::string kind = argv[4];
-    const char* value = argc >= 6 ? argv[5] : "";
-    if (kind == "int") {
-      defaults->setInteger(std::atoll(value), argv[3]);
-    } else if (kind == "string") {
-      defaults->setObject(value, argv[3]);
-    } else if (kind == "bool") {
-      defaults->setBool(std::strcmp(value, "1") == 0, argv[3]);
-    } else if (kind == "remove") {
-      defaults->removeObjectForKey(argv[3]);
+  if (command == "set" && argc >= 4) {
+    if (argc >= 5) {
+      defaults->setBool(std::strcmp(argv[4], "1") == 0, argv[3]);
     } else {
-      return usage();
+      defaults->removeObjectForKey(argv[3]);
     }
     return defaults->synchronize() ? 0 : 1;
   }
@@ -78,12 +69,6 @@ int main(int argc, char** argv) {
       std::printf("%lld\n", counter);
       std::fflush(stdout);
     }
-  }
-  if (command == "byhost-set" && argc >= 5) {
-    if (!PXPreferences::setValue(argv[3], argv[4], argv[2], kPXPreferencesCurrentUser,
-                                 kPXPreferencesCurrentHost))
-      return 1;
-    return PXPreferences::synchronize(argv[2], kPXPreferencesCurrentUser, kPXPreferencesCurrentHost) ? 0 : 1;
   }
   return usage();
 }

@@ -21,10 +21,6 @@
 #include "support/PXSubprocess.h"
 #include "support/PXTempHome.h"
 
-#ifndef PXKIT_PREFS_CHILD
-#error "PXKIT_PREFS_CHILD names the helper process"
-#endif
-
 namespace {
 
 constexpr const char* kAppID = "org.pxkit.PrefsTest";
@@ -130,20 +126,6 @@ TEST_F(PXPreferencesTest, ByHostValuesLiveInTheirOwnFileNamedByTheHostKey) {
   EXPECT_FALSE(readPreferences(byHostPath)->objectForKey("MetricsRandomSystemID"));
 }
 
-TEST_F(PXPreferencesTest, ByHostValuesWrittenByAnotherProcessArriveAtSynchronize) {
-  ASSERT_TRUE(
-      PXPreferences::setValue("Mine", "kept", kAppID, kPXPreferencesCurrentUser, kPXPreferencesCurrentHost));
-  ASSERT_EQ(
-      PXSubprocess::run({PXKIT_PREFS_CHILD, "byhost-set", kAppID, "Theirs", "written elsewhere"}).exitStatus,
-      0);
-  ASSERT_TRUE(PXPreferences::synchronize(kAppID, kPXPreferencesCurrentUser, kPXPreferencesCurrentHost));
-  EXPECT_EQ(currentHostValue("Theirs").stringValue(), "written elsewhere");
-  EXPECT_EQ(currentHostValue("Mine").stringValue(), "kept");
-  PXRef<PXDictionary> onDisk = readPreferences(appDirectory() + "/" + kAppID + "." + kHostKey + ".plist");
-  ASSERT_TRUE(onDisk);
-  EXPECT_EQ(onDisk->count(), 2u);
-}
-
 TEST_F(PXPreferencesTest, AnyHostValuesAreTheUserDefaults) {
   PXUserDefaults* defaults = PXUserDefaults::standardUserDefaults();
   defaults->setObject("from defaults", "Shared");
@@ -195,22 +177,6 @@ TEST_F(PXPreferencesTest, ScopesThatCannotBeWrittenAreRefused) {
                                        kPXPreferencesCurrentHost));
 }
 
-TEST_F(PXPreferencesTest, AnotherApplicationsValuesComeFromItsFileAfresh) {
-  const std::string path = appDirectory("org.pxkit.Editor") + "/org.pxkit.Editor.plist";
-  EXPECT_FALSE(PXPreferences::copyAppValue("LastUsed", "org.pxkit.Editor"));
-  home.writeFile(path, PXPropertyList::XMLStringWithPropertyList(
-                           PXValue(PXDictionary::dictionaryWithEntries({{"LastUsed", PXDate(10)}}))));
-  EXPECT_TRUE(PXPreferences::copyAppValue("LastUsed", "org.pxkit.Editor").isEqual(PXDate(10)));
-  home.writeFile(path, PXPropertyList::XMLStringWithPropertyList(
-                           PXValue(PXDictionary::dictionaryWithEntries({{"LastUsed", PXDate(20)}}))));
-  EXPECT_TRUE(PXPreferences::copyAppValue("LastUsed", "org.pxkit.Editor").isEqual(PXDate(20)));
-  home.writeFile(path, "not a property list");
-  EXPECT_FALSE(PXPreferences::copyAppValue("LastUsed", "org.pxkit.Editor"));
-  // The host's own values as this process sees them, not yet written ones included.
-  PXUserDefaults::standardUserDefaults()->setObject("pending", "Own");
-  EXPECT_EQ(PXPreferences::copyAppValue("Own", kAppID).stringValue(), "pending");
-}
-
 TEST_F(PXPreferencesTest, AnotherApplicationsGSettingsAreReadWhenItKeepsNoFile) {
   const std::string schemas = home.makeDirectory("schemas");
   home.writeFile(schemas + "/org.pxkit.Gadget.gschema.xml", R"(<schemalist>
@@ -246,21 +212,30 @@ TEST_F(PXPreferencesTest, AnotherApplicationsGSettingsAreReadWhenItKeepsNoFile) 
   EXPECT_TRUE(PXPreferences::copyAppValue("volume", "org.pxkit.Gadget").isEqual(3));
 }
 
-TEST_F(PXPreferencesTest, FilesThatCannotBeReadAreAbsentAndSaidSoInTheLog) {
+TEST_F(PXPreferencesTest, AnotherApplicationsValuesComeFromItsFileAfreshAndBadFilesAreLogged) {
   PXLogCapture log;
   const std::string path = appDirectory("org.pxkit.Editor") + "/org.pxkit.Editor.plist";
-  home.makeDirectory(path);  // a directory where the file should be
   EXPECT_FALSE(PXPreferences::copyAppValue("LastUsed", "org.pxkit.Editor"));
-  home.writeFile(appDirectory("org.pxkit.Viewer") + "/org.pxkit.Viewer.plist", "not a property list");
+  for (double when : {10.0, 20.0}) {
+    home.writeFile(path, PXPropertyList::XMLStringWithPropertyList(
+                             PXValue(PXDictionary::dictionaryWithEntries({{"LastUsed", PXDate(when)}}))));
+    EXPECT_TRUE(PXPreferences::copyAppValue("LastUsed", "org.pxkit.Editor").isEqual(PXDate(when)));
+  }
+  home.writeFile(path, "not a property list");
+  EXPECT_FALSE(PXPreferences::copyAppValue("LastUsed", "org.pxkit.Editor"));
+  const std::string viewer = appDirectory("org.pxkit.Viewer") + "/org.pxkit.Viewer.plist";
+  home.makeDirectory(viewer);  // a directory where the file should be
   EXPECT_FALSE(PXPreferences::copyAppValue("LastUsed", "org.pxkit.Viewer"));
+  // The host's own values as this process sees them, not yet written ones included.
+  PXUserDefaults::standardUserDefaults()->setObject("pending", "Own");
+  EXPECT_EQ(PXPreferences::copyAppValue("Own", kAppID).stringValue(), "pending");
   // An unreadable machine id: the host name stands in.
   home.makeDirectory("machine-id-dir");
   g_setenv("PXKIT_MACHINE_ID_PATH", (home.root() + "/machine-id-dir").c_str(), TRUE);
   EXPECT_FALSE(PXPreferences::hostKey(kAppID).empty());
   EXPECT_EQ(log.lines(PXLogLevel::Warning),
-            (std::vector<std::string>{"PXPreferences: cannot read " + path + ": Is a directory",
-                                      "PXPreferences: " + appDirectory("org.pxkit.Viewer") +
-                                          "/org.pxkit.Viewer.plist holds no property-list dictionary",
+            (std::vector<std::string>{"PXPreferences: " + path + " holds no property-list dictionary",
+                                      "PXPreferences: cannot read " + viewer + ": Is a directory",
                                       "PXPreferences: machine id unread: cannot read " + home.root() +
                                           "/machine-id-dir: Is a directory"}));
 }

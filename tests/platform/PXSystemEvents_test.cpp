@@ -156,26 +156,6 @@ TEST(PXSystemEvents, BusWithoutLoginManagerListensQuietly) {
   EXPECT_TRUE(log.lines(PXLogLevel::Notice).empty());
 }
 
-TEST(PXSystemEvents, NoSystemBusMeansNoEventsNoErrorAndNoWait) {
-  PXTempHome home;
-  const std::string missing = "unix:path=" + home.runtimeDir() + "/no-bus-here";
-  setenv("DBUS_SYSTEM_BUS_ADDRESS", missing.c_str(), 1);
-  g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_WARNING | G_LOG_LEVEL_CRITICAL));
-  PXLogCapture log;
-  Heard heard;
-  PXNotificationCenter* center = PXWorkspace::sharedWorkspace()->notificationCenter();
-  center->addObserverForName(kPXWorkspaceDidWakeNotification, nullptr, nullptr, heard.recorder());
-  PXSystemEvents::start();
-
-  // The bus is looked for asynchronously: start() has returned before the answer.
-  EXPECT_EQ(PXSystemEvents::sleepWatchState(), PXSystemEvents::SleepWatchState::Connecting);
-  ASSERT_TRUE(PXIterateMainContextUntil(
-      [] { return PXSystemEvents::sleepWatchState() == PXSystemEvents::SleepWatchState::Unavailable; }));
-  EXPECT_FALSE(PXSystemEvents::holdsSleepInhibitor());
-  EXPECT_TRUE(heard.names.empty());
-  EXPECT_TRUE(log.lines(PXLogLevel::Notice).empty());
-}
-
 // ---- The system-bus service: watchers by registration -------------------------------
 
 namespace {
@@ -228,11 +208,30 @@ bool listening(const SystemBusWatch& watch) {
 
 using PXSystemBusLogind = PXSystemEventsLogind;
 
-TEST_F(PXSystemBusLogind, AWatcherHearsItsNameAndSignalsOnItsContextUntilTheNameVanishes) {
+TEST_F(PXSystemBusLogind, AWatcherHearsItsNameAndSignalsOnItsContextsThreadUntilTheNameVanishes) {
   Told told;
   SystemBusWatch watch = SystemBus::watch(told.watcher());
   EXPECT_EQ(watch.state(), SystemBusWatchState::Connecting) << "registering waited for the bus";
+  // Another watcher, registered from this thread for a context that only a worker runs.
+  pxkit::glib::MainContext context(g_main_context_new());
+  pxkit::glib::MainLoop loop(g_main_loop_new(context.get(), FALSE));
+  std::thread::id heardOn;
+  SystemBusWatcher other;
+  other.busName = kLogind;
+  other.nameAppeared = [&](GDBusConnection*, const char*) {
+    heardOn = std::this_thread::get_id();
+    g_main_loop_quit(loop.get());
+  };
+  SystemBusWatch otherWatch = SystemBus::watch(std::move(other), context.get());
+  std::thread worker([&] {
+    pxkit::glib::ThreadDefaultContext scope(context.get());
+    g_main_loop_run(loop.get());
+  });
+  const std::thread::id workerID = worker.get_id();
   ASSERT_TRUE(PXIterateMainContextUntil([&] { return listening(watch) && told.count("appeared") == 1; }));
+  worker.join();
+  EXPECT_EQ(heardOn, workerID);
+  otherWatch.reset();
 
   ASSERT_TRUE(emitPrepareForSleep(*bus_, true));
   ASSERT_TRUE(emitPrepareForSleep(*bus_, false));
@@ -242,31 +241,6 @@ TEST_F(PXSystemBusLogind, AWatcherHearsItsNameAndSignalsOnItsContextUntilTheName
 
   EXPECT_EQ(told.events, (std::vector<std::string>{"appeared", "sleep:1", "sleep:0", "vanished"}));
   for (std::thread::id thread : told.threads) EXPECT_EQ(thread, std::this_thread::get_id());
-}
-
-TEST_F(PXSystemBusLogind, AWatcherOfAnotherContextIsToldOnThatContextsThread) {
-  pxkit::glib::MainContext context(g_main_context_new());
-  pxkit::glib::MainLoop loop(g_main_loop_new(context.get(), FALSE));
-  std::atomic<bool> done{false};
-  std::thread::id heardOn;
-  SystemBusWatcher watcher;
-  watcher.busName = kLogind;
-  watcher.nameAppeared = [&](GDBusConnection*, const char*) {
-    heardOn = std::this_thread::get_id();
-    done = true;
-    g_main_loop_quit(loop.get());
-  };
-  // Registered from the main thread for a context that only the worker runs.
-  SystemBusWatch watch = SystemBus::watch(std::move(watcher), context.get());
-  std::thread worker([&] {
-    pxkit::glib::ThreadDefaultContext scope(context.get());
-    g_main_loop_run(loop.get());
-  });
-  const std::thread::id workerID = worker.get_id();
-  worker.join();
-  EXPECT_TRUE(done);
-  EXPECT_EQ(heardOn, workerID);
-  watch.reset();
 }
 
 TEST_F(PXSystemBusLogind, AWatchRemovedDuringDeliveryHearsNothingMore) {
@@ -317,15 +291,34 @@ TEST_F(PXSystemBusLogind, RemovalFromAnotherThreadWaitsForTheRunningCallback) {
   EXPECT_TRUE(finishedWhenRemoved) << "reset() returned while the callback was still running";
 }
 
-TEST(PXSystemBus, NoSystemBusMeansUnavailableWatchersNoCallbacksAndNoWarning) {
+TEST(PXSystemBus, NoSystemBusMeansUnavailableWatchersNoEventsNoWarningAndNoWait) {
   PXTempHome home;
   setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + home.runtimeDir() + "/no-bus-here").c_str(), 1);
   g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_WARNING | G_LOG_LEVEL_CRITICAL));
+  unsetenv("PXKIT_LOCALTIME_PATH");
   PXLogCapture log;
+  Heard heard;
+  // Each watcher starts when its notification is first observed (other names,
+  // any name and private centres start nothing: see PXNotificationCenter's tests).
+  EXPECT_FALSE(PXSystemEvents::isWatchingTimeZone());
+  EXPECT_EQ(PXSystemEvents::sleepWatchState(), PXSystemEvents::SleepWatchState::Stopped);
+  PXWorkspace::sharedWorkspace()->notificationCenter()->addObserverForName(
+      kPXWorkspaceDidWakeNotification, nullptr, nullptr, heard.recorder());
+  EXPECT_NE(PXSystemEvents::sleepWatchState(), PXSystemEvents::SleepWatchState::Stopped);
+  EXPECT_FALSE(PXSystemEvents::isWatchingTimeZone());
+  PXNotificationCenter::defaultCenter()->addObserverForName(kPXSystemTimeZoneDidChangeNotification, nullptr,
+                                                            nullptr, [](const PXNotification&) {});
+  EXPECT_TRUE(PXSystemEvents::isWatchingTimeZone());
+  EXPECT_EQ(PXSystemEvents::localTimePath(), "/etc/localtime");  // without the test's override
+  PXSystemEvents::start();                                       // starts what is not started yet
   Told early, late;
   SystemBusWatch first = SystemBus::watch(early.watcher());
+  // The bus is looked for asynchronously: start() and watch() have returned before the answer.
   EXPECT_EQ(first.state(), SystemBusWatchState::Connecting);
+  EXPECT_EQ(PXSystemEvents::sleepWatchState(), PXSystemEvents::SleepWatchState::Connecting);
   ASSERT_TRUE(PXIterateMainContextUntil([&] { return first.state() == SystemBusWatchState::Unavailable; }));
+  ASSERT_TRUE(PXIterateMainContextUntil(
+      [] { return PXSystemEvents::sleepWatchState() == PXSystemEvents::SleepWatchState::Unavailable; }));
   // Known by now: a later watcher is unavailable at once.
   SystemBusWatch second = SystemBus::watch(late.watcher());
   EXPECT_EQ(second.state(), SystemBusWatchState::Unavailable);
@@ -333,7 +326,9 @@ TEST(PXSystemBus, NoSystemBusMeansUnavailableWatchersNoCallbacksAndNoWarning) {
   }
   EXPECT_TRUE(early.events.empty());
   EXPECT_TRUE(late.events.empty());
-  EXPECT_TRUE(log.lines(PXLogLevel::Warning).empty());
+  EXPECT_TRUE(heard.names.empty());
+  EXPECT_FALSE(PXSystemEvents::holdsSleepInhibitor());
+  EXPECT_TRUE(log.lines(PXLogLevel::Notice).empty());
   EXPECT_FALSE(SystemBus::watch(SystemBusWatcher{}));  // no bus name: nothing registered
 }
 
@@ -435,16 +430,9 @@ TEST_P(PXSystemEventsTimeZone, EachChangePostsOnceAndTheCalendarFollows) {
   EXPECT_EQ(PXCalendar::secondsFromGMT(kJanuary), 9 * 3600);
 }
 
-std::string changeName(const ::testing::TestParamInfo<Change>& param) {
-  switch (param.param) {
-    case Change::AtomicSymlinkSwap:
-      return "AtomicSymlinkSwap";
-    case Change::RemoveThenSymlink:
-      return "RemoveThenSymlink";
-    case Change::RewriteRegularFile:
-      return "RewriteRegularFile";
-  }
-  return "";
+std::string changeName(const ::testing::TestParamInfo<Change>& info) {
+  const char* names[] = {"AtomicSymlinkSwap", "RemoveThenSymlink", "RewriteRegularFile"};
+  return names[static_cast<int>(info.param)];
 }
 
 INSTANTIATE_TEST_SUITE_P(Changes, PXSystemEventsTimeZone,
@@ -468,25 +456,4 @@ TEST(PXSystemEvents, TouchingTheFileWithoutChangingTheZonePostsNothing) {
   ASSERT_TRUE(PXIterateMainContextUntil([] { return PXSystemEvents::isTimeZoneCheckPending(); }));
   ASSERT_TRUE(PXIterateMainContextUntil([] { return !PXSystemEvents::isTimeZoneCheckPending(); }));
   EXPECT_EQ(posted, 0);
-}
-
-TEST(PXSystemEvents, WatchersStartOnlyWhenTheirNotificationsAreObserved) {
-  PXTempHome home;
-  setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + home.runtimeDir() + "/no-bus-here").c_str(), 1);
-  setenv("PXKIT_LOCALTIME_PATH", (home.root() + "/localtime").c_str(), 1);
-  PXNotificationCenter* defaultCenter = PXNotificationCenter::defaultCenter();
-  PXNotificationCenter* workspaceCenter = PXWorkspace::sharedWorkspace()->notificationCenter();
-  auto ignore = [](const PXNotification&) {};
-
-  // (Other names, any name and private centres start nothing: see PXNotificationCenter's tests.)
-  EXPECT_FALSE(PXSystemEvents::isWatchingTimeZone());
-  EXPECT_EQ(PXSystemEvents::sleepWatchState(), PXSystemEvents::SleepWatchState::Stopped);
-
-  workspaceCenter->addObserverForName(kPXWorkspaceDidWakeNotification, nullptr, nullptr, ignore);
-  EXPECT_NE(PXSystemEvents::sleepWatchState(), PXSystemEvents::SleepWatchState::Stopped);
-  EXPECT_FALSE(PXSystemEvents::isWatchingTimeZone());
-
-  defaultCenter->addObserverForName(kPXSystemTimeZoneDidChangeNotification, nullptr, nullptr, ignore);
-  EXPECT_TRUE(PXSystemEvents::isWatchingTimeZone());
-  EXPECT_EQ(PXSystemEvents::localTimePath(), home.root() + "/localtime");
 }

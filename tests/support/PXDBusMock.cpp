@@ -57,7 +57,6 @@ PXDBusMock::PXDBusMock() {
   g_test_dbus_up(bus_);
   const char* address = g_test_dbus_get_bus_address(bus_);
   if (!address) return;
-  address_ = address;
   setenv("DBUS_SYSTEM_BUS_ADDRESS", address, 1);
   connection_.reset(g_dbus_connection_new_for_address_sync(
       address,

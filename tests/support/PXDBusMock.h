@@ -54,9 +54,6 @@ class PXDBusMock {
   PXDBusMock& operator=(const PXDBusMock&) = delete;
 
   bool isUp() const noexcept { return connection_ != nullptr; }
-  const std::string& address() const noexcept { return address_; }
-  // The test's own connection to the bus (not the process's shared one).
-  GDBusConnection* connection() const noexcept { return connection_.get(); }
 
   // Runs `/usr/bin/python3 -m dbusmock --system --template <templateName>`
   // (with `--parameters <json>` when given) and waits until it owns `busName`.
@@ -78,10 +75,9 @@ class PXDBusMock {
 
  private:
   GTestDBus* bus_ = nullptr;
-  std::string address_;
   bool hadSystemAddress_ = false;
   std::string savedSystemAddress_;
-  pxkit::glib::Object<GDBusConnection> connection_;
+  pxkit::glib::Object<GDBusConnection> connection_;  // the test's own, not the process's shared one
   struct Mock {
     std::string busName;
     pxkit::glib::Object<GSubprocess> process;

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <future>
 #include <stdexcept>
 
@@ -108,25 +107,15 @@ struct PXLoopbackServer::Soup {
 
   // Listens on a new ephemeral port of 127.0.0.1 and returns it.
   static uint16_t listen(SoupServer* server, SoupServerListenOptions options) {
-    std::vector<uint16_t> before = ports(server);
+    const int fd = listenLoopback();
+    const uint16_t port = boundPort(fd);
     pxkit::glib::Error error;
-    if (!soup_server_listen_local(server, 0, SoupServerListenOptions(options | SOUP_SERVER_LISTEN_IPV4_ONLY),
-                                  pxkit::glib::out(error))) {
+    pxkit::glib::Object<GSocket> socket(g_socket_new_from_fd(fd, pxkit::glib::out(error)));
+    if (!socket) close(fd);
+    if (!socket || !soup_server_listen_socket(server, socket.get(), options, pxkit::glib::out(error))) {
       throw std::runtime_error(std::string("PXLoopbackServer: listen: ") + error->message);
     }
-    for (uint16_t port : ports(server)) {
-      if (std::find(before.begin(), before.end(), port) == before.end()) return port;
-    }
-    throw std::runtime_error("PXLoopbackServer: no port");
-  }
-  static std::vector<uint16_t> ports(SoupServer* server) {
-    std::vector<uint16_t> found;
-    GSList* uris = soup_server_get_uris(server);
-    for (GSList* item = uris; item; item = item->next) {
-      found.push_back(static_cast<uint16_t>(g_uri_get_port(static_cast<GUri*>(item->data))));
-    }
-    g_slist_free_full(uris, reinterpret_cast<GDestroyNotify>(g_uri_unref));
-    return found;
+    return port;
   }
 
   // Counts a connection the first time one of its requests starts.
@@ -187,32 +176,15 @@ PXLoopbackServer::PXLoopbackServer(Options options) : options_(options) {
     if (!mkdtemp(pattern)) throw std::runtime_error("PXLoopbackServer: mkdtemp failed");
     tempDirectory_ = pattern;
     certificateFile_ = tempDirectory_ + "/cert.pem";
-    std::string key = tempDirectory_ + "/key.pem";
-    const char* argv[] = {"openssl",
-                          "req",
-                          "-x509",
-                          "-newkey",
-                          "ec",
-                          "-pkeyopt",
-                          "ec_paramgen_curve:prime256v1",
-                          "-nodes",
-                          "-keyout",
-                          key.c_str(),
-                          "-out",
-                          certificateFile_.c_str(),
-                          "-days",
-                          "1",
-                          "-subj",
-                          "/CN=127.0.0.1",
-                          "-addext",
-                          "subjectAltName=IP:127.0.0.1,DNS:localhost",
-                          nullptr};
+    // The directory's name holds no blanks: the command line needs no quoting.
+    const std::string command =
+        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout " +
+        tempDirectory_ + "/key.pem -out " + certificateFile_ +
+        " -days 1 -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1,DNS:localhost";
+    pxkit::glib::String out, err;  // openssl's chatter, dropped
     gint status = 0;
-    pxkit::glib::Error error;
-    if (!g_spawn_sync(
-            nullptr, const_cast<gchar**>(argv), nullptr,
-            GSpawnFlags(G_SPAWN_SEARCH_PATH | G_SPAWN_STDOUT_TO_DEV_NULL | G_SPAWN_STDERR_TO_DEV_NULL),
-            nullptr, nullptr, nullptr, nullptr, &status, pxkit::glib::out(error)) ||
+    if (!g_spawn_command_line_sync(command.c_str(), pxkit::glib::out(out), pxkit::glib::out(err), &status,
+                                   nullptr) ||
         !g_spawn_check_wait_status(status, nullptr)) {
       throw std::runtime_error("PXLoopbackServer: openssl could not make a certificate");
     }
@@ -300,38 +272,9 @@ std::vector<PXLoopbackServer::Request> PXLoopbackServer::requests() const {
   return requests_;
 }
 
-namespace {
-constexpr size_t kPatternPeriod = 23;
-constexpr size_t kPatternBlock = 64 * 1024;
-// The pattern from offset 0, one block and one period long.
-const std::string& patternBlock() {
-  static const std::string block = [] {
-    std::string text(kPatternBlock + kPatternPeriod, '\0');
-    for (size_t i = 0; i < text.size(); ++i) text[i] = PXLoopbackServer::patternByte(i);
-    return text;
-  }();
-  return block;
-}
-}  // namespace
-
-void PXLoopbackServer::fillPattern(uint64_t offset, char* out, size_t length) noexcept {
-  const std::string& block = patternBlock();
-  while (length > 0) {
-    size_t piece = std::min(length, kPatternBlock);
-    std::memcpy(out, block.data() + offset % kPatternPeriod, piece);
-    out += piece;
-    offset += piece;
-    length -= piece;
-  }
-}
-
 bool PXLoopbackServer::matchesPattern(uint64_t offset, std::string_view bytes) noexcept {
-  const std::string& block = patternBlock();
-  while (!bytes.empty()) {
-    size_t piece = std::min(bytes.size(), kPatternBlock);
-    if (std::memcmp(bytes.data(), block.data() + offset % kPatternPeriod, piece) != 0) return false;
-    bytes.remove_prefix(piece);
-    offset += piece;
+  for (char byte : bytes) {
+    if (byte != patternByte(offset++)) return false;
   }
   return true;
 }
@@ -385,11 +328,11 @@ void PXLoopbackServer::serveRaw(int fd) {
     if (found != rawResponses_.end()) response = found->second;
   }
   bool alive = sendAll(fd, response.bytes.data(), response.bytes.size());
-  std::string piece(64 * 1024, '\0');
+  std::string piece;
   for (uint64_t offset = 0; alive && offset < response.streamLength; offset += piece.size()) {
-    size_t length = static_cast<size_t>(std::min<uint64_t>(piece.size(), response.streamLength - offset));
-    fillPattern(offset, piece.data(), length);
-    alive = sendAll(fd, piece.data(), length);
+    piece.resize(static_cast<size_t>(std::min<uint64_t>(64 * 1024, response.streamLength - offset)));
+    for (size_t i = 0; i < piece.size(); ++i) piece[i] = patternByte(offset + i);
+    alive = sendAll(fd, piece.data(), piece.size());
   }
   if (response.ending == RawEnding::Reset) {
     linger abortive{1, 0};

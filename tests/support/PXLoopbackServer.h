@@ -133,8 +133,6 @@ class PXLoopbackServer {
   static char patternByte(uint64_t offset) noexcept { return static_cast<char>('a' + offset % 23); }
   // Whether `bytes` are the streamed body's bytes from `offset` on.
   static bool matchesPattern(uint64_t offset, std::string_view bytes) noexcept;
-  // Fills `out` with the streamed body's bytes from `offset` on.
-  static void fillPattern(uint64_t offset, char* out, size_t length) noexcept;
 
  private:
   struct Soup;  // the SoupServer side, on its own thread

@@ -15,19 +15,21 @@ PXTempHome::PXTempHome() {
   std::string pattern = (fs::temp_directory_path() / "pxkit-home-XXXXXX").string();
   if (!mkdtemp(pattern.data())) throw std::runtime_error("cannot make a temporary home under " + pattern);
   root_ = pattern;
-  for (const std::string& dir : {home(), configHome(), dataHome(), stateHome(), cacheHome(), runtimeDir(),
-                                 systemDataDir(), systemConfigDir()})
+  const std::pair<const char*, std::string> layout[] = {
+      {"HOME", home()},
+      {"XDG_CONFIG_HOME", configHome()},
+      {"XDG_DATA_HOME", dataHome()},
+      {"XDG_STATE_HOME", root_ + "/home/.local/state"},
+      {"XDG_CACHE_HOME", root_ + "/home/.cache"},
+      {"XDG_RUNTIME_DIR", runtimeDir()},
+      {"XDG_DATA_DIRS", systemDataDir()},
+      {"XDG_CONFIG_DIRS", systemConfigDir()},
+  };
+  for (const auto& [name, dir] : layout) {
     fs::create_directories(dir);
+    setVariable(name, dir);
+  }
   chmod(runtimeDir().c_str(), 0700);
-
-  setVariable("HOME", home());
-  setVariable("XDG_CONFIG_HOME", configHome());
-  setVariable("XDG_DATA_HOME", dataHome());
-  setVariable("XDG_STATE_HOME", stateHome());
-  setVariable("XDG_CACHE_HOME", cacheHome());
-  setVariable("XDG_RUNTIME_DIR", runtimeDir());
-  setVariable("XDG_DATA_DIRS", systemDataDir());
-  setVariable("XDG_CONFIG_DIRS", systemConfigDir());
 }
 
 PXTempHome::~PXTempHome() {

@@ -42,8 +42,6 @@ class PXTempHome {
   std::string home() const { return root_ + "/home"; }
   std::string configHome() const { return root_ + "/home/.config"; }
   std::string dataHome() const { return root_ + "/home/.local/share"; }
-  std::string stateHome() const { return root_ + "/home/.local/state"; }
-  std::string cacheHome() const { return root_ + "/home/.cache"; }
   std::string runtimeDir() const { return root_ + "/run"; }
   std::string systemDataDir() const { return root_ + "/usr/share"; }
   std::string systemConfigDir() const { return root_ + "/etc/xdg"; }

@@ -53,7 +53,3 @@ void PXUMockdevTestbed::setAttribute(const std::string& sysfsPath, const std::st
 void PXUMockdevTestbed::uevent(const std::string& sysfsPath, const std::string& action) {
   umockdev_testbed_uevent(testbed_, sysfsPath.c_str(), action.c_str());
 }
-
-void PXUMockdevTestbed::removeDevice(const std::string& sysfsPath) {
-  umockdev_testbed_remove_device(testbed_, sysfsPath.c_str());
-}

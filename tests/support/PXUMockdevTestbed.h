@@ -49,8 +49,6 @@ class PXUMockdevTestbed {
   void setAttribute(const std::string& sysfsPath, const std::string& name, const std::string& value);
   // Sends a uevent ("add", "change", "remove", ...) for the device.
   void uevent(const std::string& sysfsPath, const std::string& action);
-  // Removes the device from sysfs (no uevent: send "remove" first).
-  void removeDevice(const std::string& sysfsPath);
 
  private:
   _UMockdevTestbed* testbed_ = nullptr;
