@@ -110,9 +110,10 @@ class SQLiteStore final : public CollectorStore {
                                                                       {sql::kVersions, &s->versions},
                                                                       {sql::kChannels, &s->channels},
                                                                       {sql::kOSVersions, &s->osVersions}};
-    for (const auto& [text, list] : lists) {
-      sqlite3_stmt* query = statement(text);
+    for (const auto& entry : lists) {
+      sqlite3_stmt* query = statement(entry.first);
       if (!query) return fail(error);
+      std::vector<LabelCount>* list = entry.second;
       if (!each(query, error, [&] {
             list->push_back({columnText(query, 0), columnText(query, 1), sqlite3_column_int64(query, 2)});
           }))
