@@ -108,7 +108,6 @@ TEST_F(PXMetricsTrackerSubmissionTest, EachAnswerLeavesExactlyTheUnconfirmedPape
   const std::vector<size_t> all{0, 1, 2, 3};
   const std::vector<Case> cases = {
       {"500 with a receipt", [](const Strings& ids) { return R(receiptNaming(ids), 500); }, all, false},
-      {"404 with a receipt", [](const Strings& ids) { return R(receiptNaming(ids), 404); }, all, false},
       {"empty body", [](const Strings&) { return R(""); }, all, true},
       {"not JSON", [](const Strings&) { return R("<html>thanks</html>"); }, all, true},
       {"a JSON array", [](const Strings& ids) { return R("[\"" + ids[0] + "\"]"); }, all, true},
@@ -228,7 +227,10 @@ TEST_F(PXMetricsTrackerSubmissionTest, OptedOutTrackerRecordsAndSendsNothingUnti
   storePapercuts(2);
   PXUserDefaults* defaults = PXUserDefaults::standardUserDefaults();
   defaults->setBool(true, kPXMetricsPreferencesDisabledKey);
+  tracker->considerAutoSubmissionWithSubmissionDate();
+  EXPECT_TRUE(tracker->enabled()) << "before start the switch is not read";
   tracker->start();
+  EXPECT_TRUE(tracker->autoSubmissionEnabled());
   tracker->updateMetricValue(5, "com.example.while.off");
   tracker->considerAutoSubmissionWithSubmissionDate();
   tracker->settleOutstandingOperationsWithOperationSync();
@@ -239,6 +241,8 @@ TEST_F(PXMetricsTrackerSubmissionTest, OptedOutTrackerRecordsAndSendsNothingUnti
   // Switching back is a trigger of its own: the overdue submission goes at once.
   defaults->setBool(false, kPXMetricsPreferencesDisabledKey);
   ASSERT_TRUE(PXRunLoopUntil([&] { return posts() == 1; }));
+  defaults->removeObjectForKey(kPXMetricsPreferencesDisabledKey);
+  EXPECT_TRUE(tracker->enabled()) << "absent means not disabled";
 }
 
 TEST_F(PXMetricsTrackerSubmissionTest, PapercutCutInFlightSurvivesTheEarlierReceipt) {
