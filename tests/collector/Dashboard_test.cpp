@@ -57,23 +57,11 @@ TEST(Dashboard, ChromiumDrawsThePlottedFigures) {
   CollectorProcess collector({"--db", dir.path() + "/p.db"});
   ASSERT_TRUE(collector.started()) << collector.output();
   const long long day1 = 1764000000, day2 = day1 + 86400;
-  const auto record = [](const std::string& id, long long t, const std::string& version,
-                         const std::string& os, int launches) {
-    return "{\"packageID\":\"" + id +
-           "\",\"applicationID\":\"org.example.Editor\",\"metrics\":["
-           "{\"identifier\":\"common.launches\",\"value\":" +
-           std::to_string(launches) +
-           "},"
-           "{\"identifier\":\"common.osversion\",\"primary\":\"13\",\"secondary\":\"" +
-           os +
-           "\",\"value\":1}],"
-           "\"totalUsageDays\":1,\"timestamp\":" +
-           std::to_string(t) + ",\"channel\":\"default\",\"applicationVersion\":\"" + version + "\"}";
-  };
   ASSERT_EQ(
       httpPost(collector.url() + "/metrics/post",
-               submissionJSON({record("a", day1, "2.0", "13.1", 4), record("b", day1 + 5, "2.1", "13.1", 3),
-                               record("c", day2, "2.1", "13.2", 9), "{\"packageID\":\"<script>\"}"}))
+               submissionJSON({launchesJSON("a", day1, "2.0", "13.1", 4),
+                               launchesJSON("b", day1 + 5, "2.1", "13.1", 3),
+                               launchesJSON("c", day2, "2.1", "13.2", 9), "{\"packageID\":\"<script>\"}"}))
           .status,
       200);
 
