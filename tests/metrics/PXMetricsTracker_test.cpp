@@ -54,16 +54,6 @@ TEST(PXMetricsTrackerIdentity, UnifiedIDTreatsAbsentAndEmptyQualifiersAlike) {
   }
 }
 
-TEST_F(PXMetricsTrackerTest, InitialState) {
-  EXPECT_EQ(tracker->metricsTimeBase(), clock.now());
-  EXPECT_EQ(tracker->metricsOriginTime(), clock.now());
-  EXPECT_EQ(tracker->channel(), "default");
-  EXPECT_TRUE(tracker->enabled());
-  EXPECT_FALSE(tracker->autoSubmissionEnabled());
-  PXString url = tracker->metricsPostURL();
-  EXPECT_TRUE(url.view().starts_with("http://") && url.view().ends_with("/metrics/post")) << url.c_str();
-}
-
 TEST_F(PXMetricsTrackerTest, RegistryKeepsOrderAndNeverReplacesAnExistingMetric) {
   auto first = PXMake<PXMetric>();
   first->setIdentifier("x");
