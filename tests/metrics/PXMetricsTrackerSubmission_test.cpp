@@ -187,25 +187,11 @@ TEST_F(PXMetricsTrackerSubmissionTest, OneSubmissionADayAndOnlyOneInFlight) {
   ASSERT_TRUE(PXRunLoopUntil([&] { return posts() == 2; }));
 }
 
-TEST_F(PXMetricsTrackerSubmissionTest, NothingStoredOrNoStartLeavesTheTrackerIdle) {
+TEST_F(PXMetricsTrackerSubmissionTest, NothingGoesWhenNothingIsStoredOrTheStoreIsNotJSONOrNoRequestStarts) {
   bool called = false;
   tracker->submitDataWithResponseHandler([&](auto...) { called = true; });
   drainMainQueue();
-  EXPECT_EQ(posts(), 0u);
-  EXPECT_FALSE(called);
-  // Idle again, also after a request that could not start (an unknown scheme).
-  storePapercuts(1);
-  tracker->setMetricsPostURL("gopher://127.0.0.1/metrics/post");
-  tracker->submitDataWithResponseHandler([&](auto...) { called = true; });
-  drainMainQueue();
-  EXPECT_FALSE(called);
-  EXPECT_FALSE(tracker->submissionRequest());
-  tracker->setMetricsPostURL(server.url("/metrics/post"));
-  ASSERT_TRUE(submitAndWait());
-  EXPECT_EQ(posts(), 1u);
-}
-
-TEST_F(PXMetricsTrackerSubmissionTest, AStoreThatIsNotJSONIsLoggedAndNotSent) {
+  // A store that JSON cannot hold is logged and kept.
   storePapercuts(1);
   auto odd = PXMutableDictionary::dictionary();
   odd->setObject(PXDate(kNoon), "packageID");  // a date: JSON cannot hold it
@@ -214,13 +200,22 @@ TEST_F(PXMetricsTrackerSubmissionTest, AStoreThatIsNotJSONIsLoggedAndNotSent) {
   pxkit::internal::addPapercut(*tracker, odd);
   ASSERT_EQ(tracker->paperCuts()->count(), 2u);
   PXLogCapture log;
-  bool called = false;
   tracker->submitDataWithResponseHandler([&](auto...) { called = true; });
   drainMainQueue();
   EXPECT_TRUE(log.contains("Submission dictionary could not be packed as JSON"));
+  EXPECT_EQ(tracker->paperCuts()->count(), 2u);
+  // Idle again, also after a request that could not start (an unknown scheme).
+  tracker->setPaperCuts(PXArray::array());
+  storePapercuts(1);
+  tracker->setMetricsPostURL("gopher://127.0.0.1/metrics/post");
+  tracker->submitDataWithResponseHandler([&](auto...) { called = true; });
+  drainMainQueue();
+  EXPECT_FALSE(tracker->submissionRequest());
   EXPECT_EQ(posts(), 0u);
   EXPECT_FALSE(called);
-  EXPECT_EQ(tracker->paperCuts()->count(), 2u);
+  tracker->setMetricsPostURL(server.url("/metrics/post"));
+  ASSERT_TRUE(submitAndWait());
+  EXPECT_EQ(posts(), 1u);
 }
 
 TEST_F(PXMetricsTrackerSubmissionTest, OptedOutTrackerRecordsAndSendsNothingUntilSwitchedBack) {
