@@ -100,7 +100,7 @@ TEST(PXJSONRequest, PropertiesBecomeADictionaryOfPresentValues) {
 
 // ---- Dictionaries to property types ---------------------------------------------------
 
-TEST(PXJSONRequest, MatchingConvertsEachKindOfProperty) {
+TEST(PXJSONRequest, MatchingConvertsEachKindOfPropertyAndHonoursTheSelection) {
   const PXDate rfc3339 = *PXDateTools::dateFromRFC3339DateString("2012-05-01T10:20:30+02:00");
   const PXDate iso8601 = *PXDateTools::dateFromISO8601DateString("2012-05-01T10:20:30.123+0200");
   PXRef<PXArray> list = names({1, 2});
@@ -170,18 +170,17 @@ TEST(PXJSONRequest, MatchingConvertsEachKindOfProperty) {
   // The object itself is never written.
   EXPECT_EQ(employee->age, 0);
   EXPECT_TRUE(employee->name.isAbsent());
-}
 
-TEST(PXJSONRequest, MatchingHonoursTheSelectionAndLeavesTheInputAlone) {
-  PXRef<JRPerson> person = PXMake<JRPerson>();
+  // A selection limits the properties; the unused keys are a copy of their own.
   PXRef<PXDictionary> input = PXDictionary::dictionaryWithEntries({{"age", "3"}, {"name", "N"}});
   PXRef<PXMutableDictionary> unused;
-  PXRef<PXDictionary> result = PXJSONRequest::matchDictionary(input.get(), names({"age"}), *person, &unused);
+  PXRef<PXDictionary> result =
+      PXJSONRequest::matchDictionary(input.get(), names({"age"}), *employee, &unused);
   EXPECT_TRUE(result->isEqual(*PXDictionary::dictionaryWithEntries({{"age", 3}})));
   EXPECT_TRUE(unused->isEqual(*PXDictionary::dictionaryWithEntries({{"name", "N"}})));
-  unused->setObject(1, "added");  // a copy of its own
+  unused->setObject(1, "added");
   EXPECT_EQ(input->count(), 2u);
-  EXPECT_EQ(PXJSONRequest::matchDictionary(nullptr, {}, *person, &unused)->count(), 0u);
+  EXPECT_EQ(PXJSONRequest::matchDictionary(nullptr, {}, *employee, &unused)->count(), 0u);
   EXPECT_EQ(unused->count(), 0u);
 }
 
