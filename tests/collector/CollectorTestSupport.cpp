@@ -192,6 +192,17 @@ std::string papercutJSON(const std::string& packageID, long long timestamp, int 
          ".0,\"channel\":\"default\",\"applicationVersion\":\"" + applicationVersion + "\"}";
 }
 
+std::string launchesJSON(const std::string& packageID, long long timestamp,
+                         const std::string& applicationVersion, const std::string& os, int launches) {
+  return "{\"packageID\":\"" + packageID +
+         "\",\"applicationID\":\"org.example.Editor\",\"metrics\":[{\"identifier\":\"common.launches\","
+         "\"value\":" +
+         std::to_string(launches) +
+         "},{\"identifier\":\"common.osversion\",\"primary\":\"12\",\"secondary\":\"" + os +
+         "\",\"value\":1}],\"totalUsageDays\":1,\"timestamp\":" + std::to_string(timestamp) +
+         ",\"channel\":\"mas\",\"applicationVersion\":\"" + applicationVersion + "\"}";
+}
+
 std::string submissionJSON(const std::vector<std::string>& records) {
   std::string text = "{\"papercuts\":[";
   for (size_t i = 0; i < records.size(); ++i) text += (i ? "," : "") + records[i];

@@ -95,4 +95,8 @@ std::string rawExchange(const std::string& url, const std::string& bytes);
 // A papercut record as the kit writes it, with `dataSets` data sets.
 std::string papercutJSON(const std::string& packageID, long long timestamp = 1764000000, int dataSets = 2,
                          const std::string& applicationVersion = "1.2");
+// A papercut record with a "common.launches" data set of `launches` and a
+// "common.osversion" data set whose secondary is `os` (channel "mas").
+std::string launchesJSON(const std::string& packageID, long long timestamp,
+                         const std::string& applicationVersion, const std::string& os, int launches);
 std::string submissionJSON(const std::vector<std::string>& records);

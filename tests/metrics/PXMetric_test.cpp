@@ -5,15 +5,6 @@
 
 #include <vector>
 
-// Reaches the metric's private usage clock.
-struct PXMetricTestAccess {
-  static double started(const PXMetric& m) { return m.startedUsageTimeInterval_; }
-  static double autostop(const PXMetric& m) { return m.autostopTime_; }
-  static double autostopInterval(const PXMetric& m) { return m.autostopTimeoutInterval_; }
-  static double uncommitted(const PXMetric& m) { return m.uncommittedUsageTime_; }
-};
-using Access = PXMetricTestAccess;
-
 namespace {
 
 // A script of usage calls at given moments on the kit's virtual clock.
@@ -26,9 +17,7 @@ struct Step {
 struct UsageCase {
   const char* name;
   std::vector<Step> steps;
-  int32_t value;
-  double uncommitted;
-  double started;  // 0 = idle afterwards
+  int32_t value;  // after the last step
   friend void PrintTo(const UsageCase& c, std::ostream* os) { *os << c.name; }
 };
 
@@ -37,10 +26,9 @@ class PXMetricUsage : public testing::TestWithParam<UsageCase> {};
 }  // namespace
 
 TEST_P(PXMetricUsage, AccountsWholeSecondsUpToAutostop) {
-  const UsageCase& c = GetParam();
   PXScopedVirtualClock clock(PXDate(0));
   PXRef<PXMetric> metric = PXMake<PXMetric>();
-  for (const Step& step : c.steps) {
+  for (const Step& step : GetParam().steps) {
     clock.set(PXDate(step.at));
     switch (step.op) {
       case Step::Start:
@@ -57,66 +45,63 @@ TEST_P(PXMetricUsage, AccountsWholeSecondsUpToAutostop) {
         break;
     }
   }
-  EXPECT_EQ(metric->value(), c.value);
-  EXPECT_NEAR(Access::uncommitted(*metric), c.uncommitted, 1e-9);
-  EXPECT_DOUBLE_EQ(Access::started(*metric), c.started);
+  EXPECT_EQ(metric->value(), GetParam().value);
 }
 
+// A second compute shows whether usage was still running after the first.
 INSTANTIATE_TEST_SUITE_P(
     Cases, PXMetricUsage,
     testing::Values(
         // Still running at the compute: the stretch so far counts, and usage goes on from then.
-        UsageCase{"ComputeWhileRunning", {{Step::Start, 100, 10}, {Step::Compute, 105}}, 5, 0, 105},
+        UsageCase{
+            "ComputeWhileRunning", {{Step::Start, 100, 10}, {Step::Compute, 105}, {Step::Compute, 107}}, 7},
         // Nothing until long after the autostop: clipped at 110, then idle.
-        UsageCase{"ClippedAtAutostop", {{Step::Start, 100, 10}, {Step::Compute, 200}}, 10, 0, 0},
+        UsageCase{
+            "ClippedAtAutostop", {{Step::Start, 100, 10}, {Step::Compute, 200}, {Step::Compute, 300}}, 10},
         // Restart at 108 re-arms the autostop from 108; the stop at 130 is clipped at 118.
         UsageCase{"RestartRearmsAutostop",
-                  {{Step::Start, 100, 10}, {Step::Start, 108, 10}, {Step::Stop, 130}},
-                  0,
-                  18,
-                  0},
-        UsageCase{"RestartThenCompute",
                   {{Step::Start, 100, 10}, {Step::Start, 108, 10}, {Step::Stop, 130}, {Step::Compute, 131}},
-                  18,
-                  0,
-                  0},
-        // The fraction of a second is dropped at each compute.
-        UsageCase{
-            "FractionDropped", {{Step::Start, 100, 0}, {Step::Stop, 100.7}, {Step::Compute, 101}}, 0, 0, 0},
-        UsageCase{"FractionPending", {{Step::Start, 100, 0}, {Step::Stop, 100.7}}, 0, 0.7, 0},
+                  18},
+        // The fraction of a second is dropped at each compute, and kept until then.
+        UsageCase{"FractionDropped", {{Step::Start, 100, 0}, {Step::Stop, 100.7}, {Step::Compute, 101}}, 0},
+        UsageCase{"FractionsAddUpBeforeACompute",
+                  {{Step::Start, 100, 0},
+                   {Step::Stop, 100.7},
+                   {Step::Start, 101, 0},
+                   {Step::Stop, 101.7},
+                   {Step::Compute, 102}},
+                  1},
         // Exactly at the autostop moment usage still counts as running.
-        UsageCase{"AtAutostopStillRunning", {{Step::Start, 100, 10}, {Step::Compute, 110}}, 10, 0, 110},
+        UsageCase{"AtAutostopStillRunning", {{Step::Start, 100, 10}, {Step::Compute, 110}}, 10},
         // No autostop: runs until stopped, across computes.
         UsageCase{"NoAutostopRunsOn",
                   {{Step::Start, 0.5, 0}, {Step::Compute, 1000.5}, {Step::Compute, 4000.5}},
-                  4000,
-                  0,
-                  4000.5},
-        // Stopping an idle metric changes nothing.
-        UsageCase{"StopIdle", {{Step::Update, 1, 3}, {Step::Stop, 50}, {Step::Compute, 60}}, 3, 0, 0},
-        // Clock going backwards never subtracts usage.
-        UsageCase{"ClockBackwards", {{Step::Start, 100, 0}, {Step::Compute, 90}}, 0, 0, 90},
+                  4000},
+        // Stopping an idle metric changes nothing; a stop ends the autostop with the stretch.
+        UsageCase{"StopIdle", {{Step::Update, 1, 3}, {Step::Stop, 50}, {Step::Compute, 60}}, 3},
+        UsageCase{"StopThenStartWithoutAutostop",
+                  {{Step::Start, 100, 30}, {Step::Stop, 105}, {Step::Start, 200, 0}, {Step::Compute, 300}},
+                  105},
+        // Clock going backwards never subtracts usage; usage goes on from there.
+        UsageCase{"ClockBackwards", {{Step::Start, 100, 0}, {Step::Compute, 90}, {Step::Compute, 95}}, 5},
         // Counter and usage seconds add up.
-        UsageCase{
-            "CounterAndUsage", {{Step::Update, 1, -4}, {Step::Start, 10, 0}, {Step::Compute, 17}}, 3, 0, 17}),
+        UsageCase{"CounterAndUsage", {{Step::Update, 1, -4}, {Step::Start, 10, 0}, {Step::Compute, 17}}, 3}),
     [](const testing::TestParamInfo<UsageCase>& row) { return std::string(row.param.name); });
 
-TEST(PXMetric, StopZeroesTimingFields) {
-  PXScopedVirtualClock clock(PXDate(100));
-  PXRef<PXMetric> metric = PXMake<PXMetric>();
-  metric->startOrContinueUsageWithAutostopAfterInterval(30);
-  EXPECT_DOUBLE_EQ(Access::autostop(*metric), 130);
-  EXPECT_DOUBLE_EQ(Access::autostopInterval(*metric), 30);
-  metric->stopUsage();
-  EXPECT_EQ(Access::started(*metric), 0);
-  EXPECT_EQ(Access::autostop(*metric), 0);
-  EXPECT_EQ(Access::autostopInterval(*metric), 0);
-}
-
-TEST(PXMetric, ResetKeepsValueOfNonPersistedMetricsOnly) {
+TEST(PXMetric, CounterTruthResetAndWrapping) {
   PXRef<PXMetric> persisted = PXMake<PXMetric>();
+  EXPECT_FALSE(persisted->shouldSubmitMetric());
+  persisted->updateValue(-1);
+  EXPECT_TRUE(persisted->shouldSubmitMetric());
+  persisted->metricIsTrue();
+  persisted->metricIsTrue();
+  EXPECT_EQ(persisted->value(), 1);
+  persisted->setValue(INT32_MAX);
+  persisted->updateValue(1);
+  EXPECT_EQ(persisted->value(), INT32_MIN) << "wraps without undefined behaviour";
+
+  // A reset keeps the value of non-persisted metrics only.
   PXRef<PXMetric> fixed = PXMake<PXMetric>();
-  persisted->setValue(7);
   fixed->setValue(7);
   fixed->setNeedsPersistentStorage(false);
   persisted->resetMetric();
@@ -159,16 +144,6 @@ TEST(PXMetric, ComputeCallbackPhasesAndDataClearing) {
   EXPECT_EQ(phases.size(), 4u);
 }
 
-TEST(PXMetric, ShouldSubmitWhenValueIsNonZero) {
-  PXRef<PXMetric> metric = PXMake<PXMetric>();
-  EXPECT_FALSE(metric->shouldSubmitMetric());
-  metric->updateValue(-1);
-  EXPECT_TRUE(metric->shouldSubmitMetric());
-  metric->metricIsTrue();
-  metric->metricIsTrue();
-  EXPECT_EQ(metric->value(), 1);
-}
-
 TEST(PXMetric, ArchivingCommitsUsageAndRestoresIdlePersistedMetric) {
   PXScopedVirtualClock clock(PXDate(1000));
   PXRef<PXMetric> metric = PXMake<PXMetric>();
@@ -182,9 +157,8 @@ TEST(PXMetric, ArchivingCommitsUsageAndRestoresIdlePersistedMetric) {
   metric->startOrContinueUsageWithAutostopAfterInterval(0);
   clock.advance(42.9);
 
-  PXErrorRef error;
-  PXRef<PXData> archive = PXKeyedArchiver::archivedDataWithRootObject(PXValue(metric), &error);
-  ASSERT_TRUE(archive) << (error ? error->localizedDescription().c_str() : "");
+  PXRef<PXData> archive = PXKeyedArchiver::archivedDataWithRootObject(PXValue(metric));
+  ASSERT_TRUE(archive);
   EXPECT_EQ(metric->value(), 42) << "archiving computes first";
 
   PXRef<PXMetric> restored =
@@ -196,15 +170,10 @@ TEST(PXMetric, ArchivingCommitsUsageAndRestoresIdlePersistedMetric) {
   EXPECT_EQ(restored->value(), 42);
   EXPECT_TRUE(restored->needsPersistentStorage()) << "the flag is not archived";
   EXPECT_EQ(restored->submissionFrequency(), 0.0);
-  EXPECT_EQ(Access::started(*restored), 0) << "a running stretch is not resumed";
+  clock.advance(100);
+  restored->computeMetric();
+  EXPECT_EQ(restored->value(), 42) << "a running stretch is not resumed";
   ASSERT_TRUE(restored->metricData());
   EXPECT_TRUE(restored->metricData()->isMutable());
   EXPECT_EQ(restored->metricData()->objectForKey("files").intValue(), 3);
-}
-
-TEST(PXMetric, CounterWrapsWithoutUndefinedBehaviour) {
-  PXRef<PXMetric> metric = PXMake<PXMetric>();
-  metric->setValue(INT32_MAX);
-  metric->updateValue(1);
-  EXPECT_EQ(metric->value(), INT32_MIN);
 }

@@ -57,7 +57,12 @@ TEST_F(PXMetricsTrackerPersistenceTest, SaveThenLoadInAFreshTrackerBringsTheStat
                      {"timestamp", kNoon + kPXTimeIntervalSince1970 - 86400}}));
   tracker->settleOutstandingOperationsWithOperationSync();  // usage starts now, not later
   clock.advance(30.9);
+  // The state of another system in the same preferences stays as it is.
+  PXUserDefaults* defaults = PXUserDefaults::standardUserDefaults();
+  const PXValue foreign(PXData::dataWithString("someone else's state"));
+  defaults->setObject(PXDictionary::dictionaryWithEntries({{"OTHER-SYSTEM", foreign}}), "Metrics");
   tracker->saveToPreferences();
+  EXPECT_EQ(defaults->dictionaryForKey("Metrics")->objectForKey("OTHER-SYSTEM"), foreign);
 
   clock.advance(3600);  // still the same day: the saved period goes on
   auto fresh = PXMake<PXMetricsTracker>();
@@ -101,19 +106,6 @@ TEST_F(PXMetricsTrackerPersistenceTest, BlobKeysFollowTheStoredOrderAndStopAtThe
 
   // The saved-state papercut is a preview: making it reset nothing.
   EXPECT_EQ(pxkit::internal::findMetricForIdentifier(*tracker, "m", {}, {})->value(), 1);
-}
-
-TEST_F(PXMetricsTrackerPersistenceTest, OtherSystemsEntriesAreKept) {
-  PXUserDefaults* defaults = PXUserDefaults::standardUserDefaults();
-  auto foreign = PXData::dataWithString("someone else's state");
-  defaults->setObject(PXDictionary::dictionaryWithEntries({{"OTHER-SYSTEM", foreign}}), "Metrics");
-  auto tracker = PXMake<PXMetricsTracker>();
-  tracker->saveToPreferences();
-  PXRef<PXDictionary> all = defaults->dictionaryForKey("Metrics");
-  ASSERT_TRUE(all);
-  EXPECT_EQ(all->count(), 2u);
-  EXPECT_EQ(all->objectForKey("OTHER-SYSTEM"), PXValue(foreign));
-  EXPECT_TRUE(all->objectForKey(PXMetricsTracker::systemID()).isData());
 }
 
 TEST_F(PXMetricsTrackerPersistenceTest, BadBlobsGiveAFreshState) {

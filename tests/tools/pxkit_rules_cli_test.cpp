@@ -91,21 +91,11 @@ TEST(PXKitToolRules, FactsPrintsEachKeyPathOrCall) {
             "  version.computerModel             MacBookPro\n"
             "  ${version(of=kernel;lessThan=7)}  1\n"
             "  nosuch.path                       (none)\n");
-
-  ToolRun defaults = runTool({"facts", "--root", fixture("devicetree")});
-  EXPECT_EQ(defaults.status, 0) << defaults.output;
-  EXPECT_THAT(defaults.output, HasSubstr("  version.os "));
-  EXPECT_THAT(defaults.output, HasSubstr(" 11.7\n"));
-  EXPECT_THAT(defaults.output, HasSubstr(" Raspberry Pi 4 Model B Rev 1.4\n"));
-  ToolRun hardware = runTool({"facts", "--root", fixture("sysctl-smt")});
-  EXPECT_EQ(hardware.status, 0) << hardware.output;
-  EXPECT_THAT(hardware.output, HasSubstr("  sysctl.integer.hw.physicalcpu           2\n"));
-  EXPECT_THAT(hardware.output, HasSubstr(" Intel(R) Core(TM) i7-8650U CPU @ 1.90GHz\n"));
-
-  // The running machine: the kernel is always known.
-  ToolRun here = runTool({"facts", "version.kernel"});
-  EXPECT_EQ(here.status, 0);
-  EXPECT_THAT(here.output, ::testing::Not(HasSubstr("(none)")));
+  // Without key paths: the default list; without --root: the running machine, whose kernel is known.
+  ToolRun here = runTool({"facts"});
+  EXPECT_EQ(here.status, 0) << here.output;
+  EXPECT_THAT(here.output, HasSubstr("  version.os "));
+  EXPECT_THAT(here.output, ::testing::ContainsRegex("  version.kernel +[0-9]"));
 }
 
 TEST(PXKitToolRules, CommandLinesItCannotUnderstand) {

@@ -3,36 +3,25 @@
 #include <gtest/gtest.h>
 #include <pxkit/metrics/PXMetricsTracker.h>
 #include <pxkit/platform/PXBundle.h>
-#include <sys/wait.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <sstream>
 #include <string>
+#include <vector>
 
+#include "support/PXSubprocess.h"
 #include "support/PXTempHome.h"
 
 namespace {
 
 constexpr const char* kApp = "org.example.StateHost";
 
-struct ToolRun {
-  int status = -1;
-  std::string out;
-};
-
-// The tool with `args`, its standard output read whole (standard error is left alone).
-ToolRun runTool(const std::string& args) {
-  ToolRun run;
-  FILE* pipe = popen((std::string(PXKIT_CLI) + " " + args + " 2>/dev/null").c_str(), "r");
-  if (!pipe) return run;
-  char chunk[4096];
-  for (size_t n; (n = fread(chunk, 1, sizeof chunk, pipe)) > 0;) run.out.append(chunk, n);
-  int raw = pclose(pipe);
-  run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-  return run;
+// The tool with `args`, its standard output alone (standard error is left out).
+PXSubprocess::Result runTool(std::vector<std::string> args) {
+  args.insert(args.begin(), PXKIT_CLI);
+  return PXSubprocess::run(args);
 }
 
 // Every file under `root` with its contents.
@@ -70,34 +59,34 @@ TEST(PXKitStateTool, ShowsTheStoredStateAndTheNextBodyWithoutChangingIt) {
   ASSERT_FALSE(before.empty());
 
   struct Case {
-    std::string args;
+    std::vector<std::string> args;
     int status;
     std::vector<std::string> lines;  // each a whole line of the output, in this order
   };
   const std::vector<Case> cases = {
-      {std::string("state --app ") + kApp,
+      {{"state", "--app", kApp},
        0,
        {std::string("application: ") + kApp, "system ID: " + std::string(systemID.view()), "metrics (2):",
         "  com.example.clicks [toolbar] = 0", "  com.example.editing = 420", "papercuts waiting (1):",
         "next submission body (" + std::to_string(expectedBody.size()) + " bytes):", expectedBody}},
-      {"state --app org.example.NeverRan", 1, {}},
-      {"state --app", 2, {}},
-      {"state --verbose", 2, {}},
+      {{"state", "--app", "org.example.NeverRan"}, 1, {}},
+      {{"state", "--app"}, 2, {}},
+      {{"state", "--verbose"}, 2, {}},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.args);
-    ToolRun run = runTool(c.args);
-    EXPECT_EQ(run.status, c.status);
+    SCOPED_TRACE(c.args.back());
+    PXSubprocess::Result run = runTool(c.args);
+    EXPECT_EQ(run.exitStatus, c.status);
     size_t from = 0;
     for (const std::string& line : c.lines) {
-      size_t at = run.out.find(line + "\n", from);
-      EXPECT_NE(at, std::string::npos) << "missing line: " << line << "\nin:\n" << run.out;
+      size_t at = run.output.find(line + "\n", from);
+      EXPECT_NE(at, std::string::npos) << "missing line: " << line << "\nin:\n" << run.output;
       if (at != std::string::npos) from = at + line.size();
     }
     if (c.status != 0) {
-      EXPECT_EQ(run.out, "");
+      EXPECT_EQ(run.output, "");
     }
     EXPECT_EQ(filesUnder(home.configHome()), before) << "the tool wrote to the preferences";
   }
-  EXPECT_NE(runTool(std::string("state --app ") + kApp).out.find("  " + packageID + "  "), std::string::npos);
+  EXPECT_NE(runTool({"state", "--app", kApp}).output.find("  " + packageID + "  "), std::string::npos);
 }
