@@ -13,6 +13,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "metrics/internal/PXMetricsRecordingLog.h"
 #include "metrics/internal/PXMetricsTrackerInternal.h"
@@ -202,6 +203,7 @@ bool RecordingBatch::read(Cursor& cursor, Recording& recording) const noexcept {
 }
 
 RecordingLog::~RecordingLog() {
+  if (applied_) giveBackLocked(applied_);
   while (RecordingBatch* batch = spareBatches_) {
     spareBatches_ = batch->nextSpare_;
     delete batch;
@@ -280,11 +282,7 @@ void RecordingLog::seal() noexcept {
 void RecordingLog::close(RecordingBatch* batch) noexcept {
   std::lock_guard guard(lock_);
   if (open_ == batch) open_ = nullptr;
-}
-
-void RecordingLog::recycle(RecordingBatch* batch) noexcept {
-  std::lock_guard guard(lock_);
-  giveBackLocked(batch);
+  if (applied_) giveBackLocked(std::exchange(applied_, nullptr));
 }
 
 }  // namespace pxkit::internal
@@ -310,10 +308,22 @@ void PXMetricsTracker::enqueueRecording(const pxkit::internal::Recording& record
 void PXMetricsTracker::applyRecordings(const pxkit::internal::RecordingBatch& batch) {
   using pxkit::internal::Recording;
   using pxkit::internal::RecordingKind;
-  Recording recording;
+  auto sameIdentity = [](const Recording& a, const Recording& b) {
+    return a.identifier == b.identifier && a.primary == b.primary && a.secondary == b.secondary;
+  };
+  Recording recording, previous;
+  PXRef<PXMetric> metric;
+  uint64_t removals = 0;
   for (pxkit::internal::RecordingBatch::Cursor at; batch.read(at, recording);) {
-    // The metric is looked up (or created) when the recording is applied, not when the call was made.
-    PXRef<PXMetric> metric = metricForRecording(recording.identifier, recording.primary, recording.secondary);
+    // The metric is looked up (or created) when the recording is applied, not
+    // when the call was made; a run of recordings of one identity looks it up
+    // once, unless a metric was removed meanwhile.
+    if (!metric || !sameIdentity(recording, previous) ||
+        metricRemovals_.load(std::memory_order_acquire) != removals) {
+      removals = metricRemovals_.load(std::memory_order_acquire);
+      metric = metricForRecording(recording.identifier, recording.primary, recording.secondary);
+      previous = recording;
+    }
     if (!metric) continue;
     switch (recording.kind) {
       case RecordingKind::UpdateValue:
@@ -393,6 +403,7 @@ void PXMetricsTracker::removeMetric(const PXRef<PXMetric>& metric) {
   PXMonitorLock registry(metricsDict_->monitor());
   metricsDict_->removeObjectForKey(unifiedID);
   metrics_->removeObjectIdenticalTo(metric);
+  metricRemovals_.fetch_add(1, std::memory_order_acq_rel);
 }
 
 PXRef<PXMetric> pxkit::internal::MetricsTrackerAccess::findMetric(const PXMetricsTracker& tracker,

@@ -2,6 +2,7 @@
 // queue's worker in an operation so that every call below lands in a batch
 // that has not started, then check what the batch does when applied.
 #include <gtest/gtest.h>
+#include <pxkit/foundation/PXObjectBlockObserver.h>
 #include <pxkit/metrics/PXMetricsTracker.h>
 #include <pxkit/platform/PXBundle.h>
 
@@ -89,6 +90,25 @@ TEST_F(PXMetricsTrackerRecordingTest, AWaitingBatchKeepsEveryIdentityAndTheCallO
   // A new metric keeps its qualifiers as the first call gave them.
   EXPECT_FALSE(metric("absent.first")->primary());
   EXPECT_EQ(metric("empty.first")->primary(), "");
+}
+
+TEST_F(PXMetricsTrackerRecordingTest, AMetricRemovedWhileABatchIsAppliedIsNotUpdatedAgain) {
+  // An observer removes the metric at its first change, in the middle of the
+  // batch: the next recording of that identity makes a new metric.
+  PXRef<PXMetric> first = tracker->metricForIdentifier("removed");
+  PXObjectBlockObserver::addObserverForKeyPath(
+      *first, "value", 0, nullptr,
+      [this](PXObject* observed, const PXString&, const PXDictionary&, PXObject*) {
+        tracker->removeMetric(PXRef<PXMetric>(static_cast<PXMetric*>(observed)));
+      });
+  holdWorker();
+  tracker->updateMetricValue(1, "removed");
+  tracker->updateMetricValue(10, "removed");
+  release();
+  EXPECT_EQ(first->value(), 1);
+  ASSERT_TRUE(metric("removed"));
+  EXPECT_NE(metric("removed"), first);
+  EXPECT_EQ(metric("removed")->value(), 10);
 }
 
 }  // namespace

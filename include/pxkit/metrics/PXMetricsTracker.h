@@ -42,6 +42,8 @@
 #include <pxkit/objects/PXObject.h>
 #include <pxkit/objects/PXThreadSafety.h>
 
+#include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -265,6 +267,9 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   std::optional<PXDate> lastAutoSubmissionDate_;
   PXRef<PXMutableDictionary> userData_;
   std::unique_ptr<pxkit::internal::RecordingLog> recordingLog_;  // recordings on their way to the queue
+  // Metrics removed from the registry so far: a batch reuses the metric it
+  // found for the previous recording of the same identity while this is unchanged.
+  std::atomic<uint64_t> metricRemovals_{0};
   std::unique_ptr<PXDispatchQueue> metricsOperationQueue_;
   PXRef<PXTimer> automaticPapercutTimer_;
   PXString channel_;

@@ -19,8 +19,9 @@
 //   for (RecordingBatch::Cursor at; batch->read(at, r);) apply(r);
 //   log.recycle(batch);
 //
-// Thread safety: append, seal, close and recycle from any thread. A batch is
-// read only by its job, after close (which orders every append before it).
+// Thread safety: append and seal from any thread; close and recycle from the
+// jobs of the queue (one at a time). A batch is read only by its job, after
+// close (which orders every append before it).
 #pragma once
 
 #include <cstddef>
@@ -90,10 +91,12 @@ class RecordingLog {
   // operation is enqueued, so that it runs after the records appended before
   // it and before those appended after it.
   void seal() noexcept;
-  // The batch's job calls this before reading it: the batch takes no more records.
+  // The batch's job calls this before reading it: the batch takes no more
+  // records. The batch applied before it is given back in the same step.
   void close(RecordingBatch* batch) noexcept;
-  // Gives back a batch whose job has applied it, with its chunks.
-  void recycle(RecordingBatch* batch) noexcept;
+  // The batch's job calls this once it has applied the batch; the batch and
+  // its chunks are given back for reuse at the next close (or freed with the log).
+  void recycle(RecordingBatch* batch) noexcept { applied_ = batch; }
 
  private:
   // Chunks kept for reuse (a burst's further chunks are freed once applied):
@@ -110,6 +113,7 @@ class RecordingLog {
   RecordingBatch* spareBatches_ = nullptr;  // under lock_
   RecordingChunk* spareChunks_ = nullptr;   // under lock_
   size_t spareChunkCount_ = 0;              // under lock_
+  RecordingBatch* applied_ = nullptr;       // only jobs of the queue, one at a time
 };
 
 template <class EnqueueApply>
