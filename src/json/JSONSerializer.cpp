@@ -307,6 +307,7 @@ class Serializer {
     if (!checkDepth(depth)) return false;
     const std::span<const PXValue> values = array.values();
     out_.put('[');
+    for (size_t i = 0; i < kPrefetchDistance && i < values.size(); ++i) prefetchObject(values[i]);
     bool first = true;
     for (size_t i = 0; i < values.size(); ++i) {
       const PXValue& value = values[i];
