@@ -290,12 +290,28 @@ class Serializer {
     return fail(PXFormat(kMessageTooDeep, static_cast<unsigned long>(kPXJSONMaxDepth)));
   }
 
+  // A large array's elements are objects scattered over the heap (a store of
+  // papercuts: thousands of small dictionaries, their entries kept with each
+  // object): their lines are asked for a few elements ahead, so that the
+  // cache misses overlap instead of coming one after another.
+  static constexpr size_t kPrefetchDistance = 8;
+  static constexpr size_t kPrefetchLines = 4;
+  static void prefetchObject(const PXValue& value) noexcept {
+    if (const PXObject* object = value.objectPointer()) {
+      const char* line = reinterpret_cast<const char*>(object);
+      for (size_t i = 0; i < kPrefetchLines; ++i) __builtin_prefetch(line + 64 * i, 0);
+    }
+  }
+
   bool writeArray(const PXArray& array, size_t depth) {
     if (!checkDepth(depth)) return false;
     const std::span<const PXValue> values = array.values();
     out_.put('[');
+    for (size_t i = 0; i < kPrefetchDistance && i < values.size(); ++i) prefetchObject(values[i]);
     bool first = true;
-    for (const PXValue& value : values) {
+    for (size_t i = 0; i < values.size(); ++i) {
+      const PXValue& value = values[i];
+      if (i + kPrefetchDistance < values.size()) prefetchObject(values[i + kPrefetchDistance]);
       if (!first) out_.put(',');
       first = false;
       if (pretty_) newline(depth);

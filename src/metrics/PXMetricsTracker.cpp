@@ -8,12 +8,14 @@
 #include <pxkit/platform/PXTimer.h>
 #include <pxkit/platform/PXUUID.h>
 
-#include <array>
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 
+#include "metrics/internal/PXMetricsRecordingLog.h"
 #include "metrics/internal/PXMetricsTrackerInternal.h"
 
 const char* const kPXMetricsChannelDefault = "default";
@@ -73,6 +75,7 @@ PXMetricsTracker::PXMetricsTracker() {
   paperCuts_ = PXMutableArray::array();
   lastPaperCutDateByMetricID_ = PXMutableDictionary::dictionary();
   channel_ = kPXMetricsChannelDefault;
+  recordingLog_ = std::make_unique<pxkit::internal::RecordingLog>();
   metricsOperationQueue_ =
       std::make_unique<PXDispatchQueue>("pxkit-metrics", PXDispatchQueue::Wake::Deferred);
   metricsPostURL_ = kPXMetricsDefaultPostURL;
@@ -112,47 +115,6 @@ void writeUnifiedID(std::string& out, std::string_view identifier, std::string_v
   put("}");
 }
 
-// A metric identity copied into a queued operation: inline when short (the
-// usual case, so recording allocates nothing), else on the heap. Keeps the
-// difference between an absent and an empty string, which a new metric keeps.
-class RecordedIdentity {
- public:
-  RecordedIdentity(std::string_view identifier, std::string_view primary, std::string_view secondary)
-      : absent_{identifier.data() == nullptr, primary.data() == nullptr, secondary.data() == nullptr},
-        sizes_{static_cast<uint32_t>(identifier.size()), static_cast<uint32_t>(primary.size()),
-               static_cast<uint32_t>(secondary.size())} {
-    size_t total = identifier.size() + primary.size() + secondary.size();
-    char* bytes = inline_;
-    if (total > sizeof inline_) {
-      heap_ = std::make_unique<char[]>(total);
-      bytes = heap_.get();
-    }
-    for (std::string_view part : {identifier, primary, secondary}) {
-      if (!part.empty()) std::memcpy(bytes, part.data(), part.size());
-      bytes += part.size();
-    }
-  }
-  RecordedIdentity(RecordedIdentity&& other) noexcept
-      : absent_(other.absent_), sizes_(other.sizes_), heap_(std::move(other.heap_)) {
-    if (!heap_) std::memcpy(inline_, other.inline_, sizes_[0] + sizes_[1] + sizes_[2]);
-  }
-
-  std::string_view identifier() const noexcept { return part(0, 0); }
-  std::string_view primary() const noexcept { return part(1, sizes_[0]); }
-  std::string_view secondary() const noexcept { return part(2, sizes_[0] + sizes_[1]); }
-
- private:
-  std::string_view part(int index, size_t offset) const noexcept {
-    if (absent_[index]) return {};
-    return {(heap_ ? heap_.get() : inline_) + offset, sizes_[index]};
-  }
-
-  std::array<bool, 3> absent_;
-  std::array<uint32_t, 3> sizes_;
-  std::unique_ptr<char[]> heap_;
-  char inline_[64];
-};
-
 }  // namespace
 
 PXString pxkit::internal::unifiedIDForIdentifier(const PXString& identifier, const PXString& primary,
@@ -179,53 +141,231 @@ PXString PXMetricsTracker::systemID() {
 
 // ---- Recording -------------------------------------------------------------------------
 
-template <class Body>
-void PXMetricsTracker::enqueueRecording(std::string_view identifier, std::string_view primary,
-                                        std::string_view secondary, Body&& body) {
-  // One check of `enabled` and one enqueue: calls made while disabled leave no trace.
-  if (!enabled()) return;
-  auto job = [tracker = PXRef<PXMetricsTracker>(this),
-              identity = RecordedIdentity(identifier, primary, secondary), body = std::forward<Body>(body)] {
-    // Each job holds the tracker lock while it runs; its temporaries die with it.
-    PXMetricsTracker& self = *tracker;
-    PXMonitorLock lock(self.monitor());
-    // The metric is looked up (or created) when the job runs, not when the call was made.
-    if (PXRef<PXMetric> metric =
-            self.metricForRecording(identity.identifier(), identity.primary(), identity.secondary())) {
-      body(self, *metric);
+namespace pxkit::internal {
+
+// A chunk's header; its records follow. Chunks of kChunkBytes are pooled; a
+// record too large for one gets a chunk of its own size, freed after use.
+struct RecordingChunk {
+  RecordingChunk* next = nullptr;
+  size_t size = 0;      // bytes of records
+  size_t capacity = 0;  // bytes of room for records
+  std::byte* records() noexcept { return reinterpret_cast<std::byte*>(this + 1); }
+  const std::byte* records() const noexcept { return reinterpret_cast<const std::byte*>(this + 1); }
+};
+
+namespace {
+
+constexpr size_t kChunkBytes = 16 * 1024;
+constexpr size_t kChunkRoom = kChunkBytes - sizeof(RecordingChunk);
+
+// The fixed part of a record; the identity's bytes follow, padded to 8.
+struct RecordHeader {
+  uint32_t sizes[3];
+  RecordingKind kind;
+  uint8_t absent;  // bit i: part i is absent
+  double argument;
+};
+static_assert(sizeof(RecordHeader) == 24 && sizeof(RecordingChunk) % 8 == 0);
+
+constexpr size_t padded(size_t length) noexcept {
+  return (length + 7) & ~size_t{7};
+}
+
+RecordingChunk* newChunk(size_t room) {
+  return ::new (::operator new(sizeof(RecordingChunk) + room)) RecordingChunk{nullptr, 0, room};
+}
+
+void deleteChunk(RecordingChunk* chunk) noexcept {
+  ::operator delete(chunk);
+}
+
+}  // namespace
+
+bool RecordingBatch::read(Cursor& cursor, Recording& recording) const noexcept {
+  if (!cursor.started) cursor = {first_, 0, true};
+  while (cursor.chunk && cursor.offset >= cursor.chunk->size) cursor = {cursor.chunk->next, 0, true};
+  if (!cursor.chunk) return false;
+  const std::byte* at = cursor.chunk->records() + cursor.offset;
+  RecordHeader header;
+  std::memcpy(&header, at, sizeof header);
+  const char* text = reinterpret_cast<const char*>(at + sizeof header);
+  std::string_view* parts[3] = {&recording.identifier, &recording.primary, &recording.secondary};
+  size_t length = 0;
+  for (int i = 0; i < 3; ++i) {
+    *parts[i] =
+        header.absent & (1u << i) ? std::string_view() : std::string_view(text + length, header.sizes[i]);
+    length += header.sizes[i];
+  }
+  recording.kind = header.kind;
+  recording.argument = header.argument;
+  cursor.offset += sizeof header + padded(length);
+  return true;
+}
+
+RecordingLog::~RecordingLog() {
+  if (applied_) giveBackLocked(applied_);
+  while (RecordingBatch* batch = spareBatches_) {
+    spareBatches_ = batch->nextSpare_;
+    delete batch;
+  }
+  while (RecordingChunk* chunk = spareChunks_) {
+    spareChunks_ = chunk->next;
+    deleteChunk(chunk);
+  }
+}
+
+void RecordingLog::appendLocked(RecordingBatch& batch, const Recording& recording) {
+  const std::string_view parts[3] = {recording.identifier, recording.primary, recording.secondary};
+  RecordHeader header{};
+  size_t length = 0;
+  for (int i = 0; i < 3; ++i) {
+    header.sizes[i] = static_cast<uint32_t>(parts[i].size());
+    if (parts[i].data() == nullptr) header.absent |= static_cast<uint8_t>(1u << i);
+    length += parts[i].size();
+  }
+  header.kind = recording.kind;
+  header.argument = recording.argument;
+  const size_t bytes = sizeof header + padded(length);
+  RecordingChunk* chunk = batch.last_;
+  if (!chunk || chunk->capacity - chunk->size < bytes) {
+    if (bytes <= kChunkRoom && spareChunks_) {
+      chunk = spareChunks_;
+      spareChunks_ = chunk->next;
+      --spareChunkCount_;
+      chunk->next = nullptr;
+      chunk->size = 0;
+    } else {
+      chunk = newChunk(std::max(bytes, kChunkRoom));
     }
+    (batch.last_ ? batch.last_->next : batch.first_) = chunk;
+    batch.last_ = chunk;
+  }
+  std::byte* at = chunk->records() + chunk->size;
+  std::memcpy(at, &header, sizeof header);
+  at += sizeof header;
+  for (std::string_view part : parts) {
+    if (!part.empty()) std::memcpy(at, part.data(), part.size());
+    at += part.size();
+  }
+  chunk->size += bytes;
+}
+
+RecordingBatch* RecordingLog::takeBatchLocked() {
+  RecordingBatch* batch = spareBatches_;
+  if (!batch) return new RecordingBatch();
+  spareBatches_ = batch->nextSpare_;
+  batch->nextSpare_ = nullptr;
+  return batch;
+}
+
+void RecordingLog::giveBackLocked(RecordingBatch* batch) noexcept {
+  while (RecordingChunk* chunk = batch->first_) {
+    batch->first_ = chunk->next;
+    if (spareChunkCount_ < kSpareChunks && chunk->capacity == kChunkRoom) {
+      chunk->next = spareChunks_;
+      spareChunks_ = chunk;
+      ++spareChunkCount_;
+    } else {
+      deleteChunk(chunk);
+    }
+  }
+  batch->last_ = nullptr;
+  batch->nextSpare_ = spareBatches_;
+  spareBatches_ = batch;
+}
+
+void RecordingLog::seal() noexcept {
+  std::lock_guard guard(lock_);
+  open_ = nullptr;
+}
+
+void RecordingLog::close(RecordingBatch* batch) noexcept {
+  std::lock_guard guard(lock_);
+  if (open_ == batch) open_ = nullptr;
+  if (applied_) giveBackLocked(std::exchange(applied_, nullptr));
+}
+
+}  // namespace pxkit::internal
+
+void PXMetricsTracker::enqueueRecording(const pxkit::internal::Recording& recording) {
+  // One check of `enabled`: calls made while disabled leave no trace.
+  if (!enabled()) return;
+  using pxkit::internal::RecordingBatch;
+  recordingLog_->append(recording, [this](RecordingBatch* batch) {
+    auto job = [tracker = PXRef<PXMetricsTracker>(this), batch] {
+      // The batch is applied holding the tracker lock once.
+      PXMetricsTracker& self = *tracker;
+      PXMonitorLock lock(self.monitor());
+      self.recordingLog_->close(batch);
+      self.applyRecordings(*batch);
+      self.recordingLog_->recycle(batch);
+    };
+    static_assert(PXDispatchQueue::storesInline<decltype(job)>(), "no allocation per batch for its job");
+    metricsOperationQueue_->async(std::move(job));
+  });
+}
+
+void PXMetricsTracker::applyRecordings(const pxkit::internal::RecordingBatch& batch) {
+  using pxkit::internal::Recording;
+  using pxkit::internal::RecordingKind;
+  auto sameIdentity = [](const Recording& a, const Recording& b) {
+    return a.identifier == b.identifier && a.primary == b.primary && a.secondary == b.secondary;
   };
-  static_assert(PXDispatchQueue::storesInline<decltype(job)>(),
-                "a recording travels in its queue node: no allocation per call");
-  metricsOperationQueue_->async(std::move(job));
+  Recording recording, previous;
+  PXRef<PXMetric> metric;
+  uint64_t removals = 0;
+  for (pxkit::internal::RecordingBatch::Cursor at; batch.read(at, recording);) {
+    // The metric is looked up (or created) when the recording is applied, not
+    // when the call was made; a run of recordings of one identity looks it up
+    // once, unless a metric was removed meanwhile.
+    if (!metric || !sameIdentity(recording, previous) ||
+        metricRemovals_.load(std::memory_order_acquire) != removals) {
+      removals = metricRemovals_.load(std::memory_order_acquire);
+      metric = metricForRecording(recording.identifier, recording.primary, recording.secondary);
+      previous = recording;
+    }
+    if (!metric) continue;
+    switch (recording.kind) {
+      case RecordingKind::UpdateValue:
+        metric->updateValue(static_cast<int32_t>(recording.argument));
+        break;
+      case RecordingKind::StartOrContinueUsage:
+        metric->startOrContinueUsageWithAutostopAfterInterval(recording.argument);
+        break;
+      case RecordingKind::StopUsage:
+        metric->stopUsage();
+        break;
+      case RecordingKind::SetFixedValue:
+        metricForIdentifier(metric->identifier(), metric->primary(), metric->secondary(),
+                            static_cast<int32_t>(recording.argument));
+        break;
+    }
+  }
 }
 
 void PXMetricsTracker::updateMetricValue(int32_t delta, std::string_view identifier, std::string_view primary,
                                          std::string_view secondary) {
-  enqueueRecording(identifier, primary, secondary,
-                   [delta](PXMetricsTracker&, PXMetric& metric) { metric.updateValue(delta); });
+  enqueueRecording({pxkit::internal::RecordingKind::UpdateValue, static_cast<double>(delta), identifier,
+                    primary, secondary});
 }
 
 void PXMetricsTracker::startOrContinueUsageWithAutostopAfterInterval(double interval,
                                                                      std::string_view identifier,
                                                                      std::string_view primary,
                                                                      std::string_view secondary) {
-  enqueueRecording(identifier, primary, secondary, [interval](PXMetricsTracker&, PXMetric& metric) {
-    metric.startOrContinueUsageWithAutostopAfterInterval(interval);
-  });
+  enqueueRecording(
+      {pxkit::internal::RecordingKind::StartOrContinueUsage, interval, identifier, primary, secondary});
 }
 
 void PXMetricsTracker::stopUsageForIdentifier(std::string_view identifier, std::string_view primary,
                                               std::string_view secondary) {
-  enqueueRecording(identifier, primary, secondary,
-                   [](PXMetricsTracker&, PXMetric& metric) { metric.stopUsage(); });
+  enqueueRecording({pxkit::internal::RecordingKind::StopUsage, 0, identifier, primary, secondary});
 }
 
 void PXMetricsTracker::setFixedValue(int32_t value, std::string_view identifier, std::string_view primary,
                                      std::string_view secondary) {
-  enqueueRecording(identifier, primary, secondary, [value](PXMetricsTracker& tracker, PXMetric& metric) {
-    tracker.metricForIdentifier(metric.identifier(), metric.primary(), metric.secondary(), value);
-  });
+  enqueueRecording({pxkit::internal::RecordingKind::SetFixedValue, static_cast<double>(value), identifier,
+                    primary, secondary});
 }
 
 PXRef<PXMetric> PXMetricsTracker::metricForRecording(std::string_view identifier, std::string_view primary,
@@ -263,6 +403,7 @@ void PXMetricsTracker::removeMetric(const PXRef<PXMetric>& metric) {
   PXMonitorLock registry(metricsDict_->monitor());
   metricsDict_->removeObjectForKey(unifiedID);
   metrics_->removeObjectIdenticalTo(metric);
+  metricRemovals_.fetch_add(1, std::memory_order_acq_rel);
 }
 
 PXRef<PXMetric> pxkit::internal::MetricsTrackerAccess::findMetric(const PXMetricsTracker& tracker,
@@ -326,6 +467,7 @@ PXRef<PXMetric> PXMetricsTracker::metricForIdentifier(const PXString& identifier
 
 void PXMetricsTracker::performMetricsOperation(PXMetricsOperation operation) {
   if (!operation || !metricsOperationQueue_) return;
+  recordingLog_->seal();  // recordings made after this call are applied after the operation
   metricsOperationQueue_->async([tracker = PXRef<PXMetricsTracker>(this), operation = std::move(operation)] {
     PXMonitorLock lock(tracker->monitor());
     operation();
@@ -334,6 +476,7 @@ void PXMetricsTracker::performMetricsOperation(PXMetricsOperation operation) {
 
 void PXMetricsTracker::settleOutstandingOperationsWithOperationSync(const PXMetricsOperation& operation) {
   if (!metricsOperationQueue_) return;
+  recordingLog_->seal();
   // The queue is serial: this job runs after every operation enqueued before it.
   metricsOperationQueue_->sync([this, &operation] {
     if (!operation) return;

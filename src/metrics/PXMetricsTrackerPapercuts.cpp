@@ -71,11 +71,17 @@ PXRef<PXMutableArray> pxkit::internal::compileMetricsDataSetsFromMetrics(PXMetri
       bool throttled =
           last && frequency != 0.0 && frequency > PXDate::now().timeIntervalSinceDate(last->dateValue());
       if (!throttled) {
+        // The keys are shared by every data set: a store of many papercuts keeps
+        // one copy of each, and whoever walks the store finds them in cache.
+        static const PXValue kIdentifierKey("identifier");
+        static const PXValue kPrimaryKey("primary");
+        static const PXValue kSecondaryKey("secondary");
+        static const PXValue kValueKey("value");
         auto dataSet = PXMutableDictionary::dictionaryWithCapacity(4);
-        if (identifier) dataSet->setObject(identifier, "identifier");
-        if (PXString primary = metric->primary()) dataSet->setObject(primary, "primary");
-        if (PXString secondary = metric->secondary()) dataSet->setObject(secondary, "secondary");
-        dataSet->setObject(metric->value(), "value");
+        if (identifier) dataSet->setObject(identifier, kIdentifierKey);
+        if (PXString primary = metric->primary()) dataSet->setObject(primary, kPrimaryKey);
+        if (PXString secondary = metric->secondary()) dataSet->setObject(secondary, kSecondaryKey);
+        dataSet->setObject(metric->value(), kValueKey);
         result->addObject(dataSet);
       }
     }

@@ -41,21 +41,24 @@ ObservationInfo& infoFor(const PXObject& object) {
 
 // ---- Values -----------------------------------------------------------------
 
-// The one place where observing meets key-value coding's raise: the value at
-// `keyPath` (or of the single `key`), absent when it cannot be read — a key the
-// object does not know, or a host's override that raises. Observing never
-// raises on behalf of a setter that is only announcing its change.
-template <class Read>
-PXValue readObservedValue(Read&& read) {
+// The one place where observing meets key-value coding: the value at
+// `keyPath` (or of the single `key`), read through the lookup that does not
+// raise, so a key the object does not know reads as absent. A host's override
+// that raises anyway (another exception of the kit) is contained the same way:
+// observing never raises on behalf of a setter that is only announcing its change.
+template <class Lookup>
+PXValue readObservedValue(Lookup&& lookup) {
+  PXValue value;
   try {
-    return read();
+    (void)lookup(&value);  // found, absent or an undefined key: `value` holds the answer or nothing
   } catch (const PXException&) {
     return {};
   }
+  return value;
 }
 
 PXValue observedValue(const PXObject& object, std::string_view keyPath) {
-  return readObservedValue([&] { return object.valueForKeyPath(keyPath); });
+  return readObservedValue([&](PXValue* out) { return object.lookupValueForKeyPath(keyPath, out); });
 }
 
 PXValue orNull(const PXValue& value) {
@@ -114,7 +117,8 @@ void rewalk(const RegistrationRef& registration, const PXObject& root) {
   const auto& keys = registration->keys;
   for (size_t i = 0; i + 1 < keys.size(); ++i) {
     // A key the object does not know ends the path here, as an absent value does.
-    PXValue value = readObservedValue([&] { return objects.back()->valueForKey(keys[i]); });
+    PXValue value =
+        readObservedValue([&](PXValue* out) { return objects.back()->lookupValueForKey(keys[i], out); });
     if (!value.isObject()) break;
     objects.push_back(value.objectValue());
   }

@@ -3,7 +3,7 @@
 // The tracker is the process-wide registry of metrics (PXMetric). It names a
 // metric by a triple (identifier, primary, secondary), creates it on first use,
 // and runs every mutation on one serial operation queue, so recording from any
-// thread costs the caller one flag check and one enqueue and never blocks on
+// thread costs the caller one flag check and a short copy and never blocks on
 // metrics work. It keeps its state across launches in the host's preferences,
 // condenses it once per local calendar day into a papercut, and carries the
 // user's opt-out switch ("PXMetricsDisabled" in the host's user defaults).
@@ -42,6 +42,8 @@
 #include <pxkit/objects/PXObject.h>
 #include <pxkit/objects/PXThreadSafety.h>
 
+#include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -50,6 +52,9 @@ class PXDispatchQueue;
 class PXTimer;
 namespace pxkit::internal {
 struct MetricsTrackerAccess;
+struct Recording;
+class RecordingBatch;
+class RecordingLog;
 }  // namespace pxkit::internal
 
 // Distribution channels reported with submissions.
@@ -87,7 +92,9 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   static PXString systemID();
 
   // ---- Recording (any thread; each does nothing while `enabled` is false,
-  //      otherwise enqueues one operation and returns at once) -----------------
+  //      otherwise queues the recording and returns at once) ------------------
+  // Recordings are applied on the operation queue in call order per thread,
+  // after the operations enqueued before them and before those enqueued after.
   // Identities are passed as views and copied into the operation; a default
   // std::string_view (or an absent PXString) is an absent qualifier, the same
   // metric as an empty one. Nothing is allocated before the `enabled` check.
@@ -234,9 +241,10 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
  private:
   friend struct PXMetricsTrackerTestAccess;
   friend struct pxkit::internal::MetricsTrackerAccess;
-  template <class Body>
-  void enqueueRecording(std::string_view identifier, std::string_view primary, std::string_view secondary,
-                        Body&& body);
+  // Queues `recording` (see metrics/internal/PXMetricsRecordingLog.h) unless disabled.
+  void enqueueRecording(const pxkit::internal::Recording& recording);
+  // Applies a batch of recordings in order, on the queue.
+  void applyRecordings(const pxkit::internal::RecordingBatch& batch) PX_REQUIRES(monitor());
   // The registered metric for an identity, found without allocating; created on
   // first use. Runs in a recording job, which holds the tracker lock; takes the
   // registry lock inside it.
@@ -258,6 +266,10 @@ class PXKIT_EXPORT PXMetricsTracker : public PXObject {
   PXRef<PXMutableDictionary> lastPaperCutDateByMetricID_;
   std::optional<PXDate> lastAutoSubmissionDate_;
   PXRef<PXMutableDictionary> userData_;
+  std::unique_ptr<pxkit::internal::RecordingLog> recordingLog_;  // recordings on their way to the queue
+  // Metrics removed from the registry so far: a batch reuses the metric it
+  // found for the previous recording of the same identity while this is unchanged.
+  std::atomic<uint64_t> metricRemovals_{0};
   std::unique_ptr<PXDispatchQueue> metricsOperationQueue_;
   PXRef<PXTimer> automaticPapercutTimer_;
   PXString channel_;
