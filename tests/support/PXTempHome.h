@@ -52,10 +52,12 @@ class PXTempHome {
   std::string writeFile(const std::string& path, std::string_view contents) const;
   // Makes a directory (and its parents); returns its absolute path.
   std::string makeDirectory(const std::string& path) const;
+  // Sets an environment variable until this home is destroyed, which puts
+  // back the earlier value (or its absence).
+  void setVariable(const char* name, const std::string& value);
 
  private:
   std::string absolute(const std::string& path) const;
-  void setVariable(const char* name, const std::string& value);
 
   std::string root_;
   std::vector<std::pair<std::string, std::pair<bool, std::string>>> saved_;  // name, (was set, value)
