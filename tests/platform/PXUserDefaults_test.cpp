@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -175,6 +176,22 @@ TEST_F(PXUserDefaultsTest, SynchronizeWritesWhatIsSetButNeverTheRegisteredDefaul
   ASSERT_TRUE(defaults->synchronize());
   EXPECT_FALSE(readPreferences(filePath())->objectForKey("Volume"));
   EXPECT_EQ(readPreferences(filePath())->count(), 3u);
+}
+
+TEST_F(PXUserDefaultsTest, AFileThatCannotBeWrittenIsAnErrorAndTheValueWaitsForTheNextSynchronize) {
+  // A regular file where the application's directory belongs.
+  std::filesystem::remove_all(appDirectory());
+  home.writeFile(appDirectory(), "not a directory");
+  defaults->setInteger(5, "Volume");
+  PXErrorRef error;
+  EXPECT_FALSE(defaults->synchronize(&error));
+  ASSERT_TRUE(error);
+  EXPECT_FALSE(error->localizedDescription().str().empty());
+  EXPECT_EQ(defaults->integerForKey("Volume"), 5);
+
+  ASSERT_EQ(::unlink(appDirectory().c_str()), 0);
+  ASSERT_TRUE(defaults->synchronize());
+  EXPECT_TRUE(readPreferences(filePath())->objectForKey("Volume").isEqual(PXValue(5)));
 }
 
 TEST_F(PXUserDefaultsTest, TypedReadsConvertAndStoredValuesAreImmutableCopies) {

@@ -116,10 +116,21 @@ TEST(PXSystemMachine, UPowerDecidesWhereItRuns) {
   ASSERT_TRUE(power->currentPowerSourceInfo());
   EXPECT_EQ(power->currentPowerSourceInfo()->objectForKey("Current Capacity").intValue(), 30);
   EXPECT_EQ(power->currentPowerSourceInfo()->objectForKey("Time to Empty").intValue(), 20);
+  // UPower's own announcements: line power, then the battery again.
+  for (bool onBattery : {false, true}) {
+    ASSERT_TRUE(bus.call(
+        "org.freedesktop.UPower", "/org/freedesktop/UPower", "org.freedesktop.DBus.Properties", "Set",
+        g_variant_new("(ssv)", "org.freedesktop.UPower", "OnBattery", g_variant_new_boolean(onBattery)),
+        &error))
+        << error;
+    const size_t expected = onBattery ? 4 : 3;
+    ASSERT_TRUE(PXRunLoopUntil([&] { return posted.size() == expected; }));
+    EXPECT_EQ(posted.back().first, onBattery ? "Battery Power" : "AC Power");
+  }
   // UPower goes away: sysfs again, which has no battery.
   ASSERT_TRUE(bus.stopTemplate("org.freedesktop.UPower"));
-  ASSERT_TRUE(PXRunLoopUntil([&] { return posted.size() == 3; }));
-  EXPECT_EQ(posted[2], (std::pair<std::string, std::string>{"AC Power", "Battery Power"}));
+  ASSERT_TRUE(PXRunLoopUntil([&] { return posted.size() == 5; }));
+  EXPECT_EQ(posted[4], (std::pair<std::string, std::string>{"AC Power", "Battery Power"}));
   PXNotificationCenter::defaultCenter()->removeObserver(token.get());
 }
 
