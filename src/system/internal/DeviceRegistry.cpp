@@ -350,7 +350,9 @@ std::vector<UdevDevice> DeviceRegistry::devicesMatching(const PXDictionary& matc
 namespace {
 // Devices at and below the directory `fd` (taken over and closed; see
 // countDevices). Opened relative to their parent, so no path is walked twice;
-// symbolic links are not followed.
+// symbolic links are not followed. A device's "power" directory holds its power
+// management attributes and is never a device (one of that name could not be
+// made beside it), so it is not opened: a fifth of the walk on a typical machine.
 size_t countDevicesBelow(int fd) {
   DIR* stream = fdopendir(fd);
   if (!stream) {
@@ -361,7 +363,7 @@ size_t countDevicesBelow(int fd) {
   bool uevent = false, subsystem = false;
   while (const dirent* entry = readdir(stream)) {
     const std::string_view name(entry->d_name);
-    if (entry->d_type == DT_DIR && name != "." && name != "..") {
+    if (entry->d_type == DT_DIR && name != "." && name != ".." && name != "power") {
       const int child = openat(dirfd(stream), entry->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
       if (child >= 0) count += countDevicesBelow(child);
     } else if (entry->d_type == DT_REG && name == "uevent") {
