@@ -1,11 +1,12 @@
 // Facts of the system below a root directory; see SystemFacts.h.
 #include "rules/internal/SystemFacts.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
+#include <unistd.h>
 
-#include <fstream>
-#include <sstream>
+#include <cerrno>
 
 namespace pxkit::rules {
 
@@ -63,13 +64,25 @@ std::string pathBelowRoot(std::string_view root, std::string_view relative) {
   return path;
 }
 
+// Plain reads: the facts are hundreds of small kernel files (a memory block's
+// "online", a CPU's topology), where a stream's set-up costs more than the read.
 std::optional<std::string> readWholeFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return std::nullopt;
-  std::ostringstream contents;
-  contents << file.rdbuf();
-  if (file.bad()) return std::nullopt;
-  return std::move(contents).str();
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  std::string contents;
+  char buffer[4096];
+  for (;;) {
+    const ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n == 0) break;
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      ::close(fd);
+      return std::nullopt;
+    }
+    contents.append(buffer, static_cast<size_t>(n));
+  }
+  ::close(fd);
+  return contents;
 }
 
 std::optional<std::string> osReleaseValue(std::string_view text, std::string_view key) {
