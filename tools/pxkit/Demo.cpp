@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <pxkit/PXKit.h>
 #include <pxkit/metrics/PXMetricsTracker.h>
+#include <pxkit/metrics/PXMetricsTrackerCommonMetrics.h>
 #include <pxkit/net/PXJSONRequest.h>
 #include <pxkit/net/PXJSONSerialization.h>
 #include <pxkit/net/PXWebRequest.h>
@@ -142,7 +143,7 @@ void addMetricRows(PXMetricsTracker& tracker, Console::Table& table, bool withKi
   PXRef<PXArray> all = tracker.metrics();
   for (const PXValue& value : *all) {
     PXRef<PXMetric> metric = PXDynamicCast<PXMetric>(value.objectValue());
-    if (!metric) continue;
+    if (!metric || metric->identifier().view().starts_with("common.")) continue;  // shown on their own
     std::vector<std::string> row = {metric->identifier().str(), metric->primary().str(),
                                     metric->secondary().str(), std::to_string(metric->value())};
     if (withKind) {
@@ -153,6 +154,22 @@ void addMetricRows(PXMetricsTracker& tracker, Console::Table& table, bool withKi
     }
     table.addRow(std::move(row));
   }
+}
+
+// Every host makes the common metrics once per launch; the story shows how
+// many there are and which launch this is, `pxkit facts` shows them all.
+void addCommonMetrics(PXMetricsTracker& tracker) {
+  PXMetricsTrackerCommonMetrics::addCommonMetrics(tracker);
+  tracker.settleOutstandingOperationsWithOperationSync();
+  size_t count = 0;
+  PXRef<PXArray> all = tracker.metrics();
+  for (const PXValue& value : *all) {
+    auto* metric = dynamic_cast<PXMetric*>(value.objectPointer());
+    if (metric && metric->identifier().view().starts_with("common.")) ++count;
+  }
+  Console::line("addCommonMetrics: " + std::to_string(count) +
+                " common metrics (this machine, this launch, run time, power source,");
+  Console::line("  network; `pxkit facts` lists them), left out of the tables below.");
 }
 
 // A JSON value pretty printed, or absent when it cannot be written.
@@ -502,6 +519,8 @@ int firstLaunch(const std::string& root, const std::string& self) {
   Console::field("system ID", PXMetricsTracker::systemID().str() + "  (made now, kept per host)");
 
   Console::line();
+  addCommonMetrics(*tracker);
+  Console::line();
   Console::line("Recording from " + std::to_string(kRecordingThreads) +
                 " threads at once: counters and fixed values.");
   recordCountersFromThreads(*tracker);
@@ -632,6 +651,8 @@ int secondLaunch(const std::string& root) {
   restored.print();
   Console::line("Not restored, as intended: the fixed values (set anew by each launch).");
   Console::line("The period still begins at " + clockText(tracker->metricsTimeBase()) + ".");
+  Console::line();
+  addCommonMetrics(*tracker);
 
   // This launch's own recording: two more PDFs, and the fixed values of this launch.
   for (int i = 0; i < kSecondLaunchCounter.times; ++i) {
