@@ -22,6 +22,10 @@ bool PXRunLoopUntil(const std::function<bool()>& predicate, PXRunLoopUntilOption
       },
       &hung, nullptr);
   g_source_attach(guard, loop->context()->glib);
+  // Owned for the whole wait, as PXRunLoop::run owns it: between two
+  // iterations another thread must not take the loop's context for itself.
+  GMainContext* context = loop->context()->glib;
+  const bool owned = g_main_context_acquire(context);
 
   bool held = false;
   for (int i = 0; i < options.maxIterations && !hung; ++i) {
@@ -41,6 +45,7 @@ bool PXRunLoopUntil(const std::function<bool()>& predicate, PXRunLoopUntilOption
     loop->runOnce(/*mayBlock=*/true);
   }
   if (!held && !hung) held = predicate();
+  if (owned) g_main_context_release(context);
   g_source_destroy(guard);
   g_source_unref(guard);
   return held;
