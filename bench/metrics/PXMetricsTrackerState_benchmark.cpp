@@ -134,12 +134,8 @@ int main(int argc, char** argv) {
   std::map<std::string, double> t = PXBenchRunAll(argc, argv);
   // One size's time ("BM_.../100000/365/process_time").
   auto time = [&](const char* benchmark, const int64_t(&size)[2]) {
-    const std::string run =
-        std::string(benchmark) + "/" + std::to_string(size[0]) + "/" + std::to_string(size[1]) + "/";
-    for (const auto& [name, seconds] : t) {
-      if (name.starts_with(run)) return seconds;
-    }
-    return 0.0;
+    return PXBenchTimeOfRun(
+        t, std::string(benchmark) + "/" + std::to_string(size[0]) + "/" + std::to_string(size[1]) + "/");
   };
   auto ratio = [&](const char* name, const char* benchmark) {
     const double large = time(benchmark, kLarge);

@@ -86,11 +86,7 @@ int main(int argc, char** argv) {
   PXBundle::setMainBundleIdentity("org.example.BenchEditor", "1.0", "1");
   std::map<std::string, double> t = PXBenchRunAll(argc, argv);
   auto time = [&](int64_t size) {
-    const std::string run = "BM_Submission_Pack/" + std::to_string(size) + "/";
-    for (const auto& [name, seconds] : t) {
-      if (name.starts_with(run)) return seconds;
-    }
-    return 0.0;
+    return PXBenchTimeOfRun(t, "BM_Submission_Pack/" + std::to_string(size) + "/");
   };
   const double large = time(kLargePapercuts);
   const double small = time(kSmallPapercuts);

@@ -47,6 +47,13 @@ std::map<std::string, double> PXBenchRunAll(int argc, char** argv) {
   return times;
 }
 
+double PXBenchTimeOfRun(const std::map<std::string, double>& times, const std::string& run) {
+  for (const auto& [name, seconds] : times) {
+    if (name.starts_with(run)) return seconds;
+  }
+  return 0.0;
+}
+
 void PXBenchReportRatio(const std::string& name, double value) {
   std::printf("ratio %s: %.3f\n", name.c_str(), value);
   std::fflush(stdout);
