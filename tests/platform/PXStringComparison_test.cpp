@@ -15,20 +15,11 @@ TEST(PXStringComparison, EqualityUnderCaseAndDiacriticOptions) {
     const char* b;
     bool plain, c, d, cd;  // equal with no options, [c], [d], [cd]
   } rows[] = {
-      {"abc", "abc", true, true, true, true},
-      {"ABC", "abc", false, true, false, true},
       {"café", "cafe", false, false, true, true},
       {"CAFÉ", "cafe", false, false, false, true},
-      {"Crème Brûlée", "creme brulee", false, false, false, true},
-      {"Ärger", "ärger", false, true, false, true},
       {"Straße", "STRASSE", false, true, false, true},   // full case folding
       {"ΣΊΣΥΦΟΣ", "σίσυφος", false, true, false, true},  // final sigma folds like sigma
-      {"Ångström", "angstrom", false, false, false, true},
-      {"e\u0301", "\u00e9", false, true, true, true},  // canonically equivalent once options apply
-      {"naïve", "naive", false, false, true, true},
-      {"a", "b", false, false, false, false},
-      {"é", "f", false, false, false, false},
-      {"", "", true, true, true, true},
+      {"e\u0301", "\u00e9", false, true, true, true},    // canonically equivalent once options apply
       {"x", "", false, false, false, false},
   };
   for (const Row& row : rows) {
@@ -36,7 +27,6 @@ TEST(PXStringComparison, EqualityUnderCaseAndDiacriticOptions) {
     EXPECT_EQ(PXStringEqual(row.a, row.b), row.plain);
     EXPECT_EQ(PXStringEqual(row.a, row.b, C), row.c);
     EXPECT_EQ(PXStringEqual(row.a, row.b, D), row.d);
-    EXPECT_EQ(PXStringEqual(row.a, row.b, CD), row.cd);
     EXPECT_EQ(PXStringEqual(row.b, row.a, CD), row.cd);
     EXPECT_EQ(PXStringCompare(row.a, row.b, CD) == PXOrderedSame, row.cd);
     EXPECT_EQ(PXStringFold(row.a, CD) == PXStringFold(row.b, CD), row.cd);
@@ -50,14 +40,13 @@ TEST(PXStringComparison, OrderIsUtf16CodeUnitsAndOptionsAct) {
     unsigned options;
     PXComparisonResult expected;
   } rows[] = {
-      {"10.7", "10.6", 0, PXOrderedDescending},
       {"10.10", "10.6", 0, PXOrderedAscending},  // text, not numbers
-      {"a2", "a10", PXNumericSearch, PXOrderedAscending},
+      {"a.2", "a.10", PXNumericSearch, PXOrderedAscending},
+      {"x12y", "x13y", PXNumericSearch, PXOrderedAscending},
+      {"x2", "xy", PXNumericSearch, PXOrderedAscending},
       {"a010", "a10", PXNumericSearch, PXOrderedSame},
-      {"B", "a", 0, PXOrderedAscending},
+      {"a10", "a10", PXNumericSearch | C, PXOrderedSame},
       {"B", "a", C, PXOrderedDescending},
-      {"abc", "ab", 0, PXOrderedDescending},
-      {"", "a", 0, PXOrderedAscending},
       {"é", "f", 0, PXOrderedDescending},
       {"é", "f", D, PXOrderedAscending},
       // U+FF5E sorts after U+1F600 in code points, before it in UTF-16 units.
@@ -68,6 +57,8 @@ TEST(PXStringComparison, OrderIsUtf16CodeUnitsAndOptionsAct) {
     SCOPED_TRACE(std::string(row.a) + " / " + row.b);
     EXPECT_EQ(PXStringCompare(row.a, row.b, row.options), row.expected);
     EXPECT_EQ(PXStringCompare(row.b, row.a, row.options), -row.expected);
+    // With no options, equality is of the bytes: the ill-formed byte is not U+FFFD there.
+    EXPECT_EQ(PXStringEqual(row.a, row.b, row.options), row.expected == PXOrderedSame && row.options != 0);
   }
 }
 
@@ -79,39 +70,36 @@ TEST(PXStringComparison, FindMapsMatchesBackToTheOriginalText) {
     PXRange within;
     PXRange expected;
   } rows[] = {
-      {"a.b.c", ".", 0, {0, 99}, {1, 1}},
       {"a.b.c", ".", PXBackwardsSearch, {0, 99}, {3, 1}},
       {"a.b.c", ".", 0, {2, 3}, {3, 1}},
-      {"a.b.c", "a", PXAnchoredSearch, {0, 99}, {0, 1}},
       {"a.b.c", "b", PXAnchoredSearch, {0, 99}, {}},
       {"a.b.c", "c", PXAnchoredSearch | PXBackwardsSearch, {0, 99}, {4, 1}},
       {"Un Café Noir", "CAFE", CD, {0, 99}, {3, 5}},  // "Café" is five bytes
       {"Un Café Noir", "CAFE", C, {0, 99}, {}},
       {"Größe", "SS", C, {0, 99}, {4, 2}},     // inside what "ß" folds to: the whole "ß"
       {"xe\u0301y", "é", D, {0, 99}, {1, 3}},  // the dropped mark belongs to the match
-      {"xe\u0301y", "E", CD, {0, 99}, {1, 3}},
+      {"e e\u0301", "E", C | PXBackwardsSearch, {0, 99}, {0, 1}},  // not half of "é"
+      {"e\u0301x", "E", C | PXAnchoredSearch, {0, 99}, {}},
       {"abc", "", 0, {0, 99}, {}},
-      {"", "a", 0, {0, 99}, {}},
-      {"abc", "c", 0, {7, 2}, {}},  // a range past the end is clipped to nothing
+      {"e\u0301", "\u0301", D, {0, 99}, {}},  // a needle that folds to nothing
+      {"abc", "B", C | PXAnchoredSearch, {0, 99}, {}},
+      {"abc", "X", C | PXBackwardsSearch, {0, 99}, {}},
+      {"\u0301", "x", D | PXBackwardsSearch, {0, 99}, {}},
+      {"e\u034f", "E", C, {0, 99}, {}},  // followed by a mark of combining class 0
+      {"abc", "c", 0, {7, 2}, {}},       // a range past the end is clipped to nothing
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(std::string(row.haystack) + " / " + row.needle);
-    const PXRange got = PXStringFind(row.haystack, row.needle, row.options, row.within);
-    EXPECT_EQ(got.location, row.expected.location);
-    EXPECT_EQ(got.length, row.expected.length);
+    EXPECT_EQ(PXStringFind(row.haystack, row.needle, row.options, row.within), row.expected);
   }
 }
 
-TEST(PXStringComparison, FoldingShorthandsRecompose) {
+TEST(PXStringComparison, FoldingShorthandsRecomposeAndCollationOrdersNames) {
   EXPECT_EQ(PXStringFoldCase("Straße ÉTÉ"), "strasse été");
   EXPECT_EQ(PXStringRemoveDiacritics("Crème Brûlée, Ångström"), "Creme Brulee, Angstrom");
   EXPECT_EQ(PXStringFold("AbC", 0), "AbC");
-}
-
-TEST(PXStringComparison, CollationIgnoresCaseAndOrdersNumbers) {
   EXPECT_EQ(PXStringCollate("File 2", "file 10"), PXOrderedAscending);
   EXPECT_EQ(PXStringCollate("abc", "ABC"), PXOrderedSame);
-  EXPECT_EQ(PXStringCollate("e\u0301", "\u00e9"), PXOrderedSame);
   EXPECT_EQ(PXStringCollate("a-b", "ab"), PXOrderedAscending);  // punctuation counts, before letters
   EXPECT_EQ(PXStringCollate("b", "a"), PXOrderedDescending);
 }
@@ -122,32 +110,25 @@ TEST(PXStringComparison, VersionOrderingKeepsItsQuirks) {
     const char* b;
     const char* separator;
     PXComparisonResult expected;
-    bool antisymmetric;  // compare(b, a) is the opposite
+    bool opposite;  // compare(b, a) is the opposite; otherwise the same
   } rows[] = {
       {"10.6.8", "10.10", ".", PXOrderedAscending, true},
-      {"10.7", "10.6.8", ".", PXOrderedDescending, true},
       {"10.6", "10.6.0", ".", PXOrderedSame, true},
       {"10.6", "10.6.0.0", ".", PXOrderedAscending, true},  // only one component past the end
-      {"10.6", "10.6.1", ".", PXOrderedAscending, true},
-      {"1", "1.0.1", ".", PXOrderedAscending, true},
-      {"1", "1.0", ".", PXOrderedSame, true},
-      {"1.0.0", "1", ".", PXOrderedDescending, true},
-      {"1.0.", "1", ".", PXOrderedSame, true},  // "0" then an empty component
+      {"1.0.", "1", ".", PXOrderedSame, true},              // "0" then an empty component
       {"2.0 beta", "2.0 rc", ".", PXOrderedAscending, false},
-      {"2.0 rc", "2.0 beta", ".", PXOrderedAscending, false},
       {"01", "1", " ", PXOrderedAscending, false},
-      {"1", "01", " ", PXOrderedAscending, false},
-      {"2", "10", " ", PXOrderedAscending, true},
+      {"-3", "+2", " ", PXOrderedAscending, true},
+      {"\t3", "2", " ", PXOrderedDescending, true},
+      {"1 ", "1 x", " ", PXOrderedAscending, false},
       {"1-2", "1-10", "-", PXOrderedAscending, true},
       {"99999999999", "2", ".", PXOrderedDescending, true},  // saturates, still greater
-      {"abc", "abc", "", PXOrderedSame, true},
+      {"abc", "abd", "", PXOrderedAscending, false},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(std::string(row.a) + " / " + row.b + " by '" + row.separator + "'");
     EXPECT_EQ(PXCompareVersions(row.a, row.b, row.separator), row.expected);
-    if (row.antisymmetric) {
-      EXPECT_EQ(PXCompareVersions(row.b, row.a, row.separator), -row.expected);
-    }
+    EXPECT_EQ(PXCompareVersions(row.b, row.a, row.separator), row.opposite ? -row.expected : row.expected);
   }
 }
 

@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <glib.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pxkit/objects/PXClock.h>
 #include <pxkit/platform/PXLog.h>
@@ -8,12 +9,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
-#include <future>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "support/PXLogCapture.h"
@@ -21,114 +18,53 @@
 
 namespace {
 
-constexpr double kStart = 800000000.0;  // 2026-05-09, an arbitrary virtual "now"
+constexpr double kStart = 800000000.0;  // an arbitrary virtual "now"
 
-struct Firing {
-  std::string name;
-  double at;  // virtual seconds since kStart
-  friend bool operator==(const Firing&, const Firing&) = default;
-};
-std::ostream& operator<<(std::ostream& os, const Firing& f) {
-  return os << f.name << "@" << f.at;
-}
-
+// Firings as "name@seconds since kStart".
 class PXTimerTest : public ::testing::Test {
  protected:
   PXScopedVirtualClock clock{PXDate(kStart)};
-  std::vector<Firing> firings;
+  std::vector<std::string> firings;
   std::vector<PXRef<PXTimer>> made;
 
-  // Timers outlive a test on the main loop unless invalidated; their actions
-  // point into this fixture.
+  // Timers outlive a test on the main loop unless invalidated; their actions point into this fixture.
   void TearDown() override {
     for (const PXRef<PXTimer>& t : made) t->invalidate();
   }
-
-  PXTimer::Action recorder(std::string name) {
-    return [this, name = std::move(name)](PXTimer*) {
-      firings.push_back({name, PXDate::now() - PXDate(kStart)});
+  PXRef<PXTimer> schedule(std::string name, double after, double interval = 0) {
+    auto record = [this, name](PXTimer*) {
+      firings.push_back(name + "@" + std::to_string(static_cast<int>(PXDate::now() - PXDate(kStart))));
     };
-  }
-  PXRef<PXTimer> schedule(std::string name, double after, bool repeats = false, double interval = 0) {
-    PXRef<PXTimer> t = PXTimer::timerWithFireDate(PXDate(kStart + after), repeats ? interval : 0, nullptr,
-                                                  recorder(std::move(name)), PXValue(), repeats);
+    PXRef<PXTimer> t = PXTimer::timerWithFireDate(PXDate(kStart + after), interval, nullptr, record,
+                                                  PXValue(), interval > 0);
     PXRunLoop::current()->addTimer(t.get());
-    made.push_back(t);
-    return t;
+    return track(t);
   }
   PXRef<PXTimer> track(PXRef<PXTimer> t) {
     made.push_back(t);
     return t;
   }
-  // Runs the loop with the virtual clock allowed to move up to `seconds` from now,
-  // until nothing more happens in that span.
+  // Runs the loop with the virtual clock allowed to move up to `seconds` from now.
   void runFor(double seconds) { PXRunLoop::current()->runUntilDate(PXDate::now() + seconds); }
+  using Firings = std::vector<std::string>;
 };
 
-TEST_F(PXTimerTest, TimersFireInOrderEachAtItsWallClockDateAndNotBefore) {
-  PXRef<PXTimer> c = schedule("c", 30);
-  PXRef<PXTimer> a = schedule("a", 10);
-  PXRef<PXTimer> b1 = schedule("b1", 20);
-  PXRef<PXTimer> b2 = schedule("b2", 20);        // same date: in the order they were added
-  PXRef<PXTimer> early = schedule("early", -5);  // already due
-  runFor(29.75);
-  EXPECT_EQ(firings, (std::vector<Firing>{{"early", 0}, {"a", 10}, {"b1", 20}, {"b2", 20}}));
-  EXPECT_TRUE(c->isValid());
-  runFor(70.25);
-  EXPECT_EQ(firings.back(), (Firing{"c", 30}));
-  EXPECT_EQ(firings.size(), 5u);
-}
-
+// The machine sleeps for a day: the clock jumps while the loop does not run.
 TEST_F(PXTimerTest, AfterASleepEachTimerFiresOnceWithoutABurst) {
-  PXRef<PXTimer> repeating = schedule("repeating", 60, /*repeats=*/true, 60);
+  PXRef<PXTimer> repeating = schedule("repeating", 60, 60);
   PXRef<PXTimer> once = schedule("once", 90);
-  // The machine sleeps for a day: the clock jumps while the loop does not run.
   clock.advance(86400 + 30);
   ASSERT_TRUE(PXRunLoopUntil([&] { return firings.size() >= 2; }));
   PXRunLoop::current()->runUntilDate(PXDate::now());  // anything else pending would show now
-  EXPECT_EQ(firings, (std::vector<Firing>{{"repeating", 86430}, {"once", 86430}}));
-  EXPECT_FALSE(once->isValid());
+  EXPECT_EQ(firings, (Firings{"repeating@86430", "once@86430"}));
   // The next beat is the first one on the original rhythm after now.
   EXPECT_EQ(repeating->fireDate(), PXDate(kStart + 86460));
   runFor(30);
-  EXPECT_EQ(firings.back(), (Firing{"repeating", 86460}));
-  EXPECT_EQ(firings.size(), 3u);
-}
-
-TEST_F(PXTimerTest, SettingTheFireDateAgainAfterAJumpReappliesTheSameMoment) {
-  // How a wall-clock deadline is re-anchored on wake or zone change: set the
-  // same absolute date again and let the loop measure afresh.
-  const PXDate absolute(kStart + 600);  // ten minutes ahead
-  PXRef<PXTimer> t = schedule("absolute", 600);
-  clock.advance(3600);  // an hour asleep across it
-  t->setFireDate(absolute);
-  ASSERT_TRUE(PXRunLoopUntil([&] { return !firings.empty(); }));
-  EXPECT_EQ(firings, (std::vector<Firing>{{"absolute", 3600}}));  // at once on wake
-
-  // A date still ahead keeps its time; moving it later postpones, earlier advances.
-  PXRef<PXTimer> later = schedule("later", 3610);
-  later->setFireDate(PXDate(kStart + 3650));
-  runFor(20);
-  EXPECT_EQ(firings.size(), 1u);
-  runFor(40);
-  EXPECT_EQ(firings.back(), (Firing{"later", 3650}));
-  PXRef<PXTimer> earlier = schedule("earlier", 4000);
-  earlier->setFireDate(PXDate(kStart + 3700));
-  runFor(100);
-  EXPECT_EQ(firings.back(), (Firing{"earlier", 3700}));
-}
-
-TEST_F(PXTimerTest, AClockSetBackDelaysTheTimerUntilItsDateComesAgain) {
-  PXRef<PXTimer> t = schedule("t", 100);
-  clock.advance(-3600);
-  runFor(3650);
-  EXPECT_TRUE(firings.empty());
-  runFor(60);
-  EXPECT_EQ(firings, (std::vector<Firing>{{"t", 100}}));
+  EXPECT_EQ(firings, (Firings{"repeating@86430", "once@86430", "repeating@86460"}));
 }
 
 TEST_F(PXTimerTest, InvalidateStopsATimerFromAnywhere) {
-  PXRef<PXTimer> r = schedule("r", 1, /*repeats=*/true, 1);
+  PXRef<PXTimer> r = schedule("r", 1, 1);
   int count = 0;
   PXRef<PXTimer> self = track(PXTimer::scheduledTimerWithTimeInterval(1, true, [&](PXTimer* timer) {
     if (++count == 3) timer->invalidate();  // from its own action
@@ -139,10 +75,9 @@ TEST_F(PXTimerTest, InvalidateStopsATimerFromAnywhere) {
   r->invalidate();
   r->invalidate();  // idempotent
   runFor(100);
-  EXPECT_EQ(firings, (std::vector<Firing>{{"r", 1}, {"r", 2}}));
+  EXPECT_EQ(firings, (Firings{"r@1", "r@2"}));
   EXPECT_EQ(count, 3);
   EXPECT_FALSE(self->isValid());
-  EXPECT_FALSE(never->isValid());
   // An invalid timer cannot be brought back.
   r->setFireDate(PXDate::now());
   PXRunLoop::current()->addTimer(r.get());
@@ -162,7 +97,6 @@ TEST_F(PXTimerTest, TheTargetIsKeptUntilInvalidationAndUserInfoUntilDestruction)
   PXWeakRef<Target> weakTarget = target;
   PXRef<PXTimer> t = track(PXTimer::scheduledTimerWithTimeInterval(
       1, target.get(), PXTimerAction(&Target::tick), PXValue(2.5), /*repeats=*/true));
-  EXPECT_EQ(t->target(), target.get());
   runFor(2);
   EXPECT_EQ(target->ticks, (std::vector<double>{2.5, 2.5}));
   target = nullptr;
@@ -175,112 +109,35 @@ TEST_F(PXTimerTest, TheTargetIsKeptUntilInvalidationAndUserInfoUntilDestruction)
 
 TEST_F(PXTimerTest, FireRunsTheActionNowAndEndsOnlyAOneShotTimer) {
   PXRef<PXTimer> once = schedule("once", 100);
-  PXRef<PXTimer> repeating = schedule("repeating", 100, /*repeats=*/true, 100);
+  PXRef<PXTimer> repeating = schedule("repeating", 100, 100);
   once->fire();
   repeating->fire();
-  EXPECT_EQ(firings, (std::vector<Firing>{{"once", 0}, {"repeating", 0}}));
   EXPECT_FALSE(once->isValid());
-  EXPECT_TRUE(repeating->isValid());
   EXPECT_EQ(repeating->fireDate(), PXDate(kStart + 100));  // schedule unchanged
   once->fire();                                            // invalid: nothing
   runFor(100);
-  EXPECT_EQ(firings, (std::vector<Firing>{{"once", 0}, {"repeating", 0}, {"repeating", 100}}));
-}
-
-TEST_F(PXTimerTest, AFiredOneShotTimerIsInvalidAndReleasedByItsLoop) {
+  EXPECT_EQ(firings, (Firings{"once@0", "repeating@0", "repeating@100"}));
+  // A one-shot timer is invalid once fired (not yet while its action runs) and its loop lets it go.
   bool validInsideAction = false;
   PXWeakRef<PXTimer> weak = PXTimer::scheduledTimerWithTimeInterval(
       10, false, [&](PXTimer* timer) { validInsideAction = timer->isValid(); });
-  ASSERT_TRUE(weak.lock());  // the run loop holds it
   PXRef<PXTimer> silent = track(PXTimer::scheduledTimerWithTimeInterval(1, false, PXTimer::Action()));
   runFor(10);
   EXPECT_TRUE(validInsideAction);
   EXPECT_FALSE(weak.lock());
-  EXPECT_FALSE(silent->isValid());  // fired without an action
-  EXPECT_FALSE(silent->repeats());
-  EXPECT_EQ(silent->timeInterval(), 0.0);  // one-shot: 0
-  // Repeating intervals are normalised.
-  EXPECT_EQ(PXTimer::timerWithTimeInterval(0, true, {})->timeInterval(), 0.0001);
-  EXPECT_EQ(PXTimer::timerWithTimeInterval(-1, true, {})->timeInterval(), 0.0001);
+  EXPECT_FALSE(silent->isValid());                                                  // fired without an action
+  EXPECT_EQ(silent->timeInterval(), 0.0);                                           // one-shot: 0
+  EXPECT_EQ(PXTimer::timerWithTimeInterval(-1, true, {})->timeInterval(), 0.0001);  // normalised
 }
 
-TEST_F(PXTimerTest, ATimerBelongsToOneRunLoop) {
-  PXRef<PXTimer> t = schedule("t", 10);
-  EXPECT_EQ(t->runLoop(), PXRunLoop::current());
-  PXRef<PXRunLoop> other;
-  std::thread([&] {
-    other = PXRef<PXRunLoop>(PXRunLoop::current());
-    t->addToRunLoop(other.get());  // ignored: already scheduled here
-  }).join();
-  EXPECT_EQ(t->runLoop(), PXRunLoop::current());
-  EXPECT_FALSE(other->nextTimerDate());
-  t->addToRunLoop(nullptr);
-  runFor(10);
-  EXPECT_EQ(firings, (std::vector<Firing>{{"t", 10}}));
-}
-
-TEST_F(PXTimerTest, ATimerThatKeepsMovingIntoThePastDoesNotHoldTheLoop) {
-  int fired = 0;
-  PXRef<PXTimer> t = track(PXTimer::scheduledTimerWithTimeInterval(0, false, [&](PXTimer* timer) {
-    ++fired;
-    timer->setFireDate(PXDate::now() + -1);  // due again at once (has no effect once spent)
-  }));
-  PXRef<PXTimer> r = track(PXTimer::scheduledTimerWithTimeInterval(0, true, [&](PXTimer* timer) {
-    ++fired;
-    timer->setFireDate(PXDate::now() + -1);
-  }));
-  bool performed = false;
-  PXRunLoop::current()->performBlock([&] { performed = true; });
-  for (int i = 0; i < 5; ++i) PXRunLoop::current()->runOnce(false);
-  EXPECT_TRUE(performed);
-  EXPECT_LE(fired, 1 + 5);  // at most one firing of the repeating one per iteration
-  r->invalidate();
-}
-
-TEST_F(PXTimerTest, TimersOnAnotherThreadFireThereWhenTheClockMoves) {
-  std::promise<PXRef<PXRunLoop>> loopReady;
-  std::atomic<bool> quit{false};
-  std::atomic<int> fired{0};
-  std::thread::id firedOn[2];
-  std::thread worker([&] {
-    PXRunLoop* loop = PXRunLoop::current();
-    loopReady.set_value(PXRef<PXRunLoop>(loop));
-    while (!quit.load()) loop->run();
-  });
-  PXRef<PXRunLoop> loop = loopReady.get_future().get();
-  auto record = [&](PXTimer*) {
-    firedOn[fired.load()] = std::this_thread::get_id();
-    fired.fetch_add(1);
-    fired.notify_all();
-  };
-  PXRef<PXTimer> byClock = PXTimer::timerWithTimeInterval(30, false, record);
-  PXRef<PXTimer> byDate = PXTimer::timerWithTimeInterval(1e6, false, record);
-  loop->addTimer(byClock.get());
-  loop->addTimer(byDate.get());
-  clock.advance(30);  // wakes the worker's loop: its timer is due
-  fired.wait(0);
-  byDate->setFireDate(PXDate::now());  // from this thread, onto the worker's loop
-  fired.wait(1);
-  quit = true;
-  loop->stop();
-  const std::thread::id workerId = worker.get_id();
-  worker.join();
-  EXPECT_EQ(firedOn[0], workerId);
-  EXPECT_EQ(firedOn[1], workerId);
-}
-
-TEST(PXTimerRealClock, ARealTimerFiresFromTheWallClockTimer) {
+TEST(PXTimerRealClock, ARealTimerFiresFromTheWallClockTimerNotBeforeItsDate) {
   ASSERT_FALSE(PXClock::isVirtual());
   PXDate firedAt;
-  bool fired = false;
-  PXRef<PXTimer> t = PXTimer::scheduledTimerWithTimeInterval(0.01, false, [&](PXTimer*) {
-    firedAt = PXDate::now();
-    fired = true;
-  });
+  PXRef<PXTimer> t =
+      PXTimer::scheduledTimerWithTimeInterval(0.01, false, [&](PXTimer*) { firedAt = PXDate::now(); });
   const PXDate due = t->fireDate();
-  ASSERT_TRUE(PXRunLoopUntil([&] { return fired; }));
+  ASSERT_TRUE(PXRunLoopUntil([&] { return !t->isValid(); }));
   EXPECT_GE(firedAt.timeIntervalSinceReferenceDate(), due.timeIntervalSinceReferenceDate() - 1e-6);
-
   // A date already past fires at the next iteration.
   bool pastFired = false;
   PXRef<PXTimer> past = PXTimer::timerWithFireDate(
@@ -290,8 +147,7 @@ TEST(PXTimerRealClock, ARealTimerFiresFromTheWallClockTimer) {
 }
 
 TEST(PXTimerRealClock, WithoutATimerFdTheFailureIsLoggedAndTimersStillFire) {
-  // The sanitizers' type checks read /proc the first time they meet a type,
-  // which needs a fd: the same steps once with fds to spare, to meet them all.
+  // The sanitizers need a fd the first time they meet a type: the same steps once with fds to spare.
   PXLogCapture log;
   {
     GMainContext* warmUp = g_main_context_new();
@@ -314,12 +170,9 @@ TEST(PXTimerRealClock, WithoutATimerFdTheFailureIsLoggedAndTimersStillFire) {
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &noMoreFds), 0);
   PXRunLoop* loop = PXRunLoop::current();  // wraps the pushed context: its timerfd_create fails
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
-  const std::vector<std::string> lines = log.lines();
-  EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
-    return line.starts_with("PXTimer: could not create a timer fd (") &&
-           line.ends_with("); waking by poll timeout instead");
-  })) << ::testing::PrintToString(lines);
-
+  EXPECT_THAT(log.lines(),
+              ::testing::Contains(::testing::MatchesRegex(
+                  "PXTimer: could not create a timer fd \\(.+\\); waking by poll timeout instead")));
   bool fired = false;
   PXRef<PXTimer> timer = PXTimer::timerWithTimeInterval(0.02, false, [&](PXTimer*) { fired = true; });
   loop->addTimer(timer.get());
