@@ -42,12 +42,10 @@ TEST_F(PXCalendarTest, FollowingDayAtOneSecondPastMidnightAcrossDaylightSaving) 
     const char* expected;  // UTC of 00:00:01 local on the next local day
     const char* why;
   } rows[] = {
-      // Europe/Berlin: CET +1, CEST +2; forward 2024-03-31 02:00, back 2024-10-27 03:00.
       {"Europe/Berlin", "2024-03-30T22:30:00Z", "2024-03-30T23:00:01Z", "23:30 before a 23-hour day"},
       {"Europe/Berlin", "2024-03-30T23:00:01Z", "2024-03-31T22:00:01Z", "from 00:00:01 of a 23-hour day"},
       {"Europe/Berlin", "2024-10-26T22:00:01Z", "2024-10-27T23:00:01Z", "from 00:00:01 of a 25-hour day"},
       {"America/New_York", "2024-11-03T06:30:00Z", "2024-11-04T05:00:01Z", "01:30 EST, the repeated hour"},
-      // A zone whose clocks jumped at midnight: 00:00:01 did not exist that day.
       {"America/Sao_Paulo", "2018-11-03T15:00:00Z", "2018-11-04T03:00:01Z", "the same second after the jump"},
       {"UTC", "9999-12-31T12:00:00Z", "(none)", "past the last day served"},
   };

@@ -77,8 +77,7 @@ TEST(PXDispatchQueue, CallablesOfEverySizeAreRunOnceAndDestroyed) {
   queue->async(std::function<void()>());  // empty: ignored
   queue->sync([] {});
   EXPECT_EQ(runs, 13751);
-  // Only our two copies remain: the queued callables were destroyed after running.
-  EXPECT_EQ(token.use_count(), 2);
+  EXPECT_EQ(token.use_count(), 2);  // ours: the queued copies were destroyed after running
 }
 
 // The queue is destroyed on its own worker, which must then detach, not join itself.

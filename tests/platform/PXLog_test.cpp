@@ -11,7 +11,6 @@
 
 namespace {
 
-// The fields of the last line written to GLib, in order.
 std::vector<std::pair<std::string, std::string>> written;
 GLogLevelFlags writtenLevel{};
 

@@ -115,8 +115,6 @@ TEST(PXNotificationCenter, RemovalByTokenObserverNameAndSender) {
       {true, nullptr, false, all},
       {false, nullptr, false, {}},
       {false, "x", false, {"y from a"}},
-      {false, "z", false, all},
-      // Only the registration made for that sender; one made for any sender stays.
       {false, nullptr, true, {"x from b", "y from a"}},
   };
   for (const auto& row : rows) {

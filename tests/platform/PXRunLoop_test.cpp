@@ -21,7 +21,6 @@ using namespace pxkit::internal;
 
 namespace {
 
-// Dispatches what is ready on the calling thread's loop, without waiting.
 void drain() {
   while (PXRunLoop::current()->runOnce(/*mayBlock=*/false)) {
   }
@@ -141,6 +140,12 @@ TEST(PXRunLoop, OtherThreadsWaitForTheMainThreadWhileItRunsItsLoop) {
   EXPECT_EQ(ran, 5);
 }
 
+TEST(PXRunLoop, RunUntilDateWithTheRealClockReturnsOnceTheDateHasCome) {
+  const PXDate until = PXDate::dateWithTimeIntervalSinceNow(0.02);
+  PXRunLoop::current()->runUntilDate(until);
+  EXPECT_GE(PXDate::now(), until);
+}
+
 // Running a loop from a thread other than the one running it returns at once.
 TEST(PXRunLoop, RunningALoopOwnedByAnotherThreadReturnsAtOnce) {
   std::promise<PXRunLoop*> ready;
@@ -182,6 +187,8 @@ TEST(PXOperationQueue, MainQueueRunsLaterOnTheMainThreadInOrderNeverInline) {
   EXPECT_EQ(order.front(), "first");
   for (int i = 0; i < 50; ++i) EXPECT_EQ(order[1 + i], std::to_string(i));
   EXPECT_EQ(order.back(), "added by first");
+  PXRunLoop::main()->stop();  // with no run in progress: the next run returns after one iteration
+  PXRunLoop::main()->run();
 }
 
 }  // namespace

