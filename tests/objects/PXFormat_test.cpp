@@ -5,9 +5,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
-#include <iterator>
 #include <limits>
-#include <random>
 #include <string>
 
 namespace {
@@ -108,6 +106,19 @@ TEST(PXFormat, ObjectDirectiveAndTypeChecks) {
       {PXFormat("%s", PXValue(PXArray::array())), "(\n)"},
       {PXFormat("%lc", 0xe9), "\xc3\xa9"},
       {PXFormat("%.1f", PXValue("2.25")), "2.2"},
+      // Every other pairing of argument and directive.
+      {PXFormat("%*d|%*d|%*d|%*d|", 3u, 7, 3.0, 7, PXValue(3), 7, "x", 7), "  7|  7|  7|7|"},
+      {PXFormat("%qd|%jd|%td|%Lf", 1LL, 2LL, ptrdiff_t{3}, 1.5), "1|2|3|1.500000"},
+      {PXFormat("%d|%i|%d", 5u, static_cast<const void*>(nullptr), static_cast<const char*>(nullptr)),
+       "5|0|0"},
+      {PXFormat("%u|%x|%u|%x|%hhu", PXValue(5u), PXValue(-1), 2.5, static_cast<const void*>(nullptr), 300u),
+       "5|ffffffff|2|0|44"},
+      {PXFormat("%.1f|%.1f", 2u, "x"), "2.0|0.0"},
+      {PXFormat("%p|%p|%p|%p", PXValue(), 255, 255u, 1.5), "(nil)|0xff|0xff|(nil)"},
+      {PXFormat("%c%c|%lc|%lc|%lc", PXValue(65), 66u, 0x20ac, 0x1f600, 0x110041), "AB|€|😀|A"},
+      {PXFormat("%@|%@|%@", 7u, 0.5, static_cast<const void*>(nullptr)), "7|0.5|(nil)"},
+      {PXFormat("%-------5d|", 1), "1    |"},  // more flags than are kept
+      {PXFormat("%0$d", 1), "%0$d"},           // position 0 is no position
       // Missing arguments, stray and unknown directives.
       {PXFormat("%@ %d %s %f"), "(null) 0 (null) 0.000000"},
       {PXFormat("ends with %"), "ends with %"},
@@ -119,4 +130,5 @@ TEST(PXFormat, ObjectDirectiveAndTypeChecks) {
       {PXFormat(""), ""},
   };
   for (const Row& row : rows) EXPECT_EQ(row.got.view(), row.expected);
+  EXPECT_EQ(PXFormat("%99999999d|", 1).size(), size_t{1 << 20} + 1);  // widths are capped
 }
