@@ -138,6 +138,21 @@ TEST(PXArray, ElementsOfItselfSurviveTheMoveOutOfItsRoom) {
   }
 }
 
+TEST(PXArray, LookupsAndKeyValueCoding) {
+  const PXValue heap("a string long enough for the heap");
+  auto array = PXArray::arrayWithObjects({"a", 2, heap, 2.0});
+  EXPECT_EQ(array->indexOfObjectIdenticalTo(2.0), 3u);
+  EXPECT_EQ(array->indexOfObjectIdenticalTo(PXValue("a string long enough for the heap")), kPXNotFound);
+  EXPECT_FALSE(PXArray::array()->firstObject() || PXArray::array()->lastObject());
+  EXPECT_TRUE(array->isEqual(*array) && !array->isEqual(*PXDictionary::dictionary()));
+  auto people = PXArray::arrayWithObjects({PXDictionary::dictionaryWithEntries({{"name", "Ann"}}),
+                                           PXDictionary::dictionaryWithEntries({{"age", 4}})});
+  EXPECT_TRUE(people->valueForKey("name").isEqual(PXArray::arrayWithObjects({"Ann", PXValue::null()})));
+  EXPECT_TRUE(people->valueForKey("@count").isEqual(2));
+  EXPECT_THROW((void)people->valueForKey("@unknown"), PXException);
+  EXPECT_THROW((void)array->valueForKey("length"), PXException);  // a string has no keys
+}
+
 // Property-list style: quoted unless plain, escapes, nesting by four spaces.
 TEST(PXArray, DescriptionInPropertyListStyle) {
   EXPECT_EQ(text(*PXArray::arrayWithObjects({"plain", "two words", "", "a\"b\\c", "line\nbreak"})),

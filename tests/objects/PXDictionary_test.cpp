@@ -121,6 +121,9 @@ TEST(PXDictionary, KeysAreCopiedAndEqualityIgnoresOrder) {
   key->addObject("b");
   EXPECT_TRUE(d->objectForKey(PXValue(PXArray::array())));
   EXPECT_TRUE(numbered(20)->isEqual(*numbered(20)->mutableCopyDictionary()));
+  EXPECT_TRUE(PXDictionary::dictionaryWithEntries({{PXValue(key), 1}})->objectForKey(PXValue(key)));
+  EXPECT_TRUE(d->isEqual(*d) && !d->isEqual(*PXArray::array()) && !numbered(2)->isEqual(*numbered(3)));
+  EXPECT_FALSE(d->find(PXValue()) || PXDictionary::dictionaryWithEntries({})->count());
   EXPECT_FALSE(numbered(2)->isEqual(*PXDictionary::dictionaryWithEntries({{"key0", 0}, {"c", 1}})));
 }
 

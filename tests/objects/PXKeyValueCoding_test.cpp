@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <pxkit/objects/PXArray.h>
 #include <pxkit/objects/PXDictionary.h>
 #include <pxkit/objects/PXException.h>
 #include <pxkit/objects/PXFormat.h>
@@ -23,7 +22,6 @@ class KVCPerson : public PXObject {
   PXString name;
   PXRef<KVCPlace> home;
   PXRef<KVCPerson> friendPerson;
-  PXRef<PXArray> tags;  // copy property
   PXString greeting() const { return PXFormat("hello %@", name); }
 };
 
@@ -66,7 +64,6 @@ PX_DEFINE_CLASS(KVCPerson, PXObject, [](PXClassBuilder<KVCPerson>& c) {
   c.property("name", &KVCPerson::name);
   c.property("home", &KVCPerson::home);
   c.property("friendPerson", &KVCPerson::friendPerson);
-  c.property("tags", &KVCPerson::tags, PXPropertyOwnership::Copy);
   c.computed("greeting", &KVCPerson::greeting);
 })
 PX_DEFINE_CLASS(KVCEmployee, KVCPerson, nullptr)
@@ -92,24 +89,6 @@ std::string raised(F&& body) {
     return e.name().str() + " | " + e.reason().str();
   }
   return "no exception";
-}
-
-// Paths set on the last object; a copy property stores a snapshot, not the caller's mutable array.
-TEST(PXKeyValueCoding, WritesByKeyAndPath) {
-  auto person = makeTrio();
-  person->setValueForKeyPath("Cambridge", "home.city");
-  EXPECT_EQ(person->home->city, "Cambridge");
-  person->setValueForKeyPath("Oxford", "friendPerson.home.city");  // nothing on the path: nothing
-  person->setValueForKey(PXValue(), "home");                       // absent clears an object property
-  EXPECT_FALSE(person->home);
-  auto tags = PXMutableArray::array();
-  tags->addObject("a");
-  person->setValueForKey(tags, "tags");
-  tags->addObject("b");
-  ASSERT_TRUE(person->tags);
-  EXPECT_EQ(person->tags->count(), 1u);
-  person->setValueForKey("41", "age");  // converted to the property's type
-  EXPECT_EQ(person->age, 41);
 }
 
 TEST(PXKeyValueCoding, UndefinedKeysRaiseWithTheKitsMessage) {
