@@ -57,29 +57,6 @@ TEST(PXClock, VirtualTimeMovesOnlyWhenToldAndMonotonicTimeOnlyForward) {
   EXPECT_GE(PXClock::monotonicNow(), resumed);
 }
 
-TEST(PXClock, ObserversHearEveryChangeOnTheChangingThreadUntilRemoved) {
-  // The first observer removes itself when called; the next ones still run.
-  int selfRemoving = 0;
-  uint64_t selfToken = PXClock::addChangeObserver([&] {
-    ++selfRemoving;
-    PXClock::removeChangeObserver(selfToken);
-  });
-  std::vector<std::thread::id> callers;
-  uint64_t token = PXClock::addChangeObserver([&] { callers.push_back(std::this_thread::get_id()); });
-  PXClock::useVirtualClock(PXDate(0));
-  PXClock::setVirtualNow(PXDate(50));
-  std::thread([] { PXClock::advanceVirtualClock(1); }).join();
-  PXClock::useRealClock();
-  EXPECT_EQ(selfRemoving, 1);
-  ASSERT_EQ(callers.size(), 4u);
-  EXPECT_EQ(callers[0], std::this_thread::get_id());
-  EXPECT_NE(callers[2], std::this_thread::get_id());
-  PXClock::removeChangeObserver(token);
-  PXClock::useVirtualClock(PXDate(0));
-  PXClock::useRealClock();
-  EXPECT_EQ(callers.size(), 4u);
-}
-
 TEST(PXClock, ReadersSeeAForwardMovingVirtualClockNeverGoBack) {
   PXScopedVirtualClock clock(PXDate(0));
   std::atomic<bool> done{false};
