@@ -17,8 +17,6 @@
 
 namespace archive = pxkit::internal::archive;
 
-// ---- Classes that travel through archives ------------------------------------------
-
 // Every kind of field, and a reference to another node (for sharing and cycles).
 class PXArchiveTestNode : public PXObject, public PXCoding {
   PX_DECLARE_CLASS(PXArchiveTestNode)
@@ -208,8 +206,6 @@ PXRef<PXArchiveTestNode> node(int64_t big) {
 
 }  // namespace
 
-// ---- Round trips ------------------------------------------------------------------------
-
 TEST(PXKeyedArchiver, EveryValueKindComesBackExactly) {
   const double nan = std::numeric_limits<double>::quiet_NaN();
   struct Row {
@@ -321,8 +317,6 @@ TEST(PXKeyedArchiver, ReferencesBackFromDeepInsideFindTheirObjectAtAnyTableSize)
   }
 }
 
-// ---- What cannot be archived ---------------------------------------------------------------
-
 TEST(PXKeyedArchiver, RefusesGraphsItCannotWrite) {
   auto selfHolding = PXMutableArray::array();
   selfHolding->addObject(PXValue(selfHolding));
@@ -346,8 +340,6 @@ TEST(PXKeyedArchiver, RefusesGraphsItCannotWrite) {
   selfHolding->removeAllObjects();
   EXPECT_TRUE(PXKeyedArchiver::archivedDataWithRootObject(nestedArrays(kPXKeyedArchiveMaxDepth)));
 }
-
-// ---- What the unarchiver refuses ----------------------------------------------------------
 
 // Each truncation and single-bit flip of a whole archive, then random edits of
 // the contents behind a fresh valid checksum: a value or an error, never both.
