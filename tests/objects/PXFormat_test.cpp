@@ -2,12 +2,11 @@
 #include <pxkit/objects/PXArray.h>
 #include <pxkit/objects/PXFormat.h>
 
+#include <cmath>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
-#include <iterator>
 #include <limits>
-#include <random>
 #include <string>
 
 namespace {
@@ -54,7 +53,7 @@ TEST(PXFormat, NumericDirectivesMatchTheCLibrary) {
                 static_cast<unsigned long long>(huge));
   EXPECT_LIKE_C("%f|%.0f|%.01f|%.2f|%10.3f|%-10.1f|%+f", 3.14159, 2.5, 0.05, -1.005, 2.0, 2.0, 1.0);
   EXPECT_LIKE_C("%.17g|%.17g|%.17g", 0.1, 1e300, -2.5e-300);
-  EXPECT_LIKE_C("%g|%g|%g|%g|%G", 100000.0, 1000000.0, 0.0001, 0.00001, 1e-10);
+  EXPECT_LIKE_C("%g|%g|%g|%g|%G|%F", 100000.0, 1000000.0, 0.0001, 0.00001, 1e-10, 1.5);
   EXPECT_LIKE_C("%e|%.2e|%E|%12.4e", 12345.678, 0.000123, 1e100, -5.5);
   EXPECT_LIKE_C("%a|%A", 1.0, 0.5);
   EXPECT_LIKE_C("%f|%f|%f", std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity(),
@@ -108,6 +107,20 @@ TEST(PXFormat, ObjectDirectiveAndTypeChecks) {
       {PXFormat("%s", PXValue(PXArray::array())), "(\n)"},
       {PXFormat("%lc", 0xe9), "\xc3\xa9"},
       {PXFormat("%.1f", PXValue("2.25")), "2.2"},
+      // Every other pairing of argument and directive.
+      {PXFormat("%*d|%*d|%*d|%*d|%*d|", 3u, 7, 3.0, 7, PXValue(3), 7, "x", 7, NAN, 7), "  7|  7|  7|7|7|"},
+      {PXFormat("%qd|%jd|%td|%Lf", 1LL, 2LL, ptrdiff_t{3}, 1.5), "1|2|3|1.500000"},
+      {PXFormat("%d|%i|%d", 5u, static_cast<const void*>(nullptr), static_cast<const char*>(nullptr)),
+       "5|0|0"},
+      {PXFormat("%u|%x|%u|%x|%hhu", PXValue(5u), PXValue(-1), 2.5, static_cast<const void*>(nullptr), 300u),
+       "5|ffffffff|2|0|44"},
+      {PXFormat("%.1f|%.1f", 2u, "x"), "2.0|0.0"},
+      {PXFormat("%p|%p|%p|%p", PXValue(), 255, 255u, 1.5), "(nil)|0xff|0xff|(nil)"},
+      {PXFormat("%c%c|%lc|%lc|%lc", PXValue(65), 66u, 0x20ac, 0x1f600, 0x110041), "AB|€|😀|A"},
+      {PXFormat("%lc", 0x41), "A"},
+      {PXFormat("%@|%@|%@", 7u, 0.5, static_cast<const void*>(nullptr)), "7|0.5|(nil)"},
+      {PXFormat("%-------5d|", 1), "1    |"},  // more flags than are kept
+      {PXFormat("%0$d|%$d", 1), "%0$d|%$d"},   // no position
       // Missing arguments, stray and unknown directives.
       {PXFormat("%@ %d %s %f"), "(null) 0 (null) 0.000000"},
       {PXFormat("ends with %"), "ends with %"},
@@ -119,4 +132,10 @@ TEST(PXFormat, ObjectDirectiveAndTypeChecks) {
       {PXFormat(""), ""},
   };
   for (const Row& row : rows) EXPECT_EQ(row.got.view(), row.expected);
+  for (const PXString& capped : {PXFormat("%99999999d", 1), PXFormat("%*d", int64_t{1} << 40, 1),
+                                 PXFormat("%*d", -(int64_t{1} << 40), 1), PXFormat("%.*d", ~0ull, 1)}) {
+    EXPECT_EQ(capped.size(), size_t{1 << 20});  // widths and precisions are capped
+  }
+  EXPECT_EQ(PXFormat("%*d"), "0");
+  EXPECT_EQ(PXFormat(nullptr), "");
 }

@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <cmath>
 #include <limits>
 #include <string>
 #include <vector>
@@ -17,8 +16,6 @@
 #include "objects/internal/KeyedArchiveFormat.h"
 
 namespace archive = pxkit::internal::archive;
-
-// ---- Classes that travel through archives ------------------------------------------
 
 // Every kind of field, and a reference to another node (for sharing and cycles).
 class PXArchiveTestNode : public PXObject, public PXCoding {
@@ -85,10 +82,8 @@ class PXArchiveTestPlain : public PXObject {
 };
 PX_DEFINE_CLASS(PXArchiveTestPlain, PXObject, [](PXClassBuilder<PXArchiveTestPlain>& c) { c.factory(); })
 
-// Encodes containers it makes on the fly and drops as soon as each field is
-// written: the allocator may hand the next one the same address. (It does
-// under glibc and ThreadSanitizer; AddressSanitizer keeps freed addresses out
-// of use, so the tsan preset is the build where this class bites.)
+// Encodes containers it drops as soon as each field is written: the allocator
+// may hand the next one the same address (it does under glibc and TSan).
 class PXArchiveTestSnapshot : public PXObject, public PXCoding {
   PX_DECLARE_CLASS(PXArchiveTestSnapshot)
 
@@ -162,43 +157,28 @@ struct Payload {
     bytes.append(s);
     return *this;
   }
-  // An object-table entry, length-prefixed.
-  Payload& entry(const Payload& e) { return text(e.bytes); }
+  Payload& entry(const Payload& e) { return text(e.bytes); }  // length-prefixed
   std::vector<uint8_t> archive(uint8_t version = kPXKeyedArchiveVersion) const {
     return archive::wrapPayload({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()}, version);
   }
 };
-
-std::vector<uint8_t> payloadOf(const PXRef<PXData>& archiveData) {
-  auto b = archiveData->bytes();
-  return {b.begin() + archive::kHeaderSize, b.end()};
-}
-
-std::vector<uint8_t> rewrap(const std::vector<uint8_t>& payload) {
-  return archive::wrapPayload(payload);
-}
 
 // An archive of one object-table entry, the root referring to it.
 std::vector<uint8_t> single(const Payload& entry) {
   return Payload().varint(1).entry(entry).byte(archive::kRef).varint(0).archive();
 }
 
-// N arrays nested around a 1, as crafted bytes: entry i holds [ref i+1].
+// N arrays nested around an empty one, as crafted bytes: entry i holds [ref i+1].
 std::vector<uint8_t> nestedArrayArchive(size_t depth) {
   Payload p;
   p.varint(depth);
   for (size_t i = 0; i < depth; ++i) {
     Payload e;
-    e.byte(archive::kArray).varint(1);
-    if (i + 1 < depth) {
-      e.byte(archive::kRef).varint(i + 1);
-    } else {
-      e.byte(archive::kInt).varint(2);  // zigzag 1
-    }
+    e.byte(archive::kArray).varint(i + 1 < depth ? 1 : 0);
+    if (i + 1 < depth) e.byte(archive::kRef).varint(i + 1);
     p.entry(e);
   }
-  p.byte(archive::kRef).varint(0);
-  return p.archive();
+  return p.byte(archive::kRef).varint(0).archive();
 }
 
 PXValue nestedArrays(size_t depth) {
@@ -207,9 +187,8 @@ PXValue nestedArrays(size_t depth) {
   return v;
 }
 
-// Clears the references of every node alive: decoded nodes may refer to one
-// another (or to themselves) in cycles that reference counting never frees,
-// reachable from the result or not.
+// Clears the references of every node alive: decoded nodes may form cycles
+// that reference counting never frees, reachable from the result or not.
 void breakCycles() {
   std::vector<PXRef<PXArchiveTestNode>> nodes;
   for (PXArchiveTestNode* n : PXArchiveTestNode::live()) nodes.emplace_back(n);
@@ -227,8 +206,6 @@ PXRef<PXArchiveTestNode> node(int64_t big) {
 
 }  // namespace
 
-// ---- Round trips ------------------------------------------------------------------------
-
 TEST(PXKeyedArchiver, EveryValueKindComesBackExactly) {
   const double nan = std::numeric_limits<double>::quiet_NaN();
   struct Row {
@@ -237,25 +214,19 @@ TEST(PXKeyedArchiver, EveryValueKindComesBackExactly) {
   } rows[] = {
       {"null", PXValue::null()},
       {"true", true},
-      {"false", false},
-      {"zero", 0},
       {"int64 min", static_cast<long long>(std::numeric_limits<int64_t>::min())},
       {"int64 max", static_cast<long long>(std::numeric_limits<int64_t>::max())},
       {"uint64 max", static_cast<unsigned long long>(std::numeric_limits<uint64_t>::max())},
-      {"small unsigned", 5u},
       {"double", 0.1},
       {"negative zero", -0.0},
       {"nan", nan},
       {"infinity", std::numeric_limits<double>::infinity()},
       {"subnormal", std::numeric_limits<double>::denorm_min()},
       {"date", PXDate(775000123.456789)},
-      {"distant past", PXDate::distantPast()},
-      {"empty string", ""},
       {"long string", std::string(1000, 'x')},
       {"string with NUL bytes", std::string_view("a\0b\0", 4)},
       {"unicode", "Grüße 🌍"},
       {"data", PXValue(PXData::dataWithString(std::string_view("\0\xff\x01", 3)))},
-      {"empty data", PXValue(PXData::data())},
       {"empty array", array({})},
       {"empty dictionary", dict({})},
   };
@@ -282,22 +253,14 @@ TEST(PXKeyedArchiver, EveryValueKindComesBackExactly) {
 
 TEST(PXKeyedArchiver, MutabilityIsKeptAtEveryLevel) {
   auto inner = PXMutableDictionary::dictionary();
-  auto bytes = PXMutableData::data();
-  bytes->appendBytes("ab", 2);
-  inner->setObject(PXValue(bytes), "bytes");
+  inner->setObject(PXValue(PXMutableData::data()), "bytes");
   inner->setObject(PXValue(PXData::dataWithString("cd")), "frozenBytes");
   auto list = PXMutableArray::array();
   list->addObject(PXValue(inner));
-  list->addObject(array({dict({{"k", 1}})}));
-  auto root = PXMutableDictionary::dictionary();
-  root->setObject(PXValue(list), "list");
-  root->setObject(dict({{"frozen", PXValue(PXMutableArray::array())}}), "frozen");
-
-  PXValue back = roundTrip(PXValue(root));
-  ASSERT_TRUE(back.isEqual(PXValue(root))) << back.description().str();
-  auto r = back.mutableDictionaryValue();
-  ASSERT_TRUE(r);
-  auto l = r->objectForKey("list").mutableArrayValue();
+  list->addObject(array({dict({{"k", PXValue(PXMutableArray::array())}})}));
+  PXValue back = roundTrip(PXValue(list));
+  ASSERT_TRUE(back.isEqual(PXValue(list))) << back.description().str();
+  auto l = back.mutableArrayValue();
   ASSERT_TRUE(l);
   auto i = l->objectAtIndex(0).mutableDictionaryValue();
   ASSERT_TRUE(i);
@@ -305,14 +268,9 @@ TEST(PXKeyedArchiver, MutabilityIsKeptAtEveryLevel) {
   EXPECT_FALSE(i->objectForKey("frozenBytes").dataValue()->isMutable());
   PXRef<PXArray> frozenList = l->objectAtIndex(1).arrayValue();
   EXPECT_FALSE(frozenList->isMutable());
-  EXPECT_FALSE(frozenList->objectAtIndex(0).objectPointer()->isMutable());
-  PXRef<PXDictionary> frozen = r->objectForKey("frozen").dictionaryValue();
+  PXRef<PXDictionary> frozen = frozenList->objectAtIndex(0).dictionaryValue();
   EXPECT_FALSE(frozen->isMutable());
-  EXPECT_TRUE(frozen->objectForKey("frozen").objectPointer()->isMutable());
-  // The restored mutable containers really are usable as such.
-  l->addObject("more");
-  i->setObject(3, "new");
-  EXPECT_EQ(l->count(), 3u);
+  EXPECT_TRUE(frozen->objectForKey("k").objectPointer()->isMutable());
 }
 
 TEST(PXKeyedArchiver, TemporariesOfEncodeWithCoderAreNeverTakenForEachOther) {
@@ -321,16 +279,14 @@ TEST(PXKeyedArchiver, TemporariesOfEncodeWithCoderAreNeverTakenForEachOther) {
   ASSERT_TRUE(restored);
   ASSERT_EQ(restored->fields.size(), size_t{PXArchiveTestSnapshot::kFields});
   for (int i = 0; i < PXArchiveTestSnapshot::kFields; ++i) {
-    EXPECT_TRUE(restored->fields[i].isEqual(PXValue(PXArray::arrayWithValues({PXValue(i)}))))
-        << "field " << i;
+    EXPECT_TRUE(restored->fields[i].isEqual(array({i}))) << "field " << i;
   }
 }
 
+// The object is still being written when the references to it are: from a
+// dictionary inside an array it holds, and from a coded object in there. Before
+// it, the table gets `filler` entries, so its index takes one, two and three bytes.
 TEST(PXKeyedArchiver, ReferencesBackFromDeepInsideFindTheirObjectAtAnyTableSize) {
-  // The object is still being written when the references to it are: from
-  // inside a dictionary inside an array it holds, and from a coded object in
-  // there. Before the object itself, the table gets `filler` entries, so its
-  // index takes one, two and three bytes.
   for (int filler : {0, 200, 20000}) {
     SCOPED_TRACE(filler);
     PXRef<PXArchiveTestNode> a = node(1), inner = node(2);
@@ -341,16 +297,8 @@ TEST(PXKeyedArchiver, ReferencesBackFromDeepInsideFindTheirObjectAtAnyTableSize)
     items.push_back(dict({{"back", PXValue(a)}, {"inner", PXValue(inner)}, {"d1", bytes}, {"d2", bytes}}));
     a->payload = PXValue(PXArray::arrayWithValues(items));
     a->peer = PXValue(a);
-
-    // Reached three times, written once: the archive holds one copy.
-    PXRef<PXData> once = PXKeyedArchiver::archivedDataWithRootObject(PXValue(a));
-    PXRef<PXData> thrice =
-        PXKeyedArchiver::archivedDataWithRootObject(array({PXValue(a), PXValue(a), PXValue(inner)}));
-    ASSERT_TRUE(once && thrice);
-    EXPECT_LT(thrice->length(), once->length() + 32) << "an object reached twice was written twice";
-    a->encodeCount = 0;
     PXValue back = roundTrip(array({PXValue(a), PXValue(inner)}));
-    EXPECT_EQ(a->encodeCount, 1);
+    EXPECT_EQ(a->encodeCount, 1) << "an object reached twice was written twice";
     ASSERT_TRUE(back.isArray());
     auto ra = PXDynamicCast<PXArchiveTestNode>(back.arrayValue()->objectAtIndex(0).objectValue());
     auto rinner = PXDynamicCast<PXArchiveTestNode>(back.arrayValue()->objectAtIndex(1).objectValue());
@@ -360,10 +308,6 @@ TEST(PXKeyedArchiver, ReferencesBackFromDeepInsideFindTheirObjectAtAnyTableSize)
     PXRef<PXArray> payload = ra->payload.arrayValue();
     ASSERT_TRUE(payload);
     ASSERT_EQ(payload->count(), static_cast<size_t>(filler) + 1);
-    if (filler > 0) {
-      EXPECT_EQ(payload->objectAtIndex(static_cast<size_t>(filler) - 1).dataValue()->view(),
-                std::to_string(filler - 1));
-    }
     PXRef<PXDictionary> last = payload->lastObject().dictionaryValue();
     ASSERT_TRUE(last);
     EXPECT_EQ(last->objectForKey("back").objectPointer(), ra.get());
@@ -372,24 +316,6 @@ TEST(PXKeyedArchiver, ReferencesBackFromDeepInsideFindTheirObjectAtAnyTableSize)
     breakCycles();
   }
 }
-
-TEST(PXKeyedArchiver, TheExpectedLengthNeverChangesTheArchive) {
-  std::vector<PXValue> many;
-  for (int k = 0; k < 5000; ++k) many.push_back(array({k, "item " + std::to_string(k)}));
-  const PXValue root = dict({{"many", PXValue(PXArray::arrayWithValues(many))}, {"one", 1}});
-  PXRef<PXData> plain = PXKeyedArchiver::archivedDataWithRootObject(root);
-  ASSERT_TRUE(plain);
-  const size_t length = plain->length();
-  for (size_t expected : {size_t{1}, length / 2, length - 1, length, length + 1, 3 * length,
-                          kPXKeyedArchiveMaxLength + 1, SIZE_MAX}) {
-    SCOPED_TRACE(expected);
-    PXRef<PXData> again = PXKeyedArchiver::archivedDataWithRootObject(root, nullptr, expected);
-    ASSERT_TRUE(again);
-    EXPECT_TRUE(again->isEqual(*plain));
-  }
-}
-
-// ---- What cannot be archived ---------------------------------------------------------------
 
 TEST(PXKeyedArchiver, RefusesGraphsItCannotWrite) {
   auto selfHolding = PXMutableArray::array();
@@ -415,14 +341,9 @@ TEST(PXKeyedArchiver, RefusesGraphsItCannotWrite) {
   EXPECT_TRUE(PXKeyedArchiver::archivedDataWithRootObject(nestedArrays(kPXKeyedArchiveMaxDepth)));
 }
 
-// ---- What the unarchiver refuses ----------------------------------------------------------
-
-// Damage of every kind: each truncation and each single-bit flip of a whole
-// archive (the checksum or the header's own checks catch them), then thousands
-// of random edits of the contents behind a fresh valid checksum, which the
-// decoder has to refuse on its own. Every outcome is a value or an error, never
-// both; the fuzz target's entry point, fed the same edits, checks further that
-// a value archives back to the same bytes (it aborts otherwise).
+// Each truncation and single-bit flip of a whole archive, then random edits of
+// the contents behind a fresh valid checksum: a value or an error, never both.
+// The fuzz target's entry point also checks a value archives back to the same bytes.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 TEST(PXKeyedUnarchiver, EveryTruncationFlipAndEditGivesAValueOrAnError) {
@@ -442,68 +363,51 @@ TEST(PXKeyedUnarchiver, EveryTruncationFlipAndEditGivesAValueOrAnError) {
   const std::vector<uint8_t> bytes(good->bytes().begin(), good->bytes().end());
   ASSERT_TRUE(decodeBytes(bytes));
   breakCycles();
+  auto refused = [](const std::vector<uint8_t>& damaged) {
+    PXErrorRef error;
+    return !decodeBytes(damaged, &error) && error;
+  };
   for (size_t length = 0; length <= bytes.size(); ++length) {
     std::vector<uint8_t> cut(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(length));
     if (length == bytes.size()) cut.push_back(0);  // bytes after a good archive are damage too
-    PXErrorRef error;
-    EXPECT_FALSE(decodeBytes(cut, &error)) << "prefix of " << length;
-    EXPECT_TRUE(error);
+    EXPECT_TRUE(refused(cut)) << "prefix of " << length;
   }
   for (size_t at = 0; at < bytes.size() * 8; ++at) {
     std::vector<uint8_t> flipped = bytes;
     flipped[at / 8] ^= static_cast<uint8_t>(1u << (at % 8));
-    PXErrorRef error;
-    EXPECT_FALSE(decodeBytes(flipped, &error)) << "byte " << at / 8 << " bit " << at % 8;
-    EXPECT_TRUE(error);
+    EXPECT_TRUE(refused(flipped)) << "byte " << at / 8 << " bit " << at % 8;
   }
-
-  // Two coded nodes of the fuzz target's own class that refer to each other.
-  Payload first, second, graph;
-  first.byte(archive::kCodedObject).text("PXKeyedArchiveFuzzNode").varint(4);
-  first.text("i").byte(archive::kInt).varint(99).text("s").byte(archive::kString).text("node");
-  first.text("d").byte(archive::kDouble).raw(std::string(8, '\x01')).text("o").byte(archive::kRef).varint(1);
-  second.byte(archive::kCodedObject).text("PXKeyedArchiveFuzzNode").varint(2);
-  second.text("small").byte(archive::kInt).varint(6).text("o").byte(archive::kRef).varint(0);
-  graph.varint(2).entry(first).entry(second).byte(archive::kRef).varint(0);
-  const std::vector<uint8_t> fuzzSeed(graph.bytes.begin(), graph.bytes.end());
 
   GRand* rand = g_rand_new_with_seed(1234);
   auto edit = [rand](std::vector<uint8_t> m) {
     for (int e = g_rand_int_range(rand, 1, 5); e > 0 && !m.empty(); --e) {
       auto at = static_cast<size_t>(g_rand_int_range(rand, 0, static_cast<gint32>(m.size())));
       auto byte = static_cast<uint8_t>(g_rand_int_range(rand, 0, 256));
-      switch (g_rand_int_range(rand, 0, 4)) {
-        case 0:
-          m[at] = byte;
-          break;
-        case 1:
-          m.erase(m.begin() + static_cast<ptrdiff_t>(at));
-          break;
-        case 2:
-          m.insert(m.begin() + static_cast<ptrdiff_t>(at), byte);
-          break;
-        default:
-          m.resize(at);
-          break;
-      }
+      const int op = g_rand_int_range(rand, 0, 4);
+      if (op == 0) m[at] = byte;
+      if (op == 1) m.erase(m.begin() + static_cast<ptrdiff_t>(at));
+      if (op == 2) m.insert(m.begin() + static_cast<ptrdiff_t>(at), byte);
+      if (op == 3) m.resize(at);
     }
     return m;
   };
+  const std::vector<uint8_t> payload(bytes.begin() + archive::kHeaderSize, bytes.end());
   int values = 0, errors = 0;
   for (int i = 0; i < 6000; ++i) {
-    std::vector<uint8_t> m = edit(payloadOf(good));
+    std::vector<uint8_t> m = archive::wrapPayload(edit(payload));
     PXErrorRef error;
-    PXValue v = decodeBytes(rewrap(m), &error);
+    PXValue v = decodeBytes(m, &error);
     breakCycles();
     EXPECT_FALSE(v && error);
     if (!v && !error) {
-      EXPECT_EQ(rewrap(m).back(), archive::kAbsent);  // a root turned into the "absent" tag
+      EXPECT_EQ(m.back(), archive::kAbsent);  // a root turned into the "absent" tag
       continue;
     }
     (v ? values : errors) += 1;
-    std::vector<uint8_t> input = edit(fuzzSeed);
+    std::vector<uint8_t> input = edit(payload);
     input.insert(input.begin(), i % 16 == 0 ? 0 : 1);  // 1: as contents behind a valid header
     ASSERT_EQ(LLVMFuzzerTestOneInput(input.data(), input.size()), 0);
+    breakCycles();
   }
   g_rand_free(rand);
   EXPECT_GT(errors, 0);

@@ -6,9 +6,7 @@
 #include <pxkit/objects/PXValue.h>
 
 #include <cmath>
-#include <cstdlib>
 #include <limits>
-#include <random>
 #include <string>
 
 namespace {
@@ -28,14 +26,13 @@ PXValue U(uint64_t v) {
 
 }  // namespace
 
-// ---- Equality, order and hashing -------------------------------------------
-
 // Equal values compare the same and hash alike; numbers compare exactly across
 // kinds, other kinds order absent < null < numbers < dates < strings < data <
 // objects, and objects that are not equal have no order of their own.
 TEST(PXValue, EqualityOrderAndHashAgreeAcrossKinds) {
   constexpr PXComparisonResult Asc = PXOrderedAscending, Same = PXOrderedSame, Desc = PXOrderedDescending;
   constexpr auto Unordered = static_cast<PXComparisonResult>(2);
+  const PXValue same(PXArray::arrayWithObjects({1}));
   struct Row {
     const char* what;
     PXValue a, b;
@@ -43,10 +40,8 @@ TEST(PXValue, EqualityOrderAndHashAgreeAcrossKinds) {
   };
   const Row rows[] = {
       {"true is 1", true, 1, Same},
-      {"true is 1.0", true, 1.0, Same},
       {"true is not 2", true, 2, Asc},
       {"false < true", false, true, Asc},
-      {"1 < 2", 1, 2, Asc},
       {"signed and unsigned", 1, 1u, Same},
       {"-1 is below the all-ones unsigned", -1, U(kUInt64Max), Asc},
       {"signed < unsigned above int64", I(kInt64Max), U(9223372036854775808ull), Asc},
@@ -57,15 +52,18 @@ TEST(PXValue, EqualityOrderAndHashAgreeAcrossKinds) {
       {"2^53+1 is above 2^53 double", I(9007199254740993), 9007199254740992.0, Desc},
       {"2^53 int and double", I(9007199254740992), 9007199254740992.0, Same},
       {"0.5 > 0", 0.5, 0, Desc},
+      {"-0.5 < 0", -0.5, 0, Asc},
+      {"2.5 > 2u", 2.5, U(2), Desc},
+      {"unsigned by value", U(1), U(2), Asc},
+      {"huge doubles", -1e300, -1e300, Same},
+      {"NaN below 0", kNaN, 0, Asc},
+      {"NaN below unsigned", kNaN, U(kUInt64Max), Asc},
       {"-0.5 < unsigned 0", -0.5, U(0), Asc},
       {"1.5 < 2u", 1.5, 2u, Asc},
-      {"-1e300 < int64 min", -1e300, I(kInt64Min), Asc},
       {"-inf < int64 min", -kInf, I(kInt64Min), Asc},
       {"inf > uint64 max", kInf, U(kUInt64Max), Desc},
       {"-0.0 is 0", -0.0, 0, Same},
-      {"-0.0 is +0.0", -0.0, 0.0, Same},
       {"NaN equals NaN", kNaN, kNaN, Same},
-      {"NaN below 0", kNaN, 0, Asc},
       {"NaN below every number", kNaN, -kInf, Asc},
       {"a number before its text", 1, "1", Asc},
       {"strings by bytes", "abc", std::string("abc"), Same},
@@ -75,14 +73,16 @@ TEST(PXValue, EqualityOrderAndHashAgreeAcrossKinds) {
       {"heap strings by bytes", "a string of more than fourteen", PXString("a string of more than fourteen"),
        Same},
       {"empty string", "", std::string_view(), Same},
-      {"null and null", PXValue::null(), PXValue::null(), Same},
       {"absent and absent", PXValue(), PXValue(), Same},
+      {"null and null", PXValue::null(), PXValue::null(), Same},
+      {"dates by moment", PXDate(10.5), PXDate(10.5), Same},
+      {"-0 and +0 dates", PXDate(-0.0), PXDate(0), Same},
+      {"data by contents", PXData::dataWithString("xyz"), PXData::dataWithString("xyz"), Same},
+      {"the same array", same, same, Same},
       {"absent before null", PXValue(), PXValue::null(), Asc},
       {"null before numbers", PXValue::null(), -1e300, Asc},
-      {"dates by moment", PXDate(10.5), PXDate(10.5), Same},
       {"earlier date first", PXDate(10.25), PXDate(10.5), Asc},
       {"a date after numbers", PXDate(0), 0, Desc},
-      {"data by contents", PXData::dataWithString("xyz"), PXData::dataWithString("xyz"), Same},
       {"data by bytes", PXData::dataWithString("ab"), PXData::dataWithString("b"), Asc},
       {"data after strings", PXData::dataWithString("xyz"), "xyz", Desc},
       {"arrays by contents", PXArray::arrayWithObjects({1, "a"}), PXArray::arrayWithObjects({true, "a"}),
@@ -107,8 +107,6 @@ TEST(PXValue, EqualityOrderAndHashAgreeAcrossKinds) {
   }
 }
 
-// ---- Text -------------------------------------------------------------------
-
 TEST(PXValue, DescriptionIsThePercentAtTextAndClassNameTheOneMessagesShow) {
   struct Row {
     PXValue value;
@@ -119,15 +117,12 @@ TEST(PXValue, DescriptionIsThePercentAtTextAndClassNameTheOneMessagesShow) {
       {PXValue(), "(null)", "nil"},
       {PXValue::null(), "<null>", "NSNull"},
       {true, "1"},
-      {false, "0"},
-      {0, "0"},
       {-42, "-42"},
       {I(kInt64Min), "-9223372036854775808"},
       {U(kUInt64Max), "18446744073709551615"},
       {0.1, "0.1"},
       {3.0, "3"},
       {-0.0, "-0"},
-      {1.5, "1.5"},
       {100000.0, "100000"},
       {1e15, "1e+15"},
       {123456789012.0, "123456789012"},
@@ -135,7 +130,6 @@ TEST(PXValue, DescriptionIsThePercentAtTextAndClassNameTheOneMessagesShow) {
       {1e-7, "1e-07"},
       {0.0001, "0.0001"},
       {1.0 / 3, "0.3333333333333333"},
-      {2.0 / 3, "0.6666666666666666"},
       {123456789012345678.0, "1.2345678901234568e+17"},
       {5e-324, "5e-324"},
       {kNaN, "nan"},
@@ -145,10 +139,9 @@ TEST(PXValue, DescriptionIsThePercentAtTextAndClassNameTheOneMessagesShow) {
       {PXDate(0), "2001-01-01 00:00:00 +0000", "NSDate"},
       {PXDate(0.999), "2001-01-01 00:00:00 +0000", "NSDate"},
       {PXDate(-0.5), "2000-12-31 23:59:59 +0000", "NSDate"},
-      {PXDate::dateWithTimeIntervalSince1970(0), "1970-01-01 00:00:00 +0000", "NSDate"},
       {PXDate::dateWithTimeIntervalSince1970(951827696), "2000-02-29 12:34:56 +0000", "NSDate"},
       {PXDate::dateWithTimeIntervalSince1970(4102444799), "2099-12-31 23:59:59 +0000", "NSDate"},
-      {PXDate::dateWithTimeIntervalSince1970(-86400), "1969-12-31 00:00:00 +0000", "NSDate"},
+      {PXDate::dateWithTimeIntervalSince1970(-1), "1969-12-31 23:59:59 +0000", "NSDate"},
       {PXData::dataWithString("d"), "{length = 1, bytes = 0x64}", "NSData"},
       {PXArray::array(), "(\n)", "PXArray"},
       {PXMutableDictionary::dictionary(), "{\n}", "PXMutableDictionary"},
@@ -159,8 +152,6 @@ TEST(PXValue, DescriptionIsThePercentAtTextAndClassNameTheOneMessagesShow) {
     EXPECT_EQ(row.value.className(), row.className);
   }
 }
-
-// ---- Conversions ------------------------------------------------------------
 
 TEST(PXValue, ConvertingAccessorsClampAndParse) {
   struct Row {
@@ -182,18 +173,30 @@ TEST(PXValue, ConvertingAccessorsClampAndParse) {
       {"uint64 max wraps as C does", U(kUInt64Max), -1, -1, kUInt64Max, 18446744073709551616.0, true},
       {"int64 min", I(kInt64Min), 0, kInt64Min, 9223372036854775808ull, -9223372036854775808.0, true},
       {"true", true, 1, 1, 1, 1.0, true},
-      {"leading digits", "  12abc", 12, 12, 12, 12.0, true},
-      {"negative text", "-5", -5, -5, static_cast<uint64_t>(-5), -5.0, true},
+      {"leading space of every kind", " \t\n\r\f\v12abc", 12, 12, 12, 12.0, true},
+      {"only space", "  ", 0, 0, 0, 0.0, false},
+      {"empty", "", 0, 0, 0, 0.0, false},
       {"plus sign", "+7", 7, 7, 7, 7.0, true},
+      {"negative text", "-5", -5, -5, static_cast<uint64_t>(-5), -5.0, true},
       {"no digits", "abc", 0, 0, 0, 0.0, false},
       {"saturating text", "99999999999", INT32_MAX, 99999999999, 99999999999, 99999999999.0, true},
       {"beyond int64", "99999999999999999999", INT32_MAX, kInt64Max, kUInt64Max, 1e20, true},
       {"below int64", "-99999999999999999999", INT32_MIN, kInt64Min, static_cast<uint64_t>(kInt64Min), -1e20,
        true},
+      {"just beyond int64", "9300000000000000000", INT32_MAX, kInt64Max, 9300000000000000000ull, 9.3e18,
+       true},
+      {"just below int64", "-9300000000000000000", INT32_MIN, kInt64Min, static_cast<uint64_t>(kInt64Min),
+       -9.3e18, true},
       {"exponent text", "1.5e3", 1, 1, 1, 1500.0, true},
+      {"too big a double", "1e999", 1, 1, 1, kInf, true},
+      {"too small a negative double", "-1e999", -1, -1, static_cast<uint64_t>(-1), -kInf, true},
+      {"too tiny a double", "1e-999", 1, 1, 1, 0.0, true},
       {"YES", "YES", 0, 0, 0, 0.0, true},
       {"true text", " true", 0, 0, 0, 0.0, true},
-      {"no", "no", 0, 0, 0, 0.0, false},
+      {"yes", "yes", 0, 0, 0, 0.0, true},
+      {"True", "True", 0, 0, 0, 0.0, true},
+      {"not a digit past 9", ":", 0, 0, 0, 0.0, false},
+      {"zeros only", "00", 0, 0, 0, 0.0, false},
       {"zeros then digit", "007", 7, 7, 7, 7.0, true},
       {"null", PXValue::null(), 0, 0, 0, 0.0, false},
       {"absent", PXValue(), 0, 0, 0, 0.0, false},
@@ -212,8 +215,6 @@ TEST(PXValue, ConvertingAccessorsClampAndParse) {
     EXPECT_EQ(row.value.boolValue(), row.b);
   }
 }
-
-// ---- Lifetime ---------------------------------------------------------------
 
 TEST(PXValue, CopiesCountMovesTransferAndSelfAssignmentIsSafe) {
   auto array = PXArray::arrayWithObjects({1, 2});
@@ -240,4 +241,9 @@ TEST(PXValue, CopiesCountMovesTransferAndSelfAssignmentIsSafe) {
   PXValue t = s;
   t = s;
   EXPECT_EQ(t.stringValue().data(), heap.c_str());
+  EXPECT_TRUE(PXValue().isIdenticalTo(PXValue()) && PXValue::null().isIdenticalTo(PXValue::null()));
+  EXPECT_TRUE(PXValue(static_cast<const char*>(nullptr)).isAbsent());
+  auto data = PXMutableData::data();
+  EXPECT_FALSE(PXValue(data).copy().dataValue()->isMutable());
+  EXPECT_EQ(PXValue(1).dateValue(), PXDate());
 }
