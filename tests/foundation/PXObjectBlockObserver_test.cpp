@@ -56,34 +56,27 @@ namespace {
 namespace Observer = PXObjectBlockObserver;
 using Token = PXRef<PXObjectBlockObserverTrampoline>;
 
-// Every call of one callback, as text.
+// Every call of one callback, as text: key path, observed object, owner, change.
 struct Calls {
   std::vector<std::string> lines;
   PXObjectBlockObserverBlock block() {
     return [this](PXObject* observed, const PXString& keyPath, const PXDictionary& change, PXObject* owner) {
-      std::string line =
-          keyPath.str() + " " +
-          PXFormat("%p %p", static_cast<const void*>(observed), static_cast<const void*>(owner)).str();
-      for (const char* key : {"new", "old", "notificationIsPrior"}) {
+      std::string line = PXFormat("%s %p %p", keyPath.str().c_str(), static_cast<const void*>(observed),
+                                  static_cast<const void*>(owner))
+                             .str();
+      for (const char* key : {"new", "old"})
         if (PXValue v = change.objectForKey(key))
           line += std::string(" ") + key + "=" + v.description().str();
-      }
       lines.push_back(line);
     };
   }
 };
 
-std::string expected(const char* keyPath, const PXObject* observed, const PXObject* owner, const char* rest) {
-  return PXFormat("%s %p %p%s", keyPath, static_cast<const void*>(observed), static_cast<const void*>(owner),
-                  rest)
-      .str();
-}
-
 bool hasObservationArray(const PXObject& object) {
   return static_cast<bool>(PXRuntime::getAssociatedObjectForKey(object, kPXObjectBlockObserverArrayKey));
 }
 
-TEST(PXObjectBlockObserver, CallbackHearsChangesUntilRemovedAndASecondRemovalIsLogged) {
+TEST(PXObjectBlockObserver, CallbackHearsChangesUntilRemovedAndAFailedRemovalIsLogged) {
   auto model = PXMake<BOModel>();
   auto owner = PXMake<PXObject>();
   Calls removed, kept;
@@ -91,68 +84,72 @@ TEST(PXObjectBlockObserver, CallbackHearsChangesUntilRemovedAndASecondRemovalIsL
       *model, "level",
       PXKeyValueObservingOptionNew | PXKeyValueObservingOptionOld | PXKeyValueObservingOptionInitial,
       owner.get(), removed.block());
-  ASSERT_TRUE(token);
-  EXPECT_TRUE(token->isObserving());
+  ASSERT_TRUE(token && token->isObserving());
   EXPECT_EQ(token->keyPath(), "level");
-  EXPECT_EQ(token->owner(), owner.get());
   EXPECT_EQ(token->observedObject().get(), model.get());
-  ASSERT_EQ(removed.lines.size(), 1u) << "the initial call comes before the token is handed out";
   Observer::addObserverForKeyPath(*model, "level", 0, nullptr, kept.block());
   model->setLevel(5);
-  EXPECT_EQ(removed.lines,
-            (std::vector<std::string>{expected("level", model.get(), owner.get(), " new=0"),
-                                      expected("level", model.get(), owner.get(), " new=5 old=0")}));
+  const std::string prefix =
+      PXFormat("level %p %p", static_cast<const void*>(model.get()), static_cast<const void*>(owner.get()))
+          .str();
+  EXPECT_EQ(removed.lines, (std::vector<std::string>{prefix + " new=0", prefix + " new=5 old=0"}));
 
   PXLogCapture log;
   Observer::removeObserverWithObserverBlockToken(*model, token);
-  EXPECT_TRUE(log.lines().empty());
   EXPECT_FALSE(token->isObserving());
   model->setLevel(1);
   EXPECT_EQ(removed.lines.size(), 2u);
   EXPECT_EQ(kept.lines.size(), 2u);
+  EXPECT_TRUE(log.lines().empty());
 
-  Observer::removeObserverWithObserverBlockToken(*model, token);
-  EXPECT_EQ(log.lines(),
-            (std::vector<std::string>{
-                PXFormat("removeObserverWithObserverBlockToken: attempt to remove non-existing "
-                         "%p from <BOModel: %p>",
-                         static_cast<const void*>(token.get()), static_cast<const void*>(model.get()))
-                    .str()}));
+  // Removed already, of another object, none at all, from an object without observations.
+  auto other = PXMake<BOModel>(), unobserved = PXMake<BOModel>();
+  Token foreign = Observer::addObserverForKeyPath(*other, "level", 0, nullptr, kept.block());
+  const std::pair<BOModel*, Token> failed[] = {
+      {model.get(), token}, {model.get(), foreign}, {model.get(), {}}, {unobserved.get(), token}};
+  for (const auto& [object, which] : failed) {
+    Observer::removeObserverWithObserverBlockToken(*object, which);
+    EXPECT_EQ(log.lines().back(),
+              PXFormat("removeObserverWithObserverBlockToken: attempt to remove "
+                       "non-existing %p from <BOModel: %p>",
+                       static_cast<const void*>(which.get()), static_cast<const void*>(object))
+                  .str());
+  }
+  EXPECT_EQ(log.lines().size(), 4u);
+  EXPECT_TRUE(foreign->isObserving());
   model->setLevel(2);
   EXPECT_EQ(kept.lines.size(), 3u) << "a failed removal changes nothing";
-
-  // A token of another object is not this object's either.
-  auto other = PXMake<BOModel>();
-  Token foreign = Observer::addObserverForKeyPath(*other, "level", 0, nullptr, kept.block());
-  Observer::removeObserverWithObserverBlockToken(*model, foreign);
-  EXPECT_EQ(log.lines().size(), 2u);
-  EXPECT_TRUE(foreign->isObserving());
 }
 
 TEST(PXObjectBlockObserver, TrampolineGuardsAndSelfStopOnDestruction) {
   auto model = PXMake<BOModel>();
-  Calls calls;
+  Calls calls, replaced;
   auto trampoline = PXMake<PXObjectBlockObserverTrampoline>(*model, "level", 0, nullptr, calls.block());
   EXPECT_FALSE(trampoline->isObserving());
   trampoline->addObserverBlock();
   trampoline->addObserverBlock();  // once per cycle
   model->setLevel(1);
-  EXPECT_EQ(calls.lines.size(), 1u);
-
   trampoline->removeObserverBlock();
   trampoline->removeObserverBlock();
   model->setLevel(2);
   EXPECT_EQ(calls.lines.size(), 1u);
 
-  // A new cycle observes the key path as it is now.
+  // A new cycle observes the key path, with the callback, as they are now.
   trampoline->setKeyPath("name");
+  trampoline->setBlock(replaced.block());
   trampoline->addObserverBlock();
   model->setLevel(3);
   model->setName("n");
-  EXPECT_EQ(calls.lines.size(), 2u);
-  EXPECT_EQ(calls.lines.back().substr(0, 5), "name ");
-
+  EXPECT_EQ(calls.lines.size(), 1u);
+  ASSERT_EQ(replaced.lines.size(), 1u);
+  EXPECT_EQ(replaced.lines[0].substr(0, 5), "name ");
   trampoline = nullptr;  // stops itself
+
+  // An object already gone cannot be observed.
+  auto orphan =
+      PXMake<PXObjectBlockObserverTrampoline>(*PXMake<BOModel>(), "level", 0, nullptr, calls.block());
+  orphan->addObserverBlock();
+  EXPECT_FALSE(orphan->isObserving());
 }
 
 TEST(PXObjectBlockObserver, CallbackMayRemoveItsOwnObservation) {
@@ -170,17 +167,13 @@ TEST(PXObjectBlockObserver, CallbackMayRemoveItsOwnObservation) {
   EXPECT_FALSE(hasObservationArray(*model));
 }
 
-// Eight threads add and remove block observers (by token and by owner) while
-// two others keep changing the observed values and replacing the part on the
-// observed path.
+// Eight threads add and remove observers (by token and by owner) while two
+// others change the observed values and replace the part on the observed path.
 TEST(PXObjectBlockObserver, StressAddRemoveWhileChanging) {
   auto model = PXMake<BOModel>();
   model->setPart(PXMake<BOModel>());
   std::atomic<bool> stop{false};
   std::atomic<long> delivered{0};
-  constexpr int kAdders = 8;
-  constexpr int kRounds = 150;
-
   std::vector<std::thread> changers;
   changers.emplace_back([&] {
     for (int i = 0; !stop.load(); ++i) model->setLevel(i);
@@ -194,12 +187,11 @@ TEST(PXObjectBlockObserver, StressAddRemoveWhileChanging) {
       }
     }
   });
-
   std::vector<std::thread> adders;
-  for (int t = 0; t < kAdders; ++t) {
+  for (int t = 0; t < 8; ++t) {
     adders.emplace_back([&] {
       auto owner = PXMake<PXObject>();
-      for (int i = 0; i < kRounds; ++i) {
+      for (int i = 0; i < 150; ++i) {
         const char* path = (i % 2) ? "level" : "part.level";
         auto seen = std::make_shared<std::atomic<int>>(0);
         auto block = [seen, &delivered](PXObject*, const PXString&, const PXDictionary&, PXObject*) {
@@ -226,10 +218,9 @@ TEST(PXObjectBlockObserver, StressAddRemoveWhileChanging) {
   for (auto& thread : adders) thread.join();
   stop.store(true);
   for (auto& thread : changers) thread.join();
-
   // Every observation is gone: no array, no hooks, and no callback runs any more.
   EXPECT_FALSE(hasObservationArray(*model));
-  long before = delivered.load();
+  const long before = delivered.load();
   model->setLevel(-1);
   model->part()->setLevel(-1);
   model->setPart(PXMake<BOModel>());
