@@ -20,11 +20,10 @@ PXValue parse(std::string_view text, JSONParseOptionFlags options = 0, PXErrorRe
                      : decoder->objectWithUTF8String(text.data(), text.size(), error);
 }
 
-// The only element of a one-element array document.
-PXValue only(std::string_view text, JSONParseOptionFlags options = 0) {
-  PXValue doc = parse(text, options);
-  EXPECT_TRUE(doc.isArray() && doc.arrayValue()->count() == 1) << text;
-  return doc.isArray() ? doc.arrayValue()->objectAtIndex(0) : PXValue();
+// The text of a one-string array document, or "(none)".
+std::string onlyString(const std::string& literal, JSONParseOptionFlags options = 0) {
+  PXValue doc = parse("[\"" + literal + "\"]", options);
+  return doc.isArray() ? std::string(doc.arrayValue()->objectAtIndex(0).stringValue()) : "(none)";
 }
 
 uint64_t atIndex(const PXErrorRef& error, const char* key = "PXJSONAtIndexKey") {
@@ -63,11 +62,9 @@ TEST(JSONDecoder, EveryParseErrorHasItsMessageIndexAndLine) {
   const char* const deep = "Unable to parse JSON.";
   const Row rows[] = {
       {"", end, 0},
-      {"  \n\t ", end, 5, 2},
       {"[fals", end, 5},
       {"[-", "Invalid number.", 1},
-      {"\"text\"", "Expected either '[' or '{'.", 0},
-      {" 42", "Expected either '[' or '{'.", 1, 1, 15},
+      {"\"text\"", "Expected either '[' or '{'.", 0, 1, 15},  // nothing relaxes a bare top-level value
       {"{}\n\n]", after, 4, 3},
       {"[1] /* note */", after, 4},
       {std::string(kPXJSONMaxDepth + 1, '['), deep, kPXJSONMaxDepth},
@@ -88,12 +85,10 @@ TEST(JSONDecoder, EveryParseErrorHasItsMessageIndexAndLine) {
       {"{\"a\":1,null}", "Expected a \"STRING\", not 'null'", 7},
       {"{\"a\":,}", "Expected a value, not ','", 5},
       {"[tru]", token, 1},
-      {"[.5]", token, 1},
       {"[nx", token, 1},
       {"[\"a\\n\x1f\"]", "Invalid character < 0x20 found in string: 0x1f.", 5},
       {std::string("[\"\0\"]", 5), "Invalid character < 0x20 found in string: 0x00.", 2},
       {"[\"abc\\", "Invalid string.", 1},
-      {"[\"\\u00", "Invalid string.", 1},
       {"[\"\\ud834", "Invalid string.", 1},
       {"[\"\xe2\x82", "Invalid string.", 1, 1,
        kPXJSONParseOptionLooseUnicode},  // replaced, then unterminated
@@ -114,14 +109,11 @@ TEST(JSONDecoder, EveryParseErrorHasItsMessageIndexAndLine) {
       // Options change what counts as white space, and so the line numbers.
       {"[\n1,\r\n2,\r3,\n x]", token, 13, 5},
       {"[1,\r", end, 4, 2},
-      {"[1,\xe2\x80\xa8 x]", token, 3},
       {"[1,\xe2\x80\xa8 x]", token, 7, 2, kPXJSONParseOptionUnicodeNewlines},
       {"[1,\xc2\x85\xe2\x80\xa9x]", token, 8, 3, kPXJSONParseOptionUnicodeNewlines},
       {"[1,\xc2", token, 3, 1, kPXJSONParseOptionUnicodeNewlines},
-      {"[1, // one\n /* two\n */ x]", token, 4},
       {"[1, // one\n /* two\n */ x]", token, 23, 3, kPXJSONParseOptionComments},
       {"[1] /* open", end, 4, 1, kPXJSONParseOptionComments},
-      {"[1, // to the end", end, 17, 1, kPXJSONParseOptionComments},
       {"[1, / 2]", token, 4, 1, kPXJSONParseOptionComments}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.input.substr(0, 40) + " options " + std::to_string(row.options));
@@ -167,14 +159,12 @@ TEST(JSONDecoder, MissingArgumentsAndInvalidOptionsFailWithTheirOwnMessages) {
     EXPECT_FALSE(call(nullptr));  // without an error parameter: just nothing
   }
   EXPECT_EQ(JSONDecoder::decoderWithParseOptions(15)->parseOptionFlags(), 15u);
-  for (unsigned options : {16u, 0x80000000u}) {
-    try {
-      (void)JSONDecoder::decoderWithParseOptions(options);
-      ADD_FAILURE() << "no exception for " << options;
-    } catch (const PXException& e) {
-      EXPECT_EQ(e.name(), kPXInvalidArgumentException);
-      EXPECT_EQ(e.reason(), "Invalid parse options.");
-    }
+  try {
+    (void)JSONDecoder::decoderWithParseOptions(16);
+    ADD_FAILURE() << "no exception for options of 16 or more";
+  } catch (const PXException& e) {
+    EXPECT_EQ(e.name(), kPXInvalidArgumentException);
+    EXPECT_EQ(e.reason(), "Invalid parse options.");
   }
 }
 
@@ -199,9 +189,7 @@ TEST(JSONDecoder, OptionBitsEachRelaxOneRule) {
     ASSERT_TRUE(doc);
     EXPECT_EQ(doc.isArray() ? doc.arrayValue()->count() : doc.dictionaryValue()->count(), row.count);
   }
-  // Nothing relaxes a raw tab in a string or a bare top-level value.
-  EXPECT_FALSE(parse("[\"\t\"]", 15));
-  EXPECT_FALSE(parse("\"x\"", 15));
+  EXPECT_FALSE(parse("[\"\t\"]", 15));  // nothing relaxes a raw tab in a string
   // Loose Unicode replaces each bad stretch with one replacement character.
   const std::string fffd = "\xef\xbf\xbd";
   const std::pair<std::string, std::string> loose[] = {
@@ -211,21 +199,20 @@ TEST(JSONDecoder, OptionBitsEachRelaxOneRule) {
       {"a\xc3(", "a" + fffd + "("},
       {"\xe2\x82", fffd},                    // a truncated three-byte form: one replacement
       {"\xed\xa0\x80", fffd + fffd + fffd},  // a surrogate: no valid prefix, byte by byte
-      {"\xc0\xaf", fffd + fffd},
   };
   for (const auto& [input, expected] : loose)
-    EXPECT_EQ(only("[\"" + input + "\"]", kPXJSONParseOptionLooseUnicode).stringValue(), expected) << input;
+    EXPECT_EQ(onlyString(input, kPXJSONParseOptionLooseUnicode), expected) << input;
 }
 
 TEST(JSONDecoder, DictionariesKeepKeyOrderAndTheLastOfRepeatedKeys) {
-  auto dict = parse(R"({"b": true, "a": false, "c": {"x": [], "y": null}, "a": 3})").dictionaryValue();
-  ASSERT_EQ(dict->count(), 3u);
-  EXPECT_EQ(dict->entries()[0].first.stringValue(), "b");
-  EXPECT_EQ(dict->entries()[1].first.stringValue(), "a");
-  EXPECT_EQ(dict->entries()[1].second.intValue(), 3);
+  auto small = parse(R"({"b": true, "a": false, "c": {}, "a": 3})").dictionaryValue();
+  std::string seen;
+  for (const auto& [key, value] : small->entries())
+    seen += std::string(key.stringValue()) + std::to_string(value.intValue());
+  EXPECT_EQ(seen, "b1a3c0");
   // A large dictionary (the hashed path) with every key repeated.
   std::string text = "{";
-  for (int i = 0; i < 300; ++i) text += "\"key" + std::to_string(i % 100) + "\":" + std::to_string(i) + ",";
+  for (int i = 0; i < 300; ++i) text += "\"k" + std::to_string(i % 100) + "\":" + std::to_string(i) + ",";
   text.back() = '}';
   auto big = parse(text).dictionaryValue();
   ASSERT_EQ(big->count(), 100u);
@@ -234,8 +221,9 @@ TEST(JSONDecoder, DictionariesKeepKeyOrderAndTheLastOfRepeatedKeys) {
   EXPECT_EQ(parse(R"({"a\u0000": 1, "a": 2, "a\n": 3, "a\\n": 4})").dictionaryValue()->count(), 4u);
 }
 
-TEST(JSONDecoder, EveryEntryPointReadsTheSameDocumentAndOnlyTheMutableFormIsMutable) {
-  const std::string text = R"({"k": [1, "two", 3.5, null, [], [], {}, {"e": {}}]})";
+TEST(JSONDecoder, EveryEntryPointReadsTheSameDocumentTheMutableFormIsMutableAndTheCacheSharesStrings) {
+  const std::string text =
+      R"({"k": [1, "two", 3.5, null, [], [], {}, {"e": {}}], "s": "long enough to be shared"})";
   const PXValue expected = parse(text);
   auto data = PXData::dataWithString(text);
   auto decoder = JSONDecoder::decoder();
@@ -268,31 +256,18 @@ TEST(JSONDecoder, EveryEntryPointReadsTheSameDocumentAndOnlyTheMutableFormIsMuta
         << i;
   }
   EXPECT_FALSE(error);  // untouched by successes
-  // The string and data operations use the options they are given: strict by default.
+  // Equal long strings of one decoder share their storage across documents, until its cache is cleared.
+  auto shared = [&](const PXValue& doc) { return doc.dictionaryValue()->objectForKey("s"); };
+  EXPECT_TRUE(shared(results[1]).isIdenticalTo(shared(results[2])));
+  decoder->clearCache();
+  EXPECT_FALSE(decoder->objectWithUTF8String("[[[1,", 5));  // a failure in between leaves it fit for use
+  EXPECT_FALSE(shared(decoder->objectWithData(data)).isIdenticalTo(shared(results[1])));
+  // The string and data operations are strict by default.
   EXPECT_FALSE(objectFromJSONString("[1] // c"));
-  EXPECT_TRUE(objectFromJSONStringWithParseOptions("[1] // c", kPXJSONParseOptionComments));
   EXPECT_FALSE(mutableObjectFromJSONData(PXData::dataWithString("[1] x")));
-  EXPECT_TRUE(mutableObjectFromJSONDataWithParseOptions(PXData::dataWithString("[1] x"), 8));
   // NUL bytes are input like any other: the length, not a terminator, ends the text.
   EXPECT_TRUE(decoder->objectWithUTF8String("[1]\0garbage", 3));
   EXPECT_FALSE(decoder->objectWithUTF8String("[1]\0garbage", 11));
-}
-
-TEST(JSONDecoder, ADecoderIsReusableAndItsCacheOnlySharesStorage) {
-  auto decoder = JSONDecoder::decoder();
-  const std::string text = R"(["a string long enough to be shared", "a string long enough to be shared"])";
-  auto read = [&] { return decoder->objectWithUTF8String(text.data(), text.size()).arrayValue(); };
-  auto first = read(), second = read();
-  // Equal long strings of one decoder share their storage, within and across documents.
-  EXPECT_TRUE(first->objectAtIndex(0).isIdenticalTo(first->objectAtIndex(1)));
-  EXPECT_TRUE(first->objectAtIndex(0).isIdenticalTo(second->objectAtIndex(0)));
-  decoder->clearCache();
-  auto third = read();
-  EXPECT_FALSE(third->objectAtIndex(0).isIdenticalTo(first->objectAtIndex(0)));
-  EXPECT_TRUE(third->isEqual(*first));
-  // A failure in between leaves the decoder fit for the next document.
-  EXPECT_FALSE(decoder->objectWithUTF8String("[[[1,", 5));
-  EXPECT_TRUE(read()->isEqual(*first));
 }
 
 // The scanners work in blocks of 16 and 32 bytes: runs of white space, and
@@ -302,8 +277,6 @@ TEST(JSONDecoder, RunsOfEveryLengthAroundBlockEdges) {
   const std::pair<std::string, std::string> specials[] = {
       {"\\\"\\\\\\/\\b\\f\\n\\r\\t", "\"\\/\b\f\n\r\t"},
       {"\\u00e9\\u4e2d\\ud834\\udd1e\\u0000", std::string("\xc3\xa9\xe4\xb8\xad\xf0\x9d\x84\x9e\0", 10)},
-      {"\xc3\xa9", "\xc3\xa9"},
-      {"\xe4\xb8\xad", "\xe4\xb8\xad"},
       {"\xf0\x9f\x98\x80", "\xf0\x9f\x98\x80"}};
   for (size_t length = 0; length <= 70; ++length) {
     SCOPED_TRACE(length);
@@ -318,7 +291,7 @@ TEST(JSONDecoder, RunsOfEveryLengthAroundBlockEdges) {
     for (const auto& [raw, decoded] : specials) {
       for (size_t at = 0; at <= length; ++at) {
         const std::string a(at, 'a'), b(length - at, 'b');
-        ASSERT_EQ(only("[\"" + a + raw + b + "\"]").stringValue(), a + decoded + b) << raw << " at " << at;
+        ASSERT_EQ(onlyString(a + raw + b), a + decoded + b) << raw << " at " << at;
       }
     }
   }

@@ -15,7 +15,6 @@
 namespace {
 
 thread_local long allocationsUntilFailure = -1;  // -1: never fail
-thread_local bool failureReached = false;
 
 void* allocate(std::size_t size) {
   if (allocationsUntilFailure >= 0 && allocationsUntilFailure-- == 0) throw std::bad_alloc();
@@ -46,30 +45,6 @@ void operator delete[](void* p, std::size_t) noexcept {
 
 namespace {
 
-// Called by a `call` below right before and right after the operation under test.
-void startFailing(long n) {
-  allocationsUntilFailure = n;
-}
-void stopFailing() {
-  failureReached = allocationsUntilFailure < 0;
-  allocationsUntilFailure = -1;
-}
-
-// Fails allocation number `n` (from 0) of `call`'s operation, for each `n` until
-// it makes fewer (at least `atLeast`); returns the messages seen. `call` returns "" on success.
-std::set<std::string> failEachAllocation(long atLeast, const std::function<std::string(long n)>& call) {
-  std::set<std::string> seen;
-  for (long n = 0;; ++n) {
-    const std::string message = call(n);
-    if (!failureReached) {
-      EXPECT_GE(n, atLeast);
-      EXPECT_EQ(message, "");
-      return seen;
-    }
-    if (!message.empty()) seen.insert(message);
-  }
-}
-
 // A document that needs every kind of memory the decoder uses: its state, deep
 // stacks, a long escaped string, a large dictionary (the duplicate-key table)
 // and long strings (the cache).
@@ -86,51 +61,57 @@ std::string demandingDocument() {
 
 }  // namespace
 
-TEST(JSONMemory, EveryAllocationFailureInTheDecoderIsReported) {
+TEST(JSONMemory, EveryAllocationFailureIsReportedWithItsMessage) {
   const std::string text = demandingDocument();
-  const PXValue expected = objectFromJSONString(PXString(text));
-  ASSERT_TRUE(expected);
-  for (bool mutableForm : {false, true}) {
-    SCOPED_TRACE(mutableForm);
-    auto read = [&](JSONDecoder& decoder, PXErrorRef* error) {
-      return mutableForm ? decoder.mutableObjectWithUTF8String(text.data(), text.size(), error)
-                         : decoder.objectWithUTF8String(text.data(), text.size(), error);
-    };
-    // At least one allocation per container: the injection reaches them all.
-    const auto seen = failEachAllocation(45, [&](long n) -> std::string {
+  const PXValue doc = objectFromJSONString(PXString(text));
+  const std::string written = JSONString(doc).str();
+  const std::set<std::string> decoding = {
+      "Unable to allocate state structure.", "Unable to resize objects array.",
+      "Unable to resize temporary buffer.", "Unable to allocate memory for hash table."};
+  struct {
+    std::function<PXValue(JSONDecoder&, PXErrorRef*)> run;  // the document, or the written bytes
+    std::set<std::string> messages;
+    long atLeast;  // allocations: one per container at least when decoding
+  } operations[] = {
+      {[&](JSONDecoder& d, PXErrorRef* e) { return d.objectWithUTF8String(text.data(), text.size(), e); },
+       decoding, 45},
+      {[&](JSONDecoder& d, PXErrorRef* e) {
+         return d.mutableObjectWithUTF8String(text.data(), text.size(), e);
+       },
+       decoding, 45},
+      {[&](JSONDecoder&, PXErrorRef* e) { return PXValue(JSONDataWithOptions(doc, 0, e)); },
+       {"Unable to create NSData object"},
+       1},
+      {[&](JSONDecoder&, PXErrorRef* e) { return PXValue(JSONStringWithOptions(doc, 0, e)); },
+       {"Unable to create NSString object"},
+       1},
+  };
+  auto asText = [](const PXValue& v) {
+    return v.isString() ? std::string(v.stringValue())
+           : v.isData() ? std::string(v.dataValue()->view())
+                        : JSONString(v).str();
+  };
+  for (const auto& operation : operations) {
+    std::set<std::string> seen;
+    for (long n = 0;; ++n) {
       auto decoder = JSONDecoder::decoder();  // fresh: its state is allocated on first use
       PXErrorRef error;
-      startFailing(n);
-      const PXValue result = read(*decoder, &error);
-      stopFailing();
+      allocationsUntilFailure = n;
+      const PXValue result = operation.run(*decoder, &error);
+      const bool reached = allocationsUntilFailure < 0;
+      allocationsUntilFailure = -1;
       // Either the failed allocation was one the decoder could do without (the
-      // cache), or it is reported, and the same decoder reads the document next time.
-      if (result) return result.isEqual(expected) ? "" : "a different result";
-      EXPECT_TRUE(read(*decoder, nullptr).isEqual(expected));
-      return error ? error->localizedDescription().str() : "no error";
-    });
-    EXPECT_EQ(seen, (std::set<std::string>{
-                        "Unable to allocate state structure.", "Unable to resize objects array.",
-                        "Unable to resize temporary buffer.", "Unable to allocate memory for hash table."}));
-  }
-}
-
-// Reported with the one message of the result object that could not be made.
-TEST(JSONMemory, ResultObjectsThatCannotBeMadeAreReported) {
-  const PXValue doc = objectFromJSONString(PXString(demandingDocument()));
-  ASSERT_TRUE(doc);
-  const std::string expected = JSONString(doc).str();
-  for (bool asData : {true, false}) {
-    const auto seen = failEachAllocation(1, [&](long n) -> std::string {
-      PXErrorRef error;
-      startFailing(n);
-      PXRef<PXData> data = asData ? JSONDataWithOptions(doc, 0, &error) : nullptr;
-      PXString string = asData ? PXString() : JSONStringWithOptions(doc, 0, &error);
-      stopFailing();
-      if (!data && string.isAbsent()) return error ? error->localizedDescription().str() : "no error";
-      return (asData ? std::string(data->view()) : string.str()) == expected ? "" : "a different result";
-    });
-    EXPECT_EQ(seen, std::set<std::string>{asData ? "Unable to create NSData object"
-                                                 : "Unable to create NSString object"});
+      // cache), or it is reported, and the same decoder works the next time.
+      if (!reached || result) {
+        EXPECT_EQ(asText(result), written) << n;
+        if (reached) continue;
+        EXPECT_GE(n, operation.atLeast);
+        break;
+      }
+      ASSERT_TRUE(error) << n;
+      seen.insert(error->localizedDescription().str());
+      EXPECT_EQ(asText(operation.run(*decoder, nullptr)), written) << n;
+    }
+    EXPECT_EQ(seen, operation.messages);
   }
 }
