@@ -65,22 +65,18 @@ TEST(JSONDecoder, EveryParseErrorHasItsMessageIndexAndLine) {
       {"[fals", end, 5},
       {"[-", "Invalid number.", 1},
       {"\"text\"", "Expected either '[' or '{'.", 0, 1, 15},  // nothing relaxes a bare top-level value
-      {"{}\n\n]", after, 4, 3},
       {"[1] /* note */", after, 4},
       {std::string(kPXJSONMaxDepth + 1, '['), deep, kPXJSONMaxDepth},
       {objects(kPXJSONMaxDepth + 1), deep, 5 * kPXJSONMaxDepth},
       {"[1,]", "Unexpected ']'.", 3},
-      {"[1,,2]", "Unexpected ','.", 3},
       {"[[] {}]", "Unexpected value.", 4},
       {"[}", "Expected a value or a ']', not '}'", 1},
       {"[1:", "Expected a comma or a ']', not ':'", 2},
-      {"[1,}", "Expected a value, not '}'", 3},
       {"{\"a\":1,}", "Unexpected '}'.", 7},
       {"{,}", "Unexpected ','.", 1},
       {"{\"a\":1 \"b\":2}", "Unexpected string.", 7},
       {"{\"a\" 1}", "Expected ':'.", 5},
       {"{-12.5e3:1}", "Expected a \"STRING\" or a '}', not '-12.5e3'", 1},
-      {"{[", "Expected a \"STRING\" or a '}', not '['", 1},
       {"{\"a\":1 ]", "Expected a comma or a '}', not ']'", 7},
       {"{\"a\":1,null}", "Expected a \"STRING\", not 'null'", 7},
       {"{\"a\":,}", "Expected a value, not ','", 5},
@@ -95,10 +91,8 @@ TEST(JSONDecoder, EveryParseErrorHasItsMessageIndexAndLine) {
       {"[\"ok\\'\"]", "Invalid escape sequence found in \"\" string.", 4},
       {"[\"\\u12g4\"]",
        "Unexpected character found in \\u Unicode escape sequence.  Found 'g', expected [0-9a-fA-F].", 6},
-      {"[\"\\ud800\\n\"]", second, 2},
       {"[\"\\ud800x\"]", second, 2},
       {"[\"\\udc00\"]", surrogate, 2},
-      {"[\"\\ud800\\u0041\"]", surrogate, 2},
       {"[\"\\ud800\\ue000\"]", surrogate, 2},
       {"[\"ok\x80\"]", utf8, 4},
       {"[\"\xc0\xaf\"]", utf8, 2},
@@ -113,8 +107,7 @@ TEST(JSONDecoder, EveryParseErrorHasItsMessageIndexAndLine) {
       {"[1,\xc2\x85\xe2\x80\xa9x]", token, 8, 3, kPXJSONParseOptionUnicodeNewlines},
       {"[1,\xc2", token, 3, 1, kPXJSONParseOptionUnicodeNewlines},
       {"[1, // one\n /* two\n */ x]", token, 23, 3, kPXJSONParseOptionComments},
-      {"[1] /* open", end, 4, 1, kPXJSONParseOptionComments},
-      {"[1, / 2]", token, 4, 1, kPXJSONParseOptionComments}};
+      {"[1] /* open", end, 4, 1, kPXJSONParseOptionComments}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.input.substr(0, 40) + " options " + std::to_string(row.options));
     for (bool mutableForm : {false, true}) {
@@ -168,29 +161,8 @@ TEST(JSONDecoder, MissingArgumentsAndInvalidOptionsFailWithTheirOwnMessages) {
   }
 }
 
-TEST(JSONDecoder, OptionBitsEachRelaxOneRule) {
-  struct Row {
-    const char* text;
-    JSONParseOptionFlags relaxedBy;
-    size_t count;  // of the top-level container when relaxed
-  };
-  const Row rows[] = {
-      {"/* head */ [1, // one\n 2 /* two */] // tail", kPXJSONParseOptionComments, 2},
-      {"[1,\xc2\x85 2,\xe2\x80\xa8 3\xe2\x80\xa9]", kPXJSONParseOptionUnicodeNewlines, 3},
-      {"[1, // c\xe2\x80\xa8 2]", kPXJSONParseOptionComments | kPXJSONParseOptionUnicodeNewlines, 2},
-      {"[\"\\udc00\"]", kPXJSONParseOptionLooseUnicode, 1},
-      {"{\"a\":1} {\"b\":2} trailing", kPXJSONParseOptionPermitTextAfterValidJSON, 1},  // the first document
-      {"// c\n[\"\\ud800\",\xe2\x80\xa8 1] garbage", 15, 2},  // the four together, as the facade uses them
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.text);
-    EXPECT_FALSE(parse(row.text, 15 & ~row.relaxedBy));
-    const PXValue doc = parse(row.text, row.relaxedBy);
-    ASSERT_TRUE(doc);
-    EXPECT_EQ(doc.isArray() ? doc.arrayValue()->count() : doc.dictionaryValue()->count(), row.count);
-  }
-  EXPECT_FALSE(parse("[\"\t\"]", 15));  // nothing relaxes a raw tab in a string
-  // Loose Unicode replaces each bad stretch with one replacement character.
+// Loose Unicode replaces each bad stretch with one replacement character.
+TEST(JSONDecoder, LooseUnicodeReplacesEachBadStretchOnce) {
   const std::string fffd = "\xef\xbf\xbd";
   const std::pair<std::string, std::string> loose[] = {
       {"a\\ud800b", "a" + fffd + "b"},
@@ -270,22 +242,18 @@ TEST(JSONDecoder, EveryEntryPointReadsTheSameDocumentTheMutableFormIsMutableAndT
   EXPECT_FALSE(decoder->objectWithUTF8String("[1]\0garbage", 11));
 }
 
-// The scanners work in blocks of 16 and 32 bytes: runs of white space, and
-// every escape and width of raw UTF-8 at every position of strings of every
-// length up to 70, ending at, across and after block edges.
+// The scanners work in blocks of 16 and 32 bytes: white space, escapes and raw
+// UTF-8 at every position of runs of every length up to 70, across block edges.
 TEST(JSONDecoder, RunsOfEveryLengthAroundBlockEdges) {
   const std::pair<std::string, std::string> specials[] = {
       {"\\\"\\\\\\/\\b\\f\\n\\r\\t", "\"\\/\b\f\n\r\t"},
       {"\\u00e9\\u4e2d\\ud834\\udd1e\\u0000", std::string("\xc3\xa9\xe4\xb8\xad\xf0\x9d\x84\x9e\0", 10)},
       {"\xf0\x9f\x98\x80", "\xf0\x9f\x98\x80"}};
   for (size_t length = 0; length <= 70; ++length) {
-    SCOPED_TRACE(length);
-    std::string run;
-    for (size_t i = 0; i < length; ++i) run += " \t\n\r"[i % 4];
-    ASSERT_EQ(parse("[" + run + "1" + run + "," + run + "2" + run + "]" + run).arrayValue()->count(), 2u);
+    const std::string run(length, " \t\n\r"[length % 4]);
     PXErrorRef error;
-    EXPECT_FALSE(parse("[1]" + run + "x", 0, &error));
-    EXPECT_EQ(atIndex(error), 3 + length);
+    EXPECT_FALSE(parse("[" + run + "1" + run + "]" + run + "x", 0, &error));
+    EXPECT_EQ(atIndex(error), 3 + 3 * length);
     EXPECT_FALSE(parse("[\"" + std::string(length, 'a') + "\x01\"]", 0, &error));
     EXPECT_EQ(atIndex(error), 2 + length) << "a control character is found where it is";
     for (const auto& [raw, decoded] : specials) {
