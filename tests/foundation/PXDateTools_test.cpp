@@ -42,6 +42,8 @@ TEST(PXDateTools, SplitTimeIntervalIntoWantedUnits) {
       {3599, All, 0, 0, kUntouched, 59, 59},  // kept on purpose: below an hour, hours keep the caller's value
       {-5.5, All, 0, 0, kUntouched, 0, -6},   // negative intervals go whole into seconds, floored
       {1e18, Y, INT_MAX, kUntouched, kUntouched, kUntouched, kUntouched},  // counts outside int saturate
+      {-1e18, S, kUntouched, kUntouched, kUntouched, kUntouched, INT_MIN},
+      {90061, D, kUntouched, 1, kUntouched, kUntouched, kUntouched},  // the rest is dropped
       {std::nan(""), S, kUntouched, kUntouched, kUntouched, kUntouched, 0},
   };
   for (const auto& c : cases) {

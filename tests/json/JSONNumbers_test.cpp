@@ -120,6 +120,35 @@ TEST(JSONNumbers, EdgeCasesReadAsTheirKindOrFailWithTheirMessage) {
       "Expected a value, a comma, or a ']', not ':");
 }
 
+// Decimal text through the decoder, bit for bit against strtod: up to twenty
+// random digits with exponents around the fast ranges, and texts close to
+// halfway between two neighbouring doubles.
+TEST(JSONNumbers, DecimalsReadExactlyAsStrtodReadsThem) {
+  std::mt19937_64 rng(99);
+  auto decoder = JSONDecoder::decoder();
+  for (int i = 0; i < 100000; ++i) {
+    char text[128] = "-";
+    if (i % 3 < 2) {
+      const int digits = 1 + static_cast<int>(rng() % 20), point = static_cast<int>(rng() % (digits + 1));
+      size_t at = rng() & 1;
+      for (int d = 0; d < digits; ++d) {
+        if (d == point && d > 0) text[at++] = '.';
+        text[at++] = static_cast<char>('0' + (d == 0 ? 1 + rng() % 9 : rng() % 10));
+      }
+      std::snprintf(text + at, sizeof text - at, "e%d", static_cast<int>(rng() % 100) - 60);
+    } else {
+      const double a =
+          std::pow(10.0, static_cast<double>(rng() % 40) - 20.0) * (1.0 + (rng() % 1000000) / 1e6);
+      const long double mid = (static_cast<long double>(a) + std::nextafter(a, 1e300)) / 2;
+      std::snprintf(text, sizeof text, "%.*Le", static_cast<int>(15 + rng() % 10), mid);
+    }
+    const double expected = std::strtod(text, nullptr);
+    if (std::isinf(expected) || expected == 0.0) continue;  // overflow and underflow errors
+    const PXValue number = readNumber(*decoder, text);
+    ASSERT_EQ(bitsOf(number.doubleValue()), bitsOf(expected)) << text;
+  }
+}
+
 TEST(JSONNumbers, DoublesAreWrittenAsPrintfWritesThem) {
   std::mt19937_64 rng(20240521);
   auto check = [](double v) {
