@@ -1,14 +1,13 @@
 // Running out of memory at every single allocation of a parse or a write: each
 // failure is reported with the codec's memory message (never a crash, a leak or
-// a half-built result), and the next call works again.
-//
-// This test binary replaces the global operator new with one that can be told
-// to fail the Nth allocation from now on this thread.
+// a half-built result), and the next call works again. This binary replaces the
+// global operator new with one told to fail the Nth allocation on this thread.
 #include <gtest/gtest.h>
 #include <pxkit/json/JSONDecoder.h>
 #include <pxkit/json/JSONSerializer.h>
 
 #include <cstdlib>
+#include <functional>
 #include <new>
 #include <set>
 #include <string>
@@ -21,17 +20,6 @@ void* allocate(std::size_t size) {
   if (allocationsUntilFailure >= 0 && allocationsUntilFailure-- == 0) throw std::bad_alloc();
   if (void* p = std::malloc(size ? size : 1)) return p;
   throw std::bad_alloc();
-}
-
-// Fails the allocation number `n` (from 0) made by `call`, then no other.
-// Returns whether that allocation was reached.
-template <class F>
-bool failingAllocation(long n, F&& call) {
-  allocationsUntilFailure = n;
-  call();
-  const bool reached = allocationsUntilFailure < 0;
-  allocationsUntilFailure = -1;
-  return reached;
 }
 
 }  // namespace
@@ -68,81 +56,62 @@ std::string demandingDocument() {
     text += (i ? ", \"k" : "\"k") + std::to_string(i) + "\": [" + std::to_string(i) + "]";
   text += "}, \"list\": [";
   for (int i = 0; i < 200; ++i) text += (i ? ", " : "") + std::to_string(i * 1.5);
-  text += "]}";
-  return text;
+  return text + "]}";
 }
 
 }  // namespace
 
-TEST(JSONMemory, EveryAllocationFailureInTheDecoderIsReported) {
+TEST(JSONMemory, EveryAllocationFailureIsReportedWithItsMessage) {
   const std::string text = demandingDocument();
-  const PXValue expected = objectFromJSONString(PXString(text));
-  ASSERT_TRUE(expected);
-  const std::set<std::string> memoryMessages = {
+  const PXValue doc = objectFromJSONString(PXString(text));
+  const std::string written = JSONString(doc).str();
+  const std::set<std::string> decoding = {
       "Unable to allocate state structure.", "Unable to resize objects array.",
       "Unable to resize temporary buffer.", "Unable to allocate memory for hash table."};
-  for (bool mutableForm : {false, true}) {
-    std::set<std::string> seen;
-    long n = 0;
-    for (;; ++n) {
-      auto decoder = JSONDecoder::decoder();  // fresh: its state is allocated on first use
-      PXValue result;
-      PXErrorRef error;
-      const bool reached = failingAllocation(n, [&] {
-        result = mutableForm ? decoder->mutableObjectWithUTF8String(text.data(), text.size(), &error)
-                             : decoder->objectWithUTF8String(text.data(), text.size(), &error);
-      });
-      if (!reached) {
-        ASSERT_TRUE(result.isEqual(expected));  // every allocation has been failed once
-        break;
-      }
-      if (result) {
-        // The failed allocation was one the decoder could do without (the cache).
-        ASSERT_TRUE(result.isEqual(expected)) << "allocation " << n;
-        continue;
-      }
-      ASSERT_TRUE(error) << "allocation " << n;
-      const std::string message = error->localizedDescription().str();
-      ASSERT_TRUE(memoryMessages.count(message)) << "allocation " << n << ": " << message;
-      seen.insert(message);
-      // The same decoder reads the document once memory is back.
-      ASSERT_TRUE((mutableForm ? decoder->mutableObjectWithUTF8String(text.data(), text.size())
-                               : decoder->objectWithUTF8String(text.data(), text.size()))
-                      .isEqual(expected))
-          << "allocation " << n;
-    }
-    EXPECT_GT(n, 44);  // at least one allocation per container: the injection reached them all
-    EXPECT_EQ(seen, memoryMessages);
-  }
-}
-
-// Each allocation of a write failed in turn: reported with the one message of
-// the result object that could not be made.
-TEST(JSONMemory, ResultObjectsThatCannotBeMadeAreReported) {
-  const PXValue doc = objectFromJSONString(PXString(demandingDocument()));
-  ASSERT_TRUE(doc);
-  const std::string expected = JSONString(doc).str();
-  for (bool asData : {true, false}) {
+  struct {
+    std::function<PXValue(JSONDecoder&, PXErrorRef*)> run;  // the document, or the written bytes
+    std::set<std::string> messages;
+    long atLeast;  // allocations: one per container at least when decoding
+  } operations[] = {
+      {[&](JSONDecoder& d, PXErrorRef* e) { return d.objectWithUTF8String(text.data(), text.size(), e); },
+       decoding, 45},
+      {[&](JSONDecoder& d, PXErrorRef* e) {
+         return d.mutableObjectWithUTF8String(text.data(), text.size(), e);
+       },
+       decoding, 45},
+      {[&](JSONDecoder&, PXErrorRef* e) { return PXValue(JSONDataWithOptions(doc, 0, e)); },
+       {"Unable to create NSData object"},
+       1},
+      {[&](JSONDecoder&, PXErrorRef* e) { return PXValue(JSONStringWithOptions(doc, 0, e)); },
+       {"Unable to create NSString object"},
+       1},
+  };
+  auto asText = [](const PXValue& v) {
+    return v.isString() ? std::string(v.stringValue())
+           : v.isData() ? std::string(v.dataValue()->view())
+                        : JSONString(v).str();
+  };
+  for (const auto& operation : operations) {
     std::set<std::string> seen;
     for (long n = 0;; ++n) {
-      PXRef<PXData> data;
-      PXString string;
+      auto decoder = JSONDecoder::decoder();  // fresh: its state is allocated on first use
       PXErrorRef error;
-      const bool reached = failingAllocation(n, [&] {
-        if (asData) {
-          data = JSONDataWithOptions(doc, 0, &error);
-        } else {
-          string = JSONStringWithOptions(doc, 0, &error);
-        }
-      });
-      if (!reached) {
-        EXPECT_EQ(asData ? std::string(data->view()) : string.str(), expected);
+      allocationsUntilFailure = n;
+      const PXValue result = operation.run(*decoder, &error);
+      const bool reached = allocationsUntilFailure < 0;
+      allocationsUntilFailure = -1;
+      // Either the failed allocation was one the decoder could do without (the
+      // cache), or it is reported, and the same decoder works the next time.
+      if (!reached || result) {
+        EXPECT_EQ(asText(result), written) << n;
+        if (reached) continue;
+        EXPECT_GE(n, operation.atLeast);
         break;
       }
-      ASSERT_TRUE(error && !data && string.isAbsent()) << "allocation " << n;
+      ASSERT_TRUE(error) << n;
       seen.insert(error->localizedDescription().str());
+      EXPECT_EQ(asText(operation.run(*decoder, nullptr)), written) << n;
     }
-    EXPECT_EQ(seen, std::set<std::string>{asData ? "Unable to create NSData object"
-                                                 : "Unable to create NSString object"});
+    EXPECT_EQ(seen, operation.messages);
   }
 }

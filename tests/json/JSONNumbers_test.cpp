@@ -1,17 +1,17 @@
-// The codec's number text and message helpers, checked against the C library.
+// Number text both ways: edge cases, the reading against strtod, the writing
+// against printf's "%.17g".
 #include "json/internal/JSONNumbers.h"
 
 #include <gtest/gtest.h>
 #include <pxkit/json/JSONDecoder.h>
 #include <pxkit/objects/PXArray.h>
 
-#include <cfloat>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <random>
 #include <string>
-#include <vector>
+#include <tuple>
 
 #include "json/internal/JSONMessages.h"
 
@@ -19,16 +19,10 @@ using namespace pxkit::json::internal;
 
 namespace {
 
-std::string viaPrintf(double value) {
-  char buf[64];
-  std::snprintf(buf, sizeof buf, "%.17g", value);
-  return buf;
-}
-
-std::string viaCodec(double value) {
-  char buf[kMaxDoubleChars];
-  char* end = writeDouble(value, buf);
-  return std::string(buf, end);
+uint64_t bitsOf(double d) {
+  uint64_t bits;
+  std::memcpy(&bits, &d, sizeof d);
+  return bits;
 }
 
 double fromBits(uint64_t bits) {
@@ -37,125 +31,137 @@ double fromBits(uint64_t bits) {
   return d;
 }
 
+// A number alone in an array, read by one decoder: the value, or the error's message in `message`.
+PXValue readNumber(JSONDecoder& decoder, const std::string& text, std::string* message = nullptr) {
+  const std::string doc = "[" + text + "]";
+  PXErrorRef error;
+  PXValue parsed = decoder.objectWithUTF8String(doc.data(), doc.size(), &error);
+  if (message) *message = error ? error->localizedDescription().str() : "";
+  return parsed ? parsed.arrayValue()->objectAtIndex(0) : PXValue();
+}
+
 }  // namespace
 
-TEST(JSONNumbers, DoublesMatchPrintfOverRandomValues) {
-  std::mt19937_64 rng(20240521);
-  // Every finite bit pattern is fair game.
-  for (int i = 0; i < 100000; ++i) {
-    double v = fromBits(rng());
-    if (!std::isfinite(v)) continue;
-    ASSERT_EQ(viaCodec(v), viaPrintf(v)) << std::hexfloat << v;
-  }
-  // The common magnitudes, which take the exact integer path.
-  std::uniform_real_distribution<double> exponent(-5.5, 17.5);
-  for (int i = 0; i < 100000; ++i) {
-    double v = std::pow(10.0, exponent(rng));
-    ASSERT_EQ(viaCodec(v), viaPrintf(v)) << std::hexfloat << v;
-  }
-  // Short decimals and their neighbours, where ties and near-ties sit.
-  for (int i = 0; i < 100000; ++i) {
-    const double scale = std::pow(10.0, static_cast<int>(rng() % 12));
-    double v = static_cast<double>(rng() % 100000000) / scale;
-    if (rng() & 1) v = std::nextafter(v, (rng() & 2) ? 0.0 : 1e30);
-    ASSERT_EQ(viaCodec(v), viaPrintf(v)) << std::hexfloat << v;
-  }
-}
-
-// Decimal text through the decoder, bit for bit against the C library's strtod:
-// the forms "%g" writes for random doubles, up to twenty random digits with
-// exponents around the fast ranges, and texts close to halfway between two
-// neighbouring doubles.
-TEST(JSONNumbers, DecimalsReadExactlyAsStrtodReadsThem) {
-  std::mt19937_64 rng(99);
+TEST(JSONNumbers, EdgeCasesReadAsTheirKindOrFailWithTheirMessage) {
+  using Kind = PXValue::Kind;
+  struct Row {
+    const char* text;
+    Kind kind;
+    const char* expected;  // the integer's digits, or the error message (kind Absent)
+  };
+  const char* const invalid = "Invalid number.";
+  const Row rows[] = {
+      {"-0", Kind::Int, "0"},  // without a fraction or exponent a number is an integer, "-0" included
+      {"18446744073709551615", Kind::UInt, "18446744073709551615"},
+      {"-9223372036854775808", Kind::Int, "-9223372036854775808"},
+      {"-a", Kind::Absent, invalid},
+      {"-", Kind::Absent, invalid},
+      {"-00", Kind::Absent, invalid},
+      {"1.e5", Kind::Absent, invalid},
+      {"1E+", Kind::Absent, invalid},
+      {"18446744073709551616", Kind::Absent,
+       "The value '18446744073709551616' exceeded the maximum value that could be represented: "
+       "18446744073709551615."},
+      {"-9223372036854775809", Kind::Absent,
+       "The value '-9223372036854775809' exceeded the minimum value that could be represented: "
+       "-9223372036854775808."},
+      {"-17.5E+308", Kind::Absent,
+       "The value '-17.5E+308' could not be represented as a 'double' due to overflow."},
+      {"100000e-330", Kind::Absent,
+       "The value '100000e-330' could not be represented as a 'double' due to underflow."},
+      {"0.000001e-320", Kind::Absent,
+       "The value '0.000001e-320' could not be represented as a 'double' due to underflow."},
+  };
   auto decoder = JSONDecoder::decoder();
-  char buf[128];
-  for (int i = 0; i < 100000; ++i) {
-    std::string text;
-    if (i % 5 < 2) {
-      std::snprintf(buf, sizeof buf, "%.*g", static_cast<int>(1 + rng() % 19), fromBits(rng()));
-      text = buf;
-    } else if (i % 5 < 4) {
-      const int digits = 1 + static_cast<int>(rng() % 20);
-      text = (rng() & 1) ? "-" : "";
-      for (int d = 0; d < digits; ++d) {
-        if (d > 0 && static_cast<int>(rng() % digits) == 0 && text.find('.') == std::string::npos)
-          text += ".";
-        text += static_cast<char>('0' + (d == 0 ? 1 + rng() % 9 : rng() % 10));
-      }
-      text += "e" + std::to_string(static_cast<int>(rng() % 100) - 60);
-    } else {
-      const double a = std::pow(10.0, static_cast<double>(rng() % 40) - 20.0) *
-                       (1.0 + static_cast<double>(rng() % 1000000) / 1e6);
-      const long double mid =
-          (static_cast<long double>(a) + static_cast<long double>(std::nextafter(a, 1e300))) / 2;
-      std::snprintf(buf, sizeof buf, "%.*Le", static_cast<int>(15 + rng() % 10), mid);
-      text = buf;
-    }
-    const double expected = std::strtod(text.c_str(), nullptr);
-    if (std::isnan(expected) || std::isinf(expected)) continue;  // not JSON, or an overflow error
-    if (expected == 0.0 && text.find_first_of("123456789") < text.find_first_of("eE")) continue;  // underflow
-    const std::string doc = "[" + text + "]";
-    PXValue parsed = decoder->objectWithUTF8String(doc.data(), doc.size());
-    ASSERT_TRUE(parsed) << text;
-    const PXValue& number = parsed.arrayValue()->objectAtIndex(0);
-    if (number.kind() != PXValue::Kind::Double) {
-      ASSERT_EQ(number.doubleValue(), expected) << text;  // integers, whose text has no point or exponent
-      continue;
-    }
-    const double got = number.doubleValue();
-    uint64_t gotBits, expectedBits;
-    std::memcpy(&gotBits, &got, sizeof got);
-    std::memcpy(&expectedBits, &expected, sizeof expected);
-    ASSERT_EQ(gotBits, expectedBits) << text;
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.text);
+    std::string message;
+    const PXValue v = readNumber(*decoder, row.text, &message);
+    ASSERT_EQ(v.kind(), row.kind);
+    EXPECT_EQ(row.kind == Kind::Absent ? message
+              : row.kind == Kind::Int  ? std::to_string(v.longLongValue())
+                                       : std::to_string(v.unsignedLongLongValue()),
+              row.expected);
   }
-}
-
-TEST(JSONNumbers, EightByteDigitRunsMatchOneByteAtATime) {
-  std::mt19937_64 rng(5);
-  const char alphabet[] = "0123456789012345678901234567890123456789.eE+-,]} \x7f\xff/:";
-  for (int i = 0; i < 200000; ++i) {
-    char bytes[8];
-    for (char& b : bytes) b = alphabet[rng() % (sizeof alphabet - 1)];
-    if (rng() % 4 == 0) bytes[rng() % 8] = static_cast<char>(rng());  // any byte at all
-    uint64_t chunk;
-    std::memcpy(&chunk, bytes, 8);
-    int count = 0;
-    uint32_t value = 0;
-    while (count < 8 && bytes[count] >= '0' && bytes[count] <= '9')
-      value = value * 10 + (bytes[count++] - '0');
-    ASSERT_EQ(leadingDigitCount(chunk), count) << std::string(bytes, 8);
-    ASSERT_EQ(isEightDigits(chunk), count == 8);
-    if (count > 0) {
-      ASSERT_EQ(leadingDigitsValue(chunk, count), value) << std::string(bytes, 8);
-    }
+  // With a fraction or exponent: doubles, bit for bit as strtod reads them. Zero
+  // keeps its sign and is no underflow; a tie goes to even.
+  for (const char* text : {"-0.0", "0e-999", "-0.0e-999", "9007199254740993.0", "2.2250738585072011e-308",
+                           "8.5899345919999999e9", "1.00000000000000011102230246251565404e0",
+                           "1.7976931348623157e308", "4.9406564584124654e-324", "2.2250738585072014e-308",
+                           "1e-320", "43.420273000000009", "123456789012345678901234567890.5",
+                           "3.141592653589793238462643383279502884197169399375105820974944592307816"}) {
+    const PXValue v = readNumber(*decoder, text);
+    ASSERT_EQ(v.kind(), Kind::Double) << text;
+    EXPECT_EQ(bitsOf(v.doubleValue()), bitsOf(std::strtod(text, nullptr))) << text;
   }
-}
-
-TEST(JSONNumbers, ConversionReportsTokensItCannotConsume) {
-  // The scanner only hands over grammatical tokens, so this is the converter's own guard.
-  NumberValue number;
-  std::string message;
-  for (const char* token : {"12x", "-3-", "1.5.2"}) {
-    EXPECT_FALSE(convertNumberToken(token, std::strchr(token, '.') != nullptr, number, message)) << token;
-    EXPECT_EQ(message, "The conversion function did not consume all of the number tokens characters.");
+  // The careful converter's own guard (the scanner never hands it such tokens),
+  // and its range errors on tokens that end inside each part.
+  const std::string consumed = "The conversion function did not consume all of the number tokens characters.";
+  const std::tuple<std::string, bool, std::string> tokens[] = {
+      {"12x", false, consumed},
+      {"-3-", false, consumed},
+      {"-", false, consumed},
+      {"x", false, consumed},
+      {"1.5.2", true, consumed},
+      {".", true, consumed},
+      {"1" + std::string(400, '0'), true, "due to overflow."},
+      {"0." + std::string(400, '0') + "1", true, "due to underflow."},
+      {"1e+400", true, "due to overflow."},
+      {"-1E-400", true, "due to underflow."},
+  };
+  for (const auto& [token, isFloat, ending] : tokens) {
+    NumberValue number;
+    std::string message;
+    EXPECT_FALSE(convertNumberToken(token, isFloat, number, message)) << token;
+    EXPECT_TRUE(message.ends_with(ending)) << token << ": " << message;
   }
-  // And converts what it can.
-  ASSERT_TRUE(convertNumberToken("-0", false, number, message));
-  EXPECT_EQ(number.kind, NumberValue::Kind::Signed);
-  EXPECT_EQ(number.i, 0);
-  ASSERT_TRUE(convertNumberToken("18446744073709551615", false, number, message));
-  EXPECT_EQ(number.kind, NumberValue::Kind::Unsigned);
-  EXPECT_EQ(number.u, UINT64_MAX);
-  ASSERT_TRUE(convertNumberToken("-9223372036854775808", false, number, message));
-  EXPECT_EQ(number.kind, NumberValue::Kind::Signed);
-  EXPECT_EQ(number.i, INT64_MIN);
-}
-
-// The one- and two-word forms are pinned by the decoder's error table; no grammar
-// state accepts all three, but the form exists, without its closing quote.
-TEST(JSONNumbers, ExpectedMessagesNameTheAcceptedTokens) {
   EXPECT_EQ(
       composeExpectedMessage(kAcceptValue | kAcceptComma | kAcceptEnd, kWordValue, kWordArrayEnd, ":").str(),
       "Expected a value, a comma, or a ']', not ':");
+}
+
+// Decimal text through the decoder, bit for bit against strtod: up to twenty
+// random digits with exponents around the fast ranges, and texts close to
+// halfway between two neighbouring doubles.
+TEST(JSONNumbers, DecimalsReadExactlyAsStrtodReadsThem) {
+  std::mt19937_64 rng(99);
+  auto decoder = JSONDecoder::decoder();
+  for (int i = 0; i < 100000; ++i) {
+    char text[128] = "-";
+    if (i % 3 < 2) {
+      const int digits = 1 + static_cast<int>(rng() % 20), point = static_cast<int>(rng() % (digits + 1));
+      size_t at = rng() & 1;
+      for (int d = 0; d < digits; ++d) {
+        if (d == point && d > 0) text[at++] = '.';
+        text[at++] = static_cast<char>('0' + (d == 0 ? 1 + rng() % 9 : rng() % 10));
+      }
+      std::snprintf(text + at, sizeof text - at, "e%d", static_cast<int>(rng() % 100) - 60);
+    } else {
+      const double a =
+          std::pow(10.0, static_cast<double>(rng() % 40) - 20.0) * (1.0 + (rng() % 1000000) / 1e6);
+      const long double mid = (static_cast<long double>(a) + std::nextafter(a, 1e300)) / 2;
+      std::snprintf(text, sizeof text, "%.*Le", static_cast<int>(15 + rng() % 10), mid);
+    }
+    const double expected = std::strtod(text, nullptr);
+    if (std::isinf(expected) || expected == 0.0) continue;  // overflow and underflow errors
+    const PXValue number = readNumber(*decoder, text);
+    ASSERT_EQ(bitsOf(number.doubleValue()), bitsOf(expected)) << text;
+  }
+}
+
+TEST(JSONNumbers, DoublesAreWrittenAsPrintfWritesThem) {
+  std::mt19937_64 rng(20240521);
+  auto check = [](double v) {
+    char expected[64], written[kMaxDoubleChars];
+    std::snprintf(expected, sizeof expected, "%.17g", v);
+    ASSERT_EQ(std::string(written, writeDouble(v, written)), expected) << std::hexfloat << v;
+  };
+  std::uniform_real_distribution<double> exponent(-5.5, 17.5);
+  for (int i = 0; i < 100000; ++i) {
+    if (const double any = fromBits(rng()); std::isfinite(any)) check(any);  // every finite bit pattern
+    check(std::pow(10.0, exponent(rng)));  // the common magnitudes, which take the exact integer path
+    // Short decimals and their neighbours, where ties and near-ties sit.
+    double v = static_cast<double>(rng() % 100000000) / std::pow(10.0, static_cast<int>(rng() % 12));
+    check((rng() & 1) ? std::nextafter(v, (rng() & 2) ? 0.0 : 1e30) : v);
+  }
 }

@@ -11,35 +11,19 @@ namespace {
 // The document without the white space between its tokens.
 std::string minified(const std::string& text) {
   std::string out;
-  out.reserve(text.size());
   bool inString = false;
   for (size_t i = 0; i < text.size(); ++i) {
     const char c = text[i];
-    if (inString) {
-      out += c;
-      if (c == '\\') {
-        out += text[++i];
-      } else if (c == '"') {
-        inString = false;
-      }
+    if (inString && c == '\\') {
+      out += text.substr(i++, 2);
     } else if (c == '"') {
-      inString = true;
+      inString = !inString;
       out += c;
-    } else if (c != ' ' && c != '\t' && c != '\n' && c != '\r') {
+    } else if (inString || (c != ' ' && c != '\t' && c != '\n' && c != '\r')) {
       out += c;
     }
   }
   return out;
-}
-
-std::string corpus(const char* name) {
-  const std::string dir = PXTestBenchDataDir();
-  if (dir.empty()) return {};
-  try {
-    return PXTestReadFile(dir + "/" + name);
-  } catch (const std::exception&) {
-    return {};
-  }
 }
 
 }  // namespace
@@ -48,21 +32,19 @@ std::string corpus(const char* name) {
 TEST(JSONRoundTrip, CorporaAreWrittenBackByteForByte) {
   for (const char* name : {"canada.json", "citm_catalog.json"}) {
     SCOPED_TRACE(name);
-    const std::string text = corpus(name);
+    std::string text;
+    try {
+      if (!PXTestBenchDataDir().empty()) text = PXTestReadFile(PXTestBenchDataDir() + "/" + name);
+    } catch (const std::exception&) {
+    }
     if (text.empty()) GTEST_SKIP() << "corpus " << name << " not found (PXKIT_BENCH_DATA)";
     PXErrorRef error;
     PXValue doc = JSONDecoder::decoder()->objectWithUTF8String(text.data(), text.size(), &error);
     ASSERT_TRUE(doc) << error->localizedDescription().str();
-    PXRef<PXData> written = JSONDataWithOptions(doc, kPXJSONSerializeOptionNone, &error);
-    ASSERT_TRUE(written);
     const std::string expected = minified(text);
-    ASSERT_EQ(written->length(), expected.size());
-    EXPECT_TRUE(written->view() == expected);
+    EXPECT_EQ(JSONDataWithOptions(doc, kPXJSONSerializeOptionNone, &error)->view(), expected);
     // Pretty output differs only in white space, and the mutable parse reads the same.
-    PXString pretty = JSONStringWithOptions(doc, kPXJSONSerializeOptionPretty, &error);
-    EXPECT_EQ(minified(pretty.str()), expected);
-    PXValue mutableDoc =
-        JSONDecoder::decoder()->mutableObjectWithUTF8String(text.data(), text.size(), &error);
-    EXPECT_TRUE(mutableDoc.isEqual(doc));
+    EXPECT_EQ(minified(JSONStringWithOptions(doc, kPXJSONSerializeOptionPretty, &error).str()), expected);
+    EXPECT_TRUE(JSONDecoder::decoder()->mutableObjectWithUTF8String(text.data(), text.size()).isEqual(doc));
   }
 }

@@ -4,8 +4,8 @@
 #include <pxkit/objects/PXArray.h>
 #include <pxkit/objects/PXDictionary.h>
 
-#include <cmath>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <string>
 
@@ -16,20 +16,6 @@ PXRef<PXDictionary> dict(std::initializer_list<PXDictionary::Entry> entries) {
 }
 PXRef<PXArray> list(std::initializer_list<PXValue> values) {
   return PXArray::arrayWithObjects(values);
-}
-
-std::string compact(const PXValue& value) {
-  return JSONString(value).str();
-}
-
-std::string failure(const std::function<PXString(PXErrorRef*)>& call) {
-  PXErrorRef error;
-  PXString result = call(&error);
-  EXPECT_TRUE(result.isAbsent());
-  if (!error) return "(no error)";
-  EXPECT_EQ(error->domain(), "PXJSONErrorDomain");
-  EXPECT_EQ(error->code(), -1);
-  return error->localizedDescription().str();
 }
 
 // Formats dates as seconds since 1970 through its "formatDate:" operation.
@@ -47,78 +33,24 @@ class DateDelegate : public JSONSerializerDelegate {
 
 }  // namespace
 
-TEST(JSONSerializer, WritesEveryKindCompactly) {
+TEST(JSONSerializer, WritesEveryKindCompactlyOrPrettyWithTwoSpaceIndentation) {
   auto doc = dict({
       {"string", "text"},
       {"signed", -42},
       {"unsigned", 18446744073709551615ull},
       {"min", static_cast<long long>(INT64_MIN)},
-      {"double", 0.5},
-      {"true", true},
-      {"false", false},
-      {"null", PXValue::null()},
-      {"list", list({1, "two", list({}), dict({})})},
+      {"doubles", list({0.1, -0.0, 1e300})},  // as "%.17g" writes them
+      {"more", list({true, false, PXValue::null(), list({}), dict({})})},
   });
-  EXPECT_EQ(compact(doc),
+  EXPECT_EQ(JSONString(doc).str(),
             R"({"string":"text","signed":-42,"unsigned":18446744073709551615,"min":-9223372036854775808,)"
-            R"("double":0.5,"true":true,"false":false,"null":null,"list":[1,"two",[],{}]})");
-  EXPECT_EQ(compact(list({})), "[]");
-  EXPECT_EQ(compact(dict({})), "{}");
-}
-
-TEST(JSONSerializer, PrettyPrintsWithTwoSpaceIndentation) {
-  auto doc = dict({{"a", list({1, dict({{"b", PXValue::null()}}), list({})})}, {"c", dict({})}, {"d", "e"}});
-  EXPECT_EQ(JSONStringWithOptions(doc, kPXJSONSerializeOptionPretty).str(),
-            "{\n"
-            "  \"a\": [\n"
-            "    1,\n"
-            "    {\n"
-            "      \"b\": null\n"
-            "    },\n"
-            "    []\n"
-            "  ],\n"
-            "  \"c\": {},\n"
-            "  \"d\": \"e\"\n"
-            "}");
-  EXPECT_EQ(JSONStringWithOptions(list({}), kPXJSONSerializeOptionPretty).str(), "[]");
-  // The data form holds exactly the string form's bytes.
-  auto data = JSONDataWithOptions(doc, kPXJSONSerializeOptionPretty);
-  ASSERT_TRUE(data);
-  EXPECT_EQ(data->view(), JSONStringWithOptions(doc, kPXJSONSerializeOptionPretty).view());
+            R"("doubles":[0.10000000000000001,-0,1.0000000000000001e+300],"more":[true,false,null,[],{}]})");
   EXPECT_EQ(JSONData(doc)->view(), JSONString(doc).view());
-}
-
-TEST(JSONSerializer, DoublesAreWrittenAsPercentSeventeenG) {
-  struct Row {
-    double value;
-    const char* text;
-  };
-  const Row rows[] = {
-      {0.1, "0.10000000000000001"},
-      {1.0, "1"},
-      {-2.5, "-2.5"},
-      {-0.0, "-0"},
-      {0.0, "0"},
-      {1e300, "1.0000000000000001e+300"},
-      {1e-5, "1.0000000000000001e-05"},
-      {0.0001, "0.0001"},
-      {123456789012345678.0, "1.2345678901234568e+17"},
-      {1e16, "10000000000000000"},
-      {5e-324, "4.9406564584124654e-324"},
-      {1.7976931348623157e308, "1.7976931348623157e+308"},
-      {-65.613616999999977, "-65.613616999999977"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.text);
-    EXPECT_EQ(compact(list({row.value})), std::string("[") + row.text + "]");
-  }
-  for (double bad : {std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity(),
-                     -std::numeric_limits<double>::infinity()}) {
-    EXPECT_EQ(failure([&](PXErrorRef* e) {
-                return JSONStringWithOptions(list({1, bad}), 0, e);
-              }),
-              "Floating point values must be finite.  JSON does not support NaN or Infinity.");
-  }
+  auto nested = dict({{"a", list({1, dict({{"b", PXValue::null()}}), list({})})}, {"c", dict({})}});
+  const char* const pretty =
+      "{\n  \"a\": [\n    1,\n    {\n      \"b\": null\n    },\n    []\n  ],\n  \"c\": {}\n}";
+  EXPECT_EQ(JSONStringWithOptions(nested, kPXJSONSerializeOptionPretty).str(), pretty);
+  EXPECT_EQ(JSONDataWithOptions(nested, kPXJSONSerializeOptionPretty)->view(), pretty);
 }
 
 TEST(JSONSerializer, EscapesStrings) {
@@ -128,7 +60,6 @@ TEST(JSONSerializer, EscapesStrings) {
     std::string expected;  // without the quotes
   };
   const Row rows[] = {
-      {"plain", 0, "plain"},
       {"\"quoted\" \\ back", 0, "\\\"quoted\\\" \\\\ back"},
       {"\b\f\n\r\t", 0, "\\b\\f\\n\\r\\t"},
       {std::string("\0\x01\x1f\x7f/", 5), 0, "\\u0000\\u0001\\u001f\x7f/"},
@@ -140,9 +71,11 @@ TEST(JSONSerializer, EscapesStrings) {
       {"cut \xe2\x82", 0, "cut \xef\xbf\xbd"},
       {std::string(40, 'x') + "\n" + std::string(40, 'y'), 0,
        std::string(40, 'x') + "\\n" + std::string(40, 'y')},
+      {std::string(9000, 'x'), 0, std::string(9000, 'x')},  // more than the first buffer twice over
+      {"", 0, ""},
   };
   for (const Row& row : rows) {
-    SCOPED_TRACE(row.expected);
+    SCOPED_TRACE(row.expected.substr(0, 50));
     EXPECT_EQ(JSONStringWithOptionsIncludeQuotes(PXValue(row.input), row.options, true).str(),
               "\"" + row.expected + "\"");
     EXPECT_EQ(JSONStringWithOptionsIncludeQuotes(PXValue(row.input), row.options, false).str(), row.expected);
@@ -158,13 +91,20 @@ TEST(JSONSerializer, EscapesStrings) {
 TEST(JSONSerializer, EveryErrorHasItsMessage) {
   auto date = PXValue(PXDate(0));
   auto bytes = PXValue(PXData::dataWithString("x"));
-  auto selfContaining = PXMutableArray::array();
-  selfContaining->addObject(PXValue(selfContaining));
+  auto selfArray = PXMutableArray::array();
+  selfArray->addObject(PXValue(selfArray));
+  auto selfDictionary = PXMutableDictionary::dictionary();
+  selfDictionary->setObject(PXValue(selfDictionary), "self");
+  PXValue nested = PXArray::array();  // as deep as may be written
+  for (size_t depth = 1; depth < kPXJSONMaxDepth; ++depth) nested = PXValue(list({nested}));
+  EXPECT_EQ(JSONString(nested).str(), std::string(kPXJSONMaxDepth, '[') + std::string(kPXJSONMaxDepth, ']'));
   DateDelegate delegate;
   const std::string unsupported = "Unable to serialize object class ";
   const std::string collection = ", expected a NSArray or NSDictionary.";
   const std::string formatter =
       " that was returned by the unsupported class formatter.  Original object class was ";
+  const std::string deep = "Unable to serialize objects nested deeper than 512 levels.";
+  const std::string finite = "Floating point values must be finite.  JSON does not support NaN or Infinity.";
   using Call = std::function<PXString(PXErrorRef*)>;
   auto plain = [](PXValue v) -> Call {
     return [v](PXErrorRef* e) { return JSONStringWithOptions(v, 0, e); };
@@ -178,7 +118,11 @@ TEST(JSONSerializer, EveryErrorHasItsMessage) {
       {plain("text"), unsupported + "NSString" + collection},
       {plain(3), unsupported + "NSNumber" + collection},
       {plain(PXValue()), unsupported + "nil" + collection},
-      {plain(PXValue(selfContaining)), "Unable to serialize objects nested deeper than 512 levels."},
+      {plain(PXValue(selfArray)), deep},
+      {plain(PXValue(selfDictionary)), deep},
+      {plain(PXValue(list({nested}))), deep},
+      {plain(PXValue(list({1, std::numeric_limits<double>::quiet_NaN()}))), finite},
+      {plain(PXValue(list({-std::numeric_limits<double>::infinity()}))), finite},
       {[](PXErrorRef* e) { return JSONStringWithOptionsIncludeQuotes(list({}), 0, true, e); },
        unsupported + "PXArray, expected a NSString."},
       {[](PXErrorRef* e) { return JSONStringWithOptionsIncludeQuotes(PXValue::null(), 0, false, e); },
@@ -196,61 +140,55 @@ TEST(JSONSerializer, EveryErrorHasItsMessage) {
        unsupported + "NSData" + formatter + "NSDate."},
   };
   for (const auto& [call, message] : rows) {
-    SCOPED_TRACE(message);
-    EXPECT_EQ(failure(call), message);
+    PXErrorRef error;
+    EXPECT_TRUE(call(&error).isAbsent()) << message;
+    ASSERT_TRUE(error) << message;
+    EXPECT_EQ(error->domain(), "PXJSONErrorDomain");
+    EXPECT_EQ(error->localizedDescription().str(), message);
     EXPECT_TRUE(call(nullptr).isAbsent());
   }
-  selfContaining->removeAllObjects();  // break the cycle
+  selfArray->removeAllObjects();  // break the cycles
+  selfDictionary->removeAllObjects();
   // The plain forms just give nothing; the data forms report the same errors.
   EXPECT_FALSE(JSONData(list({date})));
-  EXPECT_TRUE(JSONString(PXValue("text")).isAbsent());
   PXErrorRef error;
   EXPECT_FALSE(JSONDataWithOptionsIncludeQuotes(3, 0, true, &error));
   ASSERT_TRUE(error);
   EXPECT_EQ(error->localizedDescription().str(), unsupported + "NSNumber, expected a NSString.");
 }
 
-TEST(JSONSerializer, NestingUpToTheLimitIsWritten) {
-  PXValue nested = PXArray::array();
-  for (size_t depth = 1; depth < kPXJSONMaxDepth; ++depth) nested = PXValue(list({nested}));
-  PXString text = JSONString(nested);
-  ASSERT_FALSE(text.isAbsent());
-  EXPECT_EQ(text.str(), std::string(kPXJSONMaxDepth, '[') + std::string(kPXJSONMaxDepth, ']'));
-  EXPECT_TRUE(JSONString(list({nested})).isAbsent());
-}
-
 TEST(JSONSerializer, FormattersTurnUnsupportedValuesIntoSupportedOnes) {
   const PXDate moment = PXDate::dateWithTimeIntervalSince1970(1500000000.5);
   auto doc = dict({{"when", PXValue(moment)}, {"plain", 1}, {"more", list({PXValue(moment)})}});
-
   DateDelegate delegate;
   PXErrorRef error;
   EXPECT_EQ(JSONStringWithOptions(doc, 0, &delegate, "formatDate:", &error).str(),
             R"({"when":1500000000.5,"plain":1,"more":[1500000000.5]})");
   EXPECT_FALSE(error);
   EXPECT_EQ(delegate.calls, 2);  // once per unsupported value, never for supported ones
-  auto data = JSONDataWithOptions(doc, kPXJSONSerializeOptionPretty, &delegate, "formatDate:", &error);
-  ASSERT_TRUE(data);
-  EXPECT_NE(data->view().find("\"when\": 1500000000.5"), std::string_view::npos);
-
-  // A null delegate is no formatter: the selector does not matter.
+  EXPECT_NE(JSONDataWithOptions(doc, kPXJSONSerializeOptionPretty, &delegate, "formatDate:", &error)
+                ->view()
+                .find("\"when\": 1500000000.5"),
+            std::string_view::npos);
+  // A null delegate or an empty block is no formatter: the selector does not matter.
   EXPECT_TRUE(JSONStringWithOptions(doc, 0, nullptr, nullptr, nullptr).isAbsent());
   EXPECT_EQ(JSONStringWithOptions(list({1}), 0, nullptr, nullptr, nullptr).str(), "[1]");
+  EXPECT_TRUE(JSONStringWithOptions(doc, 0, JSONUnsupportedClassFormatter(), nullptr).isAbsent());
 
-  // A block may return a container, whose own unsupported values are formatted in turn.
-  int calls = 0;
-  JSONUnsupportedClassFormatter block = [&](const PXValue& value) -> PXValue {
-    ++calls;
-    if (value.isDate()) return PXValue(list({"date", PXValue(PXData::dataWithString("z"))}));
-    if (value.isData()) return PXValue(value.dataValue()->view());
-    return PXValue();
+  // A block may return any supported value; a container's own unsupported values are formatted in turn.
+  const std::pair<PXValue, const char*> results[] = {
+      {PXValue::null(), "[null]"},
+      {true, "[true]"},
+      {-3, "[-3]"},
+      {3ull, "[3]"},
+      {dict({}), "[{}]"},
+      {list({"date", PXValue(PXData::dataWithString("z"))}), R"([["date","z"]])"},
   };
-  EXPECT_EQ(JSONStringWithOptions(list({PXValue(moment)}), 0, block, &error).str(), R"([["date","z"]])");
-  EXPECT_EQ(calls, 2);
-  auto blockData = JSONDataWithOptions(list({PXValue(moment)}), 0, block, &error);
-  ASSERT_TRUE(blockData);
-  EXPECT_EQ(blockData->view(), R"([["date","z"]])");
-  // An empty block is no formatter.
-  EXPECT_TRUE(
-      JSONStringWithOptions(list({PXValue(moment)}), 0, JSONUnsupportedClassFormatter(), nullptr).isAbsent());
+  for (const auto& [result, expected] : results) {
+    JSONUnsupportedClassFormatter block = [&, &result = result](const PXValue& value) -> PXValue {
+      return value.isData() ? PXValue(value.dataValue()->view()) : result;
+    };
+    EXPECT_EQ(JSONStringWithOptions(list({PXValue(moment)}), 0, block, &error).str(), expected);
+    EXPECT_EQ(JSONDataWithOptions(list({PXValue(moment)}), 0, block, &error)->view(), expected);
+  }
 }
