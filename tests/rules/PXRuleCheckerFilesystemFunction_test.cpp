@@ -40,66 +40,42 @@ class FilesystemFunction : public ::testing::Test {
   PXRef<PXRuleChecker> checker = PXRuleChecker::ruleCheckerWithDefaultFunctions(true);
 };
 
-TEST_F(FilesystemFunction, AnswersExistenceSizeDatesAndDigests) {
+// Existence, size, dates, digests of the whole file (as hexadecimal text), and
+// another application's preferences, read afresh on each call.
+TEST_F(FilesystemFunction, AnswersFilesAndPreferences) {
   struct stat info {};
   ASSERT_EQ(stat(data.c_str(), &info), 0);
   const PXDate modified = PXDate::dateWithTimeIntervalSince1970(
       static_cast<double>(info.st_mtim.tv_sec) + static_cast<double>(info.st_mtim.tv_nsec) / 1e9);
-  const std::string missing = home.root() + "/files/missing";
-  struct Row {
-    std::string arguments;
-    PXValue answer;
-  };
-  const Row rows[] = {
+  const std::string missing = home.root() + "/files/missing", dir = home.root() + "/files";
+  const std::pair<std::string, PXValue> rows[] = {
       {"do=exists;absPath=" + data, true},
-      {"do=exists;absPath=" + home.root() + "/files", true},  // directories too
-      {"do=exists;absPath=" + missing, false},
+      {"do=exists;absPath=" + dir, true},  // directories too
+      {"do=exists;absPath=" + missing + ";fallbackValue=1", false},
       {"do=exists", false},  // no path: false, not nothing
-      {"do=exists;bundlePath=files/data.txt;bundleID=org.example.Missing", false},
       {"do=size;absPath=" + data, 3u},
       {"do=size;absPath=" + empty, 0u},
       {"do=size;absPath=" + missing, PXValue()},
-      {"do=size;absPath=" + home.root() + "/files", PXValue()},  // not a file
-      {"do=size", PXValue()},
+      {"do=size;absPath=" + dir, PXValue()},   // not a file
+      {"do=size;fallbackValue=1", PXValue()},  // the fallback is only for unknown identifiers
       {"do=date;absPath=" + data, modified},
       {"do=date;absPath=" + missing, PXValue()},
       // "bundlePath" below the application's program directory, ignored beside "absPath".
       {"do=size;bundleID=org.example.Editor;bundlePath=plugins/spell.so", 5u},
       {"do=size;bundleID=org.example.Editor;bundlePath=/plugins/spell.so", 5u},
       {"do=size;absPath=" + data + ";bundleID=org.example.Editor;bundlePath=plugins/spell.so", 3u},
+      {"do=exists;bundlePath=files/data.txt;bundleID=org.example.Missing", false},
       {"do=touch;absPath=" + data, PXValue()},
       {"absPath=" + data, PXValue()},  // no "do"
-      {"do;absPath=" + data, PXValue()},
-      {"do=exists;absPath=" + missing + ";fallbackValue=1", false},
-      {"do=size;fallbackValue=1", PXValue()},  // the fallback is only for unknown identifiers
-      // Digests of the whole file, as hexadecimal text.
       {"do=sha1sum;absPath=" + data, "a9993e364706816aba3e25717850c26c9cd0d89d"},
       {"do=md5sum;absPath=" + data, "900150983cd24fb0d6963f7d28e17f72"},
       {"do=sha1sum;absPath=" + empty, "da39a3ee5e6b4b0d3255bfef95601890afd80709"},
       {"do=md5sum;absPath=" + empty, "d41d8cd98f00b204e9800998ecf8427e"},
-      {"do=sha1sum;absPath=" + missing, PXValue()},
-      {"do=md5sum;absPath=" + home.root() + "/files", PXValue()},
-      {"do=md5sum", PXValue()},
       {"do=md5sum;absPath=" + big, "4b98146705d4b0b98b758a78ff6fb73f"},
       {"do=sha1sum;absPath=" + big, "62951f943c41cdd326e5ce2b53a779e7916a820d"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.arguments);
-    PXValue answer = ask(row.arguments);
-    EXPECT_EQ(answer.kind(), row.answer.kind()) << answer.description().str();
-    EXPECT_TRUE(answer.isEqual(row.answer)) << answer.description().str();
-  }
-  // A string argument is no operation at all.
-  EXPECT_FALSE(ask("exists"));
-  EXPECT_FALSE(checker->computeFunction("${filesystem}"));
-}
-
-TEST_F(FilesystemFunction, ReadsAnotherApplicationsPreferences) {
-  struct Row {
-    const char* arguments;
-    PXValue answer;
-  };
-  const Row rows[] = {
+      {"do=sha1sum;absPath=" + missing, PXValue()},
+      {"do=md5sum;absPath=" + dir, PXValue()},
+      {"do=md5sum", PXValue()},
       {"do=prefsValue;bundleID=org.example.Editor;key=LastUsed", "spell"},
       {"do=prefsValue;bundleID=org.example.Editor;key=Count", 3},
       {"do=prefsValue;bundleID=org.example.Editor;key=Off", false},
@@ -112,13 +88,15 @@ TEST_F(FilesystemFunction, ReadsAnotherApplicationsPreferences) {
       {"do=prefsExists", false},
       {"do=prefsOther;bundleID=org.example.Editor;key=LastUsed", PXValue()},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.arguments);
-    PXValue answer = ask(row.arguments);
-    EXPECT_EQ(answer.kind(), row.answer.kind()) << answer.description().str();
-    EXPECT_TRUE(answer.isEqual(row.answer)) << answer.description().str();
+  for (const auto& [arguments, expected] : rows) {
+    SCOPED_TRACE(arguments);
+    PXValue answer = ask(arguments);
+    EXPECT_EQ(answer.kind(), expected.kind()) << answer.description().str();
+    EXPECT_TRUE(answer.isEqual(expected)) << answer.description().str();
   }
-  // Read afresh on each call.
+  // A string argument is no operation at all.
+  EXPECT_FALSE(ask("exists"));
+  EXPECT_FALSE(checker->computeFunction("${filesystem}"));
   home.writeFile(home.configHome() + "/org.example.Editor/org.example.Editor.plist",
                  PXPropertyList::XMLStringWithPropertyList(
                      PXValue(PXDictionary::dictionaryWithEntries({{"LastUsed", "grammar"}}))));

@@ -65,6 +65,7 @@ TEST(PXRuleChecker, DefaultFunctionsAreFreshProvidersInTheirOrder) {
   EXPECT_NE(first->objectAtIndex(0).objectPointer(), second->objectAtIndex(0).objectPointer());
   EXPECT_EQ(shared->functions()->count(), std::size(order));
   EXPECT_EQ(PXRuleChecker::ruleCheckerWithDefaultFunctions(false)->functions()->count(), 0u);
+  EXPECT_FALSE(PXRuleCheckerFunction::function()->resultFor("x", false));
 }
 
 TEST(PXRuleChecker, TheFirstProviderOfAnIdentifierOrPrefixWins) {
@@ -90,20 +91,12 @@ TEST(PXRuleChecker, TheFirstProviderOfAnIdentifierOrPrefixWins) {
   for (const Asked& a : asked) EXPECT_FALSE(a.returnString);
 }
 
-TEST(PXRuleChecker, ABlockProviderWithoutACallbackAnswersNothing) {
-  PXRef<PXRuleChecker> checker = PXRuleChecker::ruleCheckerWithDefaultFunctions(false);
-  checker->addFunction(PXRuleCheckerFunction::functionWithFunctionID("empty", "empty", nullptr));
-  EXPECT_FALSE(checker->computeFunction("${empty(a)}"));
-  EXPECT_FALSE(checker->computeFunction("empty.a"));
-  EXPECT_EQ(checker->preprocessCheckRule("${empty} == nil").str(), "NULL == nil");
-  EXPECT_FALSE(PXRuleCheckerFunction::function()->resultFor("x", false));
-}
-
 TEST(PXRuleChecker, ComputeFunctionAnswersOneCallOrOneKeyPath) {
   std::vector<Asked> asked;
   PXRef<PXRuleChecker> checker = PXRuleChecker::ruleCheckerWithDefaultFunctions(false);
   checker->addFunction(recorder("seven", "seven", 7, &asked));
   checker->addFunction(recorder("nothing", nullptr, PXValue(), &asked));
+  checker->addFunction(PXRuleCheckerFunction::functionWithFunctionID("empty", "empty", nullptr));
   struct Row {
     const char* expression;
     PXValue value;
@@ -113,6 +106,8 @@ TEST(PXRuleChecker, ComputeFunctionAnswersOneCallOrOneKeyPath) {
       {"${seven}", 7, ""},
       {"$ before ${seven(a=1)} after", 7, ""},  // text around the call is dropped
       {"${nothing(fallbackValue=3)}", PXValue(), ""},
+      {"${empty(a)}", PXValue(), ""},  // a provider without a callback answers nothing
+      {"empty.a", PXValue(), ""},
       {"${nosuch(fallbackValue=3)}", "3", ""},
       {"${nosuch}", PXValue(), ""},
       {"$fnc0", PXValue(), ""},
@@ -170,10 +165,6 @@ TEST(PXRuleChecker, KeyPathsGoToProvidersThenKvoValuesThenTheCheckersOwnKeys) {
   EXPECT_TRUE(checker->valueForKey("functions").isEqual(PXValue(checker->functions())));
 }
 
-}  // namespace
-
-namespace {
-
 // A checker with a provider "v" (prefix "version") answering "os" → "10.7.4",
 // "cpus" → 4, anything else absent; and "nothing" answering absent.
 PXRef<PXRuleChecker> ruleChecker() {
@@ -189,7 +180,9 @@ PXRef<PXRuleChecker> ruleChecker() {
   return checker;
 }
 
-TEST(PXRuleCheckerRunCheck, AnswersRulesOverCallsKeyPathsAndFixedValues) {
+// Rules over calls, key paths and fixed values; what a rule raises is caught,
+// logged and handed out, with or without an out-parameter.
+TEST(PXRuleCheckerRunCheck, AnswersRulesAndCatchesWhatTheyRaise) {
   PXRef<PXRuleChecker> checker = ruleChecker();
   PXRef<PXMutableDictionary> fixed = PXMutableDictionary::dictionary();
   fixed->setObject("abc", "name");
@@ -197,6 +190,8 @@ TEST(PXRuleCheckerRunCheck, AnswersRulesOverCallsKeyPathsAndFixedValues) {
   struct Row {
     const char* rule;
     bool answer;
+    const char* name = nullptr;  // of the exception; null for none
+    const char* reasonStart = "";
   };
   const Row rows[] = {
       {"version.os >= '10.6'", true},
@@ -209,49 +204,37 @@ TEST(PXRuleCheckerRunCheck, AnswersRulesOverCallsKeyPathsAndFixedValues) {
       {"version.missing == nil", true},  // a provider's absent answer is no error
       {"name LIKE 'a?c'", true},
       {"1 == 2 AND nosuch.key == 1", false},  // what is not evaluated cannot raise
+      {"version.os ==", false, kPXInvalidArgumentException,
+       "Unable to parse the format string \"version.os ==\""},
+      {"nosuch.key == 1", false, kPXUndefinedKeyException, "[<PXRuleChecker 0x"},
+      {"version == 1", false, kPXUndefinedKeyException,
+       "[<PXRuleChecker 0x"},  // a bare prefix is no provider's
+      {"$fnc7 == 1", false, kPXInvalidArgumentException, "Can't get value for 'fnc7' in bindings"},
+      // An unterminated call stays in the text, which then cannot be parsed.
+      {"${version(os", false, kPXInvalidArgumentException,
+       "Unable to parse the format string \"${version(os\""},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.rule);
     PXLogCapture log;
     std::optional<PXException> error = PXException("stale", "from before");
     EXPECT_EQ(checker->runCheck(row.rule, &error), row.answer);
-    EXPECT_FALSE(error) << error->description().str();
-    EXPECT_THAT(log.lines(), IsEmpty());
-  }
-  EXPECT_FALSE(checker->runCheck(PXString()));
-}
-
-TEST(PXRuleCheckerRunCheck, CatchesLogsAndHandsOutWhatARuleRaises) {
-  PXRef<PXRuleChecker> checker = ruleChecker();
-  struct Row {
-    const char* rule;
-    const char* name;
-    const char* reasonStart;
-  };
-  const Row rows[] = {
-      {"version.os ==", kPXInvalidArgumentException, "Unable to parse the format string \"version.os ==\""},
-      {"nosuch.key == 1", kPXUndefinedKeyException, "[<PXRuleChecker 0x"},
-      {"version == 1", kPXUndefinedKeyException, "[<PXRuleChecker 0x"},  // a bare prefix is no provider's
-      {"$fnc7 == 1", kPXInvalidArgumentException, "Can't get value for 'fnc7' in bindings"},
-      // An unterminated call stays in the text, which then cannot be parsed.
-      {"${version(os", kPXInvalidArgumentException, "Unable to parse the format string \"${version(os\""},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.rule);
-    PXLogCapture log;
-    std::optional<PXException> error;
-    EXPECT_FALSE(checker->runCheck(row.rule, &error));
+    if (!row.name) {
+      EXPECT_FALSE(error) << error->description().str();
+      EXPECT_THAT(log.lines(), IsEmpty());
+      continue;
+    }
     ASSERT_TRUE(error);
     EXPECT_EQ(error->name(), row.name);
     EXPECT_TRUE(error->reason().view().starts_with(row.reasonStart)) << error->reason().str();
     const std::string caught =
         "-[PXRuleChecker runCheck:errorOccured:]: caught exception: " + error->description().str();
     EXPECT_TRUE(log.contains(caught)) << ::testing::PrintToString(log.lines());
-    // Without an out-parameter: the same NO, the same line.
     log.clear();
-    EXPECT_FALSE(checker->runCheck(row.rule));
+    EXPECT_FALSE(checker->runCheck(row.rule));  // without an out-parameter: the same NO, the same line
     EXPECT_TRUE(log.contains(caught));
   }
+  EXPECT_FALSE(checker->runCheck(PXString()));
 }
 
 }  // namespace
