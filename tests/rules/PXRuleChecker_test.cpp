@@ -102,6 +102,7 @@ TEST(PXRuleChecker, RunCheckAnswersRulesAndCatchesWhatTheyRaise) {
   fixed->setObject("abc", "name");
   fixed->setObject("dotted", "a.b");
   fixed->setObject("shadowed", "version.os");
+  fixed->setObject(PXValue::null(), "nothing");
   checker->setKvoValues(fixed);
   struct Row {
     const char* rule;
@@ -114,7 +115,8 @@ TEST(PXRuleChecker, RunCheckAnswersRulesAndCatchesWhatTheyRaise) {
       {"${version(os)} == '10.7.4'", true},
       {"${version(cpus)} == 4", true},  // typed: the number 4, not the text "4"
       {"${version(cpus)} == '4'", false},
-      {"${nothing} == nil AND version.missing == nil", true},  // an absent answer is no error
+      {"${nothing} == nil AND version.missing == nil AND nothing == nil",
+       true},  // absent answers are no error
       {"name LIKE 'a?c' AND a.b == 'dotted' AND functions.@count == 2", true},
       {"1 == 2 AND nosuch.key == 1", false},  // what is not evaluated cannot raise
       {"version.os ==", false, kPXInvalidArgumentException,
@@ -148,6 +150,8 @@ TEST(PXRuleChecker, RunCheckAnswersRulesAndCatchesWhatTheyRaise) {
     EXPECT_TRUE(log.contains(caught));
   }
   EXPECT_FALSE(checker->runCheck(PXString()));
+  EXPECT_TRUE(checker->valueForKey("nothing").isNull());
+  EXPECT_TRUE(checker->valueForKey("functions").isEqual(PXValue(checker->functions())));
 }
 
 }  // namespace
