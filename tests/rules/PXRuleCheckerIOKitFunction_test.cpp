@@ -67,8 +67,10 @@ TEST(PXRuleCheckerIOKitFunction, AnswersExistenceAndPropertyValues) {
   EXPECT_FALSE(iokit->resultFor(PXValue(), false));
   // Without a meeting dictionary, or with an empty one: the first in sysfs path order.
   auto byClass = PXDictionary::dictionaryWithEntries({{"IOProviderClass", "IOPCIDevice"}});
-  for (const PXRef<PXDictionary>& meeting : {PXRef<PXDictionary>(), PXDictionary::dictionary()})
-    EXPECT_EQ(PXRuleCheckerIOKitFunction::firstServiceMatching(byClass, meeting)->sysfsPath(), machine.nic);
+  for (const PXRef<PXDictionary>& meeting : {PXRef<PXDictionary>(), PXDictionary::dictionary()}) {
+    PXRef<PXIOService> first = PXRuleCheckerIOKitFunction::firstServiceMatching(byClass, meeting);
+    EXPECT_EQ(first ? first->sysfsPath() : "", machine.nic);
+  }
   EXPECT_FALSE(PXRuleCheckerIOKitFunction::firstServiceMatching({}, {}));
   EXPECT_FALSE(PXRuleCheckerIOKitFunction::firstServiceMatching(
       PXDictionary::dictionaryWithEntries({{"IOProviderClass", "IOUSBDevice"}}), {}));
