@@ -6,30 +6,23 @@
 
 #include <atomic>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace {
 
-// An object that is not a dictionary: unknown keys raise. It records what it
-// is asked, to show how key paths reach it.
+// An object that is not a dictionary: unknown keys raise; "version.os" is
+// answered only when asked as one key path.
 class PredicateTestHost : public PXObject {
   PX_DECLARE_CLASS(PredicateTestHost)
  public:
   PXString name = "abc";
-  mutable std::vector<std::string> asked;
   PXValue valueForKeyPath(std::string_view keyPath) const override {
-    asked.push_back("path:" + std::string(keyPath));
-    if (keyPath == "version.os") return "10.10";
-    return PXObject::valueForKeyPath(keyPath);
-  }
-  PXValue valueForKey(std::string_view key) const override {
-    asked.push_back("key:" + std::string(key));
-    return PXObject::valueForKey(key);
+    return keyPath == "version.os" ? PXValue("10.10") : PXObject::valueForKeyPath(keyPath);
   }
 };
-
 }  // namespace
 
 PX_DEFINE_CLASS(PredicateTestHost, PXObject,
@@ -70,6 +63,36 @@ PXRef<PXDictionary> bindings() {
 }
 
 constexpr const char* kParseError = "parse";  // the syntax-error marker
+
+const char* const kUnparsable[] = {"$fnc0",
+                                   "1",
+                                   "TRUE",
+                                   "0 || 1",
+                                   "name ==",
+                                   "== 1",
+                                   "(1 == 1",
+                                   "1 == 1)",
+                                   "1 == 1 AND",
+                                   "",
+                                   "name == 'abc",
+                                   "a. == 1",
+                                   "x.size == 1",
+                                   "size == 7",
+                                   "SUBQUERY(nums, $x, $x > 1).@count == 1",
+                                   "CAST('1', 'NSNumber') == 1",
+                                   "ANYKEY == 1",
+                                   "name ==[x] 'a'",
+                                   "name ==[] 'a'",
+                                   "3 BETWEEN[c] {1, 5}",
+                                   "1 == 1 & 2 == 2",
+                                   "0x == 16",
+                                   "12abc == 12",
+                                   "'\\u12' == 1",
+                                   "name == 'a' 'b'",
+                                   "nums[FIRST == 1",
+                                   "{1, 2 == 1",
+                                   "FIRST == 1",
+                                   "name ~ 'a'"};
 
 // Rules grouped by what they answer: "YES", "NO", kParseError, or "<exception
 // name>|<the reason's beginning>". A "YES" rule joins the cases of one construct
@@ -153,36 +176,6 @@ const Group kGroups[] = {
          "6 BETWEEN {1, 5} OR missing BETWEEN {1, 2} OR 3 BETWEEN missing",
          "NONE nums == 5 OR ANY missing == 1 OR ANY {} == 1",
      }},
-    {kParseError,
-     {"$fnc0",
-      "1",
-      "TRUE",
-      "0 || 1",
-      "name ==",
-      "== 1",
-      "(1 == 1",
-      "1 == 1)",
-      "1 == 1 AND",
-      "",
-      "name == 'abc",
-      "a. == 1",
-      "x.size == 1",
-      "size == 7",
-      "SUBQUERY(nums, $x, $x > 1).@count == 1",
-      "CAST('1', 'NSNumber') == 1",
-      "ANYKEY == 1",
-      "name ==[x] 'a'",
-      "name ==[] 'a'",
-      "3 BETWEEN[c] {1, 5}",
-      "1 == 1 & 2 == 2",
-      "0x == 16",
-      "12abc == 12",
-      "'\\u12' == 1",
-      "name == 'a' 'b'",
-      "nums[FIRST == 1",
-      "{1, 2 == 1",
-      "FIRST == 1",
-      "name ~ 'a'"}},
     {"NSInvalidArgumentException|Can't do arithmetic", {"'a' + 1 == 2", "-name == 1", "missing + 1 == 1"}},
     {"NSRangeException|*** -[PXArray objectAtIndex:]: index (5) beyond bounds (2)", {"nums[5] == 1"}},
     {"NSInvalidArgumentException|Can't index an array", {"nums['a'] == 1"}},
@@ -209,14 +202,13 @@ const Group kGroups[] = {
     {"NSInvalidArgumentException|The left hand side for an ALL or ANY operator must be an array.",
      {"ANY name == 'a'", "ALL one == 1"}},
     {"NSUnknownKeyException|[<NSString 0x", {"name.length == 3"}},
-    // An object that is not a dictionary raises for unknown keys, and is asked a
-    // key path in one call.
     {"NSUnknownKeyException|[<PredicateTestHost 0x",
      {"shoeSize == 1", "name == 'abc' AND shoe.#size.#in == 1"},
      "host"},
     {"NO", {"name == 'zzz' AND shoeSize == 1"}, "host"},
     {"YES", {"version.os == '10.10'"}, "host"},
     {"YES", {"SELF == 'héllo'"}, "text"},
+    {kParseError, {std::begin(kUnparsable), std::end(kUnparsable)}},
     {"YES", {"name == nil AND version.os == nil"}, "none"},
 };
 
@@ -273,14 +265,6 @@ TEST(PXPredicate, TheLanguageGroupByGroup) {
   }
 }
 
-TEST(PXPredicate, KeyPathsAreAskedInOneCallAndKeysByValueForKey) {
-  auto host = PXMake<PredicateTestHost>();
-  auto rule =
-      PXPredicate::predicateWithFormat("version.os == '10.10' AND name == 'abc' AND SELF.name != 'x'");
-  EXPECT_TRUE(rule->evaluateWithObject(PXValue(host)));
-  EXPECT_EQ(host->asked, (std::vector<std::string>{"path:version.os", "key:name", "key:name"}));
-}
-
 TEST(PXPredicate, CanonicalTextSpellsEveryConstruct) {
   struct FormatRow {
     const char* rule;
@@ -326,12 +310,8 @@ TEST(PXPredicate, LimitsHoldExactlyAtTheirValues) {
     for (size_t i = 0; i < depth; ++i) rule += "NOT ";
     return rule + (depth % 2 ? "1 == 2" : "1 == 1");
   };
-  auto expression = [](size_t depth) {
-    return std::string(depth, '(') + "1" + std::string(depth, ')') + " == 1";
-  };
   auto braces = [](size_t depth) { return std::string(depth, '{') + std::string(depth, '}') + " != nil"; };
-  auto minus = [](size_t depth) { return std::string(depth, '-') + "one == " + (depth % 2 ? "-1" : "1"); };
-  for (auto make : {+groups, +nots, +expression, +braces, +minus}) {
+  for (auto make : {+groups, +nots, +braces}) {
     SCOPED_TRACE(make(2));
     EXPECT_TRUE(parses(make(n - 1)));
     EXPECT_TRUE(parses(make(n)));

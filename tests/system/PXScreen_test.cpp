@@ -1,6 +1,4 @@
-// The screens' scale: the host's provider first, else one desktop factor per
-// connected connector, the factor taken from the environment's scaling
-// variables and, in a desktop session, the interface's "scaling-factor".
+// The screens' scale: the host's provider, else one desktop factor per connector.
 // Its own program: GSettings reads its schema directory once per process.
 #include <glib.h>
 #include <gtest/gtest.h>
@@ -8,6 +6,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/PXSubprocess.h"
@@ -36,19 +35,13 @@ std::string interfaceSchema(const PXTempHome& home, unsigned factor) {
 TEST(PXScreen, DesktopScaleFactorTakesTheFirstSettingThatIsANumberAboveZero) {
   PXTempHome home;
   home.setVariable("DBUS_SESSION_BUS_ADDRESS", "");  // no desktop session: its setting is not asked
-  struct Case {
-    const char *gdk, *qt;
-    double expected;
-  };
-  for (const Case& c : std::vector<Case>{{"2", "1.5", 2.0},
-                                         {"", "1.25", 1.25},
-                                         {"0", "1.5", 1.5},
-                                         {"-2", "", 1.0},
-                                         {"2x", "abc", 1.0},
-                                         {"", "", 1.0}}) {
-    setenv("GDK_SCALE", c.gdk, 1);
-    setenv("QT_SCALE_FACTOR", c.qt, 1);
-    EXPECT_DOUBLE_EQ(PXScreen::desktopScaleFactor(), c.expected) << c.gdk << " / " << c.qt;
+  const std::tuple<const char*, const char*, double> cases[] = {{"2", "1.5", 2.0},  {"", "1.25", 1.25},
+                                                                {"0", "1.5", 1.5},  {"-2", "", 1.0},
+                                                                {"2x", "abc", 1.0}, {"", "", 1.0}};
+  for (const auto& [gdk, qt, expected] : cases) {
+    setenv("GDK_SCALE", gdk, 1);
+    setenv("QT_SCALE_FACTOR", qt, 1);
+    EXPECT_DOUBLE_EQ(PXScreen::desktopScaleFactor(), expected) << gdk << " / " << qt;
   }
   unsetenv("GDK_SCALE");
   unsetenv("QT_SCALE_FACTOR");

@@ -3,111 +3,82 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <string>
-#include <vector>
 
 using namespace pxkit::internal;
 
 namespace {
 
-PowerSupply supply(std::string name, PowerSupply::Attrs attributes, std::string path = "/sys/devices/x") {
-  return PowerSupply{std::move(name), std::move(path), {attributes.begin(), attributes.end()}};
+// "NAME:key=value,key=value;NAME:..." ("path=" sets the sysfs path).
+std::vector<PowerSupply> supplies(const std::string& text) {
+  std::vector<PowerSupply> out;
+  std::istringstream items(text);
+  for (std::string item; std::getline(items, item, ';');) {
+    PowerSupply supply{item.substr(0, item.find(':')), "/sys/devices/x", {}};
+    std::istringstream pairs(item.substr(item.find(':') + 1));
+    for (std::string pair; std::getline(pairs, pair, ',');) {
+      const std::string key = pair.substr(0, pair.find('='));
+      (key == "path" ? supply.sysfsPath : supply.attributes[key]) = pair.substr(pair.find('=') + 1);
+    }
+    out.push_back(supply);
+  }
+  return out;
 }
 
-std::string text(const PXRef<PXDictionary>& d, std::string_view key) {
-  return d ? std::string(d->objectForKey(key).stringValue()) : std::string("<none>");
+// Each description as "type/transport/state/[capacity/max/minutes/]" and its
+// present, charging and charged flags; then the built-in source's name.
+std::string summary(const std::string& text) {
+  const std::vector<PXRef<PXDictionary>> all = powerSourceDescriptions(supplies(text));
+  std::string out;
+  for (const PXRef<PXDictionary>& d : all) {
+    for (std::string_view key : {kPowerSourceTypeKey, kPowerSourceTransportTypeKey, kPowerSourceStateKey})
+      out += std::string(d->objectForKey(key).stringValue()) + "/";
+    for (std::string_view key :
+         {kPowerSourceCurrentCapacityKey, kPowerSourceMaxCapacityKey, kPowerSourceTimeToEmptyKey}) {
+      if (PXValue value = d->objectForKey(key)) out += value.description().str() + "/";
+    }
+    for (std::string_view key :
+         {kPowerSourceIsPresentKey, kPowerSourceIsChargingKey, kPowerSourceIsChargedKey})
+      out += d->objectForKey(key).boolValue() ? "1" : "0";
+    out += "; ";
+  }
+  const PXRef<PXDictionary> internal = internalPowerSource(all);
+  return out + (internal ? std::string(internal->objectForKey(kPowerSourceNameKey).stringValue()) : "-");
 }
 
 }  // namespace
 
-TEST(PowerSupply, StateOfTheBuiltInBattery) {
-  struct Case {
-    const char* what;
-    std::vector<PowerSupply> supplies;
-    const char* state;  // of the internal source; "<none>" when there is none
+TEST(PowerSupply, DescriptionsAndTheBuiltInBattery) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"", "-"},
+      {"AC:type=Mains,online=1", "-"},  // a desktop
+      {"AC:type=Mains,online=1;BAT0:type=Battery,status=Charging",
+       "InternalBattery/Internal/AC Power/110; BAT0"},
+      {"AC:type=Mains,online=0;BAT0:type=Battery,status=Discharging,capacity=81,time_to_empty_now=3720",
+       "InternalBattery/Internal/Battery Power/81/100/62/100; BAT0"},
+      // Full or held at a threshold: on line power, with or without an adapter device.
+      {"BAT0:type=Battery,status=Full", "InternalBattery/Internal/AC Power/101; BAT0"},
+      {"BAT0:type=Battery,status=Not charging", "InternalBattery/Internal/AC Power/100; BAT0"},
+      {"ucsi:type=USB_PD,online=1;BAT0:type=Battery,status=Discharging",
+       "InternalBattery/Internal/AC Power/100; BAT0"},
+      {"pad:type=Wireless,online=1;BAT0:type=Battery", "InternalBattery/Internal/AC Power/100; BAT0"},
+      {"AC:type=Mains,online=yes;BAT0:type=Battery,status=Discharging",  // garbage counts as offline
+       "InternalBattery/Internal/Battery Power/100; BAT0"},
+      {"BAT0:type=Battery,present=0,status=Unknown", "InternalBattery/Internal/Off Line/000; BAT0"},
+      {"BAT0:type=Battery,present=x,status=Unknown", "InternalBattery/Internal/Battery Power/100; BAT0"},
+      // Out-of-range or malformed numbers are left out, not guessed.
+      {"BAT0:type=Battery,capacity=250,time_to_empty_now=-",
+       "InternalBattery/Internal/Battery Power/100; BAT0"},
+      {"BAT0:type=Battery,capacity=-1,time_to_empty_now=-60",
+       "InternalBattery/Internal/Battery Power/100; BAT0"},
+      // Peripherals: their bus from their path; never the built-in source.
+      {"m:type=Battery,scope=Device,status=Discharging,path=/sys/devices/pci0000:00/0000:00:14.0/usb1/1-2/m",
+       "Battery/USB/Battery Power/100; -"},
+      {"k:type=Battery,scope=Device,path=/sys/devices/virtual/misc/uhid/bluetooth/power_supply/k",
+       "Battery/Bluetooth/AC Power/100; -"},
+      {"ups:type=UPS,status=Discharging;BAT1:type=Battery,scope=System,status=Charging",
+       "UPS/External/Battery Power/100; InternalBattery/Internal/AC Power/110; BAT1"},
   };
-  const std::vector<Case> cases = {
-      {"no supplies at all", {}, "<none>"},
-      {"line power only (a desktop)", {supply("AC", {{"type", "Mains"}, {"online", "1"}})}, "<none>"},
-      {"on mains",
-       {supply("AC", {{"type", "Mains"}, {"online", "1"}}),
-        supply("BAT0", {{"type", "Battery"}, {"status", "Charging"}})},
-       "AC Power"},
-      {"unplugged",
-       {supply("AC", {{"type", "Mains"}, {"online", "0"}}),
-        supply("BAT0", {{"type", "Battery"}, {"status", "Discharging"}})},
-       "Battery Power"},
-      {"full, no adapter device", {supply("BAT0", {{"type", "Battery"}, {"status", "Full"}})}, "AC Power"},
-      {"not charging at a threshold",
-       {supply("BAT0", {{"type", "Battery"}, {"status", "Not charging"}})},
-       "AC Power"},
-      {"USB-C line power online",
-       {supply("ucsi", {{"type", "USB_PD"}, {"online", "1"}}),
-        supply("BAT0", {{"type", "Battery"}, {"status", "Discharging"}})},
-       "AC Power"},
-      {"battery removed",
-       {supply("BAT0", {{"type", "Battery"}, {"present", "0"}, {"status", "Unknown"}})},
-       "Off Line"},
-      {"unknown status, no line power",
-       {supply("BAT0", {{"type", "Battery"}, {"status", "Unknown"}})},
-       "Battery Power"},
-      {"garbage online value counts as offline",
-       {supply("AC", {{"type", "Mains"}, {"online", "yes"}}),
-        supply("BAT0", {{"type", "Battery"}, {"status", "Discharging"}})},
-       "Battery Power"},
-      {"a peripheral battery is not built in",
-       {supply("hid-mouse", {{"type", "Battery"}, {"scope", "Device"}, {"status", "Discharging"}})},
-       "<none>"},
-      {"a UPS listed first is skipped",
-       {supply("ups", {{"type", "UPS"}, {"status", "Discharging"}}),
-        supply("BAT1", {{"type", "Battery"}, {"scope", "System"}, {"status", "Charging"}})},
-       "AC Power"},
-  };
-  for (const Case& c : cases) {
-    PXRef<PXDictionary> internal = internalPowerSource(powerSourceDescriptions(c.supplies));
-    EXPECT_EQ(text(internal, kPowerSourceStateKey), c.state) << c.what;
-  }
-}
-
-TEST(PowerSupply, DescriptionFields) {
-  PXRef<PXDictionary> d = powerSourceDescription(supply("BAT0", {{"type", "Battery"},
-                                                                 {"status", "Discharging"},
-                                                                 {"capacity", "81"},
-                                                                 {"time_to_empty_now", "3720"}}),
-                                                 false);
-  ASSERT_TRUE(d);
-  EXPECT_EQ(text(d, "Name"), "BAT0");
-  EXPECT_EQ(text(d, "Type"), "InternalBattery");
-  EXPECT_EQ(text(d, "Transport Type"), "Internal");
-  EXPECT_EQ(d->objectForKey("Current Capacity").intValue(), 81);
-  EXPECT_EQ(d->objectForKey("Max Capacity").intValue(), 100);
-  EXPECT_EQ(d->objectForKey("Time to Empty").intValue(), 62);
-  EXPECT_TRUE(d->objectForKey("Is Present").boolValue());
-  EXPECT_FALSE(d->objectForKey("Is Charging").boolValue());
-
-  // Out-of-range or malformed numbers are left out, not guessed.
-  PXRef<PXDictionary> odd = powerSourceDescription(
-      supply("BAT0", {{"type", "Battery"}, {"capacity", "250"}, {"time_to_empty_now", "-"}}), false);
-  ASSERT_TRUE(odd);
-  EXPECT_FALSE(odd->objectForKey("Current Capacity"));
-  EXPECT_FALSE(odd->objectForKey("Time to Empty"));
-  // Line power is no power source.
-  EXPECT_FALSE(powerSourceDescription(supply("AC", {{"type", "Mains"}, {"online", "1"}}), true));
-}
-
-TEST(PowerSupply, PeripheralTransportFromItsBus) {
-  struct Case {
-    const char* path;
-    const char* transport;
-  };
-  for (const Case& c :
-       std::vector<Case>{{"/sys/devices/pci0000:00/0000:00:14.0/usb1/1-2/hid/power_supply/m", "USB"},
-                         {"/sys/devices/virtual/misc/uhid/bluetooth/power_supply/k", "Bluetooth"},
-                         {"/sys/devices/platform/x/power_supply/p", "External"}}) {
-    PXRef<PXDictionary> d =
-        powerSourceDescription(supply("p", {{"type", "Battery"}, {"scope", "Device"}}, c.path), false);
-    ASSERT_TRUE(d);
-    EXPECT_EQ(text(d, "Transport Type"), c.transport) << c.path;
-    EXPECT_EQ(text(d, "Type"), "Battery");
-  }
+  for (const auto& [text, expected] : rows) EXPECT_EQ(summary(text), expected) << text;
 }
