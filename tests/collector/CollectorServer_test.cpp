@@ -1,16 +1,18 @@
 // pxkit-collector as a process on an ephemeral loopback port: what each request
-// is answered, what ends up stored, and what survives a kill.
+// is answered, what ends up stored, what survives a kill, and its dashboard.
 #include "CollectorServer.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <string>
 #include <thread>
 
 #include "CollectorTestSupport.h"
+#include "Dashboard.h"
 
 namespace pxcollector {
 namespace {
@@ -52,7 +54,7 @@ TEST(CollectorServer, BadRequestsGetAJSONErrorAndNoReceiptAndGoodOnesAlwaysTheSa
     EXPECT_EQ(a.body.find("processedPapercutPackageIDs\":["), std::string::npos) << row.name;
   }
   // A 100 MB body is refused from its headers, before it is read.
-  HTTPAnswer big = httpPost(ingest, std::string(100u * 1024 * 1024, ' '));
+  HTTPAnswer big = httpRequest("POST", ingest, std::string(100u * 1024 * 1024, ' '));
   EXPECT_EQ(big.status, 413);
   EXPECT_NE(big.body.find("larger than the limit of 16777216 bytes"), std::string::npos) << big.body;
   // A body that ends before its Content-Length says, then the connection closes.
@@ -60,20 +62,20 @@ TEST(CollectorServer, BadRequestsGetAJSONErrorAndNoReceiptAndGoodOnesAlwaysTheSa
       collector.url(), "POST /metrics/post HTTP/1.1\r\nHost: x\r\nContent-Length: 500\r\n\r\n" + good);
   EXPECT_EQ(reply.find("processedPapercutPackageIDs"), std::string::npos) << reply;
   // Through all of it the collector kept serving and stored nothing.
-  HTTPAnswer summary = httpGet(collector.url() + "/api/summary");
+  HTTPAnswer summary = httpRequest("GET", collector.url() + "/api/summary");
   EXPECT_NE(summary.body.find("\"papercuts\":0,\"rejected\":0,"), std::string::npos) << summary.body;
   // A resubmission is answered with the same receipt, rejected records named last.
   const std::string body = submissionJSON(
       {papercutJSON("one"), "{\"packageID\":\"never\",\"timestamp\":\"soon\"}", papercutJSON("two")});
   for (int attempt = 0; attempt < 3; ++attempt) {
-    HTTPAnswer a = httpPost(ingest, body);
+    HTTPAnswer a = httpRequest("POST", ingest, body);
     EXPECT_EQ(a.status, 200);
     EXPECT_EQ(a.body, "{\"processedPapercutPackageIDs\":[\"one\",\"two\",\"never\"]}");
   }
-  summary = httpGet(collector.url() + "/api/summary");
+  summary = httpRequest("GET", collector.url() + "/api/summary");
   EXPECT_NE(summary.body.find("\"papercuts\":2,\"rejected\":1,"), std::string::npos) << summary.body;
-  HTTPAnswer metric =
-      httpGet(collector.url() + "/api/metrics?identifier=test.metric1&from=2025-11-24&to=2025-11-24");
+  HTTPAnswer metric = httpRequest(
+      "GET", collector.url() + "/api/metrics?identifier=test.metric1&from=2025-11-24&to=2025-11-24");
   EXPECT_EQ(metric.body,
             "{\"identifier\":\"test.metric1\",\"from\":\"2025-11-24\",\"to\":\"2025-11-24\",\"days\":"
             "[{\"day\":\"2025-11-24\",\"primary\":\"p1\",\"secondary\":\"\",\"sum\":4}]}");
@@ -87,9 +89,9 @@ TEST(CollectorServer, BodyLimitHoldsAtItsEdgeAndNeedsALength) {
   CollectorProcess collector({"--db", dir.path() + "/p.db", "--max-body-bytes", std::to_string(limit)});
   ASSERT_TRUE(collector.started()) << collector.output();
   // JSON allows trailing white space, so the same submission can be made longer.
-  EXPECT_EQ(httpPost(collector.url() + "/metrics/post", record).status, 200);         // N-1
-  EXPECT_EQ(httpPost(collector.url() + "/metrics/post", record + " ").status, 200);   // N
-  EXPECT_EQ(httpPost(collector.url() + "/metrics/post", record + "  ").status, 413);  // N+1
+  EXPECT_EQ(httpRequest("POST", collector.url() + "/metrics/post", record).status, 200);         // N-1
+  EXPECT_EQ(httpRequest("POST", collector.url() + "/metrics/post", record + " ").status, 200);   // N
+  EXPECT_EQ(httpRequest("POST", collector.url() + "/metrics/post", record + "  ").status, 413);  // N+1
   const std::string reply = rawExchange(collector.url(),
                                         "POST /metrics/post HTTP/1.1\r\nHost: x\r\nConnection: "
                                         "close\r\nTransfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n\r\n");
@@ -109,8 +111,8 @@ TEST(CollectorServer, EveryReceiptedPapercutSurvivesAKill) {
   std::thread sender([&] {
     for (int i = 0; !done; ++i) {
       const std::string id = "kill-" + std::to_string(i);
-      HTTPAnswer a =
-          httpPost(collector.url() + "/metrics/post", submissionJSON({papercutJSON(id, 1764000000, 20)}));
+      HTTPAnswer a = httpRequest("POST", collector.url() + "/metrics/post",
+                                 submissionJSON({papercutJSON(id, 1764000000, 20)}));
       if (a.status != 200) break;  // the collector is gone
       if (a.body == "{\"processedPapercutPackageIDs\":[\"" + id + "\"]}") {
         receipted.push_back(id);
@@ -151,8 +153,10 @@ TEST(CollectorServer, QueriesNeedTheTokenWhenOneIsSetAndIngestNeverDoes) {
       {"/api/metrics?identifier=a", {"Authorization: Bearer s3cret"}, 200},
   };
   for (const auto& row : rows)
-    EXPECT_EQ(httpGet(collector.url() + row.path, row.headers).status, row.status) << row.path;
-  EXPECT_EQ(httpPost(collector.url() + "/metrics/post", submissionJSON({papercutJSON("open")})).status, 200);
+    EXPECT_EQ(httpRequest("GET", collector.url() + row.path, "", row.headers).status, row.status) << row.path;
+  EXPECT_EQ(
+      httpRequest("POST", collector.url() + "/metrics/post", submissionJSON({papercutJSON("open")})).status,
+      200);
 }
 
 TEST(CollectorServer, RefusesToStartWhereItShouldNot) {
@@ -166,6 +170,7 @@ TEST(CollectorServer, RefusesToStartWhereItShouldNot) {
       {{"--listen", "127.0.0.1", "--db", dir.path() + "/p.db"}, "expected ADDR:PORT"},
       {{"--listen", "127.0.0.1:65536", "--db", dir.path() + "/p.db"}, "expected ADDR:PORT"},
       {{"--db", dir.path()}, "cannot open"},
+      {{"--db", "postgresql://nobody@/none?host=" + dir.path()}, "cannot connect to PostgreSQL"},
       {{"--max-body-bytes", "0"}, "positive number"},
       {{"--frobnicate"}, "unknown argument"},
   };
@@ -182,20 +187,63 @@ TEST(CollectorServer, RefusesToStartWhereItShouldNot) {
   EXPECT_NE(help.output().find("--listen ADDR:PORT"), std::string::npos);
 }
 
-TEST(CollectorServer, SeveralCollectorsShareOnePostgreSQLDatabase) {
-  PostgreSQLServer pg;
-  if (!pg.running()) GTEST_SKIP() << "PostgreSQL cannot be started here: " << pg.whyNot();
-  CollectorProcess first({"--db", pg.uri()});
-  CollectorProcess second({"--db", pg.uri()});
-  ASSERT_TRUE(first.started()) << first.output();
-  ASSERT_TRUE(second.started()) << second.output();
-  // The same papercut through both, as a client retrying behind a load balancer would.
-  const std::string body = submissionJSON({papercutJSON("shared"), papercutJSON("only-first")});
-  EXPECT_EQ(httpPost(first.url() + "/metrics/post", body).status, 200);
-  HTTPAnswer again = httpPost(second.url() + "/metrics/post", submissionJSON({papercutJSON("shared")}));
-  EXPECT_EQ(again.body, "{\"processedPapercutPackageIDs\":[\"shared\"]}");
-  HTTPAnswer summary = httpGet(second.url() + "/api/summary");
-  EXPECT_NE(summary.body.find("\"papercuts\":2,"), std::string::npos) << summary.body;
+// ---- The dashboard ------------------------------------------------------------------
+
+// The data-value of the bar labelled `label` inside the chart with id `chart` ("" when none).
+std::string plotted(const std::string& dom, const std::string& chart, const std::string& label) {
+  const size_t start = dom.find("id=\"" + chart + "\"");
+  const std::string bar = "data-label=\"" + label + "\" data-value=\"";
+  const size_t at = start == std::string::npos ? start : dom.find(bar, start);
+  if (at == std::string::npos || at > dom.find("</svg>", start)) return "";
+  return dom.substr(at + bar.size(), dom.find('"', at + bar.size()) - at - bar.size());
+}
+
+// Headless Chromium loads the page from a running collector; the DOM it built
+// is read back for the plotted figures.
+TEST(Dashboard, ChromiumDrawsThePlottedFigures) {
+  const char* chromium = "/usr/bin/chromium";
+  if (access(chromium, X_OK) != 0) GTEST_SKIP() << "no " << chromium << " (scripts/setup-deps installs it)";
+  TempDir dir, profile;
+  CollectorProcess collector({"--db", dir.path() + "/p.db"});
+  ASSERT_TRUE(collector.started()) << collector.output();
+  const long long day1 = 1764000000, day2 = day1 + 86400;
+  const std::string body = submissionJSON(
+      {launchesJSON("a", day1, "2.0", "13.1", 4), launchesJSON("b", day1 + 5, "2.1", "13.1", 3),
+       launchesJSON("c", day2, "2.1", "13.2", 9), "{\"packageID\":\"<script>\"}"});
+  ASSERT_EQ(httpRequest("POST", collector.url() + "/metrics/post", body).status, 200);
+  const auto dump = [&](const std::string& query) {
+    PXSubprocess::Result result =
+        PXSubprocess::run({chromium, "--headless", "--no-sandbox", "--disable-gpu", "--no-first-run",
+                           "--user-data-dir=" + profile.path(), "--dump-dom", collector.url() + "/" + query});
+    EXPECT_EQ(result.exitStatus, 0) << result.output;
+    return result.output;
+  };
+  std::string dom = dump("");
+  EXPECT_EQ(plotted(dom, "papercuts-per-day", "2025-11-24"), "2");
+  EXPECT_EQ(plotted(dom, "papercuts-per-day", "2025-11-25"), "1");
+  EXPECT_EQ(plotted(dom, "metric-per-day", "2025-11-24"), "7");  // common.launches: 4 + 3
+  EXPECT_EQ(plotted(dom, "metric-per-day", "2025-11-25"), "9");
+  EXPECT_EQ(plotted(dom, "application-versions", "org.example.Editor 2.1"), "2");
+  EXPECT_EQ(plotted(dom, "os-versions", "13.1"), "2");
+  EXPECT_NE(dom.find("<b id=\"rejected-count\">1</b>"), std::string::npos);
+  EXPECT_EQ(dom.find("<script"), std::string::npos);  // the page has none, and brings in none
+  // Another metric, chosen through the page's own query.
+  dom = dump("?metric=common.osversion");
+  EXPECT_EQ(plotted(dom, "metric-per-day", "2025-11-24"), "2");
+  EXPECT_NE(dom.find("<code id=\"chosen-metric\">common.osversion</code>"), std::string::npos);
+}
+
+TEST(Dashboard, TextFromSubmissionsIsEscaped) {
+  CollectorSummary summary;
+  summary.papercuts = 1;
+  summary.versions.push_back({"<img src=x onerror=alert(1)>", "\"1\"", 1});
+  const std::string html = renderDashboard(summary, "a\"><script>", {}, "t&k");
+  EXPECT_EQ(html.find("<img"), std::string::npos);
+  EXPECT_EQ(html.find("<script>"), std::string::npos);
+  EXPECT_NE(html.find("&lt;img src=x onerror=alert(1)&gt; &quot;1&quot;"), std::string::npos);
+  EXPECT_NE(html.find("value=\"t&amp;k\""), std::string::npos);
+  EXPECT_NE(html.find("token=t%26k"), std::string::npos);
+  EXPECT_NE(html.find("id=\"papercuts-per-day-empty\""), std::string::npos);
 }
 
 }  // namespace

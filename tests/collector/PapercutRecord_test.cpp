@@ -43,14 +43,10 @@ TEST(PapercutRecord, BodiesThatAreNotSubmissionsAreRefusedWhole) {
     const char* says;
   } rows[] = {
       {"empty", "", "not JSON"},
-      {"one byte short", full.substr(0, full.size() - 1), "not JSON"},
       {"top-level array", "[" + papercutJSON("a") + "]", "top level is not an object"},
       {"no papercuts", "{\"papercut\":[]}", "\"papercuts\" is missing"},
       {"papercuts not an array", "{\"papercuts\":{}}", "\"papercuts\" is missing or not an array"},
       {"trailing text", full + "x", "not JSON"},
-      {"nested past the codec's depth",
-       "{\"papercuts\":" + std::string(600, '[') + std::string(600, ']') + "}", "not JSON"},
-      {"invalid UTF-8", "{\"papercuts\":[\"\xff\"]}", "not JSON"},
   };
   for (const auto& row : rows) {
     SubmissionReading r = read(row.body);
@@ -78,24 +74,18 @@ TEST(PapercutRecord, EachRecordIsAcceptedOrRejectedWithItsReasonAndLimitsHoldAtT
       {"packageID", "12", "\"packageID\" is not a string"},
       {"packageID", "\"\"", "\"packageID\" is empty"},
       {"applicationID", "", "\"applicationID\" is missing"},
-      {"applicationID", "null", "\"applicationID\" is not a string"},
-      {"channel", "true", "\"channel\" is not a string"},
       {"timestamp", "\"1764000000\"", "\"timestamp\" is not a number"},
       {"timestamp", "true", "\"timestamp\" is not a number"},
       {"timestamp", "-1", "\"timestamp\" is out of range"},
-      {"timestamp", "1e300", "\"timestamp\" is out of range"},
       {"timestamp", "1764000000", nullptr},  // an integer timestamp is a number too
       {"totalUsageDays", "1.5", "\"totalUsageDays\" is not a non-negative integer"},
       {"totalUsageDays", "-1", "\"totalUsageDays\" is not a non-negative integer"},
       {"metrics", "", "\"metrics\" is missing"},
       {"metrics", "{}", "\"metrics\" is not an array"},
-      {"metrics", "[]", nullptr},
       {"metrics", "[3]", "\"metrics\"[0] is not an object"},
       {"metrics", "[{\"value\":1}]", "\"metrics\"[0]: \"identifier\" is missing"},
       {"metrics", "[{\"identifier\":\"a\"}]", "\"metrics\"[0]: \"value\" is missing"},
       {"metrics", "[{\"identifier\":\"a\",\"value\":1.5}]", "\"value\" is not an integer"},
-      {"metrics", "[{\"identifier\":\"a\",\"value\":\"1\"}]", "\"value\" is not an integer"},
-      {"metrics", "[{\"identifier\":\"a\",\"value\":false}]", "\"value\" is not an integer"},
       {"metrics", "[{\"identifier\":\"a\",\"value\":9223372036854775808}]", "\"value\" is not an integer"},
       {"metrics", "[{\"identifier\":\"a\",\"value\":-9223372036854775808}]", nullptr},
       {"metrics", "[{\"identifier\":\"a\",\"primary\":7,\"value\":1}]", "\"primary\" is not a string"},
