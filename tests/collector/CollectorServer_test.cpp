@@ -25,49 +25,49 @@ bool storedIn(const std::string& db, const std::string& packageID) {
 
 TEST(CollectorServer, BadRequestsGetAJSONErrorAndNoReceiptAndGoodOnesAlwaysTheSame) {
   TempDir dir;
-  CollectorProcess collector({"--db", dir.path() + "/p.db"});
+  // The biggest body below, one byte longer, is the most the collector takes.
+  const std::string body = submissionJSON(
+      {papercutJSON("one"), "{\"packageID\":\"never\",\"timestamp\":\"soon\"}", papercutJSON("two")});
+  const std::string limit = std::to_string(body.size() + 1);
+  CollectorProcess collector({"--db", dir.path() + "/p.db", "--max-body-bytes", limit});
   ASSERT_TRUE(collector.started()) << collector.output();
-  const std::string ingest = collector.url() + "/metrics/post";
   const std::string good = submissionJSON({papercutJSON("kept")});
   const struct {
-    const char* name;
     std::string method;
     std::string path;
     std::string body;
     long status;
   } rows[] = {
-      // Which bodies are no submission is PapercutRecord's (tested there): one of them here.
-      {"not a submission", "POST", "/metrics/post", "{\"processedPapercutPackageIDs\":[]}", 400},
-      {"empty body", "POST", "/metrics/post", "", 400},
-      {"GET on ingest", "GET", "/metrics/post", "", 405},
-      {"PUT on ingest", "PUT", "/metrics/post", good, 405},
-      {"POST on the summary", "POST", "/api/summary", good, 405},
-      {"unknown path", "GET", "/metrics/post/extra", "", 404},
-      {"metrics without identifier", "GET", "/api/metrics", "", 400},
-      {"metrics with a bad date", "GET", "/api/metrics?identifier=a&from=2025-02-30", "", 400},
+      // Which bodies are no submission is PapercutRecord's (tested there): two of them here.
+      {"POST", "/metrics/post", "{\"processedPapercutPackageIDs\":[]}", 400},
+      {"POST", "/metrics/post", "", 400},
+      {"POST", "/metrics/post", body + "  ", 413},  // JSON allows trailing white space
+      {"GET", "/metrics/post", "", 405},
+      {"PUT", "/metrics/post", good, 405},
+      {"POST", "/api/summary", good, 405},
+      {"GET", "/metrics/post/extra", "", 404},
+      {"GET", "/api/metrics", "", 400},
+      {"GET", "/api/metrics?identifier=a&from=2025-02-30", "", 400},
   };
   for (const auto& row : rows) {
     HTTPAnswer a = httpRequest(row.method, collector.url() + row.path, row.body);
-    EXPECT_EQ(a.status, row.status) << row.name << ": " << a.body;
-    EXPECT_NE(a.body.find("\"error\":"), std::string::npos) << row.name << ": " << a.body;
-    EXPECT_EQ(a.body.find("processedPapercutPackageIDs\":["), std::string::npos) << row.name;
+    EXPECT_EQ(a.status, row.status) << row.method << " " << row.path << ": " << a.body;
+    EXPECT_NE(a.body.find("\"error\":"), std::string::npos) << a.body;
+    EXPECT_EQ(a.body.find("processedPapercutPackageIDs\":["), std::string::npos) << a.body;
   }
-  // A 100 MB body is refused from its headers, before it is read.
-  HTTPAnswer big = httpRequest("POST", ingest, std::string(100u * 1024 * 1024, ' '));
-  EXPECT_EQ(big.status, 413);
-  EXPECT_NE(big.body.find("larger than the limit of 16777216 bytes"), std::string::npos) << big.body;
-  // A body that ends before its Content-Length says, then the connection closes.
-  std::string reply = rawExchange(
-      collector.url(), "POST /metrics/post HTTP/1.1\r\nHost: x\r\nContent-Length: 500\r\n\r\n" + good);
-  EXPECT_EQ(reply.find("processedPapercutPackageIDs"), std::string::npos) << reply;
+  EXPECT_NE(httpRequest("POST", collector.url() + "/metrics/post", body + "  ")
+                .body.find("larger than the limit of " + limit + " bytes"),
+            std::string::npos);
+  // The limit is judged from Content-Length, so a body without one is refused too.
+  EXPECT_EQ(
+      httpRequest("POST", collector.url() + "/metrics/post", good, {"Transfer-Encoding: chunked"}).status,
+      411);
   // Through all of it the collector kept serving and stored nothing.
   HTTPAnswer summary = httpRequest("GET", collector.url() + "/api/summary");
   EXPECT_NE(summary.body.find("\"papercuts\":0,\"rejected\":0,"), std::string::npos) << summary.body;
-  // A resubmission is answered with the same receipt, rejected records named last.
-  const std::string body = submissionJSON(
-      {papercutJSON("one"), "{\"packageID\":\"never\",\"timestamp\":\"soon\"}", papercutJSON("two")});
-  for (int attempt = 0; attempt < 3; ++attempt) {
-    HTTPAnswer a = httpRequest("POST", ingest, body);
+  // A resubmission is answered with the same receipt, rejected records named last; the limit is inclusive.
+  for (const std::string& again : {body, body + " ", body}) {
+    HTTPAnswer a = httpRequest("POST", collector.url() + "/metrics/post", again);
     EXPECT_EQ(a.status, 200);
     EXPECT_EQ(a.body, "{\"processedPapercutPackageIDs\":[\"one\",\"two\",\"never\"]}");
   }
@@ -84,23 +84,6 @@ TEST(CollectorServer, BadRequestsGetAJSONErrorAndNoReceiptAndGoodOnesAlwaysTheSa
   EXPECT_NE(page.find("data-label=\"2025-11-24\" data-value=\"4\"", chart), std::string::npos) << page;
   EXPECT_NE(page.find("<b id=\"rejected-count\">1</b>"), std::string::npos);
   EXPECT_EQ(page.find("<script"), std::string::npos);  // the page has none, and brings in none
-}
-
-// The limit is judged from Content-Length, so a body without one is refused too.
-TEST(CollectorServer, BodyLimitHoldsAtItsEdgeAndNeedsALength) {
-  TempDir dir;
-  const std::string record = submissionJSON({papercutJSON("edge")});
-  const size_t limit = record.size() + 1;
-  CollectorProcess collector({"--db", dir.path() + "/p.db", "--max-body-bytes", std::to_string(limit)});
-  ASSERT_TRUE(collector.started()) << collector.output();
-  // JSON allows trailing white space, so the same submission can be made longer.
-  EXPECT_EQ(httpRequest("POST", collector.url() + "/metrics/post", record).status, 200);         // N-1
-  EXPECT_EQ(httpRequest("POST", collector.url() + "/metrics/post", record + " ").status, 200);   // N
-  EXPECT_EQ(httpRequest("POST", collector.url() + "/metrics/post", record + "  ").status, 413);  // N+1
-  const std::string reply = rawExchange(collector.url(),
-                                        "POST /metrics/post HTTP/1.1\r\nHost: x\r\nConnection: "
-                                        "close\r\nTransfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n\r\n");
-  EXPECT_EQ(reply.rfind("HTTP/1.1 411", 0), 0u) << reply;
 }
 
 // Every papercut whose receipt reached the client is on disk, however the
@@ -150,12 +133,9 @@ TEST(CollectorServer, QueriesNeedTheTokenWhenOneIsSetAndIngestNeverDoes) {
   } rows[] = {
       {"/api/summary", {}, 401},
       {"/api/summary", {"Authorization: Bearer wrong"}, 401},
-      {"/api/summary", {"Authorization: Bearer s3cret"}, 200},
-      {"/api/summary?token=s3cre", {}, 401},
-      {"/api/summary?token=s3cret", {}, 200},
-      {"/", {}, 401},
-      {"/?token=s3cret", {}, 200},
       {"/api/metrics?identifier=a", {"Authorization: Bearer s3cret"}, 200},
+      {"/?token=s3cre", {}, 401},
+      {"/?token=s3cret", {}, 200},
   };
   for (const auto& row : rows)
     EXPECT_EQ(httpRequest("GET", collector.url() + row.path, "", row.headers).status, row.status) << row.path;
@@ -172,7 +152,6 @@ TEST(CollectorServer, RefusesToStartWhereItShouldNot) {
   } rows[] = {
       {{"--listen", "0.0.0.0:0", "--db", dir.path() + "/p.db"}, "needs --token"},
       {{"--listen", "localhost:80", "--db", dir.path() + "/p.db"}, "is not an IP address"},
-      {{"--listen", "127.0.0.1", "--db", dir.path() + "/p.db"}, "expected ADDR:PORT"},
       {{"--listen", "127.0.0.1:65536", "--db", dir.path() + "/p.db"}, "expected ADDR:PORT"},
       {{"--db", dir.path()}, "cannot open"},
       {{"--db", "postgresql://nobody@/none?host=" + dir.path()}, "cannot connect to PostgreSQL"},
@@ -188,7 +167,6 @@ TEST(CollectorServer, RefusesToStartWhereItShouldNot) {
   }
   CollectorProcess help({"--help"}, false);
   help.stop(0);
-  EXPECT_NE(help.output().find("SYNOPSIS"), std::string::npos);
   EXPECT_NE(help.output().find("--listen ADDR:PORT"), std::string::npos);
 }
 

@@ -1,9 +1,6 @@
 #include "CollectorTestSupport.h"
 
-#include <arpa/inet.h>
 #include <curl/curl.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -124,35 +121,6 @@ HTTPAnswer httpRequest(const std::string& method, const std::string& url, const 
   curl_slist_free_all(list);
   curl_easy_cleanup(curl);
   return answer;
-}
-
-std::string rawExchange(const std::string& url, const std::string& bytes) {
-  const size_t colon = url.rfind(':');
-  const int port = std::stoi(url.substr(colon + 1));
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  // A guard against a server that never answers, so that a fault fails the test
-  // instead of hanging it; never reached when the collector behaves.
-  const timeval guard{60, 0};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &guard, sizeof guard);
-  std::string reply;
-  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
-    size_t sent = 0;
-    while (sent < bytes.size()) {
-      const ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-      if (n <= 0) break;
-      sent += static_cast<size_t>(n);
-    }
-    shutdown(fd, SHUT_WR);
-    char buffer[4096];
-    for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;)
-      reply.append(buffer, static_cast<size_t>(n));
-  }
-  close(fd);
-  return reply;
 }
 
 std::string papercutJSON(const std::string& packageID, long long timestamp, int dataSets,

@@ -77,12 +77,9 @@ struct HTTPAnswer {
   std::string body;
 };
 
-// A request on a fresh connection.
+// A request on a fresh connection, with extra header `headers`.
 HTTPAnswer httpRequest(const std::string& method, const std::string& url, const std::string& body = "",
                        const std::vector<std::string>& headers = {});
-// Writes `bytes` raw to the server of `url`, closes the sending side, and
-// returns whatever came back.
-std::string rawExchange(const std::string& url, const std::string& bytes);
 
 // A papercut record as the kit writes it, with `dataSets` data sets.
 std::string papercutJSON(const std::string& packageID, long long timestamp = 1764000000, int dataSets = 2,
