@@ -20,17 +20,18 @@ namespace {
 class JRPerson : public PXObject {
   PX_DECLARE_CLASS(JRPerson)
  public:
-  PXString name;        // "@\"NSString\""
-  int32_t age = 0;      // "i"
-  double height = 0;    // "d"
-  bool member = false;  // "c"
-  int64_t visits = 0;   // "q"
-  uint64_t big = 0;     // "Q"
-  PXDate birthday;      // "@\"NSDate\""
-  PXValue count;        // "@\"NSNumber\""
-  PXValue payload;      // "@": no class name
-  PXValue extra;        // "@\"JRNoSuchClass\"": a class nobody registered
-  PXValue origin;       // "{CGPoint=dd}": a structure
+  PXString name;                          // "@\"NSString\""
+  int32_t age = 0;                        // "i"
+  double height = 0;                      // "d"
+  bool member = false;                    // "c"
+  int64_t visits = 0;                     // "q"
+  uint64_t big = 0;                       // "Q"
+  PXDate birthday;                        // "@\"NSDate\""
+  PXValue count;                          // "@\"NSNumber\""
+  PXValue payload;                        // "@": no class name
+  PXValue extra;                          // "@\"JRNoSuchClass\"": a class nobody registered
+  PXValue origin;                         // "{CGPoint=dd}": a structure
+  PXValue note, nickname, amount, since;  // "NSMutableString", "PXString", "NSDecimalNumber", "PXDate"
 };
 
 class JREmployee : public JRPerson {
@@ -53,6 +54,10 @@ PX_DEFINE_CLASS(JRPerson, PXObject, [](PXClassBuilder<JRPerson>& c) {
   c.property("payload", &JRPerson::payload);
   c.property("extra", &JRPerson::extra, PXPropertyOwnership::Retain, "@\"JRNoSuchClass\"");
   c.property("origin", &JRPerson::origin, PXPropertyOwnership::Assign, "{CGPoint=dd}");
+  c.property("note", &JRPerson::note, PXPropertyOwnership::Retain, "@\"NSMutableString\"");
+  c.property("nickname", &JRPerson::nickname, PXPropertyOwnership::Retain, "@\"PXString\"");
+  c.property("amount", &JRPerson::amount, PXPropertyOwnership::Retain, "@\"NSDecimalNumber\"");
+  c.property("since", &JRPerson::since, PXPropertyOwnership::Retain, "@\"PXDate\"");
 })
 PX_DEFINE_CLASS(JREmployee, JRPerson,
                 [](PXClassBuilder<JREmployee>& c) { c.property("employer", &JREmployee::employer); })
@@ -113,6 +118,10 @@ TEST(PXJSONRequest, MatchingConvertsEachKindOfPropertyAndHonoursTheSelection) {
       {"height", ".5", PXValue(0.5)},
       {"height", "+7", PXValue(7)},
       {"height", "1e", std::nullopt},
+      {"height", "1E-1", PXValue(0.1)},
+      {"height", "1e+2", PXValue(100.0)},
+      {"height", "1e999", std::nullopt},
+      {"height", "", std::nullopt},
       {"visits", "-9223372036854775808", PXValue(INT64_MIN)},
       {"big", "18446744073709551615", PXValue(UINT64_MAX)},
       {"big", "18446744073709551616", PXValue(18446744073709551616.0)},
@@ -122,6 +131,11 @@ TEST(PXJSONRequest, MatchingConvertsEachKindOfPropertyAndHonoursTheSelection) {
       // A number class: strings read as decimals.
       {"count", "7", PXValue(7)},
       {"count", "seven", std::nullopt},
+      // The other names of the same classes.
+      {"note", 5, PXValue("5")},
+      {"nickname", 6, PXValue("6")},
+      {"amount", "7", PXValue(7)},
+      {"since", "2012-05-01T10:20:30+02:00", PXValue(rfc3339)},
       // A date class: RFC 3339, else ISO 8601; other values as they are.
       {"birthday", "2012-05-01T10:20:30+02:00", PXValue(rfc3339)},
       {"birthday", "2012-05-01T10:20:30.123+0200", PXValue(iso8601)},
@@ -248,6 +262,10 @@ TEST(PXJSONRequest, PostsTheDocumentAsJSONAndParsesWhateverBodyCame) {
       EXPECT_EQ(seen.header("Connection"), "Keep-Alive");
     }
   }
+  // Without a response handler the request still runs to its end.
+  auto silent = PXJSONRequest::startedJSONRequestWithURL(server.url("/echo"), empty, PXJSONResponseHandler());
+  ASSERT_TRUE(PXRunLoopUntil([&] { return silent->isCompleted(); }));
+  EXPECT_TRUE(silent->wasSuccessful());
 }
 
 TEST(PXJSONRequest, RefusedStartsAndDocuments) {

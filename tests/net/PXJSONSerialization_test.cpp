@@ -79,6 +79,8 @@ TEST(PXJSONSerialization, JSONifyGivesCompactTextOfValidObjects) {
   EXPECT_EQ(PXJSONSerialization::JSONify(list({1, "a", PXValue::null()})), "[1,\"a\",null]");
   EXPECT_EQ(PXJSONSerialization::JSONify(3.5), "3.5");
   EXPECT_EQ(PXJSONSerialization::JSONify("q\""), "\"q\\\"\"");
+  EXPECT_EQ(PXJSONSerialization::dataWithJSONObject(list({1}), kPXJSONWritingPrettyPrinted)->view(),
+            "[\n  1\n]");
   EXPECT_TRUE(PXJSONSerialization::JSONify(PXValue(PXDate(0))).isAbsent());
   // Valid, but a top-level null cannot be written.
   EXPECT_TRUE(PXJSONSerialization::JSONify(PXValue::null()).isAbsent());

@@ -53,6 +53,8 @@ TEST(PXNetworkAvailabilityMonitor, NetworkStateMapsToFlags) {
       {true, C::Full, true, false, kReachable | kPXNetworkReachabilityFlagsIsWWAN},
       {true, C::Portal, false, false, kReachable | kRequired | kIntervention},
       {true, C::Local, false, false, kReachable | kRequired},
+      {true, C::Limited, false, false, kReachable | kRequired},
+      {true, static_cast<C>(9), false, false, kReachable | kRequired},  // a level this kit does not know
       {false, C::Full, true, false, 0},
       {false, C::Local, false, true, kReachable | kLocal},  // the machine itself needs no network
   };
