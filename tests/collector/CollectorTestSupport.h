@@ -1,10 +1,6 @@
-// Helpers for the collector's tests: a real PostgreSQL server in a temporary
-// directory, the collector as a separate process, and a small HTTP client.
-//
-//   PostgreSQLServer pg;                      // initdb + start, as an unprivileged user
-//   if (!pg.running()) GTEST_SKIP() << pg.whyNot();
-//   CollectorProcess collector({"--db", pg.uri()});
-//   HTTPAnswer a = httpRequest("POST", collector.url() + "/metrics/post", body);
+// Helpers for the collector's tests and benchmarks: a real PostgreSQL server in
+// a temporary directory, the collector as a separate process, an HTTP client,
+// and papercut records as the kit writes them.
 #pragma once
 
 #include <csignal>
@@ -34,9 +30,6 @@ class PostgreSQLServer {
  public:
   explicit PostgreSQLServer(bool durable = false);
   ~PostgreSQLServer();
-  PostgreSQLServer(const PostgreSQLServer&) = delete;
-  PostgreSQLServer& operator=(const PostgreSQLServer&) = delete;
-
   bool running() const { return running_; }
   const std::string& whyNot() const { return whyNot_; }
   // A libpq URI of the server's "postgres" database.
@@ -56,9 +49,6 @@ class CollectorProcess {
  public:
   explicit CollectorProcess(const std::vector<std::string>& args, bool addListen = true);
   ~CollectorProcess() { stop(SIGTERM); }
-  CollectorProcess(const CollectorProcess&) = delete;
-  CollectorProcess& operator=(const CollectorProcess&) = delete;
-
   bool started() const { return !url_.empty(); }
   const std::string& url() const { return url_; }
   // Everything it wrote until now (after stop: until it ended).
@@ -77,11 +67,11 @@ struct HTTPAnswer {
   std::string body;
 };
 
-// A request on a fresh connection, with extra header `headers`.
+// A request on a fresh connection, with the extra header fields `headers`.
 HTTPAnswer httpRequest(const std::string& method, const std::string& url, const std::string& body = "",
                        const std::vector<std::string>& headers = {});
 
-// A papercut record as the kit writes it, with `dataSets` data sets.
+// A papercut record with `dataSets` data sets "test.metric<i % 4>" of primary "p<i>" and value i + 1.
 std::string papercutJSON(const std::string& packageID, long long timestamp = 1764000000, int dataSets = 2,
                          const std::string& applicationVersion = "1.2");
 // A papercut record with a "common.launches" data set of `launches` and a
