@@ -75,9 +75,7 @@ TEST(PXJSONRequest, PropertiesBecomeADictionaryOfPresentValues) {
   employee->member = true;
   employee->big = UINT64_MAX;
   employee->birthday = PXDate(1000.5);
-  employee->employer = "Engines Ltd";
-  // count, payload, extra and origin stay absent and are left out.
-
+  employee->employer = "Engines Ltd";  // the object properties stay absent and are left out
   const PXRef<PXDictionary> all = PXDictionary::dictionaryWithEntries({{"employer", "Engines Ltd"},
                                                                        {"name", "Ada"},
                                                                        {"age", 36},
