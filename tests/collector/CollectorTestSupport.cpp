@@ -1,14 +1,8 @@
 #include "CollectorTestSupport.h"
 
-#include <arpa/inet.h>
 #include <curl/curl.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <filesystem>
 
 namespace fs = std::filesystem;
@@ -22,8 +16,6 @@ TempDir::~TempDir() {
   if (!path_.empty()) fs::remove_all(path_, ec);
 }
 
-// ---- PostgreSQL -------------------------------------------------------------------
-
 PostgreSQLServer::PostgreSQLServer(bool durable) {
   for (const char* version : {"17", "16", "15", "14", "13"}) {
     const std::string candidate = std::string("/usr/lib/postgresql/") + version + "/bin";
@@ -33,17 +25,12 @@ PostgreSQLServer::PostgreSQLServer(bool durable) {
     }
   }
   if (bin_.empty()) {
-    whyNot_ =
-        "PostgreSQL is not installed (no /usr/lib/postgresql/*/bin/initdb; scripts/setup-deps installs it)";
-    return;
-  }
-  if (dir_.path().empty()) {
-    whyNot_ = "no temporary directory";
+    whyNot_ = "PostgreSQL is not installed (scripts/setup-deps installs it)";
     return;
   }
   // The server's files belong to the user it runs as.
-  if (geteuid() == 0 && chown(dir_.path().c_str(), 65534, 65534) != 0) {
-    whyNot_ = "cannot hand the temporary directory to nobody";
+  if (dir_.path().empty() || (geteuid() == 0 && chown(dir_.path().c_str(), 65534, 65534) != 0)) {
+    whyNot_ = "no temporary directory for nobody";
     return;
   }
   std::string output;
@@ -80,12 +67,6 @@ bool PostgreSQLServer::run(const std::vector<std::string>& command, std::string*
   return result.exitStatus == 0;
 }
 
-std::string PostgreSQLServer::uri() const {
-  return "postgresql://collector@/postgres?host=" + dir_.path();
-}
-
-// ---- The collector as a process -------------------------------------------------------
-
 CollectorProcess::CollectorProcess(const std::vector<std::string>& args, bool addListen) {
   std::vector<std::string> argv = {PXKIT_COLLECTOR};
   if (addListen) argv.insert(argv.end(), {"--listen", "127.0.0.1:0"});
@@ -102,10 +83,6 @@ CollectorProcess::CollectorProcess(const std::vector<std::string>& args, bool ad
   if (first->starts_with(prefix)) url_ = first->substr(prefix.size());
 }
 
-CollectorProcess::~CollectorProcess() {
-  stop(SIGTERM);
-}
-
 int CollectorProcess::stop(int signal) {
   if (!child_ || child_->pid() <= 0) return -1;
   if (signal != 0) child_->kill(signal);
@@ -114,8 +91,6 @@ int CollectorProcess::stop(int signal) {
   child_.reset();
   return status;
 }
-
-// ---- HTTP ---------------------------------------------------------------------------------
 
 namespace {
 size_t append(char* data, size_t size, size_t count, void* target) {
@@ -141,42 +116,11 @@ HTTPAnswer httpRequest(const std::string& method, const std::string& url, const 
   curl_easy_setopt(curl, CURLOPT_HTTPHEADER, list);
   curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, append);
   curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answer.body);
-  curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, append);
-  curl_easy_setopt(curl, CURLOPT_HEADERDATA, &answer.headers);
   curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
   if (curl_easy_perform(curl) == CURLE_OK) curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &answer.status);
   curl_slist_free_all(list);
   curl_easy_cleanup(curl);
   return answer;
-}
-
-std::string rawExchange(const std::string& url, const std::string& bytes) {
-  const size_t colon = url.rfind(':');
-  const int port = std::stoi(url.substr(colon + 1));
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  // A guard against a server that never answers, so that a fault fails the test
-  // instead of hanging it; never reached when the collector behaves.
-  const timeval guard{60, 0};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &guard, sizeof guard);
-  std::string reply;
-  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
-    size_t sent = 0;
-    while (sent < bytes.size()) {
-      const ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-      if (n <= 0) break;
-      sent += static_cast<size_t>(n);
-    }
-    shutdown(fd, SHUT_WR);
-    char buffer[4096];
-    for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;)
-      reply.append(buffer, static_cast<size_t>(n));
-  }
-  close(fd);
-  return reply;
 }
 
 std::string papercutJSON(const std::string& packageID, long long timestamp, int dataSets,

@@ -1,12 +1,9 @@
-// Helpers for the collector's tests: a real PostgreSQL server in a temporary
-// directory, the collector as a separate process, and a small HTTP client.
-//
-//   PostgreSQLServer pg;                      // initdb + start, as an unprivileged user
-//   if (!pg.running()) GTEST_SKIP() << pg.whyNot();
-//   CollectorProcess collector({"--db", pg.uri()});
-//   HTTPAnswer a = httpPost(collector.url() + "/metrics/post", body);
+// Helpers for the collector's tests and benchmarks: a real PostgreSQL server in
+// a temporary directory, the collector as a separate process, an HTTP client,
+// and papercut records as the kit writes them.
 #pragma once
 
+#include <csignal>
 #include <memory>
 #include <string>
 #include <vector>
@@ -26,22 +23,17 @@ class TempDir {
   std::string path_;
 };
 
-// A PostgreSQL server of its own: initdb in a temporary directory, listening
-// only on a Unix socket there, run as "nobody" when the tests run as root
-// (PostgreSQL refuses to run as root). Stopped and removed by the destructor.
-// Tests run it without fsync (a killed collector, not a killed server, is what
-// they test); `durable` keeps fsync on, for measurements.
+// A PostgreSQL server of its own, listening only on a Unix socket in a temporary
+// directory, run as "nobody" when the tests run as root. Stopped and removed by
+// the destructor. Without fsync unless `durable` (for measurements).
 class PostgreSQLServer {
  public:
   explicit PostgreSQLServer(bool durable = false);
   ~PostgreSQLServer();
-  PostgreSQLServer(const PostgreSQLServer&) = delete;
-  PostgreSQLServer& operator=(const PostgreSQLServer&) = delete;
-
   bool running() const { return running_; }
   const std::string& whyNot() const { return whyNot_; }
   // A libpq URI of the server's "postgres" database.
-  std::string uri() const;
+  std::string uri() const { return "postgresql://collector@/postgres?host=" + dir_.path(); }
 
  private:
   bool run(const std::vector<std::string>& argv, std::string* output);
@@ -51,18 +43,15 @@ class PostgreSQLServer {
   std::string whyNot_;
 };
 
-// pxkit-collector as a process with `args` and "--listen 127.0.0.1:0" added;
-// the constructor returns once the collector has said where it listens.
+// pxkit-collector as a process with `args` (and "--listen 127.0.0.1:0" when
+// `addListen`); the constructor returns once the collector has said where it listens.
 class CollectorProcess {
  public:
   explicit CollectorProcess(const std::vector<std::string>& args, bool addListen = true);
-  ~CollectorProcess();
-  CollectorProcess(const CollectorProcess&) = delete;
-  CollectorProcess& operator=(const CollectorProcess&) = delete;
-
+  ~CollectorProcess() { stop(SIGTERM); }
   bool started() const { return !url_.empty(); }
   const std::string& url() const { return url_; }
-  // Everything it wrote until now (after kill/stop: until it ended).
+  // Everything it wrote until now (after stop: until it ended).
   const std::string& output() const { return output_; }
   // Sends `signal` (0: none) and waits for the process to end; returns its wait status.
   int stop(int signal);
@@ -76,23 +65,13 @@ class CollectorProcess {
 struct HTTPAnswer {
   long status = 0;  // 0 when no answer came
   std::string body;
-  std::string headers;
 };
 
-// Requests on a fresh connection each time.
+// A request on a fresh connection, with the extra header fields `headers`.
 HTTPAnswer httpRequest(const std::string& method, const std::string& url, const std::string& body = "",
                        const std::vector<std::string>& headers = {});
-inline HTTPAnswer httpPost(const std::string& url, const std::string& body) {
-  return httpRequest("POST", url, body);
-}
-inline HTTPAnswer httpGet(const std::string& url, const std::vector<std::string>& headers = {}) {
-  return httpRequest("GET", url, "", headers);
-}
-// Writes `bytes` raw to the server of `url`, closes the sending side, and
-// returns whatever came back.
-std::string rawExchange(const std::string& url, const std::string& bytes);
 
-// A papercut record as the kit writes it, with `dataSets` data sets.
+// A papercut record with `dataSets` data sets "test.metric<i % 4>" of primary "p<i>" and value i + 1.
 std::string papercutJSON(const std::string& packageID, long long timestamp = 1764000000, int dataSets = 2,
                          const std::string& applicationVersion = "1.2");
 // A papercut record with a "common.launches" data set of `launches` and a

@@ -1,13 +1,9 @@
-// PXWebRequest against a real HTTP server in the process (PXLoopbackServer):
-// response shapes, redirects, keep-alive records, cancellation, bad input,
-// the delegate adapter, change notifications, TLS and a 50 MB body.
+// PXWebRequest against a real HTTP server in the process (PXLoopbackServer).
 #include <curl/curl.h>
 #include <gtest/gtest.h>
 #include <pxkit/net/PXWebRequest.h>
 #include <pxkit/objects/PXArray.h>
-#include <pxkit/objects/PXClock.h>
 #include <pxkit/platform/PXRunLoop.h>
-#include <pxkit/platform/PXTimer.h>
 
 #include <algorithm>
 #include <functional>
@@ -27,14 +23,12 @@ namespace {
 
 using Server = PXLoopbackServer;
 
-// Everything a request reported, in order.
+// What a request reported.
 struct Recorder {
   std::vector<int32_t> events;
   std::vector<uint32_t> flags;
   std::string body;
-  bool keepBody = true;  // false: the `also` handler takes the body
   PXRef<PXError> error;
-  PXRef<PXDictionary> headers;
   uint64_t uniqueID = UINT64_MAX;  // of the tracking record, seen at event 2
   int finishes = 0;
   uint32_t finishFlags = 0;
@@ -44,15 +38,10 @@ struct Recorder {
     return [this](PXWebRequest* request, int32_t event, const PXValue& object, uint32_t eventFlags) {
       events.push_back(event);
       flags.push_back(eventFlags);
-      if (event == kPXWebRequestEventOpened) {
-        if (auto record = PXWebRequestTestHook::record(*request)) {
-          uniqueID = record->objectForKey(kPXWebRequestTrackUniqueIDKey).unsignedLongLongValue();
-        }
-      }
-      if (event == kPXWebRequestEventReceivedHeaders)
-        headers = PXDynamicCast<PXDictionary>(object.objectValue());
+      auto record = event == kPXWebRequestEventOpened ? PXWebRequestTestHook::record(*request) : nullptr;
+      if (record) uniqueID = record->objectForKey(kPXWebRequestTrackUniqueIDKey).unsignedLongLongValue();
       if (event == kPXWebRequestEventError) error = PXDynamicCast<PXError>(object.objectValue());
-      if (event == kPXWebRequestEventReceivedData && keepBody)
+      if (event == kPXWebRequestEventReceivedData)
         body.append(request->createAvailableResponseBodyData()->view());
       if (event == kPXWebRequestEventFinished) {
         ++finishes;
@@ -63,7 +52,6 @@ struct Recorder {
   }
   bool finished() const { return finishes > 0; }
   bool saw(int32_t event) const { return std::find(events.begin(), events.end(), event) != events.end(); }
-  int count(int32_t event) const { return static_cast<int>(std::count(events.begin(), events.end(), event)); }
 };
 
 PXRef<PXWebRequest> makeRequest(const std::string& url, Recorder& recorder, bool keepAlive = true,
@@ -81,18 +69,15 @@ bool hasConnection(const PXRef<PXDictionary>& record) {
   return static_cast<bool>(record->objectForKey(kPXWebRequestTrackReadStreamKey));
 }
 
-// ---- Query URLs -------------------------------------------------------------------------------
-
 TEST(PXWebRequest, GeneratesQueryURLsWithTheKeptLeadingAmpersand) {
   struct Row {
     const char* base;
     std::vector<PXDictionary::Entry> parameters;
     const char* expected;
   } rows[] = {
-      {"http://h/p", {{"a", "b"}}, "http://h/p?&a=b"},
-      {"http://h/p?", {{"a", "b"}}, "http://h/p?&a=b"},
-      {"http://h/p", {{"a", "b"}, {"c", "d"}}, "http://h/p?&a=b&c=d"},
+      {"http://h/p?", {{"a", "b"}, {"c", "d"}}, "http://h/p?&a=b&c=d"},
       {"http://h/p", {}, "http://h/p?"},
+      {"", {{"a", "b"}}, "?&a=b"},
       {"http://h/p", {{"q", "a b&c=d/e+f?#"}}, "http://h/p?&q=a%20b&c=d/e+f?#"},
       {"http://h/p",
        {{"name", "caf\xC3\xA9 \"%<>\\^`{|}[]"}},
@@ -106,8 +91,6 @@ TEST(PXWebRequest, GeneratesQueryURLsWithTheKeptLeadingAmpersand) {
   EXPECT_FALSE(PXWebRequest::generateURLWithBaseURL(PXString(), nullptr));
   EXPECT_EQ(PXWebRequest::generateURLWithBaseURL("http://h/?", nullptr), "http://h/?");
 }
-
-// ---- Response shapes ----------------------------------------------------------------------------
 
 TEST(PXWebRequest, EndsEachResponseShapeAsItsFramingSays) {
   Server server;
@@ -126,10 +109,10 @@ TEST(PXWebRequest, EndsEachResponseShapeAsItsFramingSays) {
   struct Row {
     std::string name, url;
     bool success;
-    bool error;           // event 3 came
-    int64_t total;        // responseBodyTotalLength
-    int32_t status;       // 0: not checked
-    const char* body;     // nullptr: not checked
+    bool error;     // event 3 came
+    int64_t total;  // responseBodyTotalLength
+    int32_t status;
+    const char* body;
     bool connectionKept;  // the tracking record still holds its connection
     const char* method = "GET";
   } rows[] = {
@@ -141,10 +124,10 @@ TEST(PXWebRequest, EndsEachResponseShapeAsItsFramingSays) {
       {"shorter than its length", server.rawURL("/short"), false, false, 100, 200, "only ten b", false},
       {"404 with a body", server.url("/missing"), true, false, 7, 404, "missing", true},
       {"500 with a body", server.url("/broken"), true, false, 6, 500, "broken", true},
-      {"reset in the body", server.rawURL("/reset"), false, true, 100, 0, nullptr, false},
-      {"not HTTP", server.rawURL("/garbage"), false, true, -1, 0, nullptr, false},
-      {"refused", "http://127.0.0.1:" + std::to_string(Server::refusedPort()) + "/", false, true, -1, 0,
-       nullptr, false},
+      {"reset in the body", server.rawURL("/reset"), false, true, 100, 200, "ten bytes.", false},
+      {"not HTTP", server.rawURL("/garbage"), false, true, -1, 0, "", false},
+      {"refused", "http://127.0.0.1:" + std::to_string(Server::refusedPort()) + "/", false, true, -1, 0, "",
+       false},
       // Kept: a header that announces a length no body follows is a short body.
       {"HEAD with a length", server.url("/sized"), false, false, 5, 200, "", false, "HEAD"},
   };
@@ -161,44 +144,27 @@ TEST(PXWebRequest, EndsEachResponseShapeAsItsFramingSays) {
 
     EXPECT_EQ(recorder.finishes, 1);
     EXPECT_EQ(recorder.events.front(), kPXWebRequestEventWillStart);
-    EXPECT_EQ(recorder.events.back(), kPXWebRequestEventFinished);
     EXPECT_EQ(recorder.finishFlags, row.success ? kPXWebRequestFinishedSuccess : 0u);
     EXPECT_EQ(request->wasSuccessful(), row.success);
-    EXPECT_EQ(recorder.saw(kPXWebRequestEventError), row.error);
     EXPECT_EQ(static_cast<bool>(request->lastError()), row.error);
+    const size_t n = recorder.events.size();
+    // Event 3, when it comes, comes right before the finish.
+    EXPECT_EQ(recorder.events[n - 2] == kPXWebRequestEventError, row.error);
     if (row.error) {
-      ASSERT_TRUE(recorder.error);
       EXPECT_EQ(recorder.error->domain(), kPXWebRequestErrorDomain);
-      EXPECT_FALSE(recorder.error->localizedDescription().empty());
       EXPECT_EQ(recorder.error->userInfo()->objectForKey(kPXWebRequestErrorURLKey).stringValue(), row.url);
-      // Event 3 comes right before the finish.
-      ASSERT_GE(recorder.events.size(), 2u);
-      EXPECT_EQ(recorder.events[recorder.events.size() - 2], kPXWebRequestEventError);
     }
     EXPECT_EQ(request->responseBodyTotalLength(), row.total);
-    if (row.status) {
-      EXPECT_EQ(request->responseStatusCode(), row.status);
-      EXPECT_EQ(recorder.count(kPXWebRequestEventReceivedHeaders), 1);
-      EXPECT_EQ(recorder.count(kPXWebRequestEventOpened), 1);
-    }
-    if (row.body) {
-      EXPECT_EQ(recorder.body, row.body);
-      EXPECT_EQ(request->responseBodyReceivedBytes(), static_cast<int64_t>(std::string(row.body).size()));
-    }
-    if (row.total > 0 && row.success) {
-      // The last data event of a sized body says it is the final data.
-      auto last = std::find(recorder.events.rbegin(), recorder.events.rend(), kPXWebRequestEventReceivedData);
-      ASSERT_NE(last, recorder.events.rend());
-      EXPECT_EQ(recorder.flags[recorder.events.rend() - last - 1], kPXWebRequestDataFinal);
-    }
+    EXPECT_EQ(request->responseStatusCode(), row.status);
+    EXPECT_EQ(recorder.body, row.body);
+    // The last data event of a complete sized body says it is the final data.
+    EXPECT_TRUE(!(row.total > 0 && row.success) || recorder.flags[n - 2] == kPXWebRequestDataFinal);
     if (record) {
       EXPECT_EQ(hasConnection(record), row.connectionKept);
       EXPECT_FALSE(record->objectForKey(kPXWebRequestTrackIsUsedKey));
     }
   }
 }
-
-// ---- Redirects ----------------------------------------------------------------------------------
 
 TEST(PXWebRequest, FollowsRedirectChainsUpToTheLimit) {
   Server server;
@@ -209,18 +175,12 @@ TEST(PXWebRequest, FollowsRedirectChainsUpToTheLimit) {
     return Server::Response("moving", left % 2 ? 301 : 302)
         .header("Location", server.url("/hop") + "?" + std::to_string(left - 1));
   });
-  server.handle("/loop", [&server](const Server::Request&) {
-    return Server::Response("", 302).header("Location", server.url("/loop"));
-  });
   struct Row {
     std::string url;
     bool success;
   } rows[] = {
-      {server.url("/hop?2"), true},
-      {server.url("/hop?") + std::to_string(kPXWebRequestMaxRedirects - 1), true},
       {server.url("/hop?") + std::to_string(kPXWebRequestMaxRedirects), true},
       {server.url("/hop?") + std::to_string(kPXWebRequestMaxRedirects + 1), false},
-      {server.url("/loop"), false},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.url);
@@ -228,23 +188,14 @@ TEST(PXWebRequest, FollowsRedirectChainsUpToTheLimit) {
     auto request = makeRequest(row.url, recorder);
     runToFinish(*request, recorder);
     EXPECT_EQ(request->wasSuccessful(), row.success);
-    EXPECT_EQ(recorder.saw(kPXWebRequestEventError), !row.success);
-    if (row.success) {
-      EXPECT_EQ(recorder.body, "arrived");  // the redirects' own bodies are not reported
-      EXPECT_EQ(recorder.count(kPXWebRequestEventReceivedHeaders), 1);
-      EXPECT_EQ(request->responseStatusCode(), 200);
-    } else {
-      EXPECT_FALSE(recorder.saw(kPXWebRequestEventReceivedHeaders));
-      EXPECT_EQ(recorder.error->code(), CURLE_TOO_MANY_REDIRECTS);
-    }
+    // The redirects' own headers and bodies are not reported.
+    EXPECT_EQ(recorder.saw(kPXWebRequestEventReceivedHeaders), row.success);
+    EXPECT_EQ(recorder.body, row.success ? "arrived" : "");
+    EXPECT_EQ(recorder.error ? recorder.error->code() : 0, row.success ? 0 : CURLE_TOO_MANY_REDIRECTS);
   }
-  // The loop was left after the limit: its first request and the redirects followed.
-  auto seen = server.requests();
-  EXPECT_EQ(std::count_if(seen.begin(), seen.end(), [](const auto& r) { return r.path == "/loop"; }),
-            kPXWebRequestMaxRedirects + 1);
+  // The long chain was left after the limit: its first request and the redirects followed.
+  EXPECT_EQ(server.requests().size(), 2u * (kPXWebRequestMaxRedirects + 1));
 }
-
-// ---- Bad input ---------------------------------------------------------------------------------------
 
 TEST(PXWebRequest, RefusesToStartWithoutAUsableURLOrMethod) {
   struct Row {
@@ -272,8 +223,6 @@ TEST(PXWebRequest, RefusesToStartWithoutAUsableURLOrMethod) {
   }
 }
 
-// ---- Keep-alive ------------------------------------------------------------------------------------
-
 TEST(PXWebRequest, KeptConnectionsAreReusedUntilTheServerSaysClose) {
   Server server;
   server.handle("/item", [](const Server::Request&) { return Server::Response("item"); });
@@ -287,6 +236,7 @@ TEST(PXWebRequest, KeptConnectionsAreReusedUntilTheServerSaysClose) {
   ASSERT_TRUE(PXRunLoopUntil([&] { return first.finished() && second.finished(); }));
   EXPECT_TRUE(a->wasSuccessful() && b->wasSuccessful());
   EXPECT_NE(first.uniqueID, second.uniqueID) << "simultaneous requests take two records";
+  EXPECT_FALSE(a->startRequestInRunLoopMode(kPXDefaultRunLoopMode)) << "a request starts once";
 
   auto c = makeRequest(server.url("/item"), third);
   runToFinish(*c, third);
@@ -295,12 +245,9 @@ TEST(PXWebRequest, KeptConnectionsAreReusedUntilTheServerSaysClose) {
   EXPECT_EQ(server.acceptedConnections(), 2);  // sent over the first record's open connection
   auto records = PXWebRequestTestHook::records();
   ASSERT_EQ(records.size(), 2u);
-  for (const auto& record : records) {
-    EXPECT_EQ(record->objectForKey(kPXWebRequestTrackHostTrackingIDKey).stringValue(),
-              "http_127.0.0.1_" + std::to_string(server.port()));
-    EXPECT_TRUE(hasConnection(record));
-    EXPECT_FALSE(record->objectForKey(kPXWebRequestTrackIsUsedKey));
-  }
+  EXPECT_EQ(records[0]->objectForKey(kPXWebRequestTrackHostTrackingIDKey).stringValue(),
+            "http_127.0.0.1_" + std::to_string(server.port()));
+  EXPECT_TRUE(hasConnection(records[0]) && hasConnection(records[1]));
 
   // "Connection: CLOSE", in any case, closes the kept connection it came over.
   auto d = makeRequest(server.url("/close"), closing);
@@ -310,19 +257,15 @@ TEST(PXWebRequest, KeptConnectionsAreReusedUntilTheServerSaysClose) {
   EXPECT_EQ(std::count_if(records.begin(), records.end(), [](const auto& r) { return !hasConnection(r); }),
             1);
 
-  // Without keep-alive every request has a connection of its own and no record.
-  for (int round = 0; round < 2; ++round) {
-    Recorder plain;
-    auto request = makeRequest(server.url("/item"), plain, /*keepAlive=*/false);
-    runToFinish(*request, plain);
-    EXPECT_EQ(plain.body, "item");
-    EXPECT_EQ(server.requests().back().header("Connection"), "close");
-  }
-  EXPECT_EQ(server.acceptedConnections(), 4);
+  // Without keep-alive a request has a connection of its own and no record.
+  Recorder plain;
+  auto e = makeRequest(server.url("/item"), plain, /*keepAlive=*/false);
+  runToFinish(*e, plain);
+  EXPECT_EQ(plain.body, "item");
+  EXPECT_EQ(server.requests().back().header("Connection"), "close");
+  EXPECT_EQ(server.acceptedConnections(), 3);
   EXPECT_EQ(PXWebRequestTestHook::records().size(), 2u);
 }
-
-// ---- The message -------------------------------------------------------------------------------------
 
 TEST(PXWebRequest, SendsItsBodyWithTheKitsHeaderFields) {
   Server server;
@@ -332,13 +275,15 @@ TEST(PXWebRequest, SendsItsBodyWithTheKitsHeaderFields) {
   struct Row {
     std::vector<PXDictionary::Entry> headers;
     const char* contentType;
+    const char* expect = "";  // none unless the caller asks for one
   } rows[] = {
       {{}, "application/data"},
       {{{"Content-Type", "application/json"}, {"X-Number", 7}, {"X-Extra", "yes"}}, "application/json"},
+      {{{"Expect", "100-continue"}, {"X-Empty", ""}, {1, "not a name"}}, "application/data", "100-continue"},
   };
   for (const Row& row : rows) {
     Recorder recorder;
-    std::string payload(3000, 'p');
+    std::string payload(70000, 'p');  // larger than libcurl's upload buffer
     auto request = makeRequest(server.url("/post"), recorder, true, "POST", PXData::dataWithString(payload));
     recorder.also = [&](PXWebRequest* r, int32_t event) {
       // Event 1 comes before the message is built: headers set here are sent.
@@ -346,20 +291,19 @@ TEST(PXWebRequest, SendsItsBodyWithTheKitsHeaderFields) {
         r->setRequestHeaders(PXDictionary::dictionaryWithEntries(row.headers));
     };
     runToFinish(*request, recorder);
-    EXPECT_EQ(recorder.body, "3000");
+    EXPECT_EQ(recorder.body, "70000");
     const Server::Request seen = server.requests().back();
     EXPECT_EQ(seen.method, "POST");
     EXPECT_EQ(seen.body, payload);
     EXPECT_EQ(seen.header("Content-Type"), row.contentType);
-    EXPECT_EQ(seen.header("Content-Length"), "3000");
+    EXPECT_EQ(seen.header("Content-Length"), "70000");
     EXPECT_EQ(seen.header("Connection"), "Keep-Alive");
     EXPECT_FALSE(seen.hasHeader("X-Number"));  // not a string: skipped
-    EXPECT_FALSE(seen.hasHeader("Expect"));
+    EXPECT_EQ(seen.header("Expect"), row.expect);
   }
   EXPECT_EQ(server.requests()[1].header("X-Extra"), "yes");
+  EXPECT_TRUE(server.requests()[2].hasHeader("X-Empty"));
 }
-
-// ---- Cancelling -------------------------------------------------------------------------------------
 
 TEST(PXWebRequest, CancelBeforeStartFinishesAsCancelledAndStartThenFails) {
   Recorder recorder;
@@ -391,9 +335,7 @@ TEST(PXWebRequest, AnotherThreadEndsAStalledTransferAtOnceByCancellingOrReleasin
     if (cancel) {
       std::thread([&] { request->cancel(); }).join();
       ASSERT_TRUE(PXRunLoopUntil([&] { return recorder.finished(); }));
-      EXPECT_EQ(recorder.finishes, 1);
       EXPECT_EQ(recorder.finishFlags, kPXWebRequestFinishedCancelled);
-      EXPECT_TRUE(request->wasCancelled());
       EXPECT_FALSE(hasConnection(record));
       EXPECT_FALSE(record->objectForKey(kPXWebRequestTrackIsUsedKey));
     } else {
@@ -410,68 +352,22 @@ TEST(PXWebRequest, AnotherThreadEndsAStalledTransferAtOnceByCancellingOrReleasin
   }
 }
 
-// ---- Threads and time --------------------------------------------------------------------------------
-
-TEST(PXWebRequest, RunsOnTheRunLoopOfTheThreadThatStartedIt) {
-  Server server;
-  server.handle("/item", [](const Server::Request&) { return Server::Response("item"); });
-  std::thread::id worker, calledOn[2];
-  std::string bodies[2];
-  auto run = [&](int slot) {
-    Recorder recorder;
-    recorder.also = [&, slot](PXWebRequest*, int32_t) { calledOn[slot] = std::this_thread::get_id(); };
-    auto request = makeRequest(server.url("/item"), recorder);
-    runToFinish(*request, recorder);
-    bodies[slot] = recorder.body;
-  };
-  std::thread thread([&] {
-    worker = std::this_thread::get_id();
-    run(0);
-  });
-  thread.join();
-  run(1);  // the main thread's loop has a transport of its own
-  EXPECT_EQ(calledOn[0], worker);
-  EXPECT_EQ(calledOn[1], std::this_thread::get_id());
-  EXPECT_EQ(bodies[0], "item");
-  EXPECT_EQ(bodies[1], "item");
-  // The record's open connection went from the worker's loop to this one.
-  EXPECT_EQ(server.acceptedConnections(), 1);
-}
-
-TEST(PXWebRequest, VirtualTimeWaitsForTheAnswerInFlight) {
-  Server server;
-  server.handle("/item", [](const Server::Request&) { return Server::Response("item"); });
-  PXScopedVirtualClock clock(PXDate(0));
-  bool fired = false;
-  auto timer = PXTimer::scheduledTimerWithTimeInterval(30, false, [&](PXTimer*) { fired = true; });
-  Recorder recorder;
-  auto request = makeRequest(server.url("/item"), recorder);
-  ASSERT_TRUE(request->startRequestInRunLoopMode(kPXDefaultRunLoopMode));
-  // Idle while the answer travels: time must not jump to the timer meanwhile.
-  ASSERT_TRUE(PXRunLoopUntil([&] { return recorder.finished(); }, {.maxVirtualSeconds = 3600}));
-  EXPECT_FALSE(fired);
-  EXPECT_EQ(PXDate::now().timeIntervalSinceReferenceDate(), 0.0);
-  EXPECT_EQ(recorder.body, "item");
-  timer->invalidate();
-}
-
-// ---- Self-retention, delegate, observers -------------------------------------------------------------
-
 class RecordingDelegate : public PXWebRequestDelegate {
  public:
   std::vector<std::string> calls;
-  std::string body;
   bool keepReading = true;
   bool respondsToSelector(std::string_view selector) const override {
-    return selector != "webRequest:connectionError:";
+    return selector != "webRequest:receivedHeaders:expectedContentLength:" || keepReading;
+  }
+  void webRequestConnectionError(PXWebRequest*, PXError* error) override {
+    calls.push_back(error ? "error" : "error without error");
   }
   void webRequestReceivedHeaders(PXWebRequest*, PXDictionary* headers, int64_t expected) override {
     calls.push_back("headers " + std::to_string(expected) + " " +
                     std::string(headers->objectForKey("Content-Length").stringValue()));
   }
   bool webRequestReceivedNewData(PXWebRequest*, PXRef<PXData> data, bool finalData) override {
-    body.append(data->view());
-    calls.push_back(finalData ? "data final" : "data");
+    calls.push_back(std::string(data->view()) + (finalData ? " final" : ""));
     return keepReading;
   }
   void webRequestFinishedWithSuccess(PXWebRequest*, bool success, bool canceled) override {
@@ -482,12 +378,15 @@ class RecordingDelegate : public PXWebRequestDelegate {
 TEST(PXWebRequest, StartedRequestsLiveUntilTheyFinishAndTellTheirDelegate) {
   Server server;
   server.handle("/item", [](const Server::Request&) { return Server::Response("delegated"); });
+  const std::string refused = "http://127.0.0.1:" + std::to_string(Server::refusedPort()) + "/";
   struct Row {
-    bool keepReading;
+    std::string url;
+    bool keepReading;  // false: headers not wanted, and NO from the data call cancels
     std::vector<std::string> calls;
   } rows[] = {
-      {true, {"headers 9 9", "data final", "finished 10"}},
-      {false, {"headers 9 9", "data final", "finished 01"}},  // NO from the data call cancels
+      {server.url("/item"), true, {"headers 9 9", "delegated final", "finished 10"}},
+      {server.url("/item"), false, {"delegated final", "finished 01"}},
+      {refused, true, {"error", "finished 00"}},
   };
   for (const Row& row : rows) {
     auto delegate = PXMake<RecordingDelegate>();
@@ -495,85 +394,55 @@ TEST(PXWebRequest, StartedRequestsLiveUntilTheyFinishAndTellTheirDelegate) {
     PXWeakRef<PXWebRequest> weak;
     {
       auto request = PXWebRequest::startedGETRequestForURL(
-          server.url("/item"),
-          PXWebRequest::eventHandlerForDelegate(delegate, /*retainDelegateUntilCompletion=*/true));
+          row.url, PXWebRequest::eventHandlerForDelegate(delegate, /*retainDelegateUntilCompletion=*/true));
       ASSERT_TRUE(request);
       EXPECT_TRUE(request->autoRetainUntilRequestCompletion());
       weak = request;
     }
     ASSERT_TRUE(PXRunLoopUntil([&] { return delegate->calls.size() == row.calls.size(); }));
     EXPECT_EQ(delegate->calls, row.calls);
-    EXPECT_EQ(delegate->body, "delegated");
     EXPECT_FALSE(weak.lock());               // gone after its finish
     EXPECT_EQ(delegate->retainCount(), 1u);  // the handler let go of it
   }
   EXPECT_FALSE(PXWebRequest::eventHandlerForDelegate(nullptr, true));
+  // A weakly held delegate that is gone hears nothing.
+  auto gone = PXMake<RecordingDelegate>();
+  PXWeakRef<RecordingDelegate> weakDelegate = gone;
+  auto forward = PXWebRequest::eventHandlerForDelegate(gone, /*retainDelegateUntilCompletion=*/false);
+  gone = nullptr;
+  EXPECT_FALSE(weakDelegate.lock());
+  forward(nullptr, kPXWebRequestEventFinished, PXValue(), 0);
 }
-
-TEST(PXWebRequest, AWeaklyHeldDelegateThatIsGoneHearsNothing) {
-  Server server;
-  server.handle("/item", [](const Server::Request&) { return Server::Response("x"); });
-  auto delegate = PXMake<RecordingDelegate>();
-  Recorder recorder;
-  auto forward = PXWebRequest::eventHandlerForDelegate(delegate, /*retainDelegateUntilCompletion=*/false);
-  EXPECT_EQ(delegate->retainCount(), 1u);
-  auto request = makeRequest(server.url("/item"), recorder);
-  auto base = recorder.handler();
-  request->setEventHandler([&, forward, base](PXWebRequest* r, int32_t e, const PXValue& o, uint32_t f) {
-    if (e == kPXWebRequestEventOpened) delegate = nullptr;  // the delegate goes away mid-request
-    forward(r, e, o, f);
-    base(r, e, o, f);
-  });
-  runToFinish(*request, recorder);
-  EXPECT_EQ(recorder.body, "x");  // the data stayed for the request's own reader
-  EXPECT_FALSE(delegate);
-}
-
-class OutcomeObserver : public PXObject {
- public:
-  std::vector<std::string> seen;
-  void observeValueForKeyPath(const PXString& keyPath, PXObject*, const PXDictionary& change,
-                              void*) override {
-    seen.push_back(keyPath.str() + "=" + change.objectForKey(kPXKeyValueChangeNewKey).description().str());
-  }
-};
-
-TEST(PXWebRequest, AnnouncesItsOutcomeBeforeTheFinishEvent) {
-  Server server;
-  server.handle("/item", [](const Server::Request&) { return Server::Response("x"); });
-  auto observer = PXMake<OutcomeObserver>();
-  Recorder recorder;
-  auto request = makeRequest(server.url("/item"), recorder);
-  for (const char* key : {"isComplete", "wasSuccessful", "wasCancelled"}) {
-    request->addObserver(observer.get(), key, PXKeyValueObservingOptionNew, nullptr);
-  }
-  size_t seenAtFinish = 0;
-  recorder.also = [&](PXWebRequest*, int32_t event) {
-    if (event == kPXWebRequestEventFinished) seenAtFinish = observer->seen.size();
-  };
-  runToFinish(*request, recorder);
-  EXPECT_EQ(observer->seen, (std::vector<std::string>{"isComplete=1", "wasSuccessful=1", "wasCancelled=0"}));
-  EXPECT_EQ(seenAtFinish, 3u);
-  EXPECT_TRUE(request->valueForKey("isComplete").boolValue());
-  for (const char* key : {"isComplete", "wasSuccessful", "wasCancelled"})
-    request->removeObserver(observer.get(), key);
-}
-
-// ---- TLS ---------------------------------------------------------------------------------------------
 
 TEST(PXWebRequest, SpeaksTLSWithTheCertificateSettingsItUnderstands) {
   Server server({.https = true});
   server.handle("/secure", [](const Server::Request&) { return Server::Response("secret"); });
+  const char* const kCA = kPXWebRequestSSLCertificateAuthorityFile;
+  const std::string ca = server.certificateFile();
   struct Row {
     const char* name;
     std::vector<PXDictionary::Entry> options;
     bool success;
   } rows[] = {
-      {"trusted authority", {{kPXWebRequestSSLCertificateAuthorityFile, server.certificateFile()}}, true},
+      {"trusted authority", {{kCA, ca}}, true},
       {"system authorities", {}, false},
       {"chain not validated", {{kPXWebRequestSSLValidatesCertificateChain, false}}, true},
       {"any root", {{kPXWebRequestSSLAllowsAnyRoot, true}}, true},
       {"validated on purpose", {{kPXWebRequestSSLValidatesCertificateChain, true}}, false},
+      {"expired certificates", {{kPXWebRequestSSLAllowsExpiredCertificates, true}}, true},
+      {"expired roots", {{kPXWebRequestSSLAllowsExpiredRoots, 1}}, true},
+      {"an option that is no boolean", {{kPXWebRequestSSLAllowsAnyRoot, "yes"}}, false},
+      {"any host name",
+       {{kPXWebRequestSSLPeerName, PXValue::null()}, {kPXWebRequestSSLAllowsAnyRoot, true}},
+       true},
+      // Only a null peer name changes anything.
+      {"a peer name",
+       {{kPXWebRequestSSLPeerName, "other"}, {kPXWebRequestSSLCertificateAuthorityFile, ca}},
+       true},
+      {"TLS 1.0 at least", {{kPXWebRequestSSLLevel, "kCFStreamSocketSecurityLevelTLSv1"}, {kCA, ca}}, true},
+      {"negotiated", {{kPXWebRequestSSLLevel, "kCFStreamSocketSecurityLevelNegotiatedSSL"}, {kCA, ca}}, true},
+      {"another level", {{kPXWebRequestSSLLevel, "SSLv2"}, {kCA, ca}}, true},
+      {"a level that is no text", {{kPXWebRequestSSLLevel, 3}, {kCA, ca}}, true},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -587,39 +456,6 @@ TEST(PXWebRequest, SpeaksTLSWithTheCertificateSettingsItUnderstands) {
       EXPECT_EQ(recorder.body, "secret");
     }
   }
-}
-
-// ---- A large body -------------------------------------------------------------------------------------
-
-TEST(PXWebRequest, TakesA50MegabyteBodyPieceByPieceInBoundedMemory) {
-  constexpr uint64_t kLength = 50ull * 1024 * 1024;
-  Server server;
-  server.handleRaw("/large", Server::RawResponse(
-                                 "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(kLength) + "\r\n\r\n",
-                                 Server::RawEnding::Close, kLength));
-  uint64_t offset = 0;
-  size_t largestPiece = 0, pieces = 0;
-  bool intact = true, finalSeen = false;
-  Recorder recorder;
-  recorder.keepBody = false;
-  recorder.also = [&](PXWebRequest* r, int32_t event) {
-    if (event != kPXWebRequestEventReceivedData) return;
-    finalSeen = recorder.flags.back() == kPXWebRequestDataFinal;
-    PXRef<PXData> piece = r->createAvailableResponseBodyData();
-    largestPiece = std::max(largestPiece, piece->length());
-    ++pieces;
-    intact = intact && Server::matchesPattern(offset, piece->view());
-    offset += piece->length();
-  };
-  auto request = makeRequest(server.rawURL("/large"), recorder);
-  runToFinish(*request, recorder);
-  EXPECT_EQ(recorder.finishFlags, kPXWebRequestFinishedSuccess);
-  EXPECT_EQ(offset, kLength);
-  EXPECT_TRUE(intact);
-  EXPECT_TRUE(finalSeen);
-  EXPECT_GT(pieces, 16u);
-  EXPECT_LE(largestPiece, 4u * 1024 * 1024);  // taken as it came, never the whole body at once
-  EXPECT_EQ(request->responseBodyReceivedBytes(), static_cast<int64_t>(kLength));
 }
 
 }  // namespace
