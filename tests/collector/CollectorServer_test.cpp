@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <fstream>
 #include <string>
 #include <thread>
 
@@ -71,12 +73,6 @@ TEST(CollectorServer, BadRequestsGetAJSONErrorAndNoReceiptAndGoodOnesAlwaysTheSa
   EXPECT_EQ(metric.body,
             "{\"identifier\":\"test.metric1\",\"from\":\"2025-11-24\",\"to\":\"2025-11-24\",\"days\":"
             "[{\"day\":\"2025-11-24\",\"primary\":\"p1\",\"secondary\":\"\",\"sum\":4}]}");
-  // The dashboard plots what is stored, for the metric its query chooses.
-  const std::string page = httpRequest("GET", collector.url() + "/?metric=test.metric1").body;
-  const size_t chart = page.find("id=\"metric-per-day\"");
-  EXPECT_NE(page.find("data-label=\"2025-11-24\" data-value=\"4\"", chart), std::string::npos) << page;
-  EXPECT_NE(page.find("<b id=\"rejected-count\">1</b>"), std::string::npos);
-  EXPECT_EQ(page.find("<script"), std::string::npos);  // the page has none, and brings in none
 }
 
 // Every papercut whose receipt reached the client is on disk, however the
@@ -167,6 +163,55 @@ TEST(CollectorServer, RefusesToStartWhereItShouldNot) {
   CollectorProcess help({"--help"}, false);
   help.stop(0);
   EXPECT_NE(help.output().find("--listen ADDR:PORT"), std::string::npos);
+}
+
+// The dashboard as a browser shows it: headless Chromium draws the page of a
+// running collector, the DOM it built carries the plotted figures, and the page
+// renders to a screenshot.
+TEST(Dashboard, ChromiumDrawsTheStoredFigures) {
+  constexpr const char* kChromium = "/usr/bin/chromium";
+  if (access(kChromium, X_OK) != 0) GTEST_SKIP() << "no " << kChromium << " (scripts/setup-deps installs it)";
+  TempDir dir;
+  CollectorProcess collector({"--db", dir.path() + "/p.db"});
+  ASSERT_TRUE(collector.started()) << collector.output();
+  const long long day1 = 1764000000, day2 = day1 + 86400;
+  const std::string body = submissionJSON(
+      {launchesJSON("a", day1, "2.0", "13.1", 4), launchesJSON("b", day1 + 5, "2.1", "13.1", 3),
+       launchesJSON("c", day2, "2.1", "13.2", 9), "{\"packageID\":\"<script>\"}"});
+  ASSERT_EQ(httpRequest("POST", collector.url() + "/metrics/post", body).status, 200);
+  auto chromium = [&](const std::string& mode, const std::string& query) {
+    return PXSubprocess::run({kChromium, "--headless", "--no-sandbox", "--disable-gpu", "--no-first-run",
+                              "--disable-background-networking", "--disable-component-update",
+                              "--user-data-dir=" + dir.path() + "/profile", "--window-size=900,1400", mode,
+                              collector.url() + "/" + query});
+  };
+  // The value of the bar labelled `label` in the chart `chart`, as the browser holds it.
+  auto plotted = [](const std::string& dom, const std::string& chart, const std::string& label) {
+    const size_t start = dom.find("id=\"" + chart + "\"");
+    const size_t at = dom.find("data-label=\"" + label + "\" data-value=\"", start);
+    if (start == std::string::npos || at == std::string::npos || at > dom.find("</svg>", start))
+      return std::string();
+    const size_t value = dom.find("data-value=\"", at) + 12;
+    return dom.substr(value, dom.find('"', value) - value);
+  };
+  PXSubprocess::Result page = chromium("--dump-dom", "");
+  ASSERT_EQ(page.exitStatus, 0) << page.output;
+  EXPECT_EQ(plotted(page.output, "papercuts-per-day", "2025-11-24"), "2");
+  EXPECT_EQ(plotted(page.output, "papercuts-per-day", "2025-11-25"), "1");
+  EXPECT_EQ(plotted(page.output, "metric-per-day", "2025-11-24"), "7");  // common.launches: 4 + 3
+  EXPECT_EQ(plotted(page.output, "application-versions", "org.example.Editor 2.1"), "2");
+  EXPECT_EQ(plotted(page.output, "os-versions", "13.1"), "2");
+  EXPECT_NE(page.output.find("<b id=\"rejected-count\">1</b>"), std::string::npos);
+  EXPECT_EQ(page.output.find("<script"), std::string::npos);  // the page has none, and brings in none
+  page = chromium("--dump-dom", "?metric=common.osversion");  // another metric, through the page's query
+  EXPECT_EQ(plotted(page.output, "metric-per-day", "2025-11-24"), "2");
+
+  const std::string png = dir.path() + "/dashboard.png";
+  ASSERT_EQ(chromium("--screenshot=" + png, "").exitStatus, 0);
+  std::ifstream file(png, std::ios::binary);
+  const std::string shot((std::istreambuf_iterator<char>(file)), {});
+  EXPECT_EQ(shot.substr(0, 8), "\x89PNG\r\n\x1a\n");
+  EXPECT_GT(shot.size(), 10000u);  // a drawn page, not a blank one
 }
 
 TEST(Dashboard, TextFromSubmissionsIsEscaped) {
