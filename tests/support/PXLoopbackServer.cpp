@@ -1,80 +1,59 @@
 #include "support/PXLoopbackServer.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
 #include <libsoup/soup.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <future>
 #include <stdexcept>
+#include <thread>
 
 #include "platform/internal/GLibHandles.h"
+#include "support/PXSubprocess.h"
 
 namespace {
 
-bool equalsNoCase(std::string_view a, std::string_view b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                    [](char x, char y) { return g_ascii_tolower(x) == g_ascii_tolower(y); });
-}
-
 // A socket listening on an ephemeral port of 127.0.0.1, and that port.
-std::pair<int, uint16_t> listenLoopback() {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{
-      .sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
-  socklen_t length = sizeof address;
-  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(fd, 64) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    if (fd >= 0) close(fd);
+std::pair<pxkit::glib::Object<GSocket>, uint16_t> listenLoopback() {
+  pxkit::glib::Object<GSocket> socket(
+      g_socket_new(G_SOCKET_FAMILY_IPV4, G_SOCKET_TYPE_STREAM, G_SOCKET_PROTOCOL_TCP, nullptr));
+  pxkit::glib::Object<GInetAddress> loopback(g_inet_address_new_loopback(G_SOCKET_FAMILY_IPV4));
+  pxkit::glib::Object<GSocketAddress> any(g_inet_socket_address_new(loopback.get(), 0));
+  if (!socket || !g_socket_bind(socket.get(), any.get(), FALSE, nullptr) ||
+      !g_socket_listen(socket.get(), nullptr))
     throw std::runtime_error("PXLoopbackServer: cannot listen on 127.0.0.1");
-  }
-  return {fd, ntohs(address.sin_port)};
-}
-
-// Sends everything; false once the peer is gone.
-bool sendAll(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t sent = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    if (sent < 0 && errno == EINTR) continue;
-    if (sent <= 0) return false;
-    bytes.remove_prefix(static_cast<size_t>(sent));
-  }
-  return true;
+  pxkit::glib::Object<GSocketAddress> bound(g_socket_get_local_address(socket.get(), nullptr));
+  return {std::move(socket), g_inet_socket_address_get_port(G_INET_SOCKET_ADDRESS(bound.get()))};
 }
 
 }  // namespace
 
-std::string PXLoopbackServer::Request::header(std::string_view name) const {
-  for (const auto& [key, value] : headers) {
-    if (equalsNoCase(key, name)) return value;
-  }
-  return {};
-}
-
-bool PXLoopbackServer::Request::hasHeader(std::string_view name) const {
-  return std::any_of(headers.begin(), headers.end(),
-                     [&](const auto& field) { return equalsNoCase(field.first, name); });
-}
-
 struct PXLoopbackServer::Soup {
   PXLoopbackServer* owner;
   std::thread thread;
+  std::atomic<bool> stopping{false};
   // Made before the thread starts and freed after it has been joined.
   pxkit::glib::MainContext context{g_main_context_new()};
-  pxkit::glib::MainLoop mainLoop{g_main_loop_new(context.get(), FALSE)};
+  pxkit::glib::Object<GCancellable> cancel{g_cancellable_new()};  // ends raw reads and writes
+  std::vector<pxkit::glib::Object<GSocketConnection>> stalled;    // raw connections kept open
 
-  void run(std::promise<std::pair<uint16_t, uint16_t>>& ready) {
+  void run(std::promise<void>& ready) {
     pxkit::glib::ThreadDefaultContext current(context.get());
     pxkit::glib::Object<SoupServer> server(soup_server_new(nullptr, nullptr));
     g_signal_connect(server.get(), "request-started", G_CALLBACK(&Soup::requestStarted), owner);
     soup_server_add_handler(server.get(), nullptr, &Soup::serve, owner, nullptr);
+    pxkit::glib::Object<GSocketService> raw(g_socket_service_new());
+    g_signal_connect(raw.get(), "incoming", G_CALLBACK(&Soup::serveRaw), this);
+    auto listen = [&](SoupServerListenOptions options) {
+      auto [socket, port] = listenLoopback();
+      pxkit::glib::Error error;
+      if (!soup_server_listen_socket(server.get(), socket.get(), options, pxkit::glib::out(error)))
+        throw std::runtime_error(std::string("PXLoopbackServer: listen: ") + error->message);
+      return port;
+    };
     try {
-      const uint16_t plain = listen(server.get(), SoupServerListenOptions(0));
-      uint16_t secure = 0;
+      owner->port_ = listen(SoupServerListenOptions(0));
       if (owner->options_.https) {
         pxkit::glib::Error error;
         pxkit::glib::Object<GTlsCertificate> certificate(g_tls_certificate_new_from_files(
@@ -83,25 +62,20 @@ struct PXLoopbackServer::Soup {
         if (!certificate)
           throw std::runtime_error(std::string("PXLoopbackServer: certificate: ") + error->message);
         soup_server_set_tls_certificate(server.get(), certificate.get());
-        secure = listen(server.get(), SOUP_SERVER_LISTEN_HTTPS);
+        owner->httpsPort_ = listen(SOUP_SERVER_LISTEN_HTTPS);
       }
-      ready.set_value({plain, secure});
+      auto [socket, port] = listenLoopback();
+      g_socket_listener_add_socket(G_SOCKET_LISTENER(raw.get()), socket.get(), nullptr, nullptr);
+      owner->rawPort_ = port;
+      ready.set_value();
     } catch (...) {
       ready.set_exception(std::current_exception());
       return;
     }
-    g_main_loop_run(mainLoop.get());
+    while (!stopping) g_main_context_iteration(context.get(), TRUE);
+    g_socket_service_stop(raw.get());
     soup_server_disconnect(server.get());
-  }
-
-  static uint16_t listen(SoupServer* server, SoupServerListenOptions options) {
-    const auto [fd, port] = listenLoopback();
-    pxkit::glib::Error error;
-    pxkit::glib::Object<GSocket> socket(g_socket_new_from_fd(fd, pxkit::glib::out(error)));
-    if (!socket) close(fd);
-    if (!socket || !soup_server_listen_socket(server, socket.get(), options, pxkit::glib::out(error)))
-      throw std::runtime_error(std::string("PXLoopbackServer: listen: ") + error->message);
-    return port;
+    stalled.clear();
   }
 
   // Counts a connection the first time one of its requests starts.
@@ -144,64 +118,80 @@ struct PXLoopbackServer::Soup {
     soup_message_body_append(out, SOUP_MEMORY_COPY, response.body.data(), response.body.size());
     soup_message_body_complete(out);
   }
+
+  // A raw connection, with blocking reads and writes that the server's stop cancels.
+  static gboolean serveRaw(GSocketService*, GSocketConnection* connection, GObject*, gpointer data) {
+    auto* soup = static_cast<Soup*>(data);
+    GInputStream* in = g_io_stream_get_input_stream(G_IO_STREAM(connection));
+    GOutputStream* out = g_io_stream_get_output_stream(G_IO_STREAM(connection));
+    std::string head;  // the request's header (a GET: nothing follows it) names the path
+    char buffer[4096];
+    for (gssize got = 1; got > 0 && head.find("\r\n\r\n") == std::string::npos && head.size() < 65536;) {
+      got = g_input_stream_read(in, buffer, sizeof buffer, soup->cancel.get(), nullptr);
+      head.append(buffer, static_cast<size_t>(std::max<gssize>(got, 0)));
+    }
+    const size_t start = std::min(head.find(' '), head.size() - 1) + 1;
+    const std::string path = head.substr(start, head.find_first_of(" ?", start) - start);
+    RawResponse response("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n");
+    {
+      std::lock_guard guard(soup->owner->lock_);
+      if (auto found = soup->owner->rawResponses_.find(path); found != soup->owner->rawResponses_.end())
+        response = found->second;
+    }
+    auto send = [&](const std::string& bytes) {
+      return g_output_stream_write_all(out, bytes.data(), bytes.size(), nullptr, soup->cancel.get(), nullptr);
+    };
+    bool alive = send(response.bytes);
+    std::string piece;
+    for (uint64_t offset = 0; alive && offset < response.streamLength; offset += piece.size()) {
+      piece.resize(static_cast<size_t>(std::min<uint64_t>(64 * 1024, response.streamLength - offset)));
+      for (size_t i = 0; i < piece.size(); ++i) piece[i] = patternByte(offset + i);
+      alive = send(piece);
+    }
+    if (response.ending == RawEnding::Stall) {
+      soup->stalled.push_back(pxkit::glib::ref(connection));  // closed when the server stops
+      return TRUE;
+    }
+    if (response.ending == RawEnding::Reset) {
+      const linger abortive{1, 0};
+      setsockopt(g_socket_get_fd(g_socket_connection_get_socket(connection)), SOL_SOCKET, SO_LINGER,
+                 &abortive, sizeof abortive);
+    }
+    g_io_stream_close(G_IO_STREAM(connection), nullptr, nullptr);
+    return TRUE;
+  }
 };
 
 PXLoopbackServer::PXLoopbackServer(Options options) : options_(options) {
   if (options_.https) {
-    char pattern[] = "/tmp/pxkit-loopback-XXXXXX";  // no blanks: the command line needs no quoting
+    char pattern[] = "/tmp/pxkit-loopback-XXXXXX";
     if (!mkdtemp(pattern)) throw std::runtime_error("PXLoopbackServer: mkdtemp failed");
     tempDirectory_ = pattern;
     certificateFile_ = tempDirectory_ + "/cert.pem";
-    const std::string command =
-        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout " +
-        tempDirectory_ + "/key.pem -out " + certificateFile_ +
-        " -days 1 -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1,DNS:localhost";
-    pxkit::glib::String out, err;  // openssl's chatter, dropped
-    gint status = 0;
-    if (!g_spawn_command_line_sync(command.c_str(), pxkit::glib::out(out), pxkit::glib::out(err), &status,
-                                   nullptr) ||
-        !g_spawn_check_wait_status(status, nullptr))
-      throw std::runtime_error("PXLoopbackServer: openssl could not make a certificate");
+    const PXSubprocess::Result made = PXSubprocess::run(
+        {"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
+         "-nodes", "-keyout", tempDirectory_ + "/key.pem", "-out", certificateFile_, "-days", "1", "-subj",
+         "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1,DNS:localhost"},
+        {.environment = {}, .outputDescriptor = 1, .mergeStandardError = true});  // its chatter, kept back
+    if (made.exitStatus != 0) throw std::runtime_error("PXLoopbackServer: openssl failed: " + made.output);
   }
   soup_ = std::make_unique<Soup>();
   soup_->owner = this;
-  std::promise<std::pair<uint16_t, uint16_t>> ready;
+  std::promise<void> ready;
   soup_->thread = std::thread([this, &ready] { soup_->run(ready); });
   try {
-    std::tie(port_, httpsPort_) = ready.get_future().get();
+    ready.get_future().get();
   } catch (...) {
     soup_->thread.join();
     throw;
   }
-  std::tie(rawListener_, rawPort_) = listenLoopback();
-  if (pipe2(stopPipe_, O_CLOEXEC) != 0) throw std::runtime_error("PXLoopbackServer: pipe failed");
-  rawAcceptor_ = std::thread([this] {
-    while (waitReadable(rawListener_)) {
-      const int fd = accept4(rawListener_, nullptr, nullptr, SOCK_CLOEXEC);
-      std::lock_guard guard(lock_);
-      if (fd >= 0) rawConnections_.emplace_back([this, fd] { serveRaw(fd); });
-    }
-  });
 }
 
 PXLoopbackServer::~PXLoopbackServer() {
-  if (stopPipe_[1] >= 0) (void)!write(stopPipe_[1], "", 1);
-  if (rawAcceptor_.joinable()) rawAcceptor_.join();
-  for (std::thread& connection : rawConnections_) connection.join();  // the acceptor, their maker, is gone
-  for (int fd : {rawListener_, stopPipe_[0], stopPipe_[1]}) {
-    if (fd >= 0) close(fd);
-  }
   if (soup_ && soup_->thread.joinable()) {
-    // Quit from inside the loop: a quit that came before the loop ran would be lost.
-    pxkit::glib::Source quit(g_idle_source_new());
-    g_source_set_callback(
-        quit.get(),
-        [](gpointer loop) {
-          g_main_loop_quit(static_cast<GMainLoop*>(loop));
-          return G_SOURCE_REMOVE;
-        },
-        soup_->mainLoop.get(), nullptr);
-    g_source_attach(quit.get(), soup_->context.get());
+    g_cancellable_cancel(soup_->cancel.get());
+    soup_->stopping = true;
+    g_main_context_wakeup(soup_->context.get());  // wakes the loop even before it first waits
     soup_->thread.join();
   }
   if (!tempDirectory_.empty()) {
@@ -235,48 +225,5 @@ bool PXLoopbackServer::matchesPattern(uint64_t offset, std::string_view bytes) n
 }
 
 uint16_t PXLoopbackServer::refusedPort() {
-  const auto [fd, port] = listenLoopback();
-  close(fd);
-  return port;
-}
-
-// Blocks until `fd` is readable (true) or the server stops (false); -1 waits for the stop alone.
-bool PXLoopbackServer::waitReadable(int fd) const {
-  pollfd fds[2] = {{stopPipe_[0], POLLIN, 0}, {fd, POLLIN, 0}};
-  int ready;
-  while ((ready = poll(fds, 2, -1)) < 0 && errno == EINTR) {
-  }
-  return ready > 0 && fds[0].revents == 0;
-}
-
-void PXLoopbackServer::serveRaw(int fd) {
-  // The request's header (a GET: nothing follows it) names the path.
-  std::string head;
-  char buffer[4096];
-  while (head.find("\r\n\r\n") == std::string::npos && head.size() < 65536 && waitReadable(fd)) {
-    const ssize_t got = recv(fd, buffer, sizeof buffer, 0);
-    if (got <= 0) break;
-    head.append(buffer, static_cast<size_t>(got));
-  }
-  const size_t start = std::min(head.find(' '), head.size() - 1) + 1;
-  const std::string path = head.substr(start, head.find_first_of(" ?", start) - start);
-  RawResponse response("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n");
-  {
-    std::lock_guard guard(lock_);
-    if (auto found = rawResponses_.find(path); found != rawResponses_.end()) response = found->second;
-  }
-  bool alive = sendAll(fd, response.bytes);
-  std::string piece;
-  for (uint64_t offset = 0; alive && offset < response.streamLength; offset += piece.size()) {
-    piece.resize(static_cast<size_t>(std::min<uint64_t>(64 * 1024, response.streamLength - offset)));
-    for (size_t i = 0; i < piece.size(); ++i) piece[i] = patternByte(offset + i);
-    alive = sendAll(fd, piece);
-  }
-  if (response.ending == RawEnding::Reset) {
-    const linger abortive{1, 0};
-    setsockopt(fd, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
-  } else if (response.ending == RawEnding::Stall) {
-    waitReadable(-1);
-  }
-  close(fd);
+  return listenLoopback().second;  // the socket closes on return
 }

@@ -1,18 +1,17 @@
-// A real HTTP(S) server on 127.0.0.1 inside the test process: libsoup 3 on a thread and main
-// context of its own, with per-path handlers, and beside it a raw listener that misbehaves at the
-// byte level (a body cut short, a reset, a reply that is not HTTP, a stall).
+// A real HTTP(S) server on 127.0.0.1 in the test process (libsoup 3, on a thread and main context
+// of its own) with per-path handlers, and a raw listener for byte-level misbehaviour (a body cut
+// short, a reset, a reply that is not HTTP, a stall). HTTPS uses a certificate for 127.0.0.1 that
+// openssl makes at start: certificateFile() is the PEM for the client to trust. Every member may be
+// called from any thread; handlers run on the server's thread and must not block.
 //
 //   PXLoopbackServer server({.https = true});
 //   server.handle("/hello", [](const auto& r) { return PXLoopbackServer::Response("hi " + r.method); });
-//   server.handleRaw("/cut", RawResponse("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nab"));  // cut short
-//   ... run the client on server.url("/hello"), server.httpsURL(...), server.rawURL("/cut") ...
 //   EXPECT_EQ(server.acceptedConnections(), 1);   // keep-alive reuse, proven
-//
-// HTTPS: openssl makes a self-signed EC certificate for 127.0.0.1 and "localhost" at start;
-// certificateFile() is the PEM the client must trust. Every member may be called from any thread;
-// handlers run on the server's thread and must not block.
 #pragma once
 
+#include <strings.h>
+
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -21,7 +20,6 @@
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -35,8 +33,18 @@ class PXLoopbackServer {
     std::string method, path, query;  // query without "?"
     std::vector<std::pair<std::string, std::string>> headers;
     std::string body;
-    std::string header(std::string_view name) const;  // case-insensitive; empty when absent
-    bool hasHeader(std::string_view name) const;
+    std::string header(std::string_view name) const {  // case-insensitive; empty when absent
+      auto found =
+          std::find_if(headers.begin(), headers.end(), [&](const auto& f) { return named(f, name); });
+      return found == headers.end() ? "" : found->second;
+    }
+    bool hasHeader(std::string_view name) const {
+      return std::any_of(headers.begin(), headers.end(), [&](const auto& f) { return named(f, name); });
+    }
+    static bool named(const std::pair<std::string, std::string>& field, std::string_view name) {
+      return field.first.size() == name.size() &&
+             strncasecmp(field.first.data(), name.data(), name.size()) == 0;
+    }
   };
   struct Response {
     int status = 200;
@@ -97,8 +105,6 @@ class PXLoopbackServer {
  private:
   struct Soup;  // the SoupServer, on its own thread
   static std::string address(uint16_t port, const char* scheme, std::string_view path);
-  bool waitReadable(int fd) const;
-  void serveRaw(int fd);
 
   Options options_;
   std::unique_ptr<Soup> soup_;
@@ -110,9 +116,4 @@ class PXLoopbackServer {
   std::map<std::string, RawResponse> rawResponses_;
   std::vector<Request> requests_;
   std::atomic<int> accepted_{0};
-
-  int rawListener_ = -1;
-  int stopPipe_[2] = {-1, -1};  // written once when the server stops
-  std::thread rawAcceptor_;
-  std::vector<std::thread> rawConnections_;  // guarded by lock_
 };
