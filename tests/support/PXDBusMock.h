@@ -26,8 +26,7 @@
     }                                                                            \
   } while (0)
 
-// Iterates `context` until `done()`, blocking between events; false once `guardSeconds` have
-// passed first (a hang guard, not a measure: a source wakes the wait then).
+// Iterates `context` until `done()`; false once `guardSeconds` have passed (a hang guard).
 inline bool PXIterateContextUntil(GMainContext* context, const std::function<bool()>& done,
                                   double guardSeconds) {
   const gint64 deadline = g_get_monotonic_time() + static_cast<gint64>(guardSeconds * G_USEC_PER_SEC);
@@ -61,7 +60,6 @@ class PXDBusMock {
     return reason;
   }
 
-  // Starts the bus; check isUp().
   PXDBusMock() : bus_(g_test_dbus_new(G_TEST_DBUS_NONE)), savedAddress_(g_strdup(getenv(kVariable))) {
     g_test_dbus_up(bus_);
     if (const char* address = g_test_dbus_get_bus_address(bus_)) {
@@ -89,7 +87,7 @@ class PXDBusMock {
   PXDBusMock(const PXDBusMock&) = delete;
   PXDBusMock& operator=(const PXDBusMock&) = delete;
 
-  bool isUp() const noexcept { return connection_ != nullptr; }
+  bool isUp() const noexcept { return connection_ != nullptr; }  // whether the bus started
 
   // Runs `dbusmock --system --template <templateName> [--parameters <json>]` and waits until it
   // owns `busName`; false, with the reason in *error, when it exits or never shows up.

@@ -10,7 +10,6 @@
 #include <thread>
 
 #include "platform/internal/GLibHandles.h"
-#include "support/PXSubprocess.h"
 
 namespace {
 
@@ -168,12 +167,16 @@ PXLoopbackServer::PXLoopbackServer(Options options) : options_(options) {
     if (!mkdtemp(pattern)) throw std::runtime_error("PXLoopbackServer: mkdtemp failed");
     tempDirectory_ = pattern;
     certificateFile_ = tempDirectory_ + "/cert.pem";
-    const PXSubprocess::Result made = PXSubprocess::run(
-        {"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
-         "-nodes", "-keyout", tempDirectory_ + "/key.pem", "-out", certificateFile_, "-days", "1", "-subj",
-         "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1,DNS:localhost"},
-        {.environment = {}, .outputDescriptor = 1, .mergeStandardError = true});  // its chatter, kept back
-    if (made.exitStatus != 0) throw std::runtime_error("PXLoopbackServer: openssl failed: " + made.output);
+    const std::string command =
+        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout " +
+        tempDirectory_ + "/key.pem -out " + certificateFile_ +
+        " -days 1 -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1,DNS:localhost";
+    pxkit::glib::Strv argv(g_strsplit(command.c_str(), " ", -1));  // the directory's name holds no blanks
+    pxkit::glib::Object<GSubprocess> openssl(g_subprocess_newv(
+        argv.get(), GSubprocessFlags(G_SUBPROCESS_FLAGS_STDOUT_SILENCE | G_SUBPROCESS_FLAGS_STDERR_SILENCE),
+        nullptr));
+    if (!openssl || !g_subprocess_wait_check(openssl.get(), nullptr, nullptr))
+      throw std::runtime_error("PXLoopbackServer: openssl could not make a certificate");
   }
   soup_ = std::make_unique<Soup>();
   soup_->owner = this;
