@@ -1,17 +1,11 @@
-// Captures the kit's log lines, with their levels, for the length of a scope.
-//
-//   PXLogCapture log;
-//   tracker->doSomething();
-//   EXPECT_THAT(log.lines(), ElementsAre("PXMetric: value overflow"));
-//   EXPECT_EQ(log.lines(PXLogLevel::Warning), ...);   // lines at warning or above
-//
-// Installs itself as the PXLog handler on construction and restores the system
-// log on destruction; one capture is active at a time. Lines may arrive from any
-// thread; lines() and entries() return snapshots.
+// Captures the kit's log lines with their levels while it lives (as the PXLog handler; one at a
+// time): EXPECT_THAT(log.lines(), ElementsAre("PXMetric: value overflow")). Lines may arrive from
+// any thread; the readers return snapshots.
 #pragma once
 
 #include <pxkit/platform/PXLog.h>
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -22,19 +16,33 @@ class PXLogCapture {
  public:
   using Entry = std::pair<PXLogLevel, std::string>;
 
-  PXLogCapture();
-  ~PXLogCapture();
+  PXLogCapture() {
+    PXLogSetHandler([this](PXLogLevel level, std::string_view line) {
+      std::lock_guard lock(mutex_);
+      entries_.emplace_back(level, std::string(line));
+    });
+  }
+  ~PXLogCapture() { PXLogSetHandler(nullptr); }
   PXLogCapture(const PXLogCapture&) = delete;
   PXLogCapture& operator=(const PXLogCapture&) = delete;
 
-  // Every line captured so far at `atLeast` or above, in arrival order.
-  std::vector<std::string> lines(PXLogLevel atLeast = PXLogLevel::Debug) const;
-  // Every line captured so far with its level, in arrival order.
-  std::vector<Entry> entries() const;
-  // Whether some line equals `line` exactly.
-  bool contains(std::string_view line) const;
-  // Forgets the lines captured so far.
-  void clear();
+  // The lines at `atLeast` or above, in arrival order.
+  std::vector<std::string> lines(PXLogLevel atLeast = PXLogLevel::Debug) const {
+    std::vector<std::string> lines;
+    for (const auto& [level, line] : entries()) {
+      if (level >= atLeast) lines.push_back(line);
+    }
+    return lines;
+  }
+  std::vector<Entry> entries() const {
+    std::lock_guard lock(mutex_);
+    return entries_;
+  }
+  bool contains(std::string_view line) const { return std::ranges::count(lines(), line) > 0; }
+  void clear() {
+    std::lock_guard lock(mutex_);
+    entries_.clear();
+  }
 
  private:
   mutable std::mutex mutex_;

@@ -1,25 +1,18 @@
-// A device testbed for one test: fake sysfs devices (umockdev), their
-// attribute changes and synthetic uevents, seen by the code under test as
-// the machine's own devices.
-//
-//   TEST(PXIOService, Battery) {
-//     PX_SKIP_WITHOUT_UMOCKDEV();
-//     PXUMockdevTestbed testbed;
-//     std::string bat = testbed.addDevice("power_supply", "BAT0", "", {{"type", "Battery"}, {"status",
-//     "Full"}}); testbed.setAttribute(bat, "status", "Discharging"); testbed.uevent(bat, "change");
-//   }
-//
-// The test binary must run preloaded with umockdev's library (the test's
-// WRAPPER is umockdev-wrapper); otherwise the testbed would silently leave
-// the real /sys in place, so tests skip instead. The testbed replaces all of
-// /sys for the process while it lives. One per test process.
+// A device testbed for one test (one per process): fake sysfs devices, attribute changes and
+// uevents through umockdev, seen by the code under test as the machine's own devices. The test
+// must run preloaded with umockdev (WRAPPER umockdev-wrapper); otherwise the real /sys would stay
+// in place, so PX_SKIP_WITHOUT_UMOCKDEV() skips.
 #pragma once
 
+#include <umockdev.h>
+
+#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <utility>
 #include <vector>
 
-struct _UMockdevTestbed;
+#include "platform/internal/GLibHandles.h"
 
 #define PX_SKIP_WITHOUT_UMOCKDEV()                                                      \
   do {                                                                                  \
@@ -32,24 +25,40 @@ class PXUMockdevTestbed {
  public:
   using Pairs = std::vector<std::pair<std::string, std::string>>;
 
-  // Empty when the process runs preloaded with umockdev; otherwise why not.
-  static std::string unavailableReason();
+  // Empty when preloaded (umockdev_in_mock_environment() answers only under umockdev-run).
+  static std::string unavailableReason() {
+    const char* preload = std::getenv("LD_PRELOAD");
+    if (preload && std::strstr(preload, "libumockdev-preload")) return {};
+    return "not running under umockdev-wrapper (LD_PRELOAD lacks libumockdev-preload)";
+  }
 
-  PXUMockdevTestbed();
-  ~PXUMockdevTestbed();
+  PXUMockdevTestbed() = default;
   PXUMockdevTestbed(const PXUMockdevTestbed&) = delete;
   PXUMockdevTestbed& operator=(const PXUMockdevTestbed&) = delete;
 
-  // Adds a device of `subsystem` called `name` under `parent` (a sysfs path
-  // returned earlier, or empty for the top) with sysfs attributes and udev
-  // properties; returns its sysfs path ("/sys/devices/..."). SUBSYSTEM is set
-  // for it; DEVTYPE is among the properties when the device needs one.
+  // Adds a device under `parent` (a path returned earlier, or empty) with sysfs attributes and
+  // udev properties (DEVTYPE among them when it needs one); returns its "/sys/devices/..." path.
   std::string addDevice(const std::string& subsystem, const std::string& name, const std::string& parent,
-                        const Pairs& attributes, const Pairs& properties = {});
-  void setAttribute(const std::string& sysfsPath, const std::string& name, const std::string& value);
-  // Sends a uevent ("add", "change", "remove", ...) for the device.
-  void uevent(const std::string& sysfsPath, const std::string& action);
+                        const Pairs& attributes, const Pairs& properties = {}) {
+    auto flatten = [](const Pairs& pairs) {
+      std::vector<const char*> list;  // name, value, ..., null
+      for (const auto& [key, value] : pairs) list.insert(list.end(), {key.c_str(), value.c_str()});
+      list.push_back(nullptr);
+      return list;
+    };
+    std::vector<const char*> attrs = flatten(attributes), props = flatten(properties);
+    pxkit::glib::String path(umockdev_testbed_add_devicev(
+        testbed_.get(), subsystem.c_str(), name.c_str(), parent.empty() ? nullptr : parent.c_str(),
+        const_cast<gchar**>(attrs.data()), const_cast<gchar**>(props.data())));
+    return path ? path.get() : "";
+  }
+  void setAttribute(const std::string& sysfsPath, const std::string& name, const std::string& value) {
+    umockdev_testbed_set_attribute(testbed_.get(), sysfsPath.c_str(), name.c_str(), value.c_str());
+  }
+  void uevent(const std::string& sysfsPath, const std::string& action) {  // "add", "change", ...
+    umockdev_testbed_uevent(testbed_.get(), sysfsPath.c_str(), action.c_str());
+  }
 
  private:
-  _UMockdevTestbed* testbed_ = nullptr;
+  pxkit::glib::Object<UMockdevTestbed> testbed_{umockdev_testbed_new()};
 };
