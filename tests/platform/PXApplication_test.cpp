@@ -42,14 +42,13 @@ void observeWillTerminate(int fd) {
 
 struct ChildResult {
   int status = 0;
-  std::vector<std::string> lines;
+  std::vector<std::string> lines;  // without "ready"
 };
 
-// Runs `body` in a forked child that writes lines to the given descriptor.
-// `afterReady`, when given, runs in the parent once the child wrote "ready".
-// A child whose body returns exits with _exit(0), skipping exit handlers.
-ChildResult runChild(const std::function<void(int fd)>& body,
-                     const std::function<void(pid_t child)>& afterReady = nullptr) {
+// Runs `body` in a forked child (then _exit(0), skipping exit handlers) that
+// observes will-terminate and writes lines to the given descriptor; sends the
+// child `signal`, when given, once it wrote "ready".
+ChildResult runChild(const std::function<void(int fd)>& body, int signal = 0) {
   int fds[2];
   EXPECT_EQ(pipe(fds), 0);
   fflush(stdout);
@@ -57,6 +56,7 @@ ChildResult runChild(const std::function<void(int fd)>& body,
   const pid_t child = fork();
   if (child == 0) {
     close(fds[0]);
+    observeWillTerminate(fds[1]);
     body(fds[1]);
     _exit(0);
   }
@@ -67,11 +67,12 @@ ChildResult runChild(const std::function<void(int fd)>& body,
   ssize_t n;
   while ((n = read(fds[0], buffer, sizeof buffer)) > 0) {
     pending.append(buffer, static_cast<size_t>(n));
-    size_t newline;
-    while ((newline = pending.find('\n')) != std::string::npos) {
-      result.lines.push_back(pending.substr(0, newline));
-      pending.erase(0, newline + 1);
-      if (result.lines.back() == "ready" && afterReady) afterReady(child);
+    for (size_t newline; (newline = pending.find('\n')) != std::string::npos; pending.erase(0, newline + 1)) {
+      if (pending.compare(0, newline, "ready") != 0) {
+        result.lines.push_back(pending.substr(0, newline));
+      } else if (signal) {
+        kill(child, signal);
+      }
     }
   }
   close(fds[0]);
@@ -79,18 +80,10 @@ ChildResult runChild(const std::function<void(int fd)>& body,
   return result;
 }
 
-std::vector<std::string> withoutReady(std::vector<std::string> lines) {
-  lines.erase(std::remove(lines.begin(), lines.end(), "ready"), lines.end());
-  return lines;
-}
-
-const std::vector<std::string> kBothObserversOnce = {"inline observer", "main-queue observer"};
-
 }  // namespace
 
 TEST(PXApplication, ExplicitCallPostsOnceAndRunsMainQueueObserversBeforeReturning) {
-  int inlineCalls = 0;
-  int queuedCalls = 0;
+  int inlineCalls = 0, queuedCalls = 0;
   std::thread::id queuedOn;
   PXNotificationCenter* center = PXNotificationCenter::defaultCenter();
   center->addObserverForName(kPXApplicationWillTerminateNotification, PXApplication::sharedApplication(),
@@ -102,17 +95,13 @@ TEST(PXApplication, ExplicitCallPostsOnceAndRunsMainQueueObserversBeforeReturnin
   center->addObserverForName(kPXApplicationWillTerminateNotification, nullptr, nullptr,
                              [&](const PXNotification&) { ++inlineCalls; });
   EXPECT_FALSE(PXApplication::sharedApplication()->isTerminating());
-
-  PXApplication::sharedApplication()->applicationWillTerminate();
-  EXPECT_EQ(inlineCalls, 1);
-  EXPECT_EQ(queuedCalls, 1);  // already: the main loop will not run after termination
-  EXPECT_EQ(queuedOn, std::this_thread::get_id());
-  EXPECT_TRUE(PXApplication::sharedApplication()->isTerminating());
-
-  PXApplication::sharedApplication()->applicationWillTerminate();
-  center->postNotificationName("SomethingElse");
-  EXPECT_EQ(inlineCalls, 1);
-  EXPECT_EQ(queuedCalls, 1);
+  for (int call = 0; call < 2; ++call) {
+    PXApplication::sharedApplication()->applicationWillTerminate();
+    EXPECT_EQ(inlineCalls, 1);
+    EXPECT_EQ(queuedCalls, 1);  // already: the main loop will not run after termination
+    EXPECT_EQ(queuedOn, std::this_thread::get_id());
+    EXPECT_TRUE(PXApplication::sharedApplication()->isTerminating());
+  }
 }
 
 TEST(PXApplication, CallFromAnotherThreadIsPostedOnTheMainLoop) {
@@ -133,50 +122,42 @@ TEST(PXApplication, CallFromAnotherThreadIsPostedOnTheMainLoop) {
   EXPECT_EQ(postedOn, std::this_thread::get_id());
 }
 
-TEST(PXApplication, ExitPostsOnceWhicheverRoadComesFirst) {
+TEST(PXApplication, EachRoadPostsOnceThenEndsTheProcessAsItWould) {
+  auto untilSignalled = [](int fd) {
+    PXApplication::sharedApplication()->installTerminationSignalHandlers();
+    writeLine(fd, "ready");
+    pxkit::glib::MainLoop loop(g_main_loop_new(nullptr, FALSE));
+    g_main_loop_run(loop.get());
+    writeLine(fd, "main loop returned");
+  };
   struct Row {
     const char* what;
-    std::function<void()> end;  // how the child ends
-    int exitStatus;
-  };
-  const Row rows[] = {
-      {"exit() without any call: the exit handler posts", [] { exit(0); }, 0},
+    std::function<void(int fd)> end;
+    int signal;      // sent once the child is ready, and expected to end it
+    int exitStatus;  // otherwise
+  } rows[] = {
+      {"exit() without any call: the exit handler posts", [](int) { exit(0); }, 0, 0},
       {"the host's call, then exit()",
-       [] {
+       [](int) {
          PXApplication::sharedApplication()->applicationWillTerminate();
          exit(0);
        },
-       0},
-      {"terminate(3)", [] { PXApplication::sharedApplication()->terminate(3); }, 3},
+       0, 0},
+      {"terminate(3)", [](int) { PXApplication::sharedApplication()->terminate(3); }, 0, 3},
+      {"SIGTERM", untilSignalled, SIGTERM, 0},
+      {"SIGINT", untilSignalled, SIGINT, 0},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
-    ChildResult child = runChild([&](int fd) {
-      observeWillTerminate(fd);
-      row.end();
-    });
-    ASSERT_TRUE(WIFEXITED(child.status));
-    EXPECT_EQ(WEXITSTATUS(child.status), row.exitStatus);
-    EXPECT_EQ(child.lines, kBothObserversOnce);
-  }
-}
-
-TEST(PXApplication, TerminationSignalsPostThenEndTheProcessByTheSignal) {
-  for (int signal : {SIGTERM, SIGINT}) {
-    SCOPED_TRACE(strsignal(signal));
-    ChildResult child = runChild(
-        [](int fd) {
-          observeWillTerminate(fd);
-          PXApplication::sharedApplication()->installTerminationSignalHandlers();
-          writeLine(fd, "ready");
-          pxkit::glib::MainLoop loop(g_main_loop_new(nullptr, FALSE));
-          g_main_loop_run(loop.get());
-          writeLine(fd, "main loop returned");
-        },
-        [signal](pid_t pid) { kill(pid, signal); });
-    ASSERT_TRUE(WIFSIGNALED(child.status)) << "status " << child.status;
-    EXPECT_EQ(WTERMSIG(child.status), signal);
-    EXPECT_EQ(withoutReady(child.lines), kBothObserversOnce);
+    ChildResult child = runChild(row.end, row.signal);
+    if (row.signal) {
+      ASSERT_TRUE(WIFSIGNALED(child.status)) << "status " << child.status;
+      EXPECT_EQ(WTERMSIG(child.status), row.signal);
+    } else {
+      ASSERT_TRUE(WIFEXITED(child.status));
+      EXPECT_EQ(WEXITSTATUS(child.status), row.exitStatus);
+    }
+    EXPECT_EQ(child.lines, (std::vector<std::string>{"inline observer", "main-queue observer"}));
   }
 }
 
@@ -185,7 +166,6 @@ TEST(PXApplication, TerminationSignalQuitsADefaultGApplication) {
       [](int fd) {
         // No session bus: the application stays local.
         setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/pxkit-test", 1);
-        observeWillTerminate(fd);
         PXApplication::sharedApplication()->installTerminationSignalHandlers();
         pxkit::glib::Object<GApplication> app(
             g_application_new("org.example.PXKitTest", G_APPLICATION_NON_UNIQUE));
@@ -200,12 +180,10 @@ TEST(PXApplication, TerminationSignalQuitsADefaultGApplication) {
                            writeLine(GPOINTER_TO_INT(data), "shutdown");
                          }),
                          GINT_TO_POINTER(fd));
-        const int status = g_application_run(app.get(), 0, nullptr);
-        exit(status);
+        exit(g_application_run(app.get(), 0, nullptr));
       },
-      [](pid_t pid) { kill(pid, SIGTERM); });
+      SIGTERM);
   ASSERT_TRUE(WIFEXITED(child.status)) << "status " << child.status;
   EXPECT_EQ(WEXITSTATUS(child.status), 0);
-  EXPECT_EQ(withoutReady(child.lines),
-            (std::vector<std::string>{"inline observer", "main-queue observer", "shutdown"}));
+  EXPECT_EQ(child.lines, (std::vector<std::string>{"inline observer", "main-queue observer", "shutdown"}));
 }
