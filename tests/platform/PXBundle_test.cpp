@@ -140,23 +140,6 @@ TEST(PXBundleVersions, NewestReleaseInMetainfo) {
   }
 }
 
-TEST(PXBundleLanguages, TagsFromLocaleNames) {
-  struct Row {
-    std::vector<std::string> names;
-    std::vector<std::string> tags;
-  };
-  const Row rows[] = {
-      {{"de_DE.UTF-8", "de_DE", "de.UTF-8", "de", "C"}, {"de-DE", "de"}},
-      {{"en_US.ISO-8859-1@euro", "fr", "POSIX"}, {"en-US", "fr"}},
-      {{"sr_RS@latin", "sr_RS", "sr@latin", "sr"}, {"sr-Latn-RS", "sr-RS", "sr-Latn", "sr"}},
-      {{"uz_UZ@cyrillic", "C.UTF-8"}, {"uz-Cyrl-UZ"}},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.names.front());
-    EXPECT_EQ(pxkit::internal::languageTagsFromLocaleNames(row.names), row.tags);
-  }
-}
-
 // ---- The main bundle, through the process's own environment ------------------------
 
 TEST(PXBundle, MainBundleFromFlatpakThenFromTheHostsCall) {
@@ -193,6 +176,8 @@ TEST(PXBundle, MainBundleFromFlatpakThenFromTheHostsCall) {
   EXPECT_EQ(info->objectForKey("CFBundleVersion"), PXValue("120"));
 }
 
+// BCP 47 tags from the locale variables: codesets and other modifiers dropped,
+// scripts kept, "C" skipped, duplicates removed, order kept; "en" when nothing is left.
 TEST(PXBundle, PreferredLocalizationsFollowTheLocaleVariables) {
   auto tags = [] {
     std::vector<std::string> out;
@@ -200,12 +185,13 @@ TEST(PXBundle, PreferredLocalizationsFollowTheLocaleVariables) {
     for (size_t i = 0; i < array->count(); ++i) out.emplace_back(array->objectAtIndex(i).stringValue());
     return out;
   };
-  setenv("LANGUAGE", "de_AT:fr", 1);
-  setenv("LANG", "en_US.UTF-8", 1);
+  setenv("LANGUAGE", "sr_RS@latin:uz_UZ@cyrillic:de_AT.UTF-8:en_US.ISO-8859-1@euro:de:POSIX", 1);
+  setenv("LANG", "fr_FR.UTF-8", 1);
   unsetenv("LC_ALL");
   unsetenv("LC_MESSAGES");
-  EXPECT_EQ(tags(), (std::vector<std::string>{"de-AT", "de", "fr"}));
+  EXPECT_EQ(tags(), (std::vector<std::string>{"sr-Latn-RS", "sr-Latn", "sr-RS", "sr", "uz-Cyrl-UZ", "uz-Cyrl",
+                                              "uz-UZ", "uz", "de-AT", "de", "en-US", "en"}));
   unsetenv("LANGUAGE");
-  setenv("LC_ALL", "C", 1);
+  setenv("LC_ALL", "C.UTF-8", 1);
   EXPECT_EQ(tags(), (std::vector<std::string>{"en"}));
 }
