@@ -1,16 +1,10 @@
 // A second process for the user-defaults tests: writes an application's
-// preferences the way another instance, a settings tool or the CLI would.
-//
-//   pxkit_test_prefs_child set <app id> <key> [0|1]
-//       sets the key to that bool, or removes it when no value is given
-//   pxkit_test_prefs_child setmany <app id> <key prefix> <count>
-//       sets <prefix>0 ... <prefix>count-1, synchronising after each one
-//   pxkit_test_prefs_child loop <app id> <payload bytes>
-//       forever: Counter + 1, a Payload made from the counter, synchronise,
-//       then print the counter on a line of its own (the crash test kills it)
-//
-// XDG_CONFIG_HOME comes from the environment.
-// Exit status 0 when every write reached the file.
+// preferences the way another instance or a settings tool would, under the
+// XDG_CONFIG_HOME of its environment. Exit status 0 when every write reached the file.
+//   set <app id> <key> [0|1]           the key to that bool, or removed without a value
+//   setmany <app id> <prefix> <count>  <prefix>0 ... <prefix>count-1, synchronising after each
+//   loop <app id> <payload bytes>      forever: Counter + 1 and a Payload made from it,
+//                                      synchronise, print the counter (the crash test kills it)
 #include <pxkit/platform/PXUserDefaults.h>
 
 #include <cstdio>
@@ -18,31 +12,10 @@
 #include <cstring>
 #include <string>
 
-namespace {
-
-// The payload that goes with a counter value: long enough that a write takes
-// a while, and checkable from the counter alone.
-std::string payloadFor(long long counter, size_t bytes) {
-  std::string unit = std::to_string(counter) + ";";
-  std::string payload;
-  while (payload.size() < bytes) payload += unit;
-  return payload;
-}
-
-int usage() {
-  std::fprintf(stderr, "usage: pxkit_test_prefs_child set|setmany|loop <app id> ...\n");
-  return 2;
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
-  if (argc < 3) return usage();
-  std::string command = argv[1];
-  PXUserDefaults* defaults = PXUserDefaults::userDefaultsForApplication(argv[2]);
-  if (!defaults) return usage();
-
-  if (command == "set" && argc >= 4) {
+  PXUserDefaults* defaults = argc >= 4 ? PXUserDefaults::userDefaultsForApplication(argv[2]) : nullptr;
+  const std::string command = argc >= 2 ? argv[1] : "";
+  if (defaults && command == "set") {
     if (argc >= 5) {
       defaults->setBool(std::strcmp(argv[4], "1") == 0, argv[3]);
     } else {
@@ -50,25 +23,26 @@ int main(int argc, char** argv) {
     }
     return defaults->synchronize() ? 0 : 1;
   }
-  if (command == "setmany" && argc >= 5) {
-    int count = std::atoi(argv[4]);
-    for (int i = 0; i < count; ++i) {
+  if (defaults && command == "setmany" && argc >= 5) {
+    for (int i = 0; i < std::atoi(argv[4]); ++i) {
       defaults->setInteger(i, std::string(argv[3]) + std::to_string(i));
       if (!defaults->synchronize()) return 1;
     }
     return 0;
   }
-  if (command == "loop" && argc >= 4) {
-    auto bytes = static_cast<size_t>(std::atoll(argv[3]));
-    long long counter = defaults->integerForKey("Counter");
-    for (;;) {
-      ++counter;
+  if (defaults && command == "loop") {
+    const auto bytes = static_cast<size_t>(std::atoll(argv[3]));
+    for (long long counter = defaults->integerForKey("Counter") + 1;; ++counter) {
+      // Long enough that a write takes a while, and checkable from the counter alone.
+      std::string payload;
+      while (payload.size() < bytes) payload += std::to_string(counter) + ";";
       defaults->setInteger(counter, "Counter");
-      defaults->setObject(payloadFor(counter, bytes), "Payload");
+      defaults->setObject(payload, "Payload");
       if (!defaults->synchronize()) return 1;
       std::printf("%lld\n", counter);
       std::fflush(stdout);
     }
   }
-  return usage();
+  std::fprintf(stderr, "usage: pxkit_test_prefs_child set|setmany|loop <app id> ...\n");
+  return 2;
 }
