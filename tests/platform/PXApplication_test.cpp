@@ -1,8 +1,7 @@
-// Will-terminate is posted once, whichever road leads to it. The roads that
-// end the process (signals, exit) are taken in a forked child, which reports
-// what its observers saw through a pipe.
+// Will-terminate is posted once, whichever road leads to it, and observers on
+// the main queue have run before the process ends. Each road is taken in a
+// forked child, which reports what its observers saw through a pipe.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pxkit/platform/PXApplication.h>
 #include <pxkit/platform/PXNotificationCenter.h>
@@ -15,11 +14,9 @@
 
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "platform/internal/GLibHandles.h"
-#include "support/PXDBusMock.h"
 
 namespace {
 
@@ -81,46 +78,6 @@ ChildResult runChild(const std::function<void(int fd)>& body, int signal = 0) {
 }
 
 }  // namespace
-
-TEST(PXApplication, ExplicitCallPostsOnceAndRunsMainQueueObserversBeforeReturning) {
-  int inlineCalls = 0, queuedCalls = 0;
-  std::thread::id queuedOn;
-  PXNotificationCenter* center = PXNotificationCenter::defaultCenter();
-  center->addObserverForName(kPXApplicationWillTerminateNotification, PXApplication::sharedApplication(),
-                             PXOperationQueue::mainQueue(), [&](const PXNotification& n) {
-                               EXPECT_EQ(n.object(), PXApplication::sharedApplication());
-                               ++queuedCalls;
-                               queuedOn = std::this_thread::get_id();
-                             });
-  center->addObserverForName(kPXApplicationWillTerminateNotification, nullptr, nullptr,
-                             [&](const PXNotification&) { ++inlineCalls; });
-  EXPECT_FALSE(PXApplication::sharedApplication()->isTerminating());
-  for (int call = 0; call < 2; ++call) {
-    PXApplication::sharedApplication()->applicationWillTerminate();
-    EXPECT_EQ(inlineCalls, 1);
-    EXPECT_EQ(queuedCalls, 1);  // already: the main loop will not run after termination
-    EXPECT_EQ(queuedOn, std::this_thread::get_id());
-    EXPECT_TRUE(PXApplication::sharedApplication()->isTerminating());
-  }
-}
-
-TEST(PXApplication, CallFromAnotherThreadIsPostedOnTheMainLoop) {
-  int calls = 0;
-  std::thread::id postedOn;
-  PXNotificationCenter::defaultCenter()->addObserverForName(kPXApplicationWillTerminateNotification, nullptr,
-                                                            nullptr, [&](const PXNotification&) {
-                                                              ++calls;
-                                                              postedOn = std::this_thread::get_id();
-                                                            });
-  // This thread is the main thread, running the main loop the whole time.
-  GMainContext* main = g_main_context_default();
-  ASSERT_TRUE(g_main_context_acquire(main));
-  std::thread([] { PXApplication::sharedApplication()->applicationWillTerminate(); }).join();
-  EXPECT_EQ(calls, 0);  // handed over, not posted on the calling thread
-  EXPECT_TRUE(PXIterateMainContextUntil([&] { return calls == 1; }));
-  g_main_context_release(main);
-  EXPECT_EQ(postedOn, std::this_thread::get_id());
-}
 
 TEST(PXApplication, EachRoadPostsOnceThenEndsTheProcessAsItWould) {
   auto untilSignalled = [](int fd) {

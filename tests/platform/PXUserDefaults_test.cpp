@@ -181,10 +181,8 @@ TEST_F(PXUserDefaultsTest, TypedReadsConvertAndStoredValuesAreImmutableCopies) {
   ASSERT_TRUE(stored);
   EXPECT_FALSE(defaults->dictionaryForKey("list"));
   EXPECT_FALSE(defaults->dataForKey("list"));
-  EXPECT_EQ(stored->description().str(),
-            PXArray::arrayWithObjects({PXValue(PXDictionary::dictionaryWithEntries({{"n", 1}}))})
-                ->description()
-                .str());
+  EXPECT_TRUE(PXValue(stored).isEqual(
+      PXValue(PXArray::arrayWithObjects({PXDictionary::dictionaryWithEntries({{"n", 1}})}))));
   EXPECT_FALSE(stored->isMutable());
   EXPECT_FALSE(stored->objectAtIndex(0).objectPointer()->isMutable());
 
