@@ -3,8 +3,6 @@
 // XDG_CONFIG_HOME of its environment. Exit status 0 when every write reached the file.
 //   set <app id> <key> [0|1]           the key to that bool, or removed without a value
 //   setmany <app id> <prefix> <count>  <prefix>0 ... <prefix>count-1, synchronising after each
-//   loop <app id> <payload bytes>      forever: Counter + 1 and a Payload made from it,
-//                                      synchronise, print the counter (the crash test kills it)
 #include <pxkit/platform/PXUserDefaults.h>
 
 #include <cstdio>
@@ -30,19 +28,6 @@ int main(int argc, char** argv) {
     }
     return 0;
   }
-  if (defaults && command == "loop") {
-    const auto bytes = static_cast<size_t>(std::atoll(argv[3]));
-    for (long long counter = defaults->integerForKey("Counter") + 1;; ++counter) {
-      // Long enough that a write takes a while, and checkable from the counter alone.
-      std::string payload;
-      while (payload.size() < bytes) payload += std::to_string(counter) + ";";
-      defaults->setInteger(counter, "Counter");
-      defaults->setObject(payload, "Payload");
-      if (!defaults->synchronize()) return 1;
-      std::printf("%lld\n", counter);
-      std::fflush(stdout);
-    }
-  }
-  std::fprintf(stderr, "usage: pxkit_test_prefs_child set|setmany|loop <app id> ...\n");
+  std::fprintf(stderr, "usage: pxkit_test_prefs_child set|setmany <app id> ...\n");
   return 2;
 }
