@@ -54,17 +54,16 @@ class PXPreferencesTest : public ::testing::Test {
   std::string machineIDPath;
 };
 
-PXValue currentHostValue(std::string_view key) {
-  return PXPreferences::copyValue(key, kPXPreferencesCurrentApplication, kUser, kPXPreferencesCurrentHost);
-}
-
 }  // namespace
 
 TEST_F(PXPreferencesTest, HostKeyIsTheMachineIdsHmacOverTheApplicationId) {
   // HMAC-SHA256 with the machine id as key over the application id, computed
   // independently (Python's hmac module).
-  EXPECT_EQ(PXPreferences::hostKey(kAppID),
-            "894c3beb655fd7a8cd51fc1e8563f5846f1bef24626e53ebba2d885add01917e");
+  const std::string key = "894c3beb655fd7a8cd51fc1e8563f5846f1bef24626e53ebba2d885add01917e";
+  EXPECT_EQ(PXPreferences::hostKey(kAppID), key);
+  // The by-host values live in a file of their own named by it.
+  EXPECT_EQ(PXPreferences::filePath(kPXPreferencesCurrentApplication, kUser, kPXPreferencesCurrentHost),
+            appDirectory() + "/" + kAppID + "." + key + ".plist");
   EXPECT_EQ(PXPreferences::hostKey("org.pxkit.Other"),
             "1d22628119fd27348217b61cbe30ba9dd7bbdf19e2689a21abc3be9d658bd002");
   home.writeFile(machineIDPath, "  fedcba9876543210fedcba9876543210\n\n");  // blanks around it do not count
@@ -79,35 +78,6 @@ TEST_F(PXPreferencesTest, HostKeyIsTheMachineIdsHmacOverTheApplicationId) {
   EXPECT_EQ(PXPreferences::hostKey(kAppID), byHostName.get());
   g_setenv("PXKIT_MACHINE_ID_PATH", (home.root() + "/no-such-file").c_str(), TRUE);
   EXPECT_EQ(PXPreferences::hostKey(kAppID), byHostName.get());
-}
-
-TEST_F(PXPreferencesTest, ByHostValuesLiveInTheirOwnFileNamedByTheHostKey) {
-  const char* kKey = "MetricsRandomSystemID";
-  const char* kID = "6F9619FF-8B86-D011-B42D-00C04FC964FF";
-  EXPECT_FALSE(currentHostValue(kKey));
-  ASSERT_TRUE(
-      PXPreferences::setValue(kKey, kID, kPXPreferencesCurrentApplication, kUser, kPXPreferencesCurrentHost));
-  EXPECT_EQ(currentHostValue(kKey).stringValue(), kID);
-  PXErrorRef error;
-  ASSERT_TRUE(
-      PXPreferences::synchronize(kPXPreferencesCurrentApplication, kUser, kPXPreferencesCurrentHost, &error));
-  const std::string byHostPath =
-      appDirectory() + "/" + kAppID + "." + PXPreferences::hostKey(kAppID) + ".plist";
-  EXPECT_EQ(PXPreferences::filePath(kPXPreferencesCurrentApplication, kUser, kPXPreferencesCurrentHost),
-            byHostPath);
-  EXPECT_EQ(readPreferences(byHostPath)->objectForKey(kKey).stringValue(), kID);
-  // Not among the values for any host.
-  EXPECT_FALSE(PXUserDefaults::standardUserDefaults()->objectForKey(kKey));
-  EXPECT_FALSE(PXPreferences::copyValue(kKey, kAppID, kUser, kPXPreferencesAnyHost));
-  // Another machine (the preferences carried over to it) does not see the value.
-  home.writeFile(machineIDPath, "fedcba9876543210fedcba9876543210\n");
-  EXPECT_FALSE(currentHostValue(kKey));
-  // Deleting it works like any other value.
-  home.writeFile(machineIDPath, std::string(kMachineID) + "\n");
-  ASSERT_TRUE(PXPreferences::setValue(kKey, PXValue(), kAppID, kUser, kPXPreferencesCurrentHost));
-  EXPECT_FALSE(currentHostValue(kKey));
-  ASSERT_TRUE(PXPreferences::synchronize(kAppID, kUser, kPXPreferencesCurrentHost));
-  EXPECT_FALSE(readPreferences(byHostPath)->objectForKey(kKey));
 }
 
 TEST_F(PXPreferencesTest, AnyHostValuesAreTheUserDefaultsAndOtherScopesAreReadOnly) {
