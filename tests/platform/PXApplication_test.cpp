@@ -1,6 +1,7 @@
-// Will-terminate is posted once, whichever road leads to it, and observers on
-// the main queue have run before the process ends. Each road is taken in a
-// forked child, which reports what its observers saw through a pipe.
+// A termination signal while the host runs a default GApplication: will-terminate
+// is posted once, main-queue observers run, and the application quits in order
+// (its shutdown hook runs). Taken in a forked child, which reports what its
+// observers saw through a pipe.
 
 #include <gtest/gtest.h>
 #include <pxkit/platform/PXApplication.h>
@@ -78,45 +79,6 @@ ChildResult runChild(const std::function<void(int fd)>& body, int signal = 0) {
 }
 
 }  // namespace
-
-TEST(PXApplication, EachRoadPostsOnceThenEndsTheProcessAsItWould) {
-  auto untilSignalled = [](int fd) {
-    PXApplication::sharedApplication()->installTerminationSignalHandlers();
-    writeLine(fd, "ready");
-    pxkit::glib::MainLoop loop(g_main_loop_new(nullptr, FALSE));
-    g_main_loop_run(loop.get());
-    writeLine(fd, "main loop returned");
-  };
-  struct Row {
-    const char* what;
-    std::function<void(int fd)> end;
-    int signal;      // sent once the child is ready, and expected to end it
-    int exitStatus;  // otherwise
-  } rows[] = {
-      {"exit() without any call: the exit handler posts", [](int) { exit(0); }, 0, 0},
-      {"the host's call, then exit()",
-       [](int) {
-         PXApplication::sharedApplication()->applicationWillTerminate();
-         exit(0);
-       },
-       0, 0},
-      {"terminate(3)", [](int) { PXApplication::sharedApplication()->terminate(3); }, 0, 3},
-      {"SIGTERM", untilSignalled, SIGTERM, 0},
-      {"SIGINT", untilSignalled, SIGINT, 0},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.what);
-    ChildResult child = runChild(row.end, row.signal);
-    if (row.signal) {
-      ASSERT_TRUE(WIFSIGNALED(child.status)) << "status " << child.status;
-      EXPECT_EQ(WTERMSIG(child.status), row.signal);
-    } else {
-      ASSERT_TRUE(WIFEXITED(child.status));
-      EXPECT_EQ(WEXITSTATUS(child.status), row.exitStatus);
-    }
-    EXPECT_EQ(child.lines, (std::vector<std::string>{"inline observer", "main-queue observer"}));
-  }
-}
 
 TEST(PXApplication, TerminationSignalQuitsADefaultGApplication) {
   ChildResult child = runChild(
