@@ -1,12 +1,11 @@
 // The host's user defaults: the file under XDG_CONFIG_HOME, typed reads,
-// registered defaults, change announcements in this process and from others,
-// and concurrent writers. (Writers killed mid-save: the metrics tracker's crash test.)
+// registered defaults, and changes made to the file by others. (Writers killed
+// mid-save: the metrics tracker's crash test.)
 #include <gio/gio.h>
 #include <glib.h>
 #include <gtest/gtest.h>
 #include <pxkit/objects/PXException.h>
 #include <pxkit/platform/PXBundle.h>
-#include <pxkit/platform/PXNotificationCenter.h>
 #include <pxkit/platform/PXPropertyList.h>
 #include <pxkit/platform/PXUserDefaults.h>
 #include <pxkit/platform/PXUserDefaultsController.h>
@@ -14,21 +13,14 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <filesystem>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "support/PXRunLoopUntil.h"
-#include "support/PXSubprocess.h"
 #include "support/PXTempHome.h"
-
-#ifndef PXKIT_PREFS_CHILD
-#error "PXKIT_PREFS_CHILD names the helper process"
-#endif
 
 namespace {
 
@@ -85,11 +77,6 @@ class PXUserDefaultsTest : public ::testing::Test {
   }
   std::string appDirectory() const { return home.configHome() + "/" + kAppID; }
   std::string filePath() const { return appDirectory() + "/" + kAppID + ".plist"; }
-  // Runs the helper process (PXPreferencesChild.cpp) to the end; its exit status.
-  static int runChild(std::vector<std::string> args) {
-    args.insert(args.begin(), PXKIT_PREFS_CHILD);
-    return PXSubprocess::run(args).exitStatus;
-  }
 
   PXTempHome home;  // first: before any GLib call
   PXUserDefaults* defaults = nullptr;
@@ -191,37 +178,14 @@ TEST_F(PXUserDefaultsTest, TypedReadsConvertAndStoredValuesAreImmutableCopies) {
 
 // ---- Announcements ------------------------------------------------------------------------
 
-TEST_F(PXUserDefaultsTest, AChangeWrittenByAnotherProcessIsHeardOnTheMainLoop) {
-  PXUserDefaultsController* controller = PXUserDefaultsController::sharedUserDefaultsController();
-  auto recorder = PXMake<ChangeRecorder>();
-  controller->addObserver(recorder.get(), "values.PXMetricsDisabled", kNewAndOld, nullptr);
-  defaults->setObject("mine", "Local");  // pending: not synchronised yet
-
-  ASSERT_EQ(runChild({"set", kAppID, "PXMetricsDisabled", "1"}), 0);
-  ASSERT_TRUE(PXRunLoopUntil([&] { return recorder->changes().size() == 1; }));
-  EXPECT_TRUE(controller->valueForKeyPath("values.PXMetricsDisabled").boolValue());
-  // The local change not yet written survives the other write, and both reach the file.
-  EXPECT_EQ(defaults->stringForKey("Local"), "mine");
-  ASSERT_TRUE(defaults->synchronize());
-  EXPECT_EQ(readPreferences(filePath())->count(), 2u);
-  // A removal by another process is a change to "nothing".
-  ASSERT_EQ(runChild({"set", kAppID, "PXMetricsDisabled"}), 0);
-  ASSERT_TRUE(PXRunLoopUntil([&] { return recorder->changes().size() == 2; }));
-  EXPECT_EQ(recorder->changes(),
-            (Lines{"values.PXMetricsDisabled 1 <- <null>", "values.PXMetricsDisabled <null> <- 1"}));
-  EXPECT_FALSE(defaults->objectForKey("PXMetricsDisabled"));
-  controller->setValueForKeyPath(5, "values.Volume");  // writing through the proxy writes the defaults
-  EXPECT_EQ(defaults->integerForKey("Volume"), 5);
-  controller->removeObserver(recorder.get(), "values.PXMetricsDisabled");
-}
-
 // An editor that truncates the file and writes it back in pieces: no stage
 // before the last is taken for the preferences.
 TEST_F(PXUserDefaultsTest, AFileRewrittenInPlaceIsHeardWithoutSpuriousChanges) {
   auto recorder = PXMake<ChangeRecorder>();
   defaults->setInteger(1, "Level");
   ASSERT_TRUE(defaults->synchronize());
-  defaults->addObserver(recorder.get(), "Level", kNewAndOld, nullptr);
+  PXUserDefaultsController* controller = PXUserDefaultsController::sharedUserDefaultsController();
+  controller->addObserver(recorder.get(), "values.Level", kNewAndOld, nullptr);
   // A monitor of the test's own tells when a stage has been let through the main loop.
   int changesDone = 0;
   GFile* file = g_file_new_for_path(filePath().c_str());
@@ -243,57 +207,10 @@ TEST_F(PXUserDefaultsTest, AFileRewrittenInPlaceIsHeardWithoutSpuriousChanges) {
   }
   home.writeFile(filePath(), text);
   ASSERT_TRUE(PXRunLoopUntil([&] { return defaults->integerForKey("Level") == 2; }));
-  EXPECT_EQ(recorder->changes(), (Lines{"Level 2 <- 1"}));
+  EXPECT_EQ(recorder->changes(), (Lines{"values.Level 2 <- 1"}));
   EXPECT_EQ(defaults->stringForKey("Extra"), "x");
-  defaults->removeObserver(recorder.get(), "Level");
+  controller->removeObserver(recorder.get(), "values.Level");
   g_signal_handlers_disconnect_by_data(monitor, &changesDone);
   g_object_unref(monitor);
   g_object_unref(file);
-}
-
-// ---- Concurrency ---------------------------------------------------------
-
-// Other processes and this one's threads write, read and synchronise at once:
-// no key is lost, and each change is announced once.
-TEST_F(PXUserDefaultsTest, ConcurrentProcessesAndThreadsKeepEachOthersKeys) {
-  constexpr int kChildren = 3, kKeysEach = 20, kThreads = 4, kRounds = 200;
-  auto recorder = PXMake<ChangeRecorder>();
-  PXUserDefaultsController* controller = PXUserDefaultsController::sharedUserDefaultsController();
-  controller->addObserver(recorder.get(), "values.t0-0", kNewAndOld, nullptr);
-  std::vector<std::unique_ptr<PXSubprocess>> children;
-  for (int c = 0; c < kChildren; ++c) {
-    children.push_back(std::make_unique<PXSubprocess>(std::vector<std::string>{
-        PXKIT_PREFS_CHILD, "setmany", kAppID, "c" + std::to_string(c) + "-", std::to_string(kKeysEach)}));
-  }
-  std::vector<std::thread> threads;
-  std::atomic<int> failures{0};
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < kRounds; ++i) {
-        std::string key = "t" + std::to_string(t) + "-" + std::to_string(i % 10);
-        defaults->setInteger(i, key);
-        if (defaults->integerForKey(key) < 0) ++failures;
-        (void)defaults->dictionaryRepresentation();
-        if (i % 40 == 0 && !defaults->synchronize()) ++failures;
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  for (auto& child : children) EXPECT_EQ(PXSubprocess::exitStatusOf(child->wait()), 0);
-  EXPECT_EQ(failures.load(), 0);
-  ASSERT_TRUE(defaults->synchronize());
-  PXRef<PXDictionary> onDisk = readPreferences(filePath());
-  ASSERT_TRUE(onDisk);
-  EXPECT_EQ(onDisk->count(), static_cast<size_t>(kChildren * kKeysEach + kThreads * 10));
-  for (int i = 0; i < kChildren * kKeysEach; ++i) {
-    std::string key = "c" + std::to_string(i / kKeysEach) + "-" + std::to_string(i % kKeysEach);
-    EXPECT_TRUE(onDisk->objectForKey(key).isEqual(i % kKeysEach)) << key;
-    EXPECT_TRUE(defaults->objectForKey(key).isEqual(i % kKeysEach)) << key;  // synchronize read them in
-  }
-  for (int i = 0; i < kThreads * 10; ++i) {
-    std::string key = "t" + std::to_string(i / 10) + "-" + std::to_string(i % 10);
-    EXPECT_TRUE(onDisk->objectForKey(key).isEqual(kRounds - 10 + i % 10)) << key;
-  }
-  EXPECT_EQ(recorder->changes().size(), static_cast<size_t>(kRounds / 10));
-  controller->removeObserver(recorder.get(), "values.t0-0");
 }
