@@ -1,6 +1,6 @@
 // Preference values by scope: the by-host store keyed by the machine id, the
 // any-host store shared with the user defaults, the read-only system store, and
-// other applications' values (their files, or their GSettings schema).
+// other applications' values from their files.
 #include <glib.h>
 #include <gtest/gtest.h>
 #include <pxkit/objects/PXArray.h>
@@ -17,7 +17,6 @@
 #include "platform/internal/GLibHandles.h"
 #include "platform/internal/VariantValue.h"
 #include "support/PXLogCapture.h"
-#include "support/PXSubprocess.h"
 #include "support/PXTempHome.h"
 
 namespace {
@@ -120,30 +119,6 @@ TEST_F(PXPreferencesTest, AnyHostValuesAreTheUserDefaultsAndOtherScopesAreReadOn
   EXPECT_EQ(PXPreferences::filePath("../escape", kUser, kPXPreferencesAnyHost), "");
   // Values that are not property lists are refused in every scope.
   EXPECT_FALSE(PXPreferences::setValue("k", PXValue::null(), kAppID, kUser, kPXPreferencesCurrentHost));
-}
-
-TEST_F(PXPreferencesTest, AnotherApplicationsGSettingsAreReadWhenItKeepsNoFile) {
-  const std::string schemas = home.makeDirectory("schemas");
-  home.writeFile(schemas + "/org.pxkit.Gadget.gschema.xml", R"(<schemalist>
-  <schema id="org.pxkit.Gadget" path="/org/pxkit/Gadget/">
-    <key name="volume" type="i"><default>7</default></key>
-    <key name="recent" type="as"><default>['a', 'b']</default></key>
-  </schema>
-</schemalist>)");
-  pxkit::glib::String compiler(g_find_program_in_path("glib-compile-schemas"));
-  if (!compiler) GTEST_SKIP() << "glib-compile-schemas is not installed";
-  ASSERT_EQ(PXSubprocess::run({compiler.get(), schemas}).exitStatus, 0);
-  g_setenv("GSETTINGS_SCHEMA_DIR", schemas.c_str(), TRUE);
-  g_setenv("GSETTINGS_BACKEND", "memory", TRUE);
-
-  EXPECT_TRUE(PXPreferences::copyAppValue("volume", "org.pxkit.Gadget").isEqual(7));
-  EXPECT_TRUE(PXPreferences::copyAppValue("recent", "org.pxkit.Gadget")
-                  .isEqual(PXValue(PXArray::arrayWithObjects({"a", "b"}))));
-  EXPECT_FALSE(PXPreferences::copyAppValue("no-such-key", "org.pxkit.Gadget"));
-  EXPECT_FALSE(PXPreferences::copyAppValue("volume", "org.pxkit.NoSchema"));
-  // A file of its own wins over the schema.
-  home.writeFile(appDirectory("org.pxkit.Gadget") + "/org.pxkit.Gadget.plist", plist({{"volume", 3}}));
-  EXPECT_TRUE(PXPreferences::copyAppValue("volume", "org.pxkit.Gadget").isEqual(3));
 }
 
 TEST_F(PXPreferencesTest, AnotherApplicationsValuesComeFromItsFileAfreshAndBadFilesAreLogged) {
