@@ -132,7 +132,6 @@ TEST(PXBundleVersions, NewestReleaseInMetainfo) {
        "<component><releases><release version=\"7\"/></releases></component></components>",
        "1"},
       {"<component><releases><release version=\"1\"", std::nullopt},
-      {"", std::nullopt},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.xml);
@@ -154,20 +153,15 @@ TEST(PXBundle, MainBundleFromFlatpakThenFromTheHostsCall) {
   PXBundle* bundle = PXBundle::mainBundle();
   EXPECT_EQ(bundle->bundleIdentifier(), "org.example.Flat");
   EXPECT_EQ(bundle->objectForInfoDictionaryKey(kPXBundleShortVersionStringKey), PXValue("3.1"));
-  EXPECT_EQ(bundle->objectForInfoDictionaryKey(kPXBundleVersionKey), PXValue("3.1"));
   EXPECT_EQ(bundle->objectForInfoDictionaryKey(kPXBundleNameKey), PXValue("Flat"));
   EXPECT_TRUE(bundle->objectForInfoDictionaryKey("NoSuchKey").isAbsent());
   // The executable is this test program.
-  ASSERT_TRUE(bundle->executablePath());
-  const std::string executable = bundle->executablePath().str();
-  EXPECT_EQ(bundle->bundlePath().str() + "/" +
-                std::string(bundle->objectForInfoDictionaryKey(kPXBundleExecutableKey).stringValue()),
-            executable);
-  EXPECT_EQ(executable.substr(executable.rfind('/') + 1), "pxkit_test_platform_bundle");
+  EXPECT_EQ(bundle->executablePath().str(), bundle->bundlePath().str() + "/pxkit_test_platform_bundle");
+  EXPECT_EQ(bundle->objectForInfoDictionaryKey(kPXBundleExecutableKey),
+            PXValue("pxkit_test_platform_bundle"));
 
   EXPECT_FALSE(PXBundle::setMainBundleIdentity(""));
   EXPECT_FALSE(PXBundle::setMainBundleIdentity(PXString()));
-  EXPECT_EQ(bundle->bundleIdentifier(), "org.example.Flat");
   ASSERT_TRUE(PXBundle::setMainBundleIdentity("org.example.Host", "1.2", "120"));
   EXPECT_EQ(bundle->bundleIdentifier(), "org.example.Host");
   PXRef<PXDictionary> info = bundle->infoDictionary();
