@@ -96,10 +96,11 @@ TEST(PXApplication, TerminationSignalQuitsADefaultGApplication) {
         // The host's own shutdown hook, as documented.
         g_signal_connect(app.get(), "shutdown", G_CALLBACK(+[](GApplication*, gpointer data) {
                            PXApplication::sharedApplication()->applicationWillTerminate();
-                           writeLine(GPOINTER_TO_INT(data), "shutdown");
+                           writeLine(GPOINTER_TO_INT(data),
+                                     PXApplication::sharedApplication()->isTerminating() ? "shutdown" : "?");
                          }),
                          GINT_TO_POINTER(fd));
-        exit(g_application_run(app.get(), 0, nullptr));
+        PXApplication::sharedApplication()->terminate(g_application_run(app.get(), 0, nullptr));
       },
       SIGTERM);
   ASSERT_TRUE(WIFEXITED(child.status)) << "status " << child.status;

@@ -1,7 +1,6 @@
-// System events end to end: a private system bus with dbusmock's login
-// manager for sleep and wake, and a real local-time file in a temporary
-// directory for the time zone. Every case runs in a process of its own, so the
-// watchers (which live until the process ends) start fresh in each.
+// System events end to end: dbusmock's login manager on a private system bus for
+// sleep and wake, a real local-time file for the time zone. Each case runs in a
+// process of its own, so the watchers (which live until the process ends) start fresh.
 
 #include <gtest/gtest.h>
 #include <pxkit/platform/PXCalendar.h>

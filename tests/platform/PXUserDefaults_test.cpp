@@ -112,7 +112,7 @@ TEST_F(PXUserDefaultsTest, SynchronizeWritesWhatIsSetButNeverTheRegisteredDefaul
   // Removing a key removes it from the file; the registered default answers again.
   defaults->removeObjectForKey("Volume");
   EXPECT_EQ(defaults->integerForKey("Volume"), 7);
-  EXPECT_EQ(defaults->stringForKey("Name"), "default");
+  EXPECT_EQ(defaults->dictionaryRepresentation()->objectForKey("Name").stringValue(), "default");
   // The main loop writes changes soon after they are made.
   ASSERT_TRUE(PXRunLoopUntil([&] { return !readPreferences(filePath())->objectForKey("Volume"); }));
   EXPECT_EQ(readPreferences(filePath())->count(), 2u);
@@ -202,6 +202,8 @@ TEST_F(PXUserDefaultsTest, AFileRewrittenInPlaceIsHeardWithoutSpuriousChanges) {
   EXPECT_EQ(recorder->changes(), (Lines{"values.Level 2 <- 1"}));
   EXPECT_EQ(defaults->stringForKey("Extra"), "x");
   controller->removeObserver(recorder.get(), "values.Level");
+  controller->setValueForKeyPath(3, "values.Level");  // writing through the proxy writes the defaults
+  EXPECT_EQ(defaults->integerForKey("Level"), 3);
   g_signal_handlers_disconnect_by_data(monitor, &changesDone);
   g_object_unref(monitor);
   g_object_unref(file);
