@@ -128,9 +128,9 @@ TEST_F(PXUserDefaultsTest, TypedReadsConvertAndStoredValuesAreImmutableCopies) {
   } rows[] = {
       {PXValue(), false, 0, 0.0, {}}, {true, true, 1, 1.0, "1"},
       {0, false, 0, 0.0, "0"},        {-7, true, -7, -7.0, "-7"},
-      {2.75, true, 2, 2.75, "2.75"},  {"YES", true, 0, 0.0, "YES"},
-      {"no", false, 0, 0.0, "no"},    {" 42abc", true, 42, 42.0, " 42abc"},
-      {"0", false, 0, 0.0, "0"},      {PXDate(5), false, 0, 0.0, {}},
+      {2.75, true, 2, 2.75, "2.75"},  {"\t\n\r YES", true, 0, 0.0, "\t\n\r YES"},
+      {"+no", false, 0, 0.0, "+no"},  {" 42abc", true, 42, 42.0, " 42abc"},
+      {"-0", false, 0, 0.0, "-0"},    {PXDate(5), false, 0, 0.0, {}},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.stored.description().str());
