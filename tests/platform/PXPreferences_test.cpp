@@ -85,10 +85,10 @@ TEST_F(PXPreferencesTest, AnyHostValuesAreTheUserDefaultsAndOtherScopesAreReadOn
   EXPECT_EQ(PXPreferences::copyValue("Shared", kPXPreferencesCurrentApplication, kUser, kPXPreferencesAnyHost)
                 .stringValue(),
             "from defaults");
-  ASSERT_TRUE(PXPreferences::setValue("Shared", "from preferences", kAppID, kUser, kPXPreferencesAnyHost));
-  EXPECT_EQ(defaults->stringForKey("Shared"), "from preferences");
+  ASSERT_TRUE(PXPreferences::setValue("Shared", "set", kAppID, g_get_user_name(), kPXPreferencesAnyHost));
+  EXPECT_EQ(defaults->stringForKey("Shared"), "set");
   ASSERT_TRUE(PXPreferences::synchronize(kAppID, kUser, kPXPreferencesAnyHost));
-  EXPECT_EQ(readPreferences(defaults->filePath())->objectForKey("Shared").stringValue(), "from preferences");
+  EXPECT_EQ(readPreferences(defaults->filePath())->objectForKey("Shared").stringValue(), "set");
   // Registered defaults belong to the defaults object only, not to the stored preferences.
   defaults->registerDefaults(*PXDictionary::dictionaryWithEntries({{"OnlyRegistered", 1}}));
   EXPECT_FALSE(PXPreferences::copyValue("OnlyRegistered", kAppID, kUser, kPXPreferencesAnyHost));
