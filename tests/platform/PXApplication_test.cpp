@@ -1,8 +1,8 @@
-// Will-terminate is posted once, whichever road leads to it. The roads that
-// end the process (signals, exit) are taken in a forked child, which reports
-// what its observers saw through a pipe.
+// A termination signal while the host runs a default GApplication: will-terminate
+// is posted once, main-queue observers run, and the application quits in order
+// (its shutdown hook runs). Taken in a forked child, which reports what its
+// observers saw through a pipe.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pxkit/platform/PXApplication.h>
 #include <pxkit/platform/PXNotificationCenter.h>
@@ -15,11 +15,9 @@
 
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "platform/internal/GLibHandles.h"
-#include "support/PXDBusMock.h"
 
 namespace {
 
@@ -42,14 +40,13 @@ void observeWillTerminate(int fd) {
 
 struct ChildResult {
   int status = 0;
-  std::vector<std::string> lines;
+  std::vector<std::string> lines;  // without "ready"
 };
 
-// Runs `body` in a forked child that writes lines to the given descriptor.
-// `afterReady`, when given, runs in the parent once the child wrote "ready".
-// A child whose body returns exits with _exit(0), skipping exit handlers.
-ChildResult runChild(const std::function<void(int fd)>& body,
-                     const std::function<void(pid_t child)>& afterReady = nullptr) {
+// Runs `body` in a forked child (then _exit(0), skipping exit handlers) that
+// observes will-terminate and writes lines to the given descriptor; sends the
+// child `signal`, when given, once it wrote "ready".
+ChildResult runChild(const std::function<void(int fd)>& body, int signal = 0) {
   int fds[2];
   EXPECT_EQ(pipe(fds), 0);
   fflush(stdout);
@@ -57,6 +54,7 @@ ChildResult runChild(const std::function<void(int fd)>& body,
   const pid_t child = fork();
   if (child == 0) {
     close(fds[0]);
+    observeWillTerminate(fds[1]);
     body(fds[1]);
     _exit(0);
   }
@@ -67,11 +65,12 @@ ChildResult runChild(const std::function<void(int fd)>& body,
   ssize_t n;
   while ((n = read(fds[0], buffer, sizeof buffer)) > 0) {
     pending.append(buffer, static_cast<size_t>(n));
-    size_t newline;
-    while ((newline = pending.find('\n')) != std::string::npos) {
-      result.lines.push_back(pending.substr(0, newline));
-      pending.erase(0, newline + 1);
-      if (result.lines.back() == "ready" && afterReady) afterReady(child);
+    for (size_t newline; (newline = pending.find('\n')) != std::string::npos; pending.erase(0, newline + 1)) {
+      if (pending.compare(0, newline, "ready") != 0) {
+        result.lines.push_back(pending.substr(0, newline));
+      } else if (signal) {
+        kill(child, signal);
+      }
     }
   }
   close(fds[0]);
@@ -79,113 +78,13 @@ ChildResult runChild(const std::function<void(int fd)>& body,
   return result;
 }
 
-std::vector<std::string> withoutReady(std::vector<std::string> lines) {
-  lines.erase(std::remove(lines.begin(), lines.end(), "ready"), lines.end());
-  return lines;
-}
-
-const std::vector<std::string> kBothObserversOnce = {"inline observer", "main-queue observer"};
-
 }  // namespace
-
-TEST(PXApplication, ExplicitCallPostsOnceAndRunsMainQueueObserversBeforeReturning) {
-  int inlineCalls = 0;
-  int queuedCalls = 0;
-  std::thread::id queuedOn;
-  PXNotificationCenter* center = PXNotificationCenter::defaultCenter();
-  center->addObserverForName(kPXApplicationWillTerminateNotification, PXApplication::sharedApplication(),
-                             PXOperationQueue::mainQueue(), [&](const PXNotification& n) {
-                               EXPECT_EQ(n.object(), PXApplication::sharedApplication());
-                               ++queuedCalls;
-                               queuedOn = std::this_thread::get_id();
-                             });
-  center->addObserverForName(kPXApplicationWillTerminateNotification, nullptr, nullptr,
-                             [&](const PXNotification&) { ++inlineCalls; });
-  EXPECT_FALSE(PXApplication::sharedApplication()->isTerminating());
-
-  PXApplication::sharedApplication()->applicationWillTerminate();
-  EXPECT_EQ(inlineCalls, 1);
-  EXPECT_EQ(queuedCalls, 1);  // already: the main loop will not run after termination
-  EXPECT_EQ(queuedOn, std::this_thread::get_id());
-  EXPECT_TRUE(PXApplication::sharedApplication()->isTerminating());
-
-  PXApplication::sharedApplication()->applicationWillTerminate();
-  center->postNotificationName("SomethingElse");
-  EXPECT_EQ(inlineCalls, 1);
-  EXPECT_EQ(queuedCalls, 1);
-}
-
-TEST(PXApplication, CallFromAnotherThreadIsPostedOnTheMainLoop) {
-  int calls = 0;
-  std::thread::id postedOn;
-  PXNotificationCenter::defaultCenter()->addObserverForName(kPXApplicationWillTerminateNotification, nullptr,
-                                                            nullptr, [&](const PXNotification&) {
-                                                              ++calls;
-                                                              postedOn = std::this_thread::get_id();
-                                                            });
-  // This thread is the main thread, running the main loop the whole time.
-  GMainContext* main = g_main_context_default();
-  ASSERT_TRUE(g_main_context_acquire(main));
-  std::thread([] { PXApplication::sharedApplication()->applicationWillTerminate(); }).join();
-  EXPECT_EQ(calls, 0);  // handed over, not posted on the calling thread
-  EXPECT_TRUE(PXIterateMainContextUntil([&] { return calls == 1; }));
-  g_main_context_release(main);
-  EXPECT_EQ(postedOn, std::this_thread::get_id());
-}
-
-TEST(PXApplication, ExitPostsOnceWhicheverRoadComesFirst) {
-  struct Row {
-    const char* what;
-    std::function<void()> end;  // how the child ends
-    int exitStatus;
-  };
-  const Row rows[] = {
-      {"exit() without any call: the exit handler posts", [] { exit(0); }, 0},
-      {"the host's call, then exit()",
-       [] {
-         PXApplication::sharedApplication()->applicationWillTerminate();
-         exit(0);
-       },
-       0},
-      {"terminate(3)", [] { PXApplication::sharedApplication()->terminate(3); }, 3},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.what);
-    ChildResult child = runChild([&](int fd) {
-      observeWillTerminate(fd);
-      row.end();
-    });
-    ASSERT_TRUE(WIFEXITED(child.status));
-    EXPECT_EQ(WEXITSTATUS(child.status), row.exitStatus);
-    EXPECT_EQ(child.lines, kBothObserversOnce);
-  }
-}
-
-TEST(PXApplication, TerminationSignalsPostThenEndTheProcessByTheSignal) {
-  for (int signal : {SIGTERM, SIGINT}) {
-    SCOPED_TRACE(strsignal(signal));
-    ChildResult child = runChild(
-        [](int fd) {
-          observeWillTerminate(fd);
-          PXApplication::sharedApplication()->installTerminationSignalHandlers();
-          writeLine(fd, "ready");
-          pxkit::glib::MainLoop loop(g_main_loop_new(nullptr, FALSE));
-          g_main_loop_run(loop.get());
-          writeLine(fd, "main loop returned");
-        },
-        [signal](pid_t pid) { kill(pid, signal); });
-    ASSERT_TRUE(WIFSIGNALED(child.status)) << "status " << child.status;
-    EXPECT_EQ(WTERMSIG(child.status), signal);
-    EXPECT_EQ(withoutReady(child.lines), kBothObserversOnce);
-  }
-}
 
 TEST(PXApplication, TerminationSignalQuitsADefaultGApplication) {
   ChildResult child = runChild(
       [](int fd) {
         // No session bus: the application stays local.
         setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/pxkit-test", 1);
-        observeWillTerminate(fd);
         PXApplication::sharedApplication()->installTerminationSignalHandlers();
         pxkit::glib::Object<GApplication> app(
             g_application_new("org.example.PXKitTest", G_APPLICATION_NON_UNIQUE));
@@ -197,15 +96,14 @@ TEST(PXApplication, TerminationSignalQuitsADefaultGApplication) {
         // The host's own shutdown hook, as documented.
         g_signal_connect(app.get(), "shutdown", G_CALLBACK(+[](GApplication*, gpointer data) {
                            PXApplication::sharedApplication()->applicationWillTerminate();
-                           writeLine(GPOINTER_TO_INT(data), "shutdown");
+                           writeLine(GPOINTER_TO_INT(data),
+                                     PXApplication::sharedApplication()->isTerminating() ? "shutdown" : "?");
                          }),
                          GINT_TO_POINTER(fd));
-        const int status = g_application_run(app.get(), 0, nullptr);
-        exit(status);
+        PXApplication::sharedApplication()->terminate(g_application_run(app.get(), 0, nullptr));
       },
-      [](pid_t pid) { kill(pid, SIGTERM); });
+      SIGTERM);
   ASSERT_TRUE(WIFEXITED(child.status)) << "status " << child.status;
   EXPECT_EQ(WEXITSTATUS(child.status), 0);
-  EXPECT_EQ(withoutReady(child.lines),
-            (std::vector<std::string>{"inline observer", "main-queue observer", "shutdown"}));
+  EXPECT_EQ(child.lines, (std::vector<std::string>{"inline observer", "main-queue observer", "shutdown"}));
 }

@@ -35,74 +35,60 @@ PXValue roundTrip(const PXValue& v,
   return back;
 }
 
-// A value nested `depth` arrays deep around a 1.
+// A value nested `depth` arrays deep around a 1, as a value and as text.
 PXValue nestedArrays(size_t depth) {
   PXValue v = 1;
   for (size_t i = 0; i < depth; ++i) v = PXValue(PXArray::arrayWithObjects({v}));
   return v;
 }
-
 std::string nestedArrayText(size_t depth) {
-  std::string text = "<plist version=\"1.0\">";
-  for (size_t i = 0; i < depth; ++i) text += "<array>";
-  text += "<integer>1</integer>";
-  for (size_t i = 0; i < depth; ++i) text += "</array>";
-  return text + "</plist>";
+  std::string open, close;
+  for (size_t i = 0; i < depth; ++i) open += "<array>", close += "</array>";
+  return "<plist version=\"1.0\">" + open + "<integer>1</integer>" + close + "</plist>";
 }
 
 }  // namespace
 
 TEST(PXPropertyList, ScalarsRoundTripBitForBit) {
-  const double nan = std::numeric_limits<double>::quiet_NaN();
   const double inf = std::numeric_limits<double>::infinity();
-  struct Row {
-    const char* name;
-    PXValue value;
-  } rows[] = {
-      {"true", true},
-      {"false", false},
-      {"zero", 0},
-      {"int64 min", static_cast<long long>(std::numeric_limits<int64_t>::min())},
-      {"int64 max", static_cast<long long>(std::numeric_limits<int64_t>::max())},
-      {"uint64 max", static_cast<unsigned long long>(std::numeric_limits<uint64_t>::max())},
-      {"tenth", 0.1},
-      {"negative zero", -0.0},
-      {"smallest subnormal", std::numeric_limits<double>::denorm_min()},
-      {"integral double", 3.0},
-      {"nan", nan},
-      {"infinity", inf},
-      {"minus infinity", -inf},
-      {"reference date", PXDate(0)},
-      {"before the reference date, fractional", PXDate(-0.3)},
-      {"now-like", PXDate(775000123.456789)},
-      {"distant past", PXDate::distantPast()},
-      {"distant future", PXDate::distantFuture()},
-      {"empty string", ""},
-      {"markup characters", "<a href=\"x\">&amp; 'q'</a>"},
-      {"white space kept", "  two  spaces\tand\nlines\r\nCRLF  "},
-      {"control characters", std::string_view("\x01\x02\x1f\x7f", 4)},
-      {"unicode", "Grüße, 世界 🌍"},
-      {"binary data", data(std::string_view("\x00\x01\xfe\xff"
-                                            "abc",
-                                            7))},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    PXValue back = roundTrip(dict({{"v", row.value}}));
+  const PXValue rows[] = {true,
+                          false,
+                          0,
+                          static_cast<long long>(std::numeric_limits<int64_t>::min()),
+                          static_cast<long long>(std::numeric_limits<int64_t>::max()),
+                          static_cast<unsigned long long>(std::numeric_limits<uint64_t>::max()),
+                          0.1,
+                          -0.0,
+                          std::numeric_limits<double>::denorm_min(),
+                          std::numeric_limits<double>::quiet_NaN(),
+                          inf,
+                          -inf,
+                          PXDate(0),
+                          PXDate(-7e10),  // a year before year 1
+                          PXDate(-0.3),
+                          PXDate::distantPast(),
+                          "",
+                          "<a href=\"x\">&amp; 'q'</a>",
+                          "  two  spaces\tand\nlines\r\nCRLF  ",
+                          std::string_view("\x01\x02\x1f\x7f", 4),
+                          "Grüße, 世界 🌍",
+                          data(std::string_view("\x00\x01\xfe\xff", 4))};
+  for (const PXValue& value : rows) {
+    SCOPED_TRACE(value.description().str());
+    PXValue back = roundTrip(dict({{"v", value}}));
     ASSERT_TRUE(back.isDictionary());
     PXValue v = back.dictionaryValue()->objectForKey("v");
-    ASSERT_EQ(v.kind(), row.value.kind() == PXValue::Kind::Data ? PXValue::Kind::Data : row.value.kind());
-    if (row.value.kind() == PXValue::Kind::Double) {
-      EXPECT_EQ(std::bit_cast<uint64_t>(v.doubleValue()), std::bit_cast<uint64_t>(row.value.doubleValue()));
-    } else if (row.value.kind() == PXValue::Kind::Date) {
+    ASSERT_EQ(v.kind(), value.kind());
+    if (value.kind() == PXValue::Kind::Double) {
+      EXPECT_EQ(std::bit_cast<uint64_t>(v.doubleValue()), std::bit_cast<uint64_t>(value.doubleValue()));
+    } else if (value.kind() == PXValue::Kind::Date) {
       EXPECT_EQ(v.dateValue().timeIntervalSinceReferenceDate(),
-                row.value.dateValue().timeIntervalSinceReferenceDate());
+                value.dateValue().timeIntervalSinceReferenceDate());
     } else {
-      EXPECT_TRUE(v.isEqual(row.value)) << v.description().str();
+      EXPECT_TRUE(v.isEqual(value)) << v.description().str();
     }
   }
-  // Every byte value survives data.
-  std::string all;
+  std::string all;  // every byte value survives data
   for (int i = 0; i < 256; ++i) all.push_back(static_cast<char>(i));
   EXPECT_TRUE(roundTrip(data(all)).isEqual(data(all)));
 }
@@ -112,14 +98,6 @@ TEST(PXPropertyList, ContainersRoundTripInOrderWithTheirMutability) {
                        {"alpha", array({"a", 2, dict({}), array({}), dict({{"deep", array({true, 1.5})}})})},
                        {"middle", data("xyz")},
                        {"", "empty key"}});
-  PXValue back = roundTrip(tree);
-  ASSERT_TRUE(back.isEqual(tree)) << back.description().str();
-  // Insertion order is kept, not sorted.
-  auto keys = back.dictionaryValue()->allKeys();
-  ASSERT_EQ(keys->count(), 4u);
-  EXPECT_EQ(keys->objectAtIndex(0).stringValue(), "zeta");
-  EXPECT_EQ(keys->objectAtIndex(1).stringValue(), "alpha");
-
   struct Row {
     PXPropertyListMutability mutability;
     bool containers, data;
@@ -129,7 +107,10 @@ TEST(PXPropertyList, ContainersRoundTripInOrderWithTheirMutability) {
   for (const Row& row : rows) {
     SCOPED_TRACE(static_cast<int>(row.mutability));
     PXValue v = roundTrip(tree, row.mutability);
-    ASSERT_TRUE(v.isEqual(tree));
+    ASSERT_TRUE(v.isEqual(tree)) << v.description().str();
+    auto keys = v.dictionaryValue()->allKeys();  // insertion order, not sorted
+    EXPECT_EQ(keys->objectAtIndex(0).stringValue(), "zeta");
+    EXPECT_EQ(keys->objectAtIndex(1).stringValue(), "alpha");
     EXPECT_EQ(v.objectPointer()->isMutable(), row.containers);
     PXRef<PXArray> alpha = v.dictionaryValue()->objectForKey("alpha").arrayValue();
     EXPECT_EQ(alpha->isMutable(), row.containers);
@@ -147,61 +128,48 @@ TEST(PXPropertyList, WritesTheDocumentedText) {
                                                                      {"Blob", data("hi")},
                                                                      {"List", array({"a&b", array({})})}}));
   EXPECT_EQ(text,
-            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-            "<plist version=\"1.0\">\n"
-            "<dict>\n"
-            "\t<key>PXMetricsDisabled</key>\n"
-            "\t<true/>\n"
-            "\t<key>Count</key>\n"
-            "\t<integer>-3</integer>\n"
-            "\t<key>Ratio</key>\n"
-            "\t<real>0.25</real>\n"
-            "\t<key>When</key>\n"
-            "\t<date>2001-01-01T00:00:00Z</date>\n"
-            "\t<key>Blob</key>\n"
-            "\t<data>aGk=</data>\n"
-            "\t<key>List</key>\n"
-            "\t<array>\n"
-            "\t\t<string>a&amp;b</string>\n"
-            "\t\t<array/>\n"
-            "\t</array>\n"
-            "</dict>\n"
-            "</plist>\n");
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
+            "\t<key>PXMetricsDisabled</key>\n\t<true/>\n"
+            "\t<key>Count</key>\n\t<integer>-3</integer>\n"
+            "\t<key>Ratio</key>\n\t<real>0.25</real>\n"
+            "\t<key>When</key>\n\t<date>2001-01-01T00:00:00Z</date>\n"
+            "\t<key>Blob</key>\n\t<data>aGk=</data>\n"
+            "\t<key>List</key>\n\t<array>\n\t\t<string>a&amp;b</string>\n\t\t<array/>\n\t</array>\n"
+            "</dict>\n</plist>\n");
 }
 
 TEST(PXPropertyList, ReadsWhatOtherWritersProduce) {
+  const double inf = std::numeric_limits<double>::infinity();
   struct Row {
-    const char* name;
     const char* text;
     PXValue expected;
   } rows[] = {
-      {"doctype and comments",
-       "<?xml version=\"1.0\"?>\n<!DOCTYPE plist SYSTEM \"plist.dtd\">\n<!-- c -->\n"
+      {"<?xml version=\"1.0\"?>\n<!DOCTYPE plist SYSTEM \"plist.dtd\">\n<!-- c -->\n"
        "<plist version=\"1.0\"><dict><!-- inside --><key>a</key><integer>1</integer></dict></plist>",
        dict({{"a", 1}})},
-      {"bare root value", "<array><string>x</string></array>", array({"x"})},
-      {"hexadecimal integer", "<integer>0x1F</integer>", 31},
-      {"plus-signed integer", "<integer>+12</integer>", 12},
-      {"blanks around numbers",
-       "<dict><key>i</key><integer>\n 7 \n</integer><key>r</key><real> 2.5 </real></dict>",
+      {"<array><string>x</string></array>", array({"x"})},
+      {"<array><integer>0x1F</integer><integer>0X1f</integer></array>", array({31, 31})},
+      {"<integer>+12</integer>", 12},
+      {"<dict><key>i</key><integer>\n 7 \n</integer><key>r</key><real> 2.5 </real></dict>",
        dict({{"i", 7}, {"r", 2.5}})},
-      {"real with exponent", "<real>1e3</real>", 1000.0},
-      {"infinity spellings", "<array><real>inf</real><real>-INF</real><real>+infinity</real></array>",
-       array({std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity(),
-              std::numeric_limits<double>::infinity()})},
-      {"wrapped base64", "<data>\n\taGVs\n\tbG8=\n</data>", data("hello")},
-      {"base64 without padding", "<data>aGk</data>", data("hi")},
-      {"CDATA", "<string><![CDATA[<raw> & text]]></string>", "<raw> & text"},
-      {"character references", "<string>&#x41;&#66;&lt;&#x1F30D;</string>", "AB<🌍"},
-      {"empty string element", "<string/>", ""},
-      {"empty containers", "<dict><key>a</key><array/><key>d</key><dict/></dict>",
-       dict({{"a", array({})}, {"d", dict({})}})},
-      {"duplicate key: the later wins",
-       "<dict><key>k</key><integer>1</integer><key>k</key><integer>2</integer></dict>", dict({{"k", 2}})},
-      {"date with fraction", "<date>2001-01-01T00:00:01.25Z</date>", PXDate(1.25)},
+      {"<real>1e3</real>", 1000.0},
+      {"<real>+1.5</real>", 1.5},
+      {"<array><real>inf</real><real>-INF</real><real>+infinity</real><real>infinity</real><real>+inf</"
+       "real></array>",
+       array({inf, -inf, inf, inf, inf})},
+      {"<data>\n\taGVs\r\n bG8=\n</data>", data("hello")},
+      {"<data>aGk</data>", data("hi")},
+      {"<data></data>", data("")},
+      {"<string><![CDATA[<raw> & text]]></string>", "<raw> & text"},
+      {"<string>&#x41;&#66;&lt;&#x1F30D;</string>", "AB<🌍"},
+      {"<string/>", ""},
+      {"<dict><key>a</key><array/><key>d</key><dict/></dict>", dict({{"a", array({})}, {"d", dict({})}})},
+      {"<dict><key>k</key><integer>1</integer><key>k</key><integer>2</integer></dict>", dict({{"k", 2}})},
+      {"<date>2001-01-01T00:00:01.25Z</date>", PXDate(1.25)},
+      {"<date>2000-02-29T00:00:00Z</date>", PXDate(-307 * 86400)},  // 2000 is a leap year
   };
   for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
+    SCOPED_TRACE(row.text);
     PXErrorRef error;
     PXValue v = PXPropertyList::propertyListWithString(row.text, PXPropertyListMutability::Immutable, &error);
     ASSERT_TRUE(v) << (error ? error->description().str() : "");
@@ -210,44 +178,51 @@ TEST(PXPropertyList, ReadsWhatOtherWritersProduce) {
 }
 
 TEST(PXPropertyList, RefusesMalformedTextWithAnError) {
-  const char* rows[] = {
-      "",
-      "not xml at all",
-      "<plist>",
-      "<plist version=\"1.0\"></plist>",
-      "<plist><integer>1</integer><integer>2</integer></plist>",
-      "<dict><key>a</key></dict>",
-      "<dict><integer>1</integer></dict>",
-      "<dict>text<key>a</key><integer>1</integer></dict>",
-      "<array><key>a</key></array>",
-      "<array><plist/></array>",
-      "<string><integer>1</integer></string>",
-      "<unknown/>",
-      "<integer></integer>",
-      "<integer>12a</integer>",
-      "<integer>1.5</integer>",
-      "<integer>18446744073709551616</integer>",
-      "<integer>-9223372036854775809</integer>",
-      "<real></real>",
-      "<real>1.5.5</real>",
-      "<data>!!!!</data>",
-      "<data>a</data>",
-      "<data>aGk=aGk=</data>",
-      "<data>a===</data>",
-      "<date>2001-02-29T00:00:00Z</date>",
-      "<date>2001-13-01T00:00:00Z</date>",
-      "<date>2001-01-01T24:00:00Z</date>",
-      "<date>2001-01-01T00:60:00Z</date>",
-      "<date>2001-01-01T00:00:00</date>",
-      "<date>2001-01-01T00:00:00+01:00</date>",
-      "<date>01-01-01T00:00:00Z</date>",
-      "<date>2001-01-01T00:00:00.Z</date>",
-      "<true>x</true>",
-      "<string>unterminated",
-      "<string>bad &entity; here</string>",
-      "<string>\xff\xfe invalid UTF-8</string>",
-      "<array></dict>",
-  };
+  const char* rows[] = {"",
+                        "not xml at all",
+                        "<plist>",
+                        "<plist version=\"1.0\"></plist>",
+                        "<plist><integer>1</integer><integer>2</integer></plist>",
+                        "<dict><key>a</key></dict>",
+                        "<dict><integer>1</integer></dict>",
+                        "<dict>text<key>a</key><integer>1</integer></dict>",
+                        "<array><key>a</key></array>",
+                        "<array><plist/></array>",
+                        "<string><integer>1</integer></string>",
+                        "<unknown/>",
+                        "<integer></integer>",
+                        "<integer>12a</integer>",
+                        "<integer>1.5</integer>",
+                        "<integer>18446744073709551616</integer>",
+                        "<integer>-9223372036854775809</integer>",
+                        "<real></real>",
+                        "<real>1.5.5</real>",
+                        "<real>+</real>",
+                        "<real>++1</real>",
+                        "<data>!!!!</data>",
+                        "<data>a</data>",
+                        "<data>aGk=aGk=</data>",
+                        "<data>a===</data>",
+                        "<date>2001-02-29T00:00:00Z</date>",
+                        "<date>1900-02-29T00:00:00Z</date>",
+                        "<date>2001-00-01T00:00:00Z</date>",
+                        "<date>2001-01-00T00:00:00Z</date>",
+                        "<date>2001-01-01T00:00:60Z</date>",
+                        "<date>2001-01-01T00:00:00.1234567890123456789012345678901Z</date>",
+                        "<date>12345678-01-01T00:00:00Z</date>",
+                        "<date>9999999-01-01T00:00:00Z</date>",
+                        "<date>2001-13-01T00:00:00Z</date>",
+                        "<date>2001-01-01T24:00:00Z</date>",
+                        "<date>2001-01-01T00:60:00Z</date>",
+                        "<date>2001-01-01T00:00:00</date>",
+                        "<date>2001-01-01T00:00:00+01:00</date>",
+                        "<date>01-01-01T00:00:00Z</date>",
+                        "<date>2001-01-01T00:00:00.Z</date>",
+                        "<true>x</true>",
+                        "<string>unterminated",
+                        "<string>bad &entity; here</string>",
+                        "<string>\xff\xfe invalid UTF-8</string>",
+                        "<array></dict>"};
   for (const char* text : rows) {
     SCOPED_TRACE(text);
     PXErrorRef error;
@@ -260,7 +235,7 @@ TEST(PXPropertyList, RefusesMalformedTextWithAnError) {
 }
 
 TEST(PXPropertyList, NestingLimitHoldsAtTheBoundary) {
-  for (size_t depth : {kPXPropertyListMaxDepth - 1, kPXPropertyListMaxDepth, kPXPropertyListMaxDepth + 1}) {
+  for (size_t depth : {kPXPropertyListMaxDepth, kPXPropertyListMaxDepth + 1}) {
     SCOPED_TRACE(depth);
     bool allowed = depth <= kPXPropertyListMaxDepth;
     PXErrorRef error;
@@ -281,71 +256,24 @@ TEST(PXPropertyList, NestingLimitHoldsAtTheBoundary) {
 TEST(PXPropertyList, WriterRefusesWhatIsNotAPropertyList) {
   auto cycle = PXMutableArray::array();
   cycle->addObject(PXValue(cycle));
-  struct Row {
-    const char* name;
-    PXValue value;
-  } rows[] = {
-      {"absent", PXValue()},
-      {"null", PXValue::null()},
-      {"error object", PXValue(PXError::errorWithDomain("D", 1))},
-      {"number key", PXValue(PXDictionary::dictionaryWithEntries({{1, "one"}}))},
-      {"NUL in a string", std::string_view("a\0b", 3)},
-      {"invalid UTF-8", std::string_view("\xc3\x28", 2)},
-      {"NaN date", PXDate(std::numeric_limits<double>::quiet_NaN())},
-      {"date beyond range", PXDate(1e300)},
-      {"a container holding itself", PXValue(cycle)},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
+  const PXValue rows[] = {PXValue(),
+                          PXValue::null(),
+                          PXValue(PXError::errorWithDomain("D", 1)),
+                          PXValue(PXDictionary::dictionaryWithEntries({{1, "one"}})),
+                          std::string_view("a\0b", 3),
+                          std::string_view("\xc3\x28", 2),
+                          PXDate(std::numeric_limits<double>::quiet_NaN()),
+                          PXDate(1e300),
+                          PXValue(cycle)};
+  for (const PXValue& value : rows) {
+    SCOPED_TRACE(&value - rows);
     PXErrorRef error;
-    EXPECT_FALSE(PXPropertyList::dataWithPropertyList(row.value, &error));
+    EXPECT_FALSE(PXPropertyList::dataWithPropertyList(value, &error));
     ASSERT_TRUE(error);
     EXPECT_EQ(error->code(), PXPropertyListWriteInvalidError);
-    EXPECT_FALSE(PXPropertyList::isValidPropertyList(row.value));
+    EXPECT_FALSE(PXPropertyList::isValidPropertyList(value));
   }
   cycle->removeAllObjects();  // break the cycle so the array can go
-}
-
-TEST(PXPropertyList, DateTextAgreesWithTheCalendar) {
-  struct Row {
-    double seconds;
-    const char* text;
-  } rows[] = {
-      {0, "2001-01-01T00:00:00Z"},
-      {-978307200, "1970-01-01T00:00:00Z"},
-      {1e9, "2032-09-09T01:46:40Z"},
-      {-31622400, "2000-01-01T00:00:00Z"},
-      {-63113904000.0, "0001-01-01T00:00:00Z"},
-      {63113904000.0, "4001-01-01T00:00:00Z"},
-      {0.5, "2001-01-01T00:00:00.5Z"},
-      {-0.5, "2000-12-31T23:59:59.5Z"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.text);
-    EXPECT_EQ(PXPropertyList::ISO8601StringFromDate(PXDate(row.seconds)), row.text);
-    PXDate back;
-    ASSERT_TRUE(PXPropertyList::dateFromISO8601String(row.text, &back));
-    EXPECT_EQ(back.timeIntervalSinceReferenceDate(), row.seconds);
-  }
-  // Against GLib's own calendar, over four centuries of whole seconds.
-  GRand* rand = g_rand_new_with_seed(20010101);
-  for (int i = 0; i < 2000; ++i) {
-    auto seconds = static_cast<int64_t>(g_rand_double_range(rand, -6.3e9, 6.3e9));
-    GDateTime* dt = g_date_time_new_from_unix_utc(seconds + 978307200);
-    gchar* expected = g_date_time_format(dt, "%Y-%m-%dT%H:%M:%SZ");
-    EXPECT_EQ(PXPropertyList::ISO8601StringFromDate(PXDate(static_cast<double>(seconds))), expected);
-    g_free(expected);
-    g_date_time_unref(dt);
-  }
-  // Fractions chosen at random come back as the same double.
-  for (int i = 0; i < 2000; ++i) {
-    double t = g_rand_double_range(rand, -4e9, 4e9);
-    PXDate back;
-    ASSERT_TRUE(
-        PXPropertyList::dateFromISO8601String(PXPropertyList::ISO8601StringFromDate(PXDate(t)), &back));
-    EXPECT_EQ(back.timeIntervalSinceReferenceDate(), t);
-  }
-  g_rand_free(rand);
 }
 
 TEST(PXPropertyList, SurvivesMutatedDocuments) {
@@ -353,27 +281,19 @@ TEST(PXPropertyList, SurvivesMutatedDocuments) {
   std::string text = PXPropertyList::XMLStringWithPropertyList(
       dict({{"a", array({1, 2.5, "x&y", data("zz"), PXDate(3.25), true})}, {"b", dict({{"c", -1}})}}));
   GRand* rand = g_rand_new_with_seed(42);
-  int values = 0, errors = 0;
+  int errors = 0;
   for (int i = 0; i < 3000; ++i) {
     std::string mutated = text;
-    int edits = g_rand_int_range(rand, 1, 6);
-    for (int e = 0; e < edits; ++e) {
+    for (int e = g_rand_int_range(rand, 1, 6); e > 0; --e) {
       auto at = static_cast<size_t>(g_rand_int_range(rand, 0, static_cast<gint32>(mutated.size())));
-      switch (g_rand_int_range(rand, 0, 3)) {
-        case 0:
-          mutated[at] = static_cast<char>(g_rand_int_range(rand, 0, 256));
-          break;
-        case 1:
-          mutated.erase(at, static_cast<size_t>(g_rand_int_range(rand, 1, 12)));
-          break;
-        default:
-          mutated.insert(at, mutated.substr(at / 2, 10));
-          break;
-      }
+      const int how = g_rand_int_range(rand, 0, 3);
+      if (how == 0) mutated[at] = static_cast<char>(g_rand_int_range(rand, 0, 256));
+      if (how == 1) mutated.erase(at, static_cast<size_t>(g_rand_int_range(rand, 1, 12)));
+      if (how == 2) mutated.insert(at, mutated.substr(at / 2, 10));
     }
     PXErrorRef error;
     PXValue v = PXPropertyList::propertyListWithString(mutated, PXPropertyListMutability::Immutable, &error);
-    (v ? values : errors) += 1;
+    errors += !v;
     EXPECT_NE(static_cast<bool>(v), static_cast<bool>(error));
   }
   g_rand_free(rand);
