@@ -3,7 +3,7 @@
 // `environment` in front; a pipe this object reads gets its descriptor `outputDescriptor` (1, or 3
 // as a side channel), and standard error too with `mergeStandardError`. One thread owns the object.
 //
-//   PXSubprocess writer({PXKIT_PREFS_CHILD, "loop", "org.example.App", "65536"});
+//   PXSubprocess writer({PXKIT_CLI, "state", "--app", "org.example.App"});
 //   std::optional<std::string> line = writer.readLine();
 //   writer.kill(SIGKILL);
 //   EXPECT_TRUE(PXSubprocess::killedBy(writer.wait(), SIGKILL));
