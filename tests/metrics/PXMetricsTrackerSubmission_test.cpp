@@ -26,6 +26,7 @@ namespace {
 constexpr double kNoon = 700056000;  // 2023-03-09 12:00:00 UTC
 constexpr const char* kApp = "org.pxkit.SubmissionTest";
 constexpr const char* kSystem = "SUBMISSION-SYSTEM-ID";
+constexpr const char* kReceipt = R"({"other":1,"processedPapercutPackageIDs":[$*]})";
 
 using Strings = std::vector<std::string>;
 
@@ -58,10 +59,13 @@ class PXMetricsTrackerSubmissionTest : public testing::Test {
       ids.emplace_back(cut.dictionaryValue()->objectForKey("packageID").stringValue());
     return ids;
   }
-  static std::string receiptNaming(const Strings& ids) {
-    std::string text = R"({"other":1,"processedPapercutPackageIDs":[)";
-    for (size_t i = 0; i < ids.size(); ++i) text += (i ? ",\"" : "\"") + ids[i] + "\"";
-    return text + "]}";
+  // `body` with $* replaced by the quoted IDs, $<n> by the nth of them.
+  static std::string answer(std::string body, const Strings& ids) {
+    std::string all;
+    for (const std::string& id : ids) all += (all.empty() ? "\"" : ",\"") + id + "\"";
+    for (size_t at; (at = body.find('$')) != std::string::npos;)
+      body.replace(at, 2, body[at + 1] == '*' ? all : ids.at(body[at + 1] - '0'));
+    return body;
   }
   // Runs the main run loop until every main-queue operation enqueued so far has run.
   static void drainMainQueue() {
@@ -99,54 +103,39 @@ class PXMetricsTrackerSubmissionTest : public testing::Test {
 TEST_F(PXMetricsTrackerSubmissionTest, EachAnswerLeavesExactlyTheUnconfirmedPapercuts) {
   struct Case {
     const char* name;
-    // The answer, given the four stored package IDs; empty status: the connection is reset.
-    std::function<PXLoopbackServer::Response(const Strings&)> answer;
-    std::vector<size_t> remaining;  // indexes of the stored papercuts left afterwards
+    int status;  // 0: the connection is reset before the answer; 307: to the endpoint, which confirms all
+    const char* body;
+    std::vector<size_t> remaining;  // indexes of the four stored papercuts left afterwards
     bool dateRecorded;
   };
-  using R = PXLoopbackServer::Response;
   const std::vector<size_t> all{0, 1, 2, 3};
-  const std::vector<Case> cases = {
-      {"500 with a receipt", [](const Strings& ids) { return R(receiptNaming(ids), 500); }, all, false},
-      {"empty body", [](const Strings&) { return R(""); }, all, true},
-      {"not JSON", [](const Strings&) { return R("<html>thanks</html>"); }, all, true},
-      {"a JSON array", [](const Strings& ids) { return R("[\"" + ids[0] + "\"]"); }, all, true},
-      {"unknown IDs",
-       [](const Strings&) {
-         return R(receiptNaming({"feed", "0123456789abcdef"}));
-       },
-       all, true},
-      {"half of them",
-       [](const Strings& ids) {
-         return R(receiptNaming({ids[2], ids[0]}));
-       },
-       {1, 3},
-       true},
-      {"IDs as numbers", [](const Strings&) { return R(R"({"processedPapercutPackageIDs":[0,1,2,3]})"); },
-       all, true},
-      {"reset before the answer", nullptr, all, false},
-      {"307 to the endpoint", [](const Strings& ids) { return R(receiptNaming(ids)); }, {}, true},
+  const Case cases[] = {
+      {"500 with a receipt", 500, kReceipt, all, false},
+      {"empty body", 200, "", all, true},
+      {"not JSON", 200, "<html>thanks</html>", all, true},
+      {"a JSON array", 200, R"(["$0"])", all, true},
+      {"unknown IDs", 200, R"({"processedPapercutPackageIDs":["feed","0123456789abcdef"]})", all, true},
+      {"half of them", 200, R"({"other":1,"processedPapercutPackageIDs":["$2","$0"]})", {1, 3}, true},
+      {"IDs as numbers", 200, R"({"processedPapercutPackageIDs":[0,1,2,3]})", all, true},
+      {"reset before the answer", 0, "", all, false},
+      {"307 to the endpoint", 307, kReceipt, {}, true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     tracker->setPaperCuts(PXArray::array());
-    PXDate before(kNoon - 3 * 86400);
+    const PXDate before(kNoon - 3 * 86400);
     tracker->setLastAutoSubmissionDate(before);
-    Strings ids = storePapercuts(4);
+    const Strings ids = storePapercuts(4);
     ASSERT_EQ(ids.size(), 4u);
-    tracker->setMetricsPostURL(server.url("/metrics/post"));
-    if (!c.answer) {
-      server.handleRaw("/metrics/post",
-                       PXLoopbackServer::RawResponse("", PXLoopbackServer::RawEnding::Reset));
-      tracker->setMetricsPostURL(server.rawURL("/metrics/post"));
-    } else {
-      server.handle("/metrics/post", [answer = c.answer(ids)](const auto&) { return answer; });
-    }
-    if (std::string(c.name).starts_with("307")) {
-      server.handle("/moved",
-                    [&](const auto&) { return R("", 307).header("Location", server.url("/metrics/post")); });
-      tracker->setMetricsPostURL(server.url("/moved"));
-    }
+    PXLoopbackServer::Response response(answer(c.body, ids), c.status == 307 ? 200 : c.status);
+    server.handle("/metrics/post", [response](const auto&) { return response; });
+    server.handle("/moved", [&](const auto&) {
+      return PXLoopbackServer::Response("", 307).header("Location", server.url("/metrics/post"));
+    });
+    server.handleRaw("/reset", PXLoopbackServer::RawResponse("", PXLoopbackServer::RawEnding::Reset));
+    tracker->setMetricsPostURL(c.status == 0     ? server.rawURL("/reset")
+                               : c.status == 307 ? server.url("/moved")
+                                                 : server.url("/metrics/post"));
     ASSERT_TRUE(submitAndWait());
     Strings expected;
     for (size_t index : c.remaining) expected.push_back(ids[index]);
@@ -158,8 +147,7 @@ TEST_F(PXMetricsTrackerSubmissionTest, EachAnswerLeavesExactlyTheUnconfirmedPape
   PXLoopbackServer::Request last = server.requests().back();
   EXPECT_EQ(last.header("Content-Type"), "application/json");
   PXRef<PXDictionary> body =
-      PXJSONSerialization::JSONObjectWithData(PXData::dataWithBytes(last.body.data(), last.body.size()), 0)
-          .dictionaryValue();
+      PXJSONSerialization::JSONObjectWithData(PXData::dataWithString(last.body), 0).dictionaryValue();
   ASSERT_TRUE(body);
   EXPECT_EQ(body->count(), 1u);
   EXPECT_EQ(body->objectForKey("papercuts").arrayValue()->count(), 4u);
@@ -168,7 +156,7 @@ TEST_F(PXMetricsTrackerSubmissionTest, EachAnswerLeavesExactlyTheUnconfirmedPape
 TEST_F(PXMetricsTrackerSubmissionTest, OneSubmissionADayAndOnlyOneInFlight) {
   Strings ids = storePapercuts(2);
   server.handle("/metrics/post",
-                [ids](const auto&) { return PXLoopbackServer::Response(receiptNaming(ids)); });
+                [ids](const auto&) { return PXLoopbackServer::Response(answer(kReceipt, ids)); });
   tracker->start();                                                      // a trigger
   tracker->considerAutoSubmissionWithSubmissionDate(PXDate(kNoon + 1));  // and another at once
   ASSERT_TRUE(PXRunLoopUntil([&] { return tracker->paperCuts()->count() == 0; }));
@@ -243,7 +231,7 @@ TEST_F(PXMetricsTrackerSubmissionTest, OptedOutTrackerRecordsAndSendsNothingUnti
 TEST_F(PXMetricsTrackerSubmissionTest, PapercutCutInFlightSurvivesTheEarlierReceipt) {
   Strings ids = storePapercuts(3);
   server.handle("/metrics/post",
-                [ids](const auto&) { return PXLoopbackServer::Response(receiptNaming(ids)); });
+                [ids](const auto&) { return PXLoopbackServer::Response(answer(kReceipt, ids)); });
   bool finished = false;
   tracker->submitDataWithResponseHandler([&](auto...) { finished = true; }, PXDate(kNoon));
   ASSERT_TRUE(PXRunLoopUntil([&] { return bool(tracker->submissionRequest()); }));

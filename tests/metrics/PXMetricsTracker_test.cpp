@@ -1,41 +1,82 @@
+// The tracker: its registry, recording on the metrics queue, the papercut
+// record and the saved state, in a fresh home on the virtual clock.
 #include <gtest/gtest.h>
 #include <pxkit/foundation/PXObjectBlockObserver.h>
 #include <pxkit/foundation/PXRuntime.h>
 #include <pxkit/metrics/PXMetricsTracker.h>
+#include <pxkit/net/PXJSONSerialization.h>
 #include <pxkit/objects/PXClock.h>
+#include <pxkit/objects/PXKeyedArchiver.h>
 #include <pxkit/platform/PXBundle.h>
+#include <pxkit/platform/PXCalendar.h>
 #include <pxkit/platform/PXPreferences.h>
+#include <pxkit/platform/PXUserDefaults.h>
 #include <pxkit/platform/PXUserDefaultsController.h>
 
+#include <atomic>
 #include <cctype>
+#include <cstdlib>
 #include <thread>
 #include <vector>
 
 #include "metrics/internal/PXMetricsTrackerInternal.h"
+#include "support/PXRunLoopUntil.h"
 #include "support/PXTempHome.h"
 
 namespace {
 
-// Every tracker test runs in a fresh home, as a known application, on the virtual clock.
+using Strings = std::vector<std::string>;
+constexpr double kNoon = 700056000;  // 2023-03-09 12:00:00 UTC: a few hours on stay on the same date
+
+void storeSystemID(const PXValue& id) {
+  PXPreferences::setValue("MetricsRandomSystemID", id, kPXPreferencesCurrentApplication,
+                          kPXPreferencesCurrentUser, kPXPreferencesCurrentHost);
+}
+
+Strings keysOf(const PXDictionary& dictionary) {
+  Strings keys;
+  for (const auto& [key, value] : dictionary) keys.emplace_back(key.stringValue());
+  return keys;
+}
+
 class PXMetricsTrackerTest : public testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(PXBundle::setMainBundleIdentity("org.pxkit.TrackerTest", "1.2", "120"));
+    setenv("TZ", "UTC", 1);
+    PXCalendar::resetTimeZone();
+    ASSERT_TRUE(PXBundle::setMainBundleIdentity("org.pxkit.TrackerTest", "3.1", "310"));
+    storeSystemID("FIXED-SYSTEM-ID");
     tracker = PXMake<PXMetricsTracker>();
   }
 
   PXRef<PXMetric> metric(const PXString& identifier, const PXString& primary = {},
-                         const PXString& secondary = {}) {
-    return pxkit::internal::findMetricForIdentifier(*tracker, identifier, primary, secondary);
+                         const PXString& secondary = {}, PXMetricsTracker* in = nullptr) {
+    return pxkit::internal::findMetricForIdentifier(in ? *in : *tracker, identifier, primary, secondary);
   }
-  int32_t valueOf(const PXString& identifier, const PXString& primary = {}, const PXString& secondary = {}) {
-    PXRef<PXMetric> m = metric(identifier, primary, secondary);
-    return m ? m->value() : INT32_MIN;
+  // Keeps the queue's worker busy until release(): what is recorded meanwhile waits in one batch.
+  void holdWorker() {
+    tracker->performMetricsOperation([this] {
+      held = true;
+      while (!released) std::this_thread::yield();
+    });
+    while (!held) std::this_thread::yield();
+  }
+  void release() {
+    released = true;
+    tracker->settleOutstandingOperationsWithOperationSync();
+  }
+  static PXRef<PXDictionary> papercut(const PXString& id, double since1970, const PXString& metricID = "m") {
+    auto set = PXMutableDictionary::dictionary();
+    set->setObject(1, "value");
+    if (metricID) set->setObject(metricID, "identifier");
+    return PXDictionary::dictionaryWithEntries(
+        {{"packageID", id}, {"metrics", PXArray::arrayWithObjects({set})}, {"timestamp", since1970}});
   }
 
   PXTempHome home;
-  PXScopedVirtualClock clock{PXDate(700000000)};
+  PXScopedVirtualClock clock{PXDate(kNoon)};
   PXRef<PXMetricsTracker> tracker;
+  std::atomic<bool> held{false}, released{false};
 };
 
 }  // namespace
@@ -64,16 +105,14 @@ TEST_F(PXMetricsTrackerTest, RegistryKeepsOrderAndNeverReplacesAnExistingMetric)
   EXPECT_FALSE(tracker->addMetric(twin)) << "same unified ID: an empty and an absent qualifier are the same";
   EXPECT_FALSE(tracker->addMetric({}));
   EXPECT_EQ(tracker->metricForIdentifier("x", {}, {}), first);
-
   PXString unified;
   EXPECT_FALSE(pxkit::internal::findMetricForIdentifier(*tracker, "y", "p", {}, &unified));
   EXPECT_EQ(unified, "{y}-{p}-{}") << "the unified ID is written even when nothing is found";
-
   for (const char* name : {"c", "a", "b"}) tracker->metricForIdentifier(name);
-  std::vector<std::string> names;
+  Strings names;
   PXRef<PXArray> all = tracker->metrics();
-  for (const PXValue& v : *all) names.push_back(PXDynamicCast<PXMetric>(v.objectValue())->identifier().str());
-  EXPECT_EQ(names, (std::vector<std::string>{"x", "c", "a", "b"}));
+  for (const PXValue& v : *all) names.emplace_back(PXDynamicCast<PXMetric>(v.objectValue())->identifier());
+  EXPECT_EQ(names, (Strings{"x", "c", "a", "b"}));
   tracker->removeMetric(first);
   EXPECT_FALSE(metric("x"));
   EXPECT_EQ(tracker->metrics()->count(), 3u);
@@ -82,16 +121,14 @@ TEST_F(PXMetricsTrackerTest, RegistryKeepsOrderAndNeverReplacesAnExistingMetric)
 TEST_F(PXMetricsTrackerTest, FixedValuesAndComputationBlocksTurnMetricsIntoDailyFacts) {
   PXRef<PXMetric> usage = tracker->metricForIdentifier("common.usage");
   usage->setValue(40);
-  ASSERT_TRUE(usage->needsPersistentStorage());
   PXRef<PXMetric> fixed = tracker->metricForIdentifier("common.usage", {}, {}, 3);
   EXPECT_EQ(fixed, usage);
   EXPECT_EQ(fixed->value(), 3);
   EXPECT_FALSE(fixed->needsPersistentStorage());
   EXPECT_EQ(fixed->submissionFrequency(), 86400.0);
-
   int installs = 0;
   auto block = [&](PXMetric&, PXMetricComputePhase phase) {
-    if (phase == PXMetricComputePhaseInstalled) ++installs;
+    installs += phase == PXMetricComputePhaseInstalled;
     return true;
   };
   PXRef<PXMetric> m = tracker->metricForIdentifier("computed", {}, {}, block, false);
@@ -102,54 +139,112 @@ TEST_F(PXMetricsTrackerTest, FixedValuesAndComputationBlocksTurnMetricsIntoDaily
   EXPECT_TRUE(m->needsPersistentStorage());
 }
 
-TEST_F(PXMetricsTrackerTest, RecordingRunsInCallOrderOnTheQueue) {
-  // Interleaved operations on one metric only give this result when run in order.
+TEST_F(PXMetricsTrackerTest, RecordingRunsInCallOrderOnTheQueueAndAnOperationSplitsABatch) {
+  // All of it waits while the worker is held; the operation in between must
+  // see the recordings before it applied and none after it.
+  holdWorker();
+  std::vector<int32_t> seen;
   tracker->updateMetricValue(5, "ordered");
+  tracker->performMetricsOperation([&] { seen.push_back(metric("ordered")->value()); });
   tracker->setFixedValue(100, "ordered");
   tracker->updateMetricValue(-1, "ordered");
   tracker->startOrContinueUsageWithAutostopAfterInterval(0, "usage", "editor");
-  tracker->settleOutstandingOperationsWithOperationSync();
-  EXPECT_EQ(valueOf("ordered"), 99);
-
-  clock.advance(42.5);
-  tracker->stopUsageForIdentifier("usage", "editor");
-  std::vector<int> seen;
-  tracker->settleOutstandingOperationsWithOperationSync([&] {
-    PXRef<PXMetric> usage = metric("usage", "editor");
-    usage->computeMetric();
-    seen.push_back(usage->value());
-  });
-  EXPECT_EQ(seen, std::vector<int>{42}) << "the settle callback runs after every earlier operation";
-}
-
-TEST_F(PXMetricsTrackerTest, OperationsHoldTheTrackerLock) {
-  // A job on the queue holds the tracker's monitor: another thread trying it
-  // while the job runs must fail.
-  std::atomic<bool> inside{false}, release{false};
-  tracker->performMetricsOperation([&] {
-    inside = true;
-    while (!release) std::this_thread::yield();
-  });
-  while (!inside) std::this_thread::yield();
-  EXPECT_FALSE(tracker->monitor().try_lock());
-  release = true;
-  tracker->settleOutstandingOperationsWithOperationSync();
-  ASSERT_TRUE(tracker->monitor().try_lock());
-  tracker->monitor().unlock();
-  tracker->performMetricsOperation({});  // an empty operation is ignored
-  tracker->settleOutstandingOperationsWithOperationSync();
-}
-
-TEST_F(PXMetricsTrackerTest, RecordingWhileDisabledLeavesNoTrace) {
-  tracker->setEnabled(false);
+  release();
+  tracker->setEnabled(false);  // recording while disabled leaves no trace
   tracker->updateMetricValue(1, "dropped");
   tracker->setFixedValue(1, "dropped.fixed");
   tracker->startOrContinueUsageWithAutostopAfterInterval(10, "dropped.usage");
   tracker->setEnabled(true);
-  tracker->updateMetricValue(2, "kept");
+  clock.advance(42.5);
+  tracker->stopUsageForIdentifier("usage", "editor");
+  tracker->settleOutstandingOperationsWithOperationSync([&] {
+    metric("usage", "editor")->computeMetric();
+    seen.push_back(metric("usage", "editor")->value());
+  });
+  EXPECT_EQ(seen, (std::vector<int32_t>{5, 42})) << "the settle callback runs after every earlier operation";
+  EXPECT_EQ(metric("ordered")->value(), 99);
+  EXPECT_EQ(tracker->metrics()->count(), 2u);
+  tracker->performMetricsOperation({});  // an empty operation is ignored
   tracker->settleOutstandingOperationsWithOperationSync();
-  EXPECT_EQ(valueOf("kept"), 2);
-  EXPECT_EQ(tracker->metrics()->count(), 1u);
+}
+
+TEST_F(PXMetricsTrackerTest, OperationsHoldTheTrackerLock) {
+  holdWorker();
+  EXPECT_FALSE(tracker->monitor().try_lock()) << "a job on the queue holds the tracker's monitor";
+  release();
+  ASSERT_TRUE(tracker->monitor().try_lock());
+  tracker->monitor().unlock();
+}
+
+TEST_F(PXMetricsTrackerTest, AWaitingBatchKeepsEveryIdentityAndTheCallOrder) {
+  // Enough calls to fill several blocks of the batch, identities longer than
+  // a block among them, absent and empty qualifiers, all applied in order.
+  const std::string huge(20000, 'h');
+  const std::vector<std::array<PXString, 3>> rows = {
+      {"plain", {}, {}},       {"plain", "", ""},        {"qualified", "p", {}}, {"qualified", {}, "s"},
+      {"qualified", "p", "s"}, {"absent.first", {}, {}}, {"empty.first", "", {}}};
+  constexpr int kRounds = 1000;
+  holdWorker();
+  for (int round = 0; round < kRounds; ++round) {
+    for (const auto& row : rows) tracker->updateMetricValue(1, row[0], row[1], row[2]);
+    if (round % 100 == 0) tracker->updateMetricValue(1, huge, huge);
+    if (round == kRounds / 2) tracker->setFixedValue(-5, "fixed");
+    tracker->updateMetricValue(1, "fixed");
+  }
+  release();
+  EXPECT_EQ(tracker->metrics()->count(), 8u) << "an absent and an empty qualifier are one metric";
+  EXPECT_EQ(metric("plain")->value(), 2 * kRounds);
+  EXPECT_EQ(metric("qualified", "p")->value(), kRounds);
+  EXPECT_EQ(metric("qualified", {}, "s")->value(), kRounds);
+  EXPECT_EQ(metric("qualified", "p", "s")->value(), kRounds);
+  EXPECT_EQ(metric(huge, huge)->value(), kRounds / 100);
+  EXPECT_EQ(metric("fixed")->value(), -5 + kRounds / 2) << "applied in call order";
+  EXPECT_FALSE(metric("absent.first")->primary()) << "a new metric keeps its qualifiers as first given";
+  EXPECT_EQ(metric("empty.first")->primary(), "");
+}
+
+TEST_F(PXMetricsTrackerTest, AMetricRemovedWhileABatchIsAppliedIsNotUpdatedAgain) {
+  // An observer removes the metric at its first change, in the middle of the
+  // batch: the next recording of that identity makes a new metric.
+  PXRef<PXMetric> first = tracker->metricForIdentifier("removed");
+  PXObjectBlockObserver::addObserverForKeyPath(
+      *first, "value", 0, nullptr,
+      [this](PXObject* observed, const PXString&, const PXDictionary&, PXObject*) {
+        tracker->removeMetric(PXRef<PXMetric>(static_cast<PXMetric*>(observed)));
+      });
+  holdWorker();
+  tracker->updateMetricValue(1, "removed");
+  tracker->updateMetricValue(10, "removed");
+  release();
+  EXPECT_EQ(first->value(), 1);
+  ASSERT_TRUE(metric("removed"));
+  EXPECT_NE(metric("removed"), first);
+  EXPECT_EQ(metric("removed")->value(), 10);
+}
+
+TEST_F(PXMetricsTrackerTest, ConcurrentRecordingIsExactAfterSettling) {
+  // 8 threads, 1,000,000 calls each; thread t touches name i%3 with qualifier
+  // (i+t)%4, so every identity is hit by every thread.
+  constexpr int kThreads = 8, kCalls = 1000000;
+  const PXString names[] = {"shared.a", "shared.b", "shared.c"};
+  const PXString qualifiers[] = {PXString(), "q1", "q2", "q3"};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kCalls; ++i) tracker->updateMetricValue(1, names[i % 3], qualifiers[(i + t) % 4]);
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  tracker->settleOutstandingOperationsWithOperationSync();
+  int64_t total = 0, expected = 0;
+  PXRef<PXArray> all = tracker->metrics();
+  for (const PXValue& v : *all) total += PXDynamicCast<PXMetric>(v.objectValue())->value();
+  EXPECT_EQ(total, int64_t{kThreads} * kCalls);
+  EXPECT_EQ(tracker->metrics()->count(), 12u);
+  for (int t = 0; t < kThreads; ++t) {
+    for (int i = 0; i < kCalls; ++i) expected += (i % 3 == 0 && (i + t) % 4 == 1);
+  }
+  EXPECT_EQ(metric("shared.a", "q1")->value(), expected);
 }
 
 TEST_F(PXMetricsTrackerTest, AReleasedTrackerLeavesNoObserverBehind) {
@@ -177,26 +272,25 @@ TEST_F(PXMetricsTrackerTest, AReleasedTrackerLeavesNoObserverBehind) {
 }
 
 TEST_F(PXMetricsTrackerTest, TotalUsageDaysRoundAtHalfADay) {
-  struct Row {
-    double days;
-    int32_t expected;
-  };
-  PXDate origin = tracker->metricsOriginTime();
-  for (Row row :
-       {Row{0, 0}, Row{0.49, 0}, Row{1.49, 1}, Row{1.5, 2}, Row{-0.6, 0}, Row{-1.6, -1}, Row{365.5, 366},
-        // Tenths beyond 32 bits are clamped, and the rounding cannot overflow.
-        Row{1e9, 214748365}, Row{-1e9, -214748364}}) {
-    EXPECT_EQ(tracker->totalUsageDaysUntil(origin + row.days * 86400.0), row.expected) << row.days;
+  const PXDate origin = tracker->metricsOriginTime();
+  // Tenths beyond 32 bits are clamped, and the rounding cannot overflow.
+  for (auto [days, expected] : std::vector<std::pair<double, int32_t>>{{0, 0},
+                                                                       {0.49, 0},
+                                                                       {1.49, 1},
+                                                                       {1.5, 2},
+                                                                       {-0.6, 0},
+                                                                       {-1.6, -1},
+                                                                       {365.5, 366},
+                                                                       {1e9, 214748365},
+                                                                       {-1e9, -214748364}}) {
+    EXPECT_EQ(tracker->totalUsageDaysUntil(origin + days * 86400.0), expected) << days;
   }
   clock.advance(2.5 * 86400);
   EXPECT_EQ(tracker->totalUsageDaysUntil(), 3) << "no date means now";
 }
 
 TEST_F(PXMetricsTrackerTest, SystemIDIsStoredOnceAndRemadeWhenDeleted) {
-  auto stored = [](PXValue value) {
-    PXPreferences::setValue("MetricsRandomSystemID", value, kPXPreferencesCurrentApplication,
-                            kPXPreferencesCurrentUser, kPXPreferencesCurrentHost);
-  };
+  storeSystemID(PXValue());
   PXString first = PXMetricsTracker::systemID();
   ASSERT_EQ(first.size(), 36u);
   for (size_t i = 0; i < first.size(); ++i) {
@@ -209,42 +303,216 @@ TEST_F(PXMetricsTrackerTest, SystemIDIsStoredOnceAndRemadeWhenDeleted) {
                                      kPXPreferencesCurrentUser, kPXPreferencesCurrentHost)
                 .stringValue(),
             first.view());
-  stored(PXValue());
-  PXString second = PXMetricsTracker::systemID();
-  EXPECT_EQ(second.size(), 36u);
-  EXPECT_NE(second, first);
-  stored("not-a-uuid");
+  storeSystemID(PXValue());
+  EXPECT_NE(PXMetricsTracker::systemID(), first);
+  storeSystemID("not-a-uuid");
   EXPECT_EQ(PXMetricsTracker::systemID(), "not-a-uuid") << "whatever string is stored is used as it is";
 }
 
-TEST_F(PXMetricsTrackerTest, ConcurrentRecordingIsExactAfterSettling) {
-  // 8 threads, 1,000,000 calls each, on identities that overlap between threads.
-  constexpr int kThreads = 8;
-  constexpr int kCallsPerThread = 1000000;
-  const PXString names[] = {"shared.a", "shared.b", "shared.c"};
-  const PXString qualifiers[] = {PXString(), "q1", "q2", "q3"};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < kCallsPerThread; ++i) {
-        // Thread t touches name i%3 with qualifier (i+t)%4: every identity is
-        // hit by every thread.
-        tracker->updateMetricValue(1, names[i % 3], qualifiers[(i + t) % 4]);
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  tracker->settleOutstandingOperationsWithOperationSync();
+TEST_F(PXMetricsTrackerTest, PapercutRecordHasItsKeysInOrderUpToTheFirstMissingHostValue) {
+  tracker->setChannel(kPXMetricsChannelRetail);
+  tracker->metricForIdentifier("with.qualifiers", "p", "s")->setValue(3);
+  tracker->metricForIdentifier("plain")->setValue(-2);
+  clock.advance(1.5 * 86400);
+  auto cutAt = [&](double at) {
+    return pxkit::internal::papercutDictWithTimestamp(*tracker, PXDate(at), false);
+  };
+  PXRef<PXMutableDictionary> cut = cutAt(kNoon);
+  EXPECT_EQ(PXJSONSerialization::JSONify(cut).str(),
+            R"({"packageID":"9c9907a407b6cc5316a6306a5bc38742","applicationID":"org.pxkit.TrackerTest",)"
+            R"("metrics":[{"identifier":"with.qualifiers","primary":"p","secondary":"s","value":3},)"
+            R"({"identifier":"plain","value":-2}],"totalUsageDays":0,"timestamp":1678363200,)"
+            R"("channel":"retail","applicationVersion":"3.1"})");
+  // The package ID is the MD5 of the system ID followed by the timestamp as %f:
+  // a microsecond apart is another package, the same moment the same one.
+  EXPECT_EQ(cut->objectForKey("packageID").stringValue(), "9c9907a407b6cc5316a6306a5bc38742");
+  EXPECT_EQ(cutAt(kNoon + 1e-6)->objectForKey("packageID").stringValue(), "466cb00b0ee88ae0ac04cddb307feaf8");
+  EXPECT_EQ(cutAt(kNoon)->objectForKey("packageID"), cut->objectForKey("packageID"));
+  // No channel is "default"; the record stops at the first missing host value.
+  ASSERT_TRUE(PXBundle::setMainBundleIdentity("org.pxkit.NoVersion", {}, {}));
+  tracker->setChannel({});
+  cut = cutAt(kNoon);
+  EXPECT_EQ(keysOf(*cut),
+            (Strings{"packageID", "applicationID", "metrics", "totalUsageDays", "timestamp", "channel"}));
+  EXPECT_EQ(cut->objectForKey("channel").stringValue(), "default");
+  EXPECT_EQ(pxkit::internal::md5ChecksumOfString("\xc3\xa9t\xc3\xa9"), "deaf6a1e9612a4d8c221e68ee23d58d2");
+  EXPECT_TRUE(pxkit::internal::md5ChecksumOfString({}).isAbsent());
+}
 
-  int64_t total = 0;
-  PXRef<PXArray> all = tracker->metrics();
-  for (const PXValue& v : *all) total += PXDynamicCast<PXMetric>(v.objectValue())->value();
-  EXPECT_EQ(total, int64_t{kThreads} * kCallsPerThread);
-  EXPECT_EQ(tracker->metrics()->count(), 12u);
-  // Each thread's calls spread evenly: count the exact share of one identity.
-  int64_t expected = 0;
-  for (int t = 0; t < kThreads; ++t) {
-    for (int i = 0; i < kCallsPerThread; ++i) expected += (i % 3 == 0 && (i + t) % 4 == 1);
+TEST_F(PXMetricsTrackerTest, CompilingReportsDueMetricsAndResetsEveryOne) {
+  auto make = [&](const char* identifier, const PXString& primary, int32_t value, double frequency) {
+    PXRef<PXMetric> m = tracker->metricForIdentifier(identifier, primary, {});
+    m->setValue(value);
+    m->setSubmissionFrequency(frequency);
+    return m;
+  };
+  make("zero", {}, 0, 0);
+  make("due", {}, 5, 0);
+  PXRef<PXMetric> throttled = make("throttled", {}, 9, 86400);
+  make("shared", "a", 1, 0);
+  make("shared", "b", 1, 86400);  // one identifier, one throttle: sent with "a" a minute ago
+  PXRef<PXMetric> fixed = tracker->metricForIdentifier("fixed", {}, {}, 1);
+  tracker->setLastPaperCutDateByMetricID(PXDictionary::dictionaryWithEntries(
+      {{"throttled", PXDate(kNoon - 23 * 3600)}, {"shared", PXDate(kNoon - 60)}}));
+  auto reported = [&] {
+    Strings names;
+    PXRef<PXArray> sets =
+        tracker->paperCuts()->lastObject().dictionaryValue()->objectForKey("metrics").arrayValue();
+    for (const PXValue& set : *sets)
+      names.emplace_back(set.dictionaryValue()->objectForKey("identifier").stringValue());
+    return names;
+  };
+  tracker->makePaperCutWithTimestamp(tracker->metricsTimeBase());
+  ASSERT_EQ(tracker->paperCuts()->count(), 1u);
+  EXPECT_EQ(reported(), (Strings{"due", "shared", "fixed"}))
+      << "zero values are omitted; a metric sent 23 h ago with a daily frequency waits";
+  EXPECT_EQ(throttled->value(), 0) << "throttled metrics are reset all the same";
+  EXPECT_EQ(fixed->value(), 1) << "a fixed value survives the reset";
+  EXPECT_EQ(tracker->metricsTimeBase(), clock.now());
+  // Exactly 86400 s after the recorded date the metric is reported again.
+  throttled->setValue(2);
+  clock.set(PXDate(kNoon + 3600));
+  tracker->makePaperCutWithTimestamp(tracker->metricsTimeBase());
+  EXPECT_EQ(reported(), (Strings{"throttled"})) << "the fixed value is throttled now that it was sent";
+  // An empty period leaves no papercut but still restarts.
+  clock.advance(10);
+  tracker->makePaperCutWithTimestamp(tracker->metricsTimeBase());
+  EXPECT_EQ(tracker->paperCuts()->count(), 2u);
+  EXPECT_EQ(tracker->metricsTimeBase(), clock.now());
+}
+
+TEST_F(PXMetricsTrackerTest, StoredPapercutsNeedTheirPartsAndRecordedDatesNeverMoveBackwards) {
+  pxkit::internal::addPapercut(*tracker, {});
+  pxkit::internal::addPapercut(
+      *tracker, PXDictionary::dictionaryWithEntries({{"metrics", PXArray::array()}, {"timestamp", 1.0}}));
+  pxkit::internal::addPapercut(*tracker, PXDictionary::dictionaryWithEntries({{"packageID", "x"}}));
+  EXPECT_EQ(tracker->paperCuts()->count(), 0u);
+  pxkit::internal::addPapercut(*tracker, papercut("a", 2000));
+  pxkit::internal::addPapercut(*tracker, papercut("b", 1000));
+  pxkit::internal::addPapercut(*tracker,
+                               papercut("c", 3000, {}));  // a data set without identifier records nothing
+  EXPECT_EQ(tracker->paperCuts()->count(), 3u);
+  EXPECT_EQ(keysOf(*tracker->lastPaperCutDateByMetricID()), Strings{"m"});
+  EXPECT_EQ(tracker->lastPaperCutDateByMetricID()->objectForKey("m").dateValue(),
+            PXDate::dateWithTimeIntervalSince1970(2000));
+}
+
+TEST_F(PXMetricsTrackerTest, AutomaticPapercutIsDueWhenTheLocalDateChanges) {
+  struct Row {
+    const char* zone;
+    double base, later;  // seconds after kNoon
+    bool due;
+  };
+  for (Row row : {Row{"UTC", 0, 11 * 3600 + 59 * 60, false}, Row{"UTC", -12 * 3600, 11 * 3600 - 1, false},
+                  Row{"UTC", 0, 12 * 3600 + 1, true}, Row{"UTC", 0, 365 * 86400.0, true},
+                  Row{"America/New_York", -7 * 3600 + 1, -6 * 3600 + 1, false},  // 00:00:01 → 01:00:01 EST
+                  Row{"America/New_York", -7 * 3600 - 1, -7 * 3600 + 1, true},   // 23:59:59 → 00:00:01 EST
+                  Row{"Asia/Tokyo", 0, 3 * 3600, true}}) {                       // 21:00 → 00:00 JST
+    setenv("TZ", row.zone, 1);
+    PXCalendar::resetTimeZone();
+    tracker->setMetricsTimeBase(PXDate(kNoon + row.base));
+    clock.set(PXDate(kNoon + row.later));
+    EXPECT_EQ(tracker->shouldPerformAutomaticPapercut(), row.due)
+        << row.zone << " " << row.base << " " << row.later;
   }
-  EXPECT_EQ(valueOf("shared.a", "q1"), expected);
+}
+
+TEST_F(PXMetricsTrackerTest, SaveThenLoadInAFreshTrackerBringsTheStateBack) {
+  const PXDate origin = tracker->metricsOriginTime();
+  tracker->updateMetricValue(7, "counter", "p", "s");
+  tracker->startOrContinueUsageWithAutostopAfterInterval(0, "usage");
+  tracker->setFixedValue(1, "fixed");
+  tracker->setUserData(PXDictionary::dictionaryWithEntries({{"theme", "blue"}}));
+  pxkit::internal::addPapercut(*tracker, papercut("abc", kNoon + kPXTimeIntervalSince1970 - 86400, "old"));
+  tracker->settleOutstandingOperationsWithOperationSync();  // usage starts now, not later
+  clock.advance(30.9);
+  // The state of another system in the same preferences stays as it is.
+  PXUserDefaults* defaults = PXUserDefaults::standardUserDefaults();
+  const PXValue foreign(PXData::dataWithString("someone else's state"));
+  defaults->setObject(PXDictionary::dictionaryWithEntries({{"OTHER-SYSTEM", foreign}}), "Metrics");
+  tracker->saveToPreferences();
+  EXPECT_EQ(defaults->dictionaryForKey("Metrics")->objectForKey("OTHER-SYSTEM"), foreign);
+  clock.advance(3600);  // still the same day: the saved period goes on
+  auto fresh = PXMake<PXMetricsTracker>();
+  fresh->loadFromPreferences();
+  EXPECT_EQ(fresh->metricsOriginTime(), origin);
+  EXPECT_EQ(fresh->metricsTimeBase(), origin);
+  EXPECT_EQ(fresh->userData()->objectForKey("theme").stringValue(), "blue");
+  ASSERT_EQ(fresh->paperCuts()->count(), 1u);
+  EXPECT_EQ(fresh->paperCuts()->objectAtIndex(0).dictionaryValue()->objectForKey("packageID").stringValue(),
+            "abc");
+  EXPECT_TRUE(fresh->lastPaperCutDateByMetricID()->objectForKey("old").isDate());
+  ASSERT_TRUE(metric("counter", "p", "s", fresh.get()));
+  EXPECT_EQ(metric("counter", "p", "s", fresh.get())->value(), 7);
+  EXPECT_EQ(metric("usage", {}, {}, fresh.get())->value(), 30) << "whole seconds committed at save";
+  EXPECT_FALSE(metric("fixed", {}, {}, fresh.get())) << "fixed values are rebuilt each launch";
+}
+
+TEST_F(PXMetricsTrackerTest, BlobKeysFollowTheStoredOrderAndStopAtTheFirstAbsentValue) {
+  tracker->updateMetricValue(1, "m");
+  auto keys = [&] {
+    return keysOf(*PXKeyedUnarchiver::unarchiveObjectWithData(tracker->storeAsData()).dictionaryValue());
+  };
+  const Strings head = {"TimeBase", "OriginTime", "Data", "Storage"};
+  Strings all = head;
+  all.insert(all.end(), {"PaperCuts", "LastPaperCutDateByMetricID", "SavedStatePaperCut"});
+  EXPECT_EQ(keys(), all) << "never submitted: no LastAutoSubmissionDate";
+  tracker->setLastAutoSubmissionDate(PXDate(kNoon - 10));
+  all.push_back("LastAutoSubmissionDate");
+  EXPECT_EQ(keys(), all);
+  tracker->setPaperCuts({});
+  EXPECT_EQ(keys(), head) << "an absent value drops its key and every key after it";
+  EXPECT_EQ(metric("m")->value(), 1) << "the saved-state papercut is a preview: making it reset nothing";
+}
+
+TEST_F(PXMetricsTrackerTest, BadBlobsGiveAFreshStateAndDuplicatesRestoreOnlyTheFirst) {
+  const PXDate start = tracker->metricsTimeBase();
+  auto archived = [](const PXValue& root) { return PXKeyedArchiver::archivedDataWithRootObject(root); };
+  for (const PXRef<PXData>& bad :
+       {PXRef<PXData>(), PXData::dataWithString("not an archive"), archived("a string root")})
+    EXPECT_FALSE(tracker->restoreFromData(bad));
+  EXPECT_EQ(tracker->metricsTimeBase(), start);
+  // Stored entries that are not data are ignored, and loading still works.
+  PXUserDefaults::standardUserDefaults()->setObject(
+      PXDictionary::dictionaryWithEntries({{PXMetricsTracker::systemID(), "text, not data"}}), "Metrics");
+  auto loaded = PXMake<PXMetricsTracker>();
+  loaded->loadFromPreferences();
+  EXPECT_EQ(loaded->metrics()->count(), 0u);
+  // A dictionary with two metrics of one unified ID restores the first, with now for the dates.
+  PXRef<PXMetric> twins[2] = {PXMake<PXMetric>(), PXMake<PXMetric>()};
+  for (int i : {0, 1}) {
+    twins[i]->setIdentifier("dup");
+    twins[i]->setPrimary(i ? "" : PXString());
+    twins[i]->setValue(i + 1);
+  }
+  clock.advance(5);
+  ASSERT_TRUE(tracker->restoreFromData(archived(
+      PXDictionary::dictionaryWithEntries({{"Data", PXArray::arrayWithObjects({twins[0], twins[1]})}}))));
+  EXPECT_EQ(tracker->metricsTimeBase(), clock.now());
+  EXPECT_EQ(tracker->paperCuts()->count(), 0u);
+  ASSERT_EQ(tracker->metrics()->count(), 1u);
+  EXPECT_EQ(metric("dup")->value(), 1);
+}
+
+TEST_F(PXMetricsTrackerTest, RestoringAnOverduePeriodCutsItAndStartsANewOne) {
+  tracker->updateMetricValue(4, "counter");
+  const PXDate dayOne = tracker->metricsTimeBase();
+  PXRef<PXData> blob = tracker->storeAsData();
+  clock.advance(86400);  // the next day
+  auto fresh = PXMake<PXMetricsTracker>();
+  ASSERT_TRUE(fresh->restoreFromData(blob));
+  ASSERT_EQ(fresh->paperCuts()->count(), 1u);
+  EXPECT_EQ(fresh->paperCuts()->objectAtIndex(0).dictionaryValue()->objectForKey("timestamp").doubleValue(),
+            dayOne.timeIntervalSince1970());
+  EXPECT_EQ(metric("counter", {}, {}, fresh.get())->value(), 0) << "restored values start a new period";
+  EXPECT_EQ(fresh->metricsTimeBase(), clock.now());
+  // The new period is written down soon, from the main queue.
+  ASSERT_TRUE(PXRunLoopUntil(
+      [] { return bool(PXUserDefaults::standardUserDefaults()->dictionaryForKey("Metrics")); }));
+  // The same blob on the same day continues the old period instead.
+  clock.set(dayOne + 60);
+  auto sameDay = PXMake<PXMetricsTracker>();
+  ASSERT_TRUE(sameDay->restoreFromData(blob));
+  EXPECT_EQ(sameDay->paperCuts()->count(), 0u);
+  EXPECT_EQ(metric("counter", {}, {}, sameDay.get())->value(), 4);
 }
