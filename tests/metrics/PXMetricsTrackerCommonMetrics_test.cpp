@@ -122,32 +122,21 @@ TEST(PXMetricsTrackerCommonMetrics, UsageFollowsPowerSourceAndNetwork) {
   PXTempHome home;
   PXScopedVirtualClock clock(PXDate(1000));
   PXRef<PXMetricsTracker> tracker = PXMake<PXMetricsTracker>();
-  // Each change is settled before the clock moves: the queue reads the clock when it runs.
-  auto settled = [&](double seconds) {
+  // AC 10 s, battery 20 s, AC again through the network changes (5 + 7 + 3 s), then no name: AC
+  // stops. Each change is settled before the clock moves: the queue reads the clock when it runs.
+  using Step = std::tuple<bool, const char*, double>;  // power source or network, name, seconds
+  for (auto [power, name, seconds] :
+       {Step{true, "AC Power", 10}, Step{true, "Battery Power", 20}, Step{true, "AC Power", 5},
+        Step{false, "online", 7}, Step{false, "offline", 3}, Step{true, nullptr, 4}}) {
+    if (power) pxkit::internal::powerSourceUpdate(*tracker, name ? PXString(name) : PXString());
+    if (!power) pxkit::internal::networkStatusUpdate(*tracker, name[1] == 'n');
     tracker->settleOutstandingOperationsWithOperationSync();
     clock.advance(seconds);
-  };
-  using pxkit::internal::networkStatusUpdate;
-  using pxkit::internal::powerSourceUpdate;
-  // AC 10 s, battery 20 s, AC again through the network changes (5 + 7 + 3 s).
-  powerSourceUpdate(*tracker, "AC Power");
-  settled(10);
-  powerSourceUpdate(*tracker, "Battery Power");
-  settled(20);
-  powerSourceUpdate(*tracker, "AC Power");
-  settled(5);
-  networkStatusUpdate(*tracker, true);
-  settled(7);
-  networkStatusUpdate(*tracker, false);
-  settled(3);
+  }
   EXPECT_EQ(computedValue(*tracker, "common.powersource", "AC Power"), 25);
   EXPECT_EQ(computedValue(*tracker, "common.powersource", "Battery Power"), 20);
   EXPECT_EQ(computedValue(*tracker, "common.network", "online"), 7);
-  EXPECT_EQ(computedValue(*tracker, "common.network", "offline"), 3);
-  // No name: AC stops and stays remembered.
-  powerSourceUpdate(*tracker, PXString());
-  settled(4);
-  EXPECT_EQ(computedValue(*tracker, "common.powersource", "AC Power"), 25);
+  EXPECT_EQ(computedValue(*tracker, "common.network", "offline"), 3 + 4);
   EXPECT_EQ(PXRuntime::getAssociatedObjectForKey(
                 *tracker, pxkit::internal::kPXMetricsTrackerCommonMetricsLastPowerSourceKey)
                 .stringValue(),

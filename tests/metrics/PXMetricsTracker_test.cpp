@@ -12,8 +12,10 @@
 #include <pxkit/platform/PXCalendar.h>
 #include <pxkit/platform/PXOperationQueue.h>
 #include <pxkit/platform/PXPreferences.h>
+#include <pxkit/platform/PXTimer.h>
 #include <pxkit/platform/PXUserDefaults.h>
 #include <pxkit/platform/PXUserDefaultsController.h>
+#include <pxkit/platform/PXWorkspace.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -21,6 +23,8 @@
 #include <vector>
 
 #include "metrics/internal/PXMetricsTrackerInternal.h"
+#include "platform/internal/SystemEvents.h"
+#include "support/PXDBusMock.h"
 #include "support/PXLogCapture.h"
 #include "support/PXLoopbackServer.h"
 #include "support/PXRunLoopUntil.h"
@@ -29,6 +33,9 @@
 namespace {
 
 using Strings = std::vector<std::string>;
+constexpr double kBerlinSpringEve = 733521600;       // 2024-03-30 21:00 CET
+constexpr double kBerlinSpringMidnight = 733532401;  // 2024-03-31 00:00:01 CET
+constexpr double kBerlinAfterSpring = 733615201;     // 2024-04-01 00:00:01 CEST (after a 23-hour day)
 constexpr double kNoon = 700056000;  // 2023-03-09 12:00:00 UTC: a few hours on stay on the same date
 
 void storeSystemID(const PXValue& id) {
@@ -42,6 +49,19 @@ Strings keysOf(const PXDictionary& dictionary) {
   return keys;
 }
 
+// Every metric of `tracker` in registry order, "identifier(primary,secondary)=value " ("-": absent).
+std::string valuesOf(const PXMetricsTracker& tracker) {
+  std::string text;
+  PXRef<PXArray> all = tracker.metrics();
+  for (const PXValue& v : *all) {
+    PXRef<PXMetric> m = PXDynamicCast<PXMetric>(v.objectValue());
+    auto shown = [](const PXString& q) { return q ? q.str() : "-"; };
+    text += m->identifier().str() + "(" + shown(m->primary()) + "," + shown(m->secondary()) +
+            ")=" + std::to_string(m->value()) + " ";
+  }
+  return text;
+}
+
 class PXMetricsTrackerTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -53,8 +73,17 @@ class PXMetricsTrackerTest : public testing::Test {
   }
 
   PXRef<PXMetric> metric(const PXString& identifier, const PXString& primary = {},
-                         const PXString& secondary = {}, PXMetricsTracker* in = nullptr) {
-    return pxkit::internal::findMetricForIdentifier(in ? *in : *tracker, identifier, primary, secondary);
+                         const PXString& secondary = {}) {
+    return pxkit::internal::findMetricForIdentifier(*tracker, identifier, primary, secondary);
+  }
+  // Runs the main loop until the tracker has an armed daily timer.
+  PXRef<PXTimer> armedTimer() {
+    EXPECT_TRUE(PXRunLoopUntil([&] { return tracker->automaticPapercutTimer() != nullptr; }));
+    return tracker->automaticPapercutTimer();
+  }
+  static void useZone(const char* zone) {
+    setenv("TZ", zone, 1);
+    PXCalendar::resetTimeZone();
   }
   // Keeps the queue's worker busy until release(): what is recorded meanwhile waits in one batch.
   void holdWorker() {
@@ -173,13 +202,9 @@ TEST_F(PXMetricsTrackerTest, RegistryKeepsOrderAndNeverReplacesAnExistingMetric)
   EXPECT_FALSE(pxkit::internal::findMetricForIdentifier(*tracker, "y", "p", {}, &unified));
   EXPECT_EQ(unified, "{y}-{p}-{}") << "the unified ID is written even when nothing is found";
   for (const char* name : {"c", "a", "b"}) tracker->metricForIdentifier(name);
-  Strings names;
-  PXRef<PXArray> all = tracker->metrics();
-  for (const PXValue& v : *all) names.emplace_back(PXDynamicCast<PXMetric>(v.objectValue())->identifier());
-  EXPECT_EQ(names, (Strings{"x", "c", "a", "b"}));
+  EXPECT_EQ(valuesOf(*tracker), "x(,-)=0 c(-,-)=0 a(-,-)=0 b(-,-)=0 ");
   tracker->removeMetric(first);
-  EXPECT_FALSE(metric("x"));
-  EXPECT_EQ(tracker->metrics()->count(), 3u);
+  EXPECT_EQ(valuesOf(*tracker), "c(-,-)=0 a(-,-)=0 b(-,-)=0 ");
 }
 
 TEST_F(PXMetricsTrackerTest, FixedValuesAndComputationBlocksTurnMetricsIntoDailyFacts) {
@@ -227,8 +252,7 @@ TEST_F(PXMetricsTrackerTest, RecordingRunsInCallOrderOnTheQueueAndAnOperationSpl
     seen.push_back(metric("usage", "editor")->value());
   });
   EXPECT_EQ(seen, (std::vector<int32_t>{5, 42})) << "the settle callback runs after every earlier operation";
-  EXPECT_EQ(metric("ordered")->value(), 99);
-  EXPECT_EQ(tracker->metrics()->count(), 2u);
+  EXPECT_EQ(valuesOf(*tracker), "ordered(-,-)=99 usage(editor,-)=42 ");
   tracker->performMetricsOperation({});  // an empty operation is ignored
   tracker->settleOutstandingOperationsWithOperationSync();
 }
@@ -249,15 +273,11 @@ TEST_F(PXMetricsTrackerTest, AWaitingBatchKeepsEveryIdentityAndTheCallOrder) {
     tracker->updateMetricValue(1, "fixed");
   }
   release();
-  EXPECT_EQ(tracker->metrics()->count(), 8u) << "an absent and an empty qualifier are one metric";
-  EXPECT_EQ(metric("plain")->value(), 2 * kRounds);
-  EXPECT_EQ(metric("qualified", "p")->value(), kRounds);
-  EXPECT_EQ(metric("qualified", {}, "s")->value(), kRounds);
-  EXPECT_EQ(metric("qualified", "p", "s")->value(), kRounds);
-  EXPECT_EQ(metric(huge, huge)->value(), kRounds / 100);
-  EXPECT_EQ(metric("fixed")->value(), -5 + kRounds / 2) << "applied in call order";
-  EXPECT_FALSE(metric("absent.first")->primary()) << "a new metric keeps its qualifiers as first given";
-  EXPECT_EQ(metric("empty.first")->primary(), "");
+  // An absent and an empty qualifier are one metric, which keeps them as the first call gave them.
+  EXPECT_EQ(valuesOf(*tracker),
+            "plain(-,-)=2000 qualified(p,-)=1000 qualified(-,s)=1000 qualified(p,s)=1000 "
+            "absent.first(-,-)=1000 empty.first(,-)=1000 " +
+                huge + "(" + huge + ",-)=10 fixed(-,-)=495 ");
 }
 
 TEST_F(PXMetricsTrackerTest, AMetricRemovedWhileABatchIsAppliedIsNotUpdatedAgain) {
@@ -274,9 +294,7 @@ TEST_F(PXMetricsTrackerTest, AMetricRemovedWhileABatchIsAppliedIsNotUpdatedAgain
   tracker->updateMetricValue(10, "removed");
   release();
   EXPECT_EQ(first->value(), 1);
-  ASSERT_TRUE(metric("removed"));
-  EXPECT_NE(metric("removed"), first);
-  EXPECT_EQ(metric("removed")->value(), 10);
+  EXPECT_EQ(valuesOf(*tracker), "removed(-,-)=10 ") << "a new metric";
 }
 
 TEST_F(PXMetricsTrackerTest, ConcurrentRecordingIsExactAfterSettling) {
@@ -293,15 +311,12 @@ TEST_F(PXMetricsTrackerTest, ConcurrentRecordingIsExactAfterSettling) {
   }
   for (auto& thread : threads) thread.join();
   tracker->settleOutstandingOperationsWithOperationSync();
-  int64_t total = 0, expected = 0;
+  int64_t total = 0;
   PXRef<PXArray> all = tracker->metrics();
   for (const PXValue& v : *all) total += PXDynamicCast<PXMetric>(v.objectValue())->value();
   EXPECT_EQ(total, int64_t{kThreads} * kCalls);
   EXPECT_EQ(tracker->metrics()->count(), 12u);
-  for (int t = 0; t < kThreads; ++t) {
-    for (int i = 0; i < kCalls; ++i) expected += (i % 3 == 0 && (i + t) % 4 == 1);
-  }
-  EXPECT_EQ(metric("shared.a", "q1")->value(), expected);
+  EXPECT_EQ(metric("shared.a", "q1")->value(), 666668) << "the calls with i%3 == 0 and (i+t)%4 == 1";
 }
 
 TEST_F(PXMetricsTrackerTest, AReleasedTrackerLeavesNoObserverBehind) {
@@ -347,10 +362,6 @@ TEST_F(PXMetricsTrackerTest, SystemIDIsStoredOnceAndRemadeWhenDeleted) {
   EXPECT_THAT(first.str(),
               testing::MatchesRegex("[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}"));
   EXPECT_EQ(PXMetricsTracker::systemID(), first);
-  EXPECT_EQ(PXPreferences::copyValue("MetricsRandomSystemID", kPXPreferencesCurrentApplication,
-                                     kPXPreferencesCurrentUser, kPXPreferencesCurrentHost)
-                .stringValue(),
-            first.view());
   storeSystemID(PXValue());
   EXPECT_NE(PXMetricsTracker::systemID(), first);
   storeSystemID("not-a-uuid");
@@ -489,10 +500,8 @@ TEST_F(PXMetricsTrackerTest, SaveThenLoadInAFreshTrackerBringsTheStateBack) {
   EXPECT_EQ(fresh->paperCuts()->objectAtIndex(0).dictionaryValue()->objectForKey("packageID").stringValue(),
             "abc");
   EXPECT_TRUE(fresh->lastPaperCutDateByMetricID()->objectForKey("old").isDate());
-  ASSERT_TRUE(metric("counter", "p", "s", fresh.get()));
-  EXPECT_EQ(metric("counter", "p", "s", fresh.get())->value(), 7);
-  EXPECT_EQ(metric("usage", {}, {}, fresh.get())->value(), 30) << "whole seconds committed at save";
-  EXPECT_FALSE(metric("fixed", {}, {}, fresh.get())) << "fixed values are rebuilt each launch";
+  // Usage in whole seconds committed at save; fixed values are rebuilt each launch.
+  EXPECT_EQ(valuesOf(*fresh), "counter(p,s)=7 usage(-,-)=30 ");
 }
 
 TEST_F(PXMetricsTrackerTest, BlobKeysFollowTheStoredOrderAndStopAtTheFirstAbsentValue) {
@@ -537,8 +546,7 @@ TEST_F(PXMetricsTrackerTest, BadBlobsGiveAFreshStateAndDuplicatesRestoreOnlyTheF
       PXDictionary::dictionaryWithEntries({{"Data", PXArray::arrayWithObjects({twins[0], twins[1]})}}))));
   EXPECT_EQ(tracker->metricsTimeBase(), clock.now());
   EXPECT_EQ(tracker->paperCuts()->count(), 0u);
-  ASSERT_EQ(tracker->metrics()->count(), 1u);
-  EXPECT_EQ(metric("dup")->value(), 1);
+  EXPECT_EQ(valuesOf(*tracker), "dup(-,-)=1 ");
 }
 
 TEST_F(PXMetricsTrackerTest, RestoringAnOverduePeriodCutsItAndStartsANewOne) {
@@ -551,7 +559,7 @@ TEST_F(PXMetricsTrackerTest, RestoringAnOverduePeriodCutsItAndStartsANewOne) {
   ASSERT_EQ(fresh->paperCuts()->count(), 1u);
   EXPECT_EQ(fresh->paperCuts()->objectAtIndex(0).dictionaryValue()->objectForKey("timestamp").doubleValue(),
             dayOne.timeIntervalSince1970());
-  EXPECT_EQ(metric("counter", {}, {}, fresh.get())->value(), 0) << "restored values start a new period";
+  EXPECT_EQ(valuesOf(*fresh), "counter(-,-)=0 ") << "restored values start a new period";
   EXPECT_EQ(fresh->metricsTimeBase(), clock.now());
   // The new period is written down soon, from the main queue.
   ASSERT_TRUE(PXRunLoopUntil(
@@ -561,7 +569,7 @@ TEST_F(PXMetricsTrackerTest, RestoringAnOverduePeriodCutsItAndStartsANewOne) {
   auto sameDay = PXMake<PXMetricsTracker>();
   ASSERT_TRUE(sameDay->restoreFromData(blob));
   EXPECT_EQ(sameDay->paperCuts()->count(), 0u);
-  EXPECT_EQ(metric("counter", {}, {}, sameDay.get())->value(), 4);
+  EXPECT_EQ(valuesOf(*sameDay), "counter(-,-)=4 ");
 }
 
 TEST_F(PXMetricsTrackerSubmissionTest, EachAnswerLeavesExactlyTheUnconfirmedPapercuts) {
@@ -710,4 +718,93 @@ TEST_F(PXMetricsTrackerSubmissionTest, PapercutCutInFlightSurvivesTheEarlierRece
   EXPECT_EQ(idsOf(*tracker->paperCuts()), Strings{late[3]});
   EXPECT_EQ(idsOnDisk(), Strings{late[3]});
   EXPECT_FALSE(tracker->submissionRequest());
+}
+
+TEST_F(PXMetricsTrackerTest, NextFireDateIsTheFollowingLocalDayAt00_00_01AndRearmingReplacesTheTimer) {
+  struct Row {
+    const char* zone;
+    double now, expected;  // seconds since 2001
+  };
+  for (Row row : {Row{"Europe/Berlin", kBerlinSpringEve, kBerlinSpringMidnight},
+                  Row{"Europe/Berlin", kBerlinSpringMidnight, kBerlinAfterSpring},
+                  Row{"Europe/Berlin", 733579200, kBerlinAfterSpring},  // 2024-03-31 14:00 CEST
+                  Row{"Europe/Berlin", 751672801, 751762801},           // 10-27 00:00:01 CEST, a 25-hour day
+                  Row{"America/New_York", 752299201, 752389201},        // 11-03 00:00:01 EDT
+                  Row{"America/New_York", 731700000, 731739601},        // 03-09 13:00 EST
+                  Row{"America/New_York", 731739601, 731822401}}) {     // 03-10 00:00:01 EST
+    useZone(row.zone);
+    clock.set(PXDate(row.now));
+    tracker = PXMake<PXMetricsTracker>();
+    tracker->considerAutomaticPapercutWithSchedule(/*schedule=*/true);
+    PXRef<PXTimer> timer = armedTimer();
+    ASSERT_TRUE(timer);
+    EXPECT_EQ(timer->fireDate(), PXDate(row.expected)) << row.zone << " at " << row.now;
+    EXPECT_FALSE(timer->repeats());
+    // Arming again replaces the timer: exactly one is armed at a time.
+    tracker->considerAutomaticPapercutWithSchedule(true);
+    ASSERT_TRUE(PXRunLoopUntil([&] { return tracker->automaticPapercutTimer() != timer; }));
+    EXPECT_FALSE(timer->isValid());
+    EXPECT_EQ(tracker->automaticPapercutTimer()->fireDate(), PXDate(row.expected));
+    tracker->automaticPapercutTimer()->invalidate();
+  }
+}
+
+TEST_F(PXMetricsTrackerTest, TimerCutsTheDaysPapercutAtMidnightStampedWithTheOldTimeBase) {
+  useZone("Europe/Berlin");
+  clock.set(PXDate(kBerlinSpringEve));
+  tracker = PXMake<PXMetricsTracker>();
+  tracker->loadFromPreferences();  // day 1: nothing saved yet; arms the daily timer
+  PXDate dayOne = tracker->metricsTimeBase();
+  tracker->updateMetricValue(3, "clicks");
+  tracker->startOrContinueUsageWithAutostopAfterInterval(600, "editing");
+  tracker->settleOutstandingOperationsWithOperationSync();  // recorded at 21:00, before time moves
+  armedTimer();
+
+  // Let virtual time run to the firing: 00:00:01 of day 2.
+  ASSERT_TRUE(
+      PXRunLoopUntil([&] { return tracker->paperCuts()->count() == 1; }, {.maxVirtualSeconds = 86400}));
+  tracker->settleOutstandingOperationsWithOperationSync();
+  EXPECT_EQ(clock.now(), PXDate(kBerlinSpringMidnight));
+  PXRef<PXDictionary> cut = tracker->paperCuts()->objectAtIndex(0).dictionaryValue();
+  EXPECT_EQ(cut->objectForKey("timestamp").doubleValue(), dayOne.timeIntervalSince1970());
+  PXRef<PXArray> sets = cut->objectForKey("metrics").arrayValue();
+  ASSERT_EQ(sets->count(), 2u);
+  EXPECT_EQ(sets->objectAtIndex(1).dictionaryValue()->objectForKey("value").intValue(), 600)
+      << "usage clipped at its autostop";
+  EXPECT_EQ(tracker->metricsTimeBase(), PXDate(kBerlinSpringMidnight));
+
+  // The firing armed the next day's timer and saved the state.
+  ASSERT_TRUE(PXRunLoopUntil([&] {
+    PXRef<PXTimer> next = tracker->automaticPapercutTimer();
+    return next && next->fireDate() == PXDate(kBerlinAfterSpring);
+  }));
+  tracker->automaticPapercutTimer()->invalidate();
+}
+
+TEST_F(PXMetricsTrackerTest, WakeAfterSleepingAcrossMidnightFiresAtOnce) {
+  PX_SKIP_WITHOUT_DBUS_MOCK();
+  PXDBusMock bus;
+  ASSERT_TRUE(bus.isUp());
+  ASSERT_TRUE(bus.startTemplate("logind", "org.freedesktop.login1"));
+  clock.set(PXDate(kBerlinSpringEve));
+  tracker = PXMake<PXMetricsTracker>();
+  tracker->updateMetricValue(1, "before.sleep");
+  tracker->settleOutstandingOperationsWithOperationSync();
+  tracker->considerAutomaticPapercutWithSchedule(true);
+  PXRef<PXTimer> timer = armedTimer();
+
+  bool woke = false;
+  PXWorkspace::sharedWorkspace()->notificationCenter()->addObserverForName(
+      kPXWorkspaceDidWakeNotification, nullptr, nullptr, [&](const PXNotification&) { woke = true; });
+  ASSERT_TRUE(PXRunLoopUntil(
+      [] { return PXSystemEvents::sleepWatchState() == PXSystemEvents::SleepWatchState::Listening; }));
+  // Asleep for ten hours across midnight, then logind says the machine is back.
+  clock.advance(10 * 3600);
+  bus.emitSignal("org.freedesktop.login1", "/org/freedesktop/login1", "org.freedesktop.login1.Manager",
+                 "PrepareForSleep", "b", {g_variant_new_boolean(FALSE)});
+  ASSERT_TRUE(PXRunLoopUntil([&] { return woke; }));
+  ASSERT_TRUE(PXRunLoopUntil([&] { return tracker->paperCuts()->count() == 1; }));
+  EXPECT_EQ(clock.now(), PXDate(kBerlinSpringEve + 10 * 3600)) << "fired on waking, without moving time on";
+  ASSERT_TRUE(PXRunLoopUntil([&] { return tracker->automaticPapercutTimer() != timer; }));
+  tracker->automaticPapercutTimer()->invalidate();
 }
