@@ -195,6 +195,10 @@ TEST(PXMetricsTrackerCommonMetrics, DeviceTestbed) {
   const std::string card = bed.addDevice("drm", "card0", gpu, {}, {{"DEVTYPE", "drm_minor"}});
   bed.addDevice("drm", "card0-eDP-1", card, {{"status", "connected"}});
   bed.addDevice("drm", "card0-HDMI-A-1", card, {{"status", "disconnected"}});
+  // A second card of the same model is one graphics card.
+  const std::string twin = bed.addDevice("pci", "0000:01:00.0", "", {{"class", "0x030000"}},
+                                         {{"ID_MODEL_FROM_DATABASE", "Example Graphics 3000"}});
+  bed.addDevice("drm", "card1", twin, {}, {{"DEVTYPE", "drm_minor"}});
   const std::string sata = bed.addDevice("pci", "0000:00:1f.2", "", {{"class", "0x010601"}});
   const std::string usb = bed.addDevice("usb", "1-2", "", {}, {{"DEVTYPE", "usb_device"}});
   // SSD, HDD, another SSD, and an external HDD that does not count.

@@ -19,6 +19,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <filesystem>
 #include <thread>
 #include <vector>
 
@@ -488,7 +489,13 @@ TEST_F(PXMetricsTrackerTest, SaveThenLoadInAFreshTrackerBringsTheStateBack) {
   PXUserDefaults* defaults = PXUserDefaults::standardUserDefaults();
   const PXValue foreign(PXData::dataWithString("someone else's state"));
   defaults->setObject(PXDictionary::dictionaryWithEntries({{"OTHER-SYSTEM", foreign}}), "Metrics");
+  // A dead writer's temporaries beside the file go at the save; other names stay.
+  const std::string file = home.configHome() + "/org.pxkit.TrackerTest/org.pxkit.TrackerTest.plist";
+  const Strings names = {".Ab9zZ0", ".ab-12x", ".AbC1234", "-Ab9zZ0"};
+  for (const std::string& name : names) home.writeFile(file + name, "partial");
   tracker->saveToPreferences();
+  for (const std::string& name : names)
+    EXPECT_EQ(std::filesystem::exists(file + name), name != ".Ab9zZ0") << name;
   EXPECT_EQ(defaults->dictionaryForKey("Metrics")->objectForKey("OTHER-SYSTEM"), foreign);
   clock.advance(3600);  // still the same day: the saved period goes on
   auto fresh = PXMake<PXMetricsTracker>();

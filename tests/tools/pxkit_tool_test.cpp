@@ -52,6 +52,12 @@ TEST(PXKitTool, CommandLines) {
       {{"check", "--root", dmi, "version.os == '12'"}, 0, "YES\n", true},
       {{"check", "--root", dmi, "version.os == '13'"}, 1, "NO\n", true},
       {{"check", "--root", dmi, "${version(of=os;greaterThan=11)} == YES"}, 0, "YES\n", true},
+      {{"check", "--root", dmi,
+        "version.computerModel BEGINSWITH 'MacBook' AND ${filesystem(do=exists;absPath=" + dmi +
+            "/etc/os-release)} == YES"},
+       0,
+       "YES\n",
+       true},
       // The answer "12" stays: not YES.
       {{"check", "--root", dmi, "${version(of=os;greaterThan=12)} == YES"}, 1, "NO\n", true},
       {{"check", "${nosuch(fallbackValue=3)} == '3'"}, 0, "YES\n", true},
