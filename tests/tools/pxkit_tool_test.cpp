@@ -37,57 +37,60 @@ PXSubprocess::Result runTool(Strings args, bool merged = true) {
 TEST(PXKitTool, CommandLines) {
   const std::string dmi = PXTestSourceDir() + "/tests/rules/fixtures/dmi";
   struct Row {
-    Strings args;
     int status;
-    std::string output;  // the whole output when `whole`, else a part of it
-    bool whole = false;
+    bool whole;  // `output` is the whole output, else a part of it
+    std::string output;
+    Strings args;
   };
+  const std::string bad = "Try 'pxkit --help'.";
   const Row rows[] = {
-      {{"--version"}, 0, std::string("pxkit ") + PXKIT_VERSION_STRING},
-      {{"--help"}, 0, "demo [--keep]"},
-      {{"nosuchverb"}, 2, "unknown command 'nosuchverb'"},
-      {{}, 2, "Usage: pxkit <command>"},
-      {{"demo", "--bogus"}, 2, "unknown option '--bogus'"},
-      {{"demo", "--second-launch", "/nonexistent/pxkit-demo"}, 1, "FAILED: no demo home"},
-      {{"check", "--root", dmi, "version.os == '12'"}, 0, "YES\n", true},
-      {{"check", "--root", dmi, "version.os == '13'"}, 1, "NO\n", true},
-      {{"check", "--root", dmi, "${version(of=os;greaterThan=11)} == YES"}, 0, "YES\n", true},
-      {{"check", "--root", dmi,
-        "version.computerModel BEGINSWITH 'MacBook' AND ${filesystem(do=exists;absPath=" + dmi +
-            "/etc/os-release)} == YES"},
-       0,
+      {0, false, std::string("pxkit ") + PXKIT_VERSION_STRING, {"--version"}},
+      {0, false, "demo [--keep]", {"--help"}},
+      {2, false, "unknown command 'nosuchverb'", {"nosuchverb"}},
+      {2, false, "Usage: pxkit <command>", {}},
+      {2, false, "unknown option '--bogus'", {"demo", "--bogus"}},
+      {1, false, "FAILED: no demo home", {"demo", "--second-launch", "/nonexistent/pxkit-demo"}},
+      {0, true, "YES\n", {"check", "--root", dmi, "version.os == '12'"}},
+      {1, true, "NO\n", {"check", "--root", dmi, "version.os == '13'"}},
+      {0, true, "YES\n", {"check", "--root", dmi, "${version(of=os;greaterThan=11)} == YES"}},
+      {0,
+       true,
        "YES\n",
-       true},
+       {"check", "--root", dmi,
+        "version.computerModel BEGINSWITH 'MacBook' AND "
+        "${filesystem(do=exists;absPath=" +
+            dmi + "/etc/os-release)} == YES"}},
       // The answer "12" stays: not YES.
-      {{"check", "--root", dmi, "${version(of=os;greaterThan=12)} == YES"}, 1, "NO\n", true},
-      {{"check", "${nosuch(fallbackValue=3)} == '3'"}, 0, "YES\n", true},
-      {{"check", "--", "-1 < 0"}, 0, "YES\n", true},
-      {{"check", "version.os =="},
-       2,
-       "pxkit: check: NSInvalidArgumentException: Unable to parse the format string \"version.os ==\""},
-      {{"check", "nosuch.key == 1"}, 2, "this class is not key value coding-compliant for the key nosuch.\n"},
-      {{"check", "${version(os"}, 2, "Unterminated function: ${version(os\n"},
-      {{"check", "--explain", "--root", dmi,
-        "${version(of=os;greaterThan=11)} == YES AND ${none} == nil AND ${version(kernel)} BEGINSWITH '6.'"},
-       0,
-       "  evaluated  $fnc0 == YES AND NULL == nil AND $fnc2 BEGINSWITH '6.'\n"
-       "  $fnc0      1  (boolean)\n"
-       "  $fnc2      6.1.0-18-amd64  (string)\n"
-       "YES\n"},
-      {{"check", "--explain", "--root", dmi, "1 == 2"}, 1, "  variables  (none)\nNO\n"},
-      {{"facts", "--root", dmi, "version.os", "version.computerModel", "${version(of=kernel;lessThan=7)}",
-        "nosuch.path"},
-       0,
-       "  version.os                        12\n"
-       "  version.computerModel             MacBookPro\n"
-       "  ${version(of=kernel;lessThan=7)}  1\n"
-       "  nosuch.path                       (none)\n",
-       true},
-      {{"check"}, 2, "Try 'pxkit --help'."},
-      {{"check", "1 == 1", "2 == 2"}, 2, "Try 'pxkit --help'."},
-      {{"check", "--bogus", "1 == 1"}, 2, "Try 'pxkit --help'."},
-      {{"check", "1 == 1", "--root"}, 2, "Try 'pxkit --help'."},
-      {{"facts", "--bogus"}, 2, "Try 'pxkit --help'."},
+      {1, true, "NO\n", {"check", "--root", dmi, "${version(of=os;greaterThan=12)} == YES"}},
+      {0, true, "YES\n", {"check", "${nosuch(fallbackValue=3)} == '3'"}},
+      {0, true, "YES\n", {"check", "--", "-1 < 0"}},
+      {2,
+       false,
+       "pxkit: check: NSInvalidArgumentException: Unable to parse the format string \"version.os ==\"",
+       {"check", "version.os =="}},
+      {2,
+       false,
+       "this class is not key value coding-compliant for the key nosuch.\n",
+       {"check", "nosuch.key == 1"}},
+      {2, false, "Unterminated function: ${version(os\n", {"check", "${version(os"}},
+      {0,
+       false,
+       "  evaluated  $fnc0 == YES AND NULL == nil AND $fnc2 BEGINSWITH '6.'\n  $fnc0      1  (boolean)\n"
+       "  $fnc2      6.1.0-18-amd64  (string)\nYES\n",
+       {"check", "--explain", "--root", dmi,
+        "${version(of=os;greaterThan=11)} == YES AND ${none} == nil AND ${version(kernel)} BEGINSWITH '6.'"}},
+      {1, false, "  variables  (none)\nNO\n", {"check", "--explain", "--root", dmi, "1 == 2"}},
+      {0,
+       true,
+       "  version.os                        12\n  version.computerModel             MacBookPro\n"
+       "  ${version(of=kernel;lessThan=7)}  1\n  nosuch.path                       (none)\n",
+       {"facts", "--root", dmi, "version.os", "version.computerModel", "${version(of=kernel;lessThan=7)}",
+        "nosuch.path"}},
+      {2, false, bad, {"check"}},
+      {2, false, bad, {"check", "1 == 1", "2 == 2"}},
+      {2, false, bad, {"check", "--bogus", "1 == 1"}},
+      {2, false, bad, {"check", "1 == 1", "--root"}},
+      {2, false, bad, {"facts", "--bogus"}},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.args.empty() ? "(no arguments)" : row.args.back());
