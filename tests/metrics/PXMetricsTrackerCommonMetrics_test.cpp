@@ -96,6 +96,17 @@ TEST(PXMetricsTrackerCommonMetrics, VersionsAndMachineFacts) {
   EXPECT_EQ(m->secondary(), "2.1.4");
   EXPECT_EQ(m->value(), 7);
   EXPECT_FALSE(m->needsPersistentStorage());
+  // A given value that is no text is shown as text; an expression that is no text, or no attributes, give
+  // none.
+  attrs = PXDictionary::dictionaryWithEntries(
+      {{kPXMetricsAttributePrimaryValueKey, 5}, {kPXMetricsAttributeSecondaryExpressionKey, 6}});
+  m = PXMetricsTrackerCommonMetrics::metricForIdentifier(*tracker, "host.number", attrs.get(), 1);
+  EXPECT_EQ(m->primary(), "5");
+  EXPECT_FALSE(m->secondary());
+  EXPECT_FALSE(
+      PXMetricsTrackerCommonMetrics::metricForIdentifier(*tracker, "host.bare", nullptr, 1)->primary());
+  PXScreen::setScreensProvider([] { return std::vector<double>{1.0}; });
+  EXPECT_EQ(catalogue({"common.displaytype"}), "common.displaytype regular -\n");
 }
 
 TEST(PXMetricsTrackerCommonMetrics, TimeZoneAndLanguage) {
@@ -116,6 +127,12 @@ TEST(PXMetricsTrackerCommonMetrics, TimeZoneAndLanguage) {
   EXPECT_EQ(catalogue({"common.language"}), "common.language de-DE en\n");
   home.writeFile(home.systemDataDir() + "/locale/fr/LC_MESSAGES/org.example.Host.mo", "");
   EXPECT_EQ(catalogue({"common.language"}), "common.language de-DE fr\n");
+  // Empty entries of the data directories are skipped; with none set, only the system's own.
+  home.setVariable("XDG_DATA_HOME", "");
+  home.setVariable("XDG_DATA_DIRS", "::" + home.systemDataDir());
+  EXPECT_EQ(catalogue({"common.language"}), "common.language de-DE fr\n");
+  home.setVariable("XDG_DATA_DIRS", "");
+  EXPECT_EQ(catalogue({"common.language"}), "common.language de-DE en\n");
 }
 
 TEST(PXMetricsTrackerCommonMetrics, UsageFollowsPowerSourceAndNetwork) {
@@ -195,7 +212,9 @@ TEST(PXMetricsTrackerCommonMetrics, DeviceTestbed) {
   const std::string card = bed.addDevice("drm", "card0", gpu, {}, {{"DEVTYPE", "drm_minor"}});
   bed.addDevice("drm", "card0-eDP-1", card, {{"status", "connected"}});
   bed.addDevice("drm", "card0-HDMI-A-1", card, {{"status", "disconnected"}});
-  // A second card of the same model is one graphics card.
+  // A second card of the same model is one graphics card; one whose device has no model name is none.
+  bed.addDevice("drm", "card2", bed.addDevice("pci", "0000:02:00.0", "", {{"class", "0x030000"}}), {},
+                {{"DEVTYPE", "drm_minor"}});
   const std::string twin = bed.addDevice("pci", "0000:01:00.0", "", {{"class", "0x030000"}},
                                          {{"ID_MODEL_FROM_DATABASE", "Example Graphics 3000"}});
   bed.addDevice("drm", "card1", twin, {}, {{"DEVTYPE", "drm_minor"}});

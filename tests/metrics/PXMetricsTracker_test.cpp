@@ -463,7 +463,9 @@ TEST_F(PXMetricsTrackerTest, AutomaticPapercutIsDueWhenTheLocalDateChanges) {
     bool due;
   };
   for (Row row : {Row{"UTC", 0, 11 * 3600 + 59 * 60, false}, Row{"UTC", -12 * 3600, 11 * 3600 - 1, false},
-                  Row{"UTC", 0, 12 * 3600 + 1, true}, Row{"UTC", 0, 365 * 86400.0, true},
+                  Row{"UTC", 0, 12 * 3600 + 1, true},
+                  Row{"UTC", 0, 31 * 86400.0, true},   // the same day of another month
+                  Row{"UTC", 0, 366 * 86400.0, true},  // the same day and month of another year
                   Row{"America/New_York", -7 * 3600 + 1, -6 * 3600 + 1, false},  // 00:00:01 → 01:00:01 EST
                   Row{"America/New_York", -7 * 3600 - 1, -7 * 3600 + 1, true},   // 23:59:59 → 00:00:01 EST
                   Row{"Asia/Tokyo", 0, 3 * 3600, true}}) {                       // 21:00 → 00:00 JST
@@ -596,6 +598,7 @@ TEST_F(PXMetricsTrackerSubmissionTest, EachAnswerLeavesExactlyTheUnconfirmedPape
       {"unknown IDs", 200, R"({"processedPapercutPackageIDs":["feed","0123456789abcdef"]})", all, true},
       {"half of them", 200, R"({"other":1,"processedPapercutPackageIDs":["$2","$0"]})", {1, 3}, true},
       {"IDs as numbers", 200, R"({"processedPapercutPackageIDs":[0,1,2,3]})", all, true},
+      {"no IDs", 200, R"({"other":1})", all, true},
       {"reset before the answer", 0, "", all, false},
       {"307 to the endpoint", 307, kReceipt, {}, true},
   };
@@ -714,6 +717,7 @@ TEST_F(PXMetricsTrackerSubmissionTest, PapercutCutInFlightSurvivesTheEarlierRece
   bool finished = false;
   tracker->submitDataWithResponseHandler([&](auto...) { finished = true; }, PXDate(kNoon));
   ASSERT_TRUE(PXRunLoopUntil([&] { return bool(tracker->submissionRequest()); }));
+  tracker->submitDataWithResponseHandler([&](auto...) { ADD_FAILURE() << "a second submission in flight"; });
   // The request is running; its completion waits for this thread's run loop.
   tracker->metricForIdentifier("com.example.late")->setValue(9);
   tracker->settleOutstandingOperationsWithOperationSync(
