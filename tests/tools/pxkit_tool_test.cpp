@@ -161,36 +161,26 @@ TEST(PXKitTool, StateShowsTheStoredStateAndTheNextBodyWithoutChangingIt) {
   };
   const auto before = files();
   ASSERT_FALSE(before.empty());
-  struct Case {
-    Strings args;
-    int status;
-    Strings lines;  // each a whole line of the output, in this order
-  };
-  const Case cases[] = {
-      {{"state", "--app", kApp},
-       0,
+  const PXSubprocess::Result shown = runTool({"state", "--app", kApp}, /*merged=*/false);
+  EXPECT_EQ(shown.exitStatus, 0);
+  size_t from = 0;  // each a whole line of the output, in this order
+  for (const std::string& line :
        {std::string("application: ") + kApp, "system ID: " + PXMetricsTracker::systemID().str(),
-        "metrics (2):", "  com.example.clicks [toolbar] = 0", "  com.example.editing = 420",
-        "papercuts waiting (1):", "next submission body (" + std::to_string(expectedBody.size()) + " bytes):",
-        expectedBody}},
-      {{"state", "--app", "org.example.NeverRan"}, 1, {}},
-      {{"state", "--app"}, 2, {}},
-      {{"state", "--verbose"}, 2, {}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.args.back());
-    PXSubprocess::Result run = runTool(c.args, /*merged=*/false);
-    EXPECT_EQ(run.exitStatus, c.status);
-    if (c.status != 0) {
-      EXPECT_EQ(run.output, "") << "complaints go to standard error";
-    }
-    size_t from = 0;
-    for (const std::string& line : c.lines) {
-      size_t at = run.output.find(line + "\n", from);
-      EXPECT_NE(at, std::string::npos) << "missing line: " << line << "\nin:\n" << run.output;
-      from = at == std::string::npos ? from : at + line.size();
-    }
-    EXPECT_EQ(files(), before) << "the tool wrote to the preferences";
+        std::string("metrics (2):"), std::string("  com.example.clicks [toolbar] = 0"),
+        std::string("  com.example.editing = 420"), std::string("papercuts waiting (1):"),
+        "next submission body (" + std::to_string(expectedBody.size()) + " bytes):", expectedBody}) {
+    size_t at = shown.output.find(line + "\n", from);
+    EXPECT_NE(at, std::string::npos) << "missing line: " << line << "\nin:\n" << shown.output;
+    from = at == std::string::npos ? from : at + line.size();
   }
-  EXPECT_THAT(runTool({"state", "--app", kApp}).output, HasSubstr("  " + packageID + "  "));
+  EXPECT_THAT(shown.output, HasSubstr("  " + packageID + "  "));
+  // Complaints go to standard error.
+  for (auto [status, args] :
+       {std::pair{1, Strings{"state", "--app", "org.example.NeverRan"}},
+        std::pair{2, Strings{"state", "--app"}}, std::pair{2, Strings{"state", "--verbose"}}}) {
+    const PXSubprocess::Result run = runTool(args, /*merged=*/false);
+    EXPECT_EQ(run.exitStatus, status) << args.back();
+    EXPECT_EQ(run.output, "") << args.back();
+  }
+  EXPECT_EQ(files(), before) << "the tool wrote to the preferences";
 }
