@@ -468,7 +468,9 @@ TEST_F(PXMetricsTrackerTest, AutomaticPapercutIsDueWhenTheLocalDateChanges) {
                   Row{"UTC", 0, 366 * 86400.0, true},  // the same day and month of another year
                   Row{"America/New_York", -7 * 3600 + 1, -6 * 3600 + 1, false},  // 00:00:01 → 01:00:01 EST
                   Row{"America/New_York", -7 * 3600 - 1, -7 * 3600 + 1, true},   // 23:59:59 → 00:00:01 EST
-                  Row{"Asia/Tokyo", 0, 3 * 3600, true}}) {                       // 21:00 → 00:00 JST
+                  Row{"Asia/Tokyo", 0, 3 * 3600, true},
+                  // Before the common era and before 1970; beyond any calendar served.
+                  Row{"America/New_York", -7e10, 0, true}, Row{"UTC", 5e11, 0, true}}) {  // 21:00 → 00:00 JST
     setenv("TZ", row.zone, 1);
     PXCalendar::resetTimeZone();
     tracker->setMetricsTimeBase(PXDate(kNoon + row.base));
@@ -595,7 +597,8 @@ TEST_F(PXMetricsTrackerSubmissionTest, EachAnswerLeavesExactlyTheUnconfirmedPape
       {"empty body", 200, "", all, true},
       {"not JSON", 200, "<html>thanks</html>", all, true},
       {"a JSON array", 200, R"(["$0"])", all, true},
-      {"unknown IDs", 200, R"({"processedPapercutPackageIDs":["feed","0123456789abcdef"]})", all, true},
+      {"unknown IDs", 200, R"({"other":1,"processedPapercutPackageIDs":["feed","0123456789abcdef"]})", all,
+       true},
       {"half of them", 200, R"({"other":1,"processedPapercutPackageIDs":["$2","$0"]})", {1, 3}, true},
       {"IDs as numbers", 200, R"({"processedPapercutPackageIDs":[0,1,2,3]})", all, true},
       {"no IDs", 200, R"({"other":1})", all, true},

@@ -57,13 +57,14 @@ TEST(PXKitTool, CommandLines) {
        true,
        "YES\n",
        {"check", "--root", dmi,
-        "version.computerModel BEGINSWITH 'MacBook' AND "
+        "version.computerModel BEGINSWITH 'MacBook' AND version.computerVersionMajor == '8' AND "
         "${filesystem(do=exists;absPath=" +
             dmi + "/etc/os-release)} == YES"}},
       // The answer "12" stays: not YES.
       {1, true, "NO\n", {"check", "--root", dmi, "${version(of=os;greaterThan=12)} == YES"}},
       {0, true, "YES\n", {"check", "${nosuch(fallbackValue=3)} == '3'"}},
       {0, true, "YES\n", {"check", "--", "-1 < 0"}},
+      {0, true, "YES\n", {"check", "${nosuch} == nil"}},
       {2,
        false,
        "pxkit: check: NSInvalidArgumentException: Unable to parse the format string \"version.os ==\"",
