@@ -197,7 +197,9 @@ TEST(PXMetricsTrackerCommonMetrics, DeviceTestbed) {
   setenv("GDK_SCALE", "2", 1);
   PXUMockdevTestbed bed;
   // No devices at all (no DMI, GPU, screen, drive or battery), no os-release,
-  // cpuinfo, CPU list or memory blocks: a missing fact drops only its metric.
+  // cpuinfo, CPU list or memory blocks: a missing fact drops only its metric
+  // (and the application's version without the system's).
+  ASSERT_TRUE(PXBundle::setMainBundleIdentity("org.example.Host", "1.0", "1"));
   auto facts = [&](const std::vector<std::string>& ids) { return catalogue(ids, home.root(), home.root()); };
   std::istringstream lines(facts({}));
   std::string identifiers;
