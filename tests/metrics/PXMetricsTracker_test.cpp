@@ -205,6 +205,7 @@ TEST_F(PXMetricsTrackerTest, RegistryKeepsOrderAndNeverReplacesAnExistingMetric)
   for (const char* name : {"c", "a", "b"}) tracker->metricForIdentifier(name);
   EXPECT_EQ(valuesOf(*tracker), "x(,-)=0 c(-,-)=0 a(-,-)=0 b(-,-)=0 ");
   tracker->removeMetric(first);
+  tracker->removeMetric({});
   EXPECT_EQ(valuesOf(*tracker), "c(-,-)=0 a(-,-)=0 b(-,-)=0 ");
 }
 
