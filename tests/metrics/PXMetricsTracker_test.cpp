@@ -17,6 +17,7 @@
 #include <pxkit/platform/PXUserDefaultsController.h>
 #include <pxkit/platform/PXWorkspace.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
@@ -822,4 +823,19 @@ TEST_F(PXMetricsTrackerTest, WakeAfterSleepingAcrossMidnightFiresAtOnce) {
   EXPECT_EQ(clock.now(), PXDate(kBerlinSpringEve + 10 * 3600)) << "fired on waking, without moving time on";
   ASSERT_TRUE(PXRunLoopUntil([&] { return tracker->automaticPapercutTimer() != timer; }));
   tracker->automaticPapercutTimer()->invalidate();
+}
+
+TEST_F(PXMetricsTrackerTest, AFailedSaveIsLoggedAndTheNextOneWritesTheState) {
+  const std::string dir = home.configHome() + "/org.pxkit.TrackerTest";
+  std::filesystem::remove_all(dir);
+  home.writeFile(dir, "a file where the preferences directory goes");
+  PXLogCapture log;
+  tracker->saveToPreferences();
+  const Strings lines = log.lines(PXLogLevel::Warning);
+  EXPECT_TRUE(std::ranges::any_of(lines, [](const std::string& l) {
+    return l.starts_with("PXMetricsTracker: cannot save the tracker's state: ");
+  })) << testing::PrintToString(lines);
+  std::filesystem::remove(dir);
+  tracker->saveToPreferences();
+  EXPECT_TRUE(std::filesystem::exists(dir + "/org.pxkit.TrackerTest.plist"));
 }
