@@ -420,9 +420,6 @@ TEST(PXWebRequest, SpeaksTLSWithTheCertificateSettingsItUnderstands) {
       // Only a null peer name changes anything.
       {"a peer name", {{kPXWebRequestSSLPeerName, "other"}, {kCA, ca}}, true},
       {"TLS 1.0 at least", {{kPXWebRequestSSLLevel, "kCFStreamSocketSecurityLevelTLSv1"}, {kCA, ca}}, true},
-      {"negotiated", {{kPXWebRequestSSLLevel, "kCFStreamSocketSecurityLevelNegotiatedSSL"}, {kCA, ca}}, true},
-      {"another level", {{kPXWebRequestSSLLevel, "SSLv2"}, {kCA, ca}}, true},
-      {"a level that is no text", {{kPXWebRequestSSLLevel, 3}, {kCA, ca}}, true},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
