@@ -23,9 +23,8 @@ class TempDir {
   std::string path_;
 };
 
-// A PostgreSQL server of its own, listening only on a Unix socket in a temporary
-// directory, run as "nobody" when the tests run as root. Stopped and removed by
-// the destructor. Without fsync unless `durable` (for measurements).
+// A PostgreSQL server on a Unix socket in a temporary directory, run as "nobody"
+// under root, stopped and removed by the destructor; without fsync unless `durable`.
 class PostgreSQLServer {
  public:
   explicit PostgreSQLServer(bool durable = false);
@@ -43,8 +42,7 @@ class PostgreSQLServer {
   std::string whyNot_;
 };
 
-// pxkit-collector as a process with `args` (and "--listen 127.0.0.1:0" when
-// `addListen`); the constructor returns once the collector has said where it listens.
+// pxkit-collector with `args` (and "--listen 127.0.0.1:0" when `addListen`), once it said where it listens.
 class CollectorProcess {
  public:
   explicit CollectorProcess(const std::vector<std::string>& args, bool addListen = true);

@@ -1,5 +1,5 @@
-// Reading submission documents: which bodies are submissions at all, which
-// records are accepted, and why the others are refused.
+// Reading submission documents: which records are accepted, why the others are
+// refused, and which bodies are no submission at all.
 #include "PapercutRecord.h"
 
 #include <gtest/gtest.h>
@@ -35,26 +35,7 @@ std::string recordWith(const std::string& field, const std::string& json) {
   return text + "}";
 }
 
-TEST(PapercutRecord, BodiesThatAreNotSubmissionsAreRefusedWhole) {
-  const std::string full = submissionJSON({papercutJSON("a")});
-  const std::pair<std::string, const char*> rows[] = {
-      {"", "the body is not JSON: "},
-      {full + "x", "the body is not JSON: "},
-      {"[" + papercutJSON("a") + "]",
-       "the body is not a submission document: its top level is not an object"},
-      {"{\"papercut\":[]}",
-       "the body is not a submission document: \"papercuts\" is missing or not an array"},
-      {"{\"papercuts\":{}}",
-       "the body is not a submission document: \"papercuts\" is missing or not an array"},
-  };
-  for (const auto& [body, says] : rows) {
-    SubmissionReading r = read(body);
-    EXPECT_EQ(r.error.substr(0, std::string(says).size()), says) << body;
-    EXPECT_TRUE(r.papercuts.empty() && r.rejected.empty()) << body;
-  }
-}
-
-TEST(PapercutRecord, EachRecordIsAcceptedOrRejectedWithItsReasonAndLimitsHoldAtTheirEdges) {
+TEST(PapercutRecord, EachRecordIsAcceptedOrRejectedWithItsReasonAndBadBodiesWhole) {
   const auto text = [](size_t length) { return "\"" + std::string(length, 'a') + "\""; };
   const auto dataSets = [](size_t count) {
     std::string sets = "[";
@@ -70,21 +51,12 @@ TEST(PapercutRecord, EachRecordIsAcceptedOrRejectedWithItsReasonAndLimitsHoldAtT
       {"", "", nullptr},
       {"applicationVersion", "", nullptr},  // the kit leaves it out when the host has none
       {"packageID", "", "\"packageID\" is missing"},
-      {"packageID", "12", "\"packageID\" is not a string"},
       {"packageID", "\"\"", "\"packageID\" is empty"},
-      {"applicationID", "", "\"applicationID\" is missing"},
       {"timestamp", "\"1764000000\"", "\"timestamp\" is not a number"},
-      {"timestamp", "true", "\"timestamp\" is not a number"},
       {"timestamp", "-1", "\"timestamp\" is out of range"},
-      {"timestamp", "1764000000", nullptr},  // an integer timestamp is a number too
       {"totalUsageDays", "1.5", "\"totalUsageDays\" is not a non-negative integer"},
-      {"totalUsageDays", "-1", "\"totalUsageDays\" is not a non-negative integer"},
       {"metrics", "", "\"metrics\" is missing"},
-      {"metrics", "{}", "\"metrics\" is not an array"},
-      {"metrics", "[3]", "\"metrics\"[0] is not an object"},
       {"metrics", "[{\"value\":1}]", "\"metrics\"[0]: \"identifier\" is missing"},
-      {"metrics", "[{\"identifier\":\"a\"}]", "\"metrics\"[0]: \"value\" is missing"},
-      {"metrics", "[{\"identifier\":\"a\",\"value\":1.5}]", "\"value\" is not an integer"},
       {"metrics", "[{\"identifier\":\"a\",\"value\":9223372036854775808}]", "\"value\" is not an integer"},
       {"metrics", "[{\"identifier\":\"a\",\"value\":-9223372036854775808}]", nullptr},
       {"metrics", "[{\"identifier\":\"a\",\"primary\":7,\"value\":1}]", "\"primary\" is not a string"},
@@ -104,18 +76,29 @@ TEST(PapercutRecord, EachRecordIsAcceptedOrRejectedWithItsReasonAndLimitsHoldAtT
     EXPECT_NE(reason.find(row.reason ? row.reason : "(accepted)"), std::string::npos)
         << row.field << ": " << reason;
   }
+  // Bodies that are no submission are refused whole.
+  const std::pair<std::string, const char*> bodies[] = {
+      {submissionJSON({}) + "x", "the body is not JSON: "},
+      {"[" + papercutJSON("a") + "]",
+       "the body is not a submission document: its top level is not an object"},
+      {"{\"papercut\":[]}",
+       "the body is not a submission document: \"papercuts\" is missing or not an array"},
+  };
+  for (const auto& [body, says] : bodies) {
+    SubmissionReading r = read(body);
+    EXPECT_EQ(r.error.substr(0, std::string(says).size()), says) << body;
+    EXPECT_TRUE(r.papercuts.empty() && r.rejected.empty()) << body;
+  }
 }
 
 TEST(PapercutRecord, DaysAreCalendarDaysInUTC) {
-  const std::pair<int64_t, const char*> rows[] = {{0, "1970-01-01"},          {86399, "1970-01-01"},
-                                                  {86400, "1970-01-02"},      {951782400, "2000-02-29"},
-                                                  {1764000000, "2025-11-24"}, {253402300799, "9999-12-31"}};
+  const std::pair<int64_t, const char*> rows[] = {
+      {86399, "1970-01-01"}, {86400, "1970-01-02"}, {951782400, "2000-02-29"}, {253402300799, "9999-12-31"}};
   for (const auto& [timestamp, day] : rows) {
     EXPECT_EQ(dayText(dayOfTimestamp(timestamp)), day);
     EXPECT_EQ(dayFromText(day), dayOfTimestamp(timestamp));
   }
-  for (const char* bad :
-       {"2025-02-29", "2025-13-01", "2025-00-10", "2025-1-01", "x025-01-01", "", "2025-01-32"})
+  for (const char* bad : {"2025-02-29", "2025-13-01", "2025-00-10", "2025-1-01", "x025-01-01", "2025-01-32"})
     EXPECT_EQ(dayFromText(bad), -1) << bad;
 }
 

@@ -76,19 +76,19 @@ TEST(PXJSONRequest, PropertiesBecomeADictionaryOfPresentValues) {
   employee->big = UINT64_MAX;
   employee->birthday = PXDate(1000.5);
   employee->employer = "Engines Ltd";  // the object properties stay absent and are left out
-  const PXRef<PXDictionary> all = PXDictionary::dictionaryWithEntries({{"employer", "Engines Ltd"},
-                                                                       {"name", "Ada"},
-                                                                       {"age", 36},
-                                                                       {"height", 0.0},
-                                                                       {"member", true},
-                                                                       {"visits", 0},
-                                                                       {"big", UINT64_MAX},
-                                                                       {"birthday", PXDate(1000.5)}});
-  const PXRef<PXDictionary> selected =
-      PXDictionary::dictionaryWithEntries({{"employer", "Engines Ltd"}, {"age", 36}});
+  // Every property, superclasses included; a date stays a date. Or the selected ones.
   const std::pair<PXRef<PXArray>, PXRef<PXDictionary>> rows[] = {
-      {{}, all},  // every property, superclasses included; a date stays a date
-      {names({"age", "employer", "payload", "nosuch"}), selected},
+      {{},
+       PXDictionary::dictionaryWithEntries({{"employer", "Engines Ltd"},
+                                            {"name", "Ada"},
+                                            {"age", 36},
+                                            {"height", 0.0},
+                                            {"member", true},
+                                            {"visits", 0},
+                                            {"big", UINT64_MAX},
+                                            {"birthday", PXDate(1000.5)}})},
+      {names({"age", "employer", "payload", "nosuch"}),
+       PXDictionary::dictionaryWithEntries({{"employer", "Engines Ltd"}, {"age", 36}})},
   };
   for (const auto& [selection, expected] : rows) {
     PXRef<PXDictionary> dictionary = PXJSONRequest::jsonDictionaryFromProperties(selection, *employee);
@@ -113,7 +113,6 @@ TEST(PXJSONRequest, MatchingConvertsEachKindOfPropertyAndHonoursTheSelection) {
       {"age", "12x", std::nullopt},
       {"age", PXValue(list), std::nullopt},
       {"height", "2.5e1", PXValue(25.0)},
-      {"height", ".5", PXValue(0.5)},
       {"height", "+7", PXValue(7)},
       {"height", "1e", std::nullopt},
       {"height", "1E-1", PXValue(0.1)},
@@ -128,7 +127,6 @@ TEST(PXJSONRequest, MatchingConvertsEachKindOfPropertyAndHonoursTheSelection) {
       {"name", PXValue(list), PXValue(list)},
       // A number class: strings read as decimals.
       {"count", "7", PXValue(7)},
-      {"count", "seven", std::nullopt},
       // The other names of the same classes.
       {"note", 5, PXValue("5")},
       {"nickname", 6, PXValue("6")},
@@ -182,28 +180,6 @@ TEST(PXJSONRequest, MatchingConvertsEachKindOfPropertyAndHonoursTheSelection) {
 
 using Server = PXLoopbackServer;
 
-// What one response handler call brought.
-struct Outcome {
-  int calls = 0;
-  bool success = false;
-  uint32_t cancelled = 0;
-  PXValue answer;
-  PXErrorRef error;
-  PXJSONRequest* request = nullptr;
-
-  PXJSONResponseHandler handler() {
-    return
-        [this](PXJSONRequest* r, bool ok, uint32_t wasCancelled, const PXValue& object, PXError* parseError) {
-          ++calls;
-          success = ok;
-          cancelled = wasCancelled;
-          answer = object;
-          error = PXErrorRef(parseError);
-          request = r;
-        };
-  }
-};
-
 TEST(PXJSONRequest, PostsTheDocumentAsJSONAndParsesWhateverBodyCame) {
   Server server;
   server.handle("/echo", [](const Server::Request& r) { return Server::Response(r.body); });
@@ -212,47 +188,50 @@ TEST(PXJSONRequest, PostsTheDocumentAsJSONAndParsesWhateverBodyCame) {
   server.handleRaw("/cut",
                    Server::RawResponse("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"partial\":1}"));
   const PXValue empty(names({}));
+  // outcome: success, the cancel flag (its bit as it is, unshifted), the answer as JSON, the parse error's
+  // domain. sent: what the server must receive (null: not checked).
   struct Row {
     std::string url;
     PXValue object;
-    const char* sent;  // what the server must receive; null: not checked
-    bool success;
-    const char* answer;  // the answer's JSON text; null: absent
-    bool parseError;
-    bool cancel = false;  // cancelled right after the start
+    const char* sent;
+    std::string outcome;
+    bool cancel = false;
   } rows[] = {
       {server.url("/echo"),
        PXValue(
            PXDictionary::dictionaryWithEntries({{"papercuts", PXValue(names({1, "two"}))}, {"ok", true}})),
-       R"({"papercuts":[1,"two"],"ok":true})", true, R"({"papercuts":[1,"two"],"ok":true})", false},
+       R"({"papercuts":[1,"two"],"ok":true})", R"(1 0 {"papercuts":[1,"two"],"ok":true} )"},
       // Bytes are sent as they are.
-      {server.url("/echo"), PXValue(PXData::dataWithString("<html>")), "<html>", true, nullptr, true},
-      {server.url("/echo"), PXValue("hi \"you\""), R"("hi \"you\"")", true, nullptr, true},
-      {server.url("/boom"), empty, "[]", true, R"({"error":"boom"})", false},
-      {server.rawURL("/cut"), empty, nullptr, false, R"({"partial":1})", false},
+      {server.url("/echo"), PXValue(PXData::dataWithString("<html>")), "<html>", "1 0  PXJSONErrorDomain"},
+      {server.url("/echo"), PXValue("hi \"you\""), R"("hi \"you\"")", "1 0  PXJSONErrorDomain"},
+      {server.url("/boom"), empty, "[]", R"(1 0 {"error":"boom"} )"},
+      {server.rawURL("/cut"), empty, nullptr, R"(0 0 {"partial":1} )"},
       // No body: nothing to parse, no error.
-      {"http://127.0.0.1:" + std::to_string(Server::refusedPort()) + "/", empty, nullptr, false, nullptr,
-       false},
-      {server.url("/echo"), empty, nullptr, false, nullptr, false, true},
+      {"http://127.0.0.1:" + std::to_string(Server::refusedPort()) + "/", empty, nullptr, "0 0  "},
+      {server.url("/echo"), empty, nullptr, "0 cancelled  ", true},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.url + " " + row.object.description().str());
-    Outcome outcome;
+    int calls = 0;
+    std::string outcome;
+    PXRef<PXJSONRequest> request;
+    auto handler = [&](PXJSONRequest* r, bool ok, uint32_t cancelled, const PXValue& answer, PXError* e) {
+      ++calls;
+      EXPECT_EQ(r, request.get());
+      outcome = std::to_string(ok) + " " +
+                (cancelled == kPXWebRequestFinishedCancelled ? "cancelled" : std::to_string(cancelled)) +
+                " " + PXJSONSerialization::JSONify(answer).str() + " " + (e ? e->domain().str() : "");
+    };
     PXErrorRef error = PXError::errorWithDomain("sentinel", 1);
-    PXRef<PXJSONRequest> request =
-        PXJSONRequest::startedJSONRequestWithURL(row.url, row.object, outcome.handler(), &error);
+    request =
+        PXJSONRequest::startedJSONRequestWithURL(row.url, row.object, PXJSONResponseHandler(handler), &error);
     ASSERT_TRUE(request);
     EXPECT_FALSE(error) << "cleared on success";
     EXPECT_EQ(request->requestTimeout(), 60.0);
     if (row.cancel) request->cancel();
-    ASSERT_TRUE(PXRunLoopUntil([&] { return outcome.calls > 0; }));
-    EXPECT_EQ(outcome.calls, 1);
-    EXPECT_EQ(outcome.request, request.get());
-    EXPECT_EQ(outcome.success, row.success);
-    // The flag bit as it is, unshifted.
-    EXPECT_EQ(outcome.cancelled, row.cancel ? kPXWebRequestFinishedCancelled : 0u);
-    EXPECT_EQ(PXJSONSerialization::JSONify(outcome.answer).str(), row.answer ? row.answer : "");
-    EXPECT_EQ(outcome.error ? outcome.error->domain().str() : "", row.parseError ? kPXJSONErrorDomain : "");
+    ASSERT_TRUE(PXRunLoopUntil([&] { return calls > 0; }));
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(outcome, row.outcome);
     if (row.sent) {
       const Server::Request seen = server.requests().back();
       EXPECT_EQ(seen.method + " " + seen.body, std::string("POST ") + row.sent);
@@ -269,11 +248,12 @@ TEST(PXJSONRequest, PostsTheDocumentAsJSONAndParsesWhateverBodyCame) {
 TEST(PXJSONRequest, RefusedStartsAndDocuments) {
   Server server;
   server.handle("/ok", [](const Server::Request&) { return Server::Response("{}"); });
+  // errorDomain: the error after the call; "sentinel": untouched; null: cleared.
   struct Row {
     const char* what;
     std::string url;
     PXValue object;
-    const char* errorDomain;  // the error after the call; "sentinel": untouched; null: cleared
+    const char* errorDomain;
   } rows[] = {
       {"no request object", server.url("/ok"), PXValue(), nullptr},
       {"a date inside the document", server.url("/ok"),
