@@ -2,11 +2,9 @@
 #include <pxkit/foundation/PXDateTools.h>
 #include <pxkit/platform/PXCalendar.h>
 
-#include <climits>
 #include <cmath>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -20,33 +18,7 @@ void setLocaleEnvironment(const char* language, const char* lcAll, const char* t
   PXCalendar::resetTimeZone();
 }
 
-constexpr int kUntouched = -99;  // what each output holds before the call
 enum Want : unsigned { Y = 1, D = 2, H = 4, M = 8, S = 16, All = 31 };
-
-TEST(PXDateTools, SplitTimeIntervalIntoWantedUnits) {
-  struct {
-    double interval;
-    unsigned want;
-    int years, days, hours, minutes, seconds;  // kUntouched where not wanted (or, for hours, kept)
-  } cases[] = {
-      {90061, D | H | M | S, kUntouched, 1, 1, 1, 1},
-      {3661, H | S, kUntouched, kUntouched, 1, kUntouched, 61},  // minutes not wanted stay in seconds
-      {2 * 86400.0 + 7200, Y | H | M, 0, kUntouched, 50, 0, kUntouched},  // days not wanted stay in hours
-      {3599, All, 0, 0, kUntouched, 59, 59},  // kept on purpose: below an hour, hours keep the caller's value
-      {-5.5, All, 0, 0, kUntouched, 0, -6},   // negative intervals go whole into seconds, floored
-      {1e18, Y, INT_MAX, kUntouched, kUntouched, kUntouched, kUntouched},  // counts outside int saturate
-      {std::nan(""), S, kUntouched, kUntouched, kUntouched, kUntouched, 0},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.interval);
-    int y = kUntouched, d = kUntouched, h = kUntouched, m = kUntouched, s = kUntouched;
-    PXDateTools::splitTimeInterval(c.interval, c.want & Y ? &y : nullptr, c.want & D ? &d : nullptr,
-                                   c.want & H ? &h : nullptr, c.want & M ? &m : nullptr,
-                                   c.want & S ? &s : nullptr);
-    EXPECT_EQ(std::vector<int>({y, d, h, m, s}),
-              std::vector<int>({c.years, c.days, c.hours, c.minutes, c.seconds}));
-  }
-}
 
 TEST(PXDateTools, StringFromTimeIntervalInTheUsersLanguage) {
   struct {
@@ -58,7 +30,11 @@ TEST(PXDateTools, StringFromTimeIntervalInTheUsersLanguage) {
   } cases[] = {
       {"en_US", 90061, D | H | M | S, false, "1 day 1 hour 1 minute 1 second"},
       {"en_US", 0, All, true, "0 years 0 days 0 hours 0 minutes 0 seconds"},
-      {"en_US", -1, S, false, "-1 seconds"},  // negative counts take the plural
+      {"en_US", 59, H | S, false, "0 hours 59 seconds"},  // kept on purpose: below an hour, hours start at 0
+      {"en_US", -1, S, false, "-1 seconds"},              // negative counts take the plural
+      {"en_US", 1e18, Y, false, "2147483647 years"},      // counts outside int saturate
+      {"en_US", -1e18, S, false, "-2147483648 seconds"},
+      {"en_US", std::nan(""), S, false, "0 seconds"},
       {"de", 31536000.0 + 2 * 86400 + 3600 + 1, All, false, "1 Jahr 2 Tage 1 Stunde 0 Minuten 1 Sekunde"},
       {"zh_TW", 2 * 86400.0 + 3 * 3600, D | H | M, true, "2 天 3 小時"},
   };
@@ -82,7 +58,10 @@ TEST(PXDateTools, LocalizedStringInEnglishUTC) {
     PXDateFormatterStyle date, time;
     std::string expected;
   } cases[] = {
+      {PXDateFormatterNoStyle, PXDateFormatterNoStyle, ""},
+      {static_cast<PXDateFormatterStyle>(99), PXDateFormatterNoStyle, ""},  // unknown: none
       {PXDateFormatterShortStyle, PXDateFormatterNoStyle, "5/1/12"},
+      {PXDateFormatterMediumStyle, PXDateFormatterMediumStyle, "May 1, 2012, 10:20:30" + am},
       {PXDateFormatterNoStyle, PXDateFormatterFullStyle, "10:20:30" + am + " Coordinated Universal Time"},
       {PXDateFormatterFullStyle, PXDateFormatterShortStyle, "Tuesday, May 1, 2012 at 10:20" + am},
   };

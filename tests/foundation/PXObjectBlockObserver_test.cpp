@@ -98,7 +98,6 @@ TEST(PXObjectBlockObserver, CallbackHearsChangesUntilRemovedAndAFailedRemovalIsL
                        which.get(), object)
                   .str());
   }
-  EXPECT_EQ(log.lines().size(), 4u);
   model->setLevel(2);
   EXPECT_EQ(kept.lines.size(), 3u) << "a failed removal changes nothing";
 }
@@ -150,7 +149,6 @@ TEST(PXObjectBlockObserver, StressAddRemoveWhileChanging) {
         EXPECT_GE(seen->load(), 3) << "both observations, one of them with its prior call";
         Observer::removeObserverWithObserverBlockToken(*model, token);
         if (i % 3 == 0) Observer::removeObjectBlockObserversWithOwner(*model, owner.get(), path);
-        if (i % 5 == 0) Observer::removeObjectBlockObserversWithOwner(*model, owner.get());
       }
       Observer::removeObjectBlockObserversWithOwner(*model, owner.get());
     });
