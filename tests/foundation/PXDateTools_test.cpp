@@ -69,7 +69,6 @@ TEST(PXDateTools, LocalizedStringInEnglishUTC) {
     SCOPED_TRACE(c.expected);
     EXPECT_EQ(PXDateTools::localizedStringFormattedWithDateStyle(sample, c.date, c.time).str(), c.expected);
   }
-  // A zone ICU does not know by name (a POSIX rule) is its offset at the date.
   setLocaleEnvironment(nullptr, "en_US.UTF-8", "XYZ-3");
   EXPECT_EQ(PXDateTools::localizedStringFormattedWithDateStyle(sample, PXDateFormatterNoStyle,
                                                                PXDateFormatterShortStyle)

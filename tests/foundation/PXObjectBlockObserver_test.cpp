@@ -144,7 +144,6 @@ TEST(PXObjectBlockObserver, StressAddRemoveWhileChanging) {
         Token token =
             Observer::addObserverForKeyPath(*model, path, PXKeyValueObservingOptionNew, owner.get(), block);
         Observer::addObserverForKeyPath(*model, path, PXKeyValueObservingOptionPrior, owner.get(), block);
-        // A change made on this thread reaches this thread's observations at once.
         (i % 2) ? model->setLevel(-i) : model->setPart(PXMake<BOModel>());
         EXPECT_GE(seen->load(), 3) << "both observations, one of them with its prior call";
         Observer::removeObserverWithObserverBlockToken(*model, token);

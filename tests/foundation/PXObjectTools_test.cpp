@@ -47,6 +47,21 @@ PX_DEFINE_CLASS(PTDerived, PTBase, [](PXClassBuilder<PTDerived>& c) {
 
 namespace {
 
+TEST(PXRuntime, AssociatedObjectsFollowTheirPolicyAndRemovalReleasesThemAll) {
+  static const char kRetained = 0, kCopied = 0, kAssigned = 0;
+  auto host = PXMake<PTBase>();
+  auto retained = PXMake<PXObject>(), copied = PXMake<PXObject>(), assigned = PXMake<PXObject>();
+  PXWeakRef<PXObject> retainedWeak = retained, copiedWeak = copied, assignedWeak = assigned;
+  PXRuntime::setRetainedAssociatedObject(*host, retained, &kRetained);
+  PXRuntime::setCopiedAssociatedObject(*host, copied, &kCopied);  // plain objects copy as themselves
+  PXRuntime::setAssignedAssociatedObject(*host, assigned, &kAssigned);
+  retained = copied = assigned = nullptr;
+  EXPECT_TRUE(assignedWeak.expired() && !retainedWeak.expired() && !copiedWeak.expired())
+      << "assigned: unowned";
+  PXRuntime::removeAssociatedObjects(*host);
+  EXPECT_TRUE(retainedWeak.expired() && copiedWeak.expired());
+}
+
 TEST(PXRuntime, ArrayOfSubClassesListsDescendantsOrNone) {
   auto names = [](const PXClass& cls) {
     std::string out;

@@ -29,10 +29,6 @@ TEST(PXBlocks, OnceAndZeroRepeatTimersFireOnceAndFiveRepeatsEveryFiveSecondsAnEm
   EXPECT_EQ(once, std::vector<double>{3});
   EXPECT_FALSE(single->isValid() || onceTimer->isValid()) << "a one-shot timer is done after firing";
   periodic->invalidate();
-  // No callback: nothing boxed, nothing to call.
-  PXRef<PXTimer> silent = PXBlocks::timerWithFireDate(PXDate(kStart + 1), 0, nullptr, false);
-  EXPECT_FALSE(silent->userInfo());
-  silent->fire();
 }
 
 TEST(PXAbsoluteTimeFire, WakeAndTimeZoneChangeReapplyTheDateUntilTheTimerIsDestroyed) {

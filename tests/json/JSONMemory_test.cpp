@@ -1,5 +1,4 @@
-// Failing the Nth allocation of a parse or a write, for every N: a reported error, then
-// the next call works. This binary replaces the global operator new.
+// Failing the Nth allocation (operator new is replaced), for every N: reported, then the next call works.
 #include <gtest/gtest.h>
 #include <pxkit/json/JSONDecoder.h>
 #include <pxkit/json/JSONSerializer.h>
@@ -29,9 +28,9 @@ void operator delete(void* p, std::size_t) noexcept {
 }
 
 TEST(JSONMemory, EveryAllocationFailureIsReportedWithItsMessage) {
-  // Every kind of memory the decoder uses: state, stacks, escapes, hash table, cache.
   std::string text = "{\"escaped\": \"" + std::string(100, 'x') + "\\n" + std::string(100, 'y') + "\"";
-  for (int i = 0; i < 40; ++i) text += ", \"k" + std::to_string(i) + "\": [\"long enough for the cache\"]";
+  for (int i = 0; i < 80; ++i)
+    text += ", \"k" + std::to_string(i % 40) + "\": [\"long enough for the cache\"]";
   text += ", \"list\": [0";
   for (int i = 1; i < 200; ++i) text += ", " + std::to_string(i * 1.5);
   const PXValue doc = objectFromJSONString(PXString(text + "]}"));

@@ -21,7 +21,6 @@ PXRef<PXArray> list(std::initializer_list<PXValue> values) {
   return PXArray::arrayWithObjects(values);
 }
 
-// Formats dates as seconds since 1970 through its "formatDate:" operation.
 class DateDelegate : public JSONSerializerDelegate {
  public:
   bool respondsToSelector(std::string_view selector) const override { return selector == "formatDate:"; }
