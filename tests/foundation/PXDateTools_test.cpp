@@ -2,20 +2,13 @@
 #include <pxkit/foundation/PXDateTools.h>
 #include <pxkit/platform/PXCalendar.h>
 
-#include <atomic>
-#include <climits>
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
 #include <optional>
 #include <string>
-#include <thread>
-#include <vector>
 
 namespace {
 
-// Sets the variables that choose language, locale and zone, and clears the
-// others, so the host's own environment cannot leak in.
+// Sets language, locale and zone, clearing the rest so the host's environment cannot leak in.
 void setLocaleEnvironment(const char* language, const char* lcAll, const char* tz = "UTC") {
   for (const char* name : {"LANGUAGE", "LC_ALL", "LC_MESSAGES", "LC_TIME"}) unsetenv(name);
   if (language) setenv("LANGUAGE", language, 1);
@@ -25,37 +18,7 @@ void setLocaleEnvironment(const char* language, const char* lcAll, const char* t
   PXCalendar::resetTimeZone();
 }
 
-constexpr int kUntouched = -99;  // what each output holds before the call
 enum Want : unsigned { Y = 1, D = 2, H = 4, M = 8, S = 16, All = 31 };
-
-TEST(PXDateTools, SplitTimeIntervalIntoWantedUnits) {
-  struct {
-    double interval;
-    unsigned want;
-    int years, days, hours, minutes, seconds;  // kUntouched where not wanted (or, for hours, kept)
-  } cases[] = {
-      {90061, D | H | M | S, kUntouched, 1, 1, 1, 1},
-      {3661, H | S, kUntouched, kUntouched, 1, kUntouched, 61},  // minutes not wanted stay in seconds
-      {31535999.0, All, 0, 364, 23, 59, 59},
-      {61.999, M | S, kUntouched, kUntouched, kUntouched, 1, 1},          // fractions floor into seconds
-      {2 * 86400.0 + 7200, Y | H | M, 0, kUntouched, 50, 0, kUntouched},  // days not wanted stay in hours
-      {3599, All, 0, 0, kUntouched, 59, 59},  // kept on purpose: below an hour, hours keep the caller's value
-      {-5.5, All, 0, 0, kUntouched, 0, -6},   // negative intervals go whole into seconds, floored
-      {1e18, Y, INT_MAX, kUntouched, kUntouched, kUntouched, kUntouched},  // counts outside int saturate
-      {-1e18, S, kUntouched, kUntouched, kUntouched, kUntouched, INT_MIN},
-      {90061, D, kUntouched, 1, kUntouched, kUntouched, kUntouched},  // the rest is dropped
-      {std::nan(""), S, kUntouched, kUntouched, kUntouched, kUntouched, 0},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.interval);
-    int y = kUntouched, d = kUntouched, h = kUntouched, m = kUntouched, s = kUntouched;
-    PXDateTools::splitTimeInterval(c.interval, c.want & Y ? &y : nullptr, c.want & D ? &d : nullptr,
-                                   c.want & H ? &h : nullptr, c.want & M ? &m : nullptr,
-                                   c.want & S ? &s : nullptr);
-    EXPECT_EQ(std::vector<int>({y, d, h, m, s}),
-              std::vector<int>({c.years, c.days, c.hours, c.minutes, c.seconds}));
-  }
-}
 
 TEST(PXDateTools, StringFromTimeIntervalInTheUsersLanguage) {
   struct {
@@ -66,12 +29,13 @@ TEST(PXDateTools, StringFromTimeIntervalInTheUsersLanguage) {
     const char* expected;
   } cases[] = {
       {"en_US", 90061, D | H | M | S, false, "1 day 1 hour 1 minute 1 second"},
-      {"en_US", 7200, H | M, true, "2 hours"},
       {"en_US", 0, All, true, "0 years 0 days 0 hours 0 minutes 0 seconds"},
-      {"en_US", 59, H | S, false, "0 hours 59 seconds"},  // the hour counter starts at 0 here
+      {"en_US", 59, H | S, false, "0 hours 59 seconds"},  // kept on purpose: below an hour, hours start at 0
       {"en_US", -1, S, false, "-1 seconds"},              // negative counts take the plural
+      {"en_US", 1e18, Y, false, "2147483647 years"},      // counts outside int saturate
+      {"en_US", -1e18, S, false, "-2147483648 seconds"},
+      {"en_US", std::nan(""), S, false, "0 seconds"},
       {"de", 31536000.0 + 2 * 86400 + 3600 + 1, All, false, "1 Jahr 2 Tage 1 Stunde 0 Minuten 1 Sekunde"},
-      {"ja_JP", 31536000.0 + 2 * 86400 + 3600 + 1, All, false, "1 年 2 日 1 時間 0 分 1 秒"},
       {"zh_TW", 2 * 86400.0 + 3 * 3600, D | H | M, true, "2 天 3 小時"},
   };
   for (const auto& c : cases) {
@@ -82,10 +46,6 @@ TEST(PXDateTools, StringFromTimeIntervalInTheUsersLanguage) {
                   .str(),
               c.expected);
   }
-  // Without the last argument zero units are written.
-  setLocaleEnvironment("en_US", nullptr);
-  EXPECT_EQ(PXDateTools::stringFromTimeInterval(7200, false, false, true, true, false).str(),
-            "2 hours 0 minutes");
 }
 
 TEST(PXDateTools, LocalizedStringInEnglishUTC) {
@@ -101,15 +61,14 @@ TEST(PXDateTools, LocalizedStringInEnglishUTC) {
       {PXDateFormatterNoStyle, PXDateFormatterNoStyle, ""},
       {static_cast<PXDateFormatterStyle>(99), PXDateFormatterNoStyle, ""},  // unknown: none
       {PXDateFormatterShortStyle, PXDateFormatterNoStyle, "5/1/12"},
-      {PXDateFormatterNoStyle, PXDateFormatterFullStyle, "10:20:30" + am + " Coordinated Universal Time"},
       {PXDateFormatterMediumStyle, PXDateFormatterMediumStyle, "May 1, 2012, 10:20:30" + am},
+      {PXDateFormatterNoStyle, PXDateFormatterFullStyle, "10:20:30" + am + " Coordinated Universal Time"},
       {PXDateFormatterFullStyle, PXDateFormatterShortStyle, "Tuesday, May 1, 2012 at 10:20" + am},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.expected);
     EXPECT_EQ(PXDateTools::localizedStringFormattedWithDateStyle(sample, c.date, c.time).str(), c.expected);
   }
-  // A zone ICU does not know by name (a POSIX rule) is its offset at the date.
   setLocaleEnvironment(nullptr, "en_US.UTF-8", "XYZ-3");
   EXPECT_EQ(PXDateTools::localizedStringFormattedWithDateStyle(sample, PXDateFormatterNoStyle,
                                                                PXDateFormatterShortStyle)
@@ -119,12 +78,9 @@ TEST(PXDateTools, LocalizedStringInEnglishUTC) {
 
 TEST(PXDateTools, TimestampParsersReadOnlyTheirFormsUpToTheLengthLimit) {
   const std::pair<const char*, double> cases[] = {
-      // 0: no date
-      {"2012-05-01T10:20:30+02:00", 1335860430.0},
-      {"2012-05-01T10:20:30+14:00", 1335817230.0},
+      {"2012-05-01T10:20:30+02:00", 1335860430.0},  // 0 below: no date
       {"2012-05-01T10:20:30-07:00", 0},      // without a "+", the colons are cut from the date's "-" on
       {"2012-05-01T10:20:30.123+02:00", 0},  // no fraction in this form
-      {"2012-05-01T10:20:30+02:00 ", 0},
       {"2012-02-30T10:20:30+02:00", 0},
       {"garbage", 0}};  // neither sign: parsed as it is
   for (const auto& [text, since1970] : cases) {
@@ -140,26 +96,6 @@ TEST(PXDateTools, TimestampParsersReadOnlyTheirFormsUpToTheLengthLimit) {
     EXPECT_EQ(PXDateTools::dateFromRFC3339DateString(std::string(length - rfc.size(), '0') + rfc).has_value(),
               fits);
   }
-}
-
-// Concurrent first use and concurrent parsing: every thread reads every date right.
-TEST(PXDateTools, TimestampParsersAreSharedSafelyAcrossThreads) {
-  std::atomic<int> wrong{0};
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&wrong] {
-      for (int second = 0; second < 60; ++second) {
-        char iso[40], rfc[40];
-        std::snprintf(iso, sizeof iso, "2012-05-01T10:20:%02d.250-0800", second);
-        std::snprintf(rfc, sizeof rfc, "2012-05-01T10:20:%02d+01:00", second);
-        auto a = PXDateTools::dateFromISO8601DateString(iso), b = PXDateTools::dateFromRFC3339DateString(rfc);
-        wrong += (!a || a->timeIntervalSince1970() != 1335896400.25 + second);
-        wrong += (!b || b->timeIntervalSince1970() != 1335864000.0 + second);
-      }
-    });
-  }
-  for (auto& t : threads) t.join();
-  EXPECT_EQ(wrong.load(), 0);
 }
 
 }  // namespace

@@ -1,6 +1,4 @@
-// The decoder fuzzer's entry point on its seeds and a few thousand edits of
-// them, so that its properties (it aborts on any violated one) are checked in
-// every ordinary test run. An input's first byte chooses the parse options.
+// The fuzzer's entry point (it aborts on any violated property) on its seeds and their edits.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -14,8 +12,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 TEST(JSONDecoderFuzz, SeedsAndTheirEditsHoldTheFuzzersProperties) {
   const std::vector<std::string> seeds = PXFuzzSeeds("tests/json/fuzz_seeds/json_decoder");
   ASSERT_GE(seeds.size(), 20u);
-  // Pieces that make edits reach deeper than random bytes do: every structural
-  // byte, Unicode line breaks, a lone surrogate, escapes, edge numbers, comments.
   std::vector<std::string> pieces;
   std::string_view joined =
       "\xc2\x85|\xe2\x80\xa8|\xed\xa0\x80|\xf0\x9f\x98\x80|\\u|\\ud83d\\ude00|true|null|1e400|-0.5e-3|"

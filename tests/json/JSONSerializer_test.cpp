@@ -4,10 +4,13 @@
 #include <pxkit/objects/PXArray.h>
 #include <pxkit/objects/PXDictionary.h>
 
+#include <cctype>
 #include <cstdint>
 #include <functional>
 #include <limits>
 #include <string>
+
+#include "support/PXTestPaths.h"
 
 namespace {
 
@@ -18,7 +21,6 @@ PXRef<PXArray> list(std::initializer_list<PXValue> values) {
   return PXArray::arrayWithObjects(values);
 }
 
-// Formats dates as seconds since 1970 through its "formatDate:" operation.
 class DateDelegate : public JSONSerializerDelegate {
  public:
   bool respondsToSelector(std::string_view selector) const override { return selector == "formatDate:"; }
@@ -31,26 +33,32 @@ class DateDelegate : public JSONSerializerDelegate {
   int calls = 0;
 };
 
+std::string minified(const std::string& text) {
+  std::string out;
+  bool inString = false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (inString && c == '\\')
+      out += text[i++];
+    else if (c == '"')
+      inString = !inString;
+    if (inString || c == '"' || !std::isspace(static_cast<unsigned char>(c))) out += text[i];
+  }
+  return out;
+}
+
 }  // namespace
 
 TEST(JSONSerializer, WritesEveryKindCompactlyOrPrettyWithTwoSpaceIndentation) {
-  auto doc = dict({
-      {"string", "text"},
-      {"signed", -42},
-      {"unsigned", 18446744073709551615ull},
-      {"min", static_cast<long long>(INT64_MIN)},
-      {"doubles", list({0.1, -0.0, 1e300})},  // as "%.17g" writes them
-      {"more", list({true, false, PXValue::null(), list({}), dict({})})},
-  });
-  EXPECT_EQ(JSONString(doc).str(),
-            R"({"string":"text","signed":-42,"unsigned":18446744073709551615,"min":-9223372036854775808,)"
-            R"("doubles":[0.10000000000000001,-0,1.0000000000000001e+300],"more":[true,false,null,[],{}]})");
-  EXPECT_EQ(JSONData(doc)->view(), JSONString(doc).view());
+  auto doc = list({"text", -42, 18446744073709551615ull, static_cast<long long>(INT64_MIN), 0.1, -0.0, true,
+                   false, PXValue::null()});
+  EXPECT_EQ(
+      JSONString(doc).str(),
+      R"(["text",-42,18446744073709551615,-9223372036854775808,0.10000000000000001,-0,true,false,null])");
   auto nested = dict({{"a", list({1, dict({{"b", PXValue::null()}}), list({})})}, {"c", dict({})}});
   const char* const pretty =
       "{\n  \"a\": [\n    1,\n    {\n      \"b\": null\n    },\n    []\n  ],\n  \"c\": {}\n}";
   EXPECT_EQ(JSONStringWithOptions(nested, kPXJSONSerializeOptionPretty).str(), pretty);
-  EXPECT_EQ(JSONDataWithOptions(nested, kPXJSONSerializeOptionPretty)->view(), pretty);
 }
 
 TEST(JSONSerializer, EscapesStrings) {
@@ -69,32 +77,22 @@ TEST(JSONSerializer, EscapesStrings) {
       {"bad \xff byte", 0, "bad \xef\xbf\xbd byte"},
       {"bad \xff byte", kPXJSONSerializeOptionEscapeUnicode, "bad \\ufffd byte"},
       {"cut \xe2\x82", 0, "cut \xef\xbf\xbd"},
-      {std::string(40, 'x') + "\n" + std::string(40, 'y'), 0,
-       std::string(40, 'x') + "\\n" + std::string(40, 'y')},
       {std::string(9000, 'x'), 0, std::string(9000, 'x')},  // more than the first buffer twice over
-      {"", 0, ""},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.expected.substr(0, 50));
     EXPECT_EQ(JSONStringWithOptionsIncludeQuotes(PXValue(row.input), row.options, true).str(),
               "\"" + row.expected + "\"");
     EXPECT_EQ(JSONStringWithOptionsIncludeQuotes(PXValue(row.input), row.options, false).str(), row.expected);
-    auto data = JSONDataWithOptionsIncludeQuotes(PXValue(row.input), row.options, false);
-    ASSERT_TRUE(data);
-    EXPECT_EQ(data->view(), row.expected);
-    // Keys are escaped the same way.
+    EXPECT_EQ(JSONDataWithOptionsIncludeQuotes(PXValue(row.input), row.options, false)->view(), row.expected);
     EXPECT_EQ(JSONStringWithOptions(dict({{PXValue(row.input), 1}}), row.options).str(),
-              "{\"" + row.expected + "\":1}");
+              "{\"" + row.expected + "\":1}");  // keys too
   }
 }
 
 TEST(JSONSerializer, EveryErrorHasItsMessage) {
   auto date = PXValue(PXDate(0));
   auto bytes = PXValue(PXData::dataWithString("x"));
-  auto selfArray = PXMutableArray::array();
-  selfArray->addObject(PXValue(selfArray));
-  auto selfDictionary = PXMutableDictionary::dictionary();
-  selfDictionary->setObject(PXValue(selfDictionary), "self");
   PXValue nested = PXArray::array();  // as deep as may be written
   for (size_t depth = 1; depth < kPXJSONMaxDepth; ++depth) nested = PXValue(list({nested}));
   EXPECT_EQ(JSONString(nested).str(), std::string(kPXJSONMaxDepth, '[') + std::string(kPXJSONMaxDepth, ']'));
@@ -111,17 +109,13 @@ TEST(JSONSerializer, EveryErrorHasItsMessage) {
   };
   const std::pair<Call, std::string> rows[] = {
       {plain(PXValue(dict({{1, 2}}))), "Key must be a string object."},
-      {plain(PXValue(dict({{PXValue::null(), 2}}))), "Key must be a string object."},
       {plain(PXValue(list({date}))), unsupported + "NSDate."},
       {plain(PXValue(dict({{"d", bytes}}))), unsupported + "NSData."},
       {plain(PXValue(list({PXValue(PXError::errorWithDomain("d", 1))}))), unsupported + "PXError."},
-      {plain("text"), unsupported + "NSString" + collection},
       {plain(3), unsupported + "NSNumber" + collection},
+      {plain("text"), unsupported + "NSString" + collection},
       {plain(PXValue()), unsupported + "nil" + collection},
-      {plain(PXValue(selfArray)), deep},
-      {plain(PXValue(selfDictionary)), deep},
       {plain(PXValue(list({nested}))), deep},
-      {plain(PXValue(list({1, std::numeric_limits<double>::quiet_NaN()}))), finite},
       {plain(PXValue(list({-std::numeric_limits<double>::infinity()}))), finite},
       {[](PXErrorRef* e) { return JSONStringWithOptionsIncludeQuotes(list({}), 0, true, e); },
        unsupported + "PXArray, expected a NSString."},
@@ -147,8 +141,6 @@ TEST(JSONSerializer, EveryErrorHasItsMessage) {
     EXPECT_EQ(error->localizedDescription().str(), message);
     EXPECT_TRUE(call(nullptr).isAbsent());
   }
-  selfArray->removeAllObjects();  // break the cycles
-  selfDictionary->removeAllObjects();
   // The plain forms just give nothing; the data forms report the same errors.
   EXPECT_FALSE(JSONData(list({date})));
   PXErrorRef error;
@@ -166,21 +158,13 @@ TEST(JSONSerializer, FormattersTurnUnsupportedValuesIntoSupportedOnes) {
             R"({"when":1500000000.5,"plain":1,"more":[1500000000.5]})");
   EXPECT_FALSE(error);
   EXPECT_EQ(delegate.calls, 2);  // once per unsupported value, never for supported ones
-  EXPECT_NE(JSONDataWithOptions(doc, kPXJSONSerializeOptionPretty, &delegate, "formatDate:", &error)
-                ->view()
-                .find("\"when\": 1500000000.5"),
-            std::string_view::npos);
   // A null delegate or an empty block is no formatter: the selector does not matter.
   EXPECT_TRUE(JSONStringWithOptions(doc, 0, nullptr, nullptr, nullptr).isAbsent());
-  EXPECT_EQ(JSONStringWithOptions(list({1}), 0, nullptr, nullptr, nullptr).str(), "[1]");
   EXPECT_TRUE(JSONStringWithOptions(doc, 0, JSONUnsupportedClassFormatter(), nullptr).isAbsent());
 
   // A block may return any supported value; a container's own unsupported values are formatted in turn.
   const std::pair<PXValue, const char*> results[] = {
       {PXValue::null(), "[null]"},
-      {true, "[true]"},
-      {-3, "[-3]"},
-      {3ull, "[3]"},
       {dict({}), "[{}]"},
       {list({"date", PXValue(PXData::dataWithString("z"))}), R"([["date","z"]])"},
   };
@@ -190,5 +174,26 @@ TEST(JSONSerializer, FormattersTurnUnsupportedValuesIntoSupportedOnes) {
     };
     EXPECT_EQ(JSONStringWithOptions(list({PXValue(moment)}), 0, block, &error).str(), expected);
     EXPECT_EQ(JSONDataWithOptions(list({PXValue(moment)}), 0, block, &error)->view(), expected);
+  }
+}
+
+// Their numbers are written as "%.17g" writes them, so the text comes back unchanged.
+TEST(JSONRoundTrip, CorporaAreWrittenBackByteForByte) {
+  for (const char* name : {"canada.json", "citm_catalog.json"}) {
+    SCOPED_TRACE(name);
+    std::string text;
+    try {
+      if (!PXTestBenchDataDir().empty()) text = PXTestReadFile(PXTestBenchDataDir() + "/" + name);
+    } catch (const std::exception&) {
+    }
+    if (text.empty()) GTEST_SKIP() << "corpus " << name << " not found (PXKIT_BENCH_DATA)";
+    PXErrorRef error;
+    PXValue doc = JSONDecoder::decoder()->objectWithUTF8String(text.data(), text.size(), &error);
+    ASSERT_TRUE(doc) << error->localizedDescription().str();
+    const std::string expected = minified(text);
+    EXPECT_EQ(JSONDataWithOptions(doc, kPXJSONSerializeOptionNone, &error)->view(), expected);
+    // Pretty output differs only in white space.
+    EXPECT_EQ(minified(JSONStringWithOptions(doc, kPXJSONSerializeOptionPretty, &error).str()), expected);
+    EXPECT_TRUE(JSONDecoder::decoder()->mutableObjectWithUTF8String(text.data(), text.size()).isEqual(doc));
   }
 }
