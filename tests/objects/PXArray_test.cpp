@@ -120,24 +120,6 @@ TEST(PXArray, MutationsTable) {
   }
 }
 
-// Adding or inserting an element of the array itself, just as the elements
-// move out of the room kept with the object: the value must be taken first.
-// (AddressSanitizer reports the use after free otherwise.)
-TEST(PXArray, ElementsOfItselfSurviveTheMoveOutOfItsRoom) {
-  const PXValue first("the first element, long enough for the heap");
-  const PXValue second("the second element, long enough for the heap");
-  for (size_t room : {0, 1, 2}) {
-    SCOPED_TRACE(room);
-    auto array = PXMutableArray::arrayWithCapacity(room);
-    array->addObject(first);
-    array->addObject(second);
-    array->addObject(array->objectAtIndex(0));
-    array->insertObject(array->objectAtIndex(1), 0);
-    array->replaceObjectAtIndex(2, array->objectAtIndex(0));
-    EXPECT_TRUE(array->isEqual(*PXArray::arrayWithObjects({second, first, second, first})));
-  }
-}
-
 TEST(PXArray, LookupsAndKeyValueCoding) {
   const PXValue heap("a string long enough for the heap");
   auto array = PXArray::arrayWithObjects({"a", 2, heap, 2.0});
