@@ -56,7 +56,7 @@ TEST(PXDictionary, MisuseRaisesWithExactMessages) {
 }
 
 // Keys are snapshots: a mutable key changed later does not move its entry.
-TEST(PXDictionary, KeysAreCopiedAndKeyValueCodingAndEnumeration) {
+TEST(PXDictionary, KeysAreCopiedDuplicatesFoldAndKeyValueCoding) {
   auto key = PXMutableArray::array();
   auto d = PXMutableDictionary::dictionary();
   d->setObject(1, PXValue(key));
@@ -82,4 +82,16 @@ TEST(PXDictionary, KeysAreCopiedAndKeyValueCodingAndEnumeration) {
   d->addEntriesFromDictionary(*d);
   EXPECT_EQ(keysOf(*d), (std::vector<std::string>{"key2", "key0", "key1", "key3"}));
   EXPECT_TRUE(d->allValues()->isEqual(*PXArray::arrayWithObjects({2, 0, 1, 3})));
+  // A later duplicate replaces the earlier value in the earlier place, in a short list and a hashed one.
+  for (int size : {2, 30}) {
+    std::vector<Entry> entries{{"a key long enough for the heap", 0}, {1.0, "number"}};
+    for (int i = 2; i < size; ++i) entries.emplace_back(PXFormat("k%d", i), i);
+    entries.emplace_back("a key long enough for the heap", "last");
+    entries.emplace_back(true, "bool");  // the numeric key 1 and true are the same key
+    auto dup = PXDictionary::dictionaryWithEntries(std::move(entries));
+    EXPECT_EQ(keysOf(*dup)[1], "1");
+    EXPECT_EQ(dup->count(), static_cast<size_t>(size));
+    EXPECT_EQ(dup->objectForKey("a key long enough for the heap").stringValue(), "last");
+    EXPECT_EQ(dup->objectForKey(1u).stringValue(), "bool");
+  }
 }

@@ -207,31 +207,17 @@ PXRef<PXArchiveTestNode> node(int64_t big) {
 }  // namespace
 
 TEST(PXKeyedArchiver, EveryValueKindComesBackExactly) {
-  const double nan = std::numeric_limits<double>::quiet_NaN();
-  struct Row {
-    const char* name;
-    PXValue value;
-  } rows[] = {
-      {"int64 max", static_cast<long long>(std::numeric_limits<int64_t>::max())},
-      {"uint64 max", static_cast<unsigned long long>(std::numeric_limits<uint64_t>::max())},
-      {"negative zero", -0.0},
-      {"nan", nan},
-      {"date", PXDate(775000123.456789)},
-      {"string with NUL bytes", std::string_view("a\0b\0", 4)},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    PXValue back = roundTrip(array({row.value}));
-    ASSERT_TRUE(back.isArray());
-    PXValue v = back.arrayValue()->objectAtIndex(0);
-    EXPECT_EQ(v.kind(), row.value.kind());
-    if (row.value.kind() == PXValue::Kind::Double) {
-      EXPECT_EQ(std::bit_cast<uint64_t>(v.doubleValue()), std::bit_cast<uint64_t>(row.value.doubleValue()));
-    } else {
-      EXPECT_TRUE(v.isEqual(row.value)) << v.description().str();
-    }
+  const PXValue values = array({static_cast<long long>(std::numeric_limits<int64_t>::max()),
+                                static_cast<unsigned long long>(std::numeric_limits<uint64_t>::max()), -0.0,
+                                std::numeric_limits<double>::quiet_NaN(), PXDate(775000123.456789),
+                                std::string_view("a\0b\0", 4)});
+  PXValue back = roundTrip(values);
+  ASSERT_TRUE(back.isEqual(values)) << back.description().str();
+  for (size_t i = 0; i < values.arrayValue()->count(); ++i) {
+    PXValue v = back.arrayValue()->objectAtIndex(i), want = values.arrayValue()->objectAtIndex(i);
+    EXPECT_EQ(v.kind(), want.kind()) << i;
+    EXPECT_EQ(std::bit_cast<uint64_t>(v.doubleValue()), std::bit_cast<uint64_t>(want.doubleValue())) << i;
   }
-  EXPECT_TRUE(roundTrip(42).isEqual(42));  // the root may be anything
 }
 
 TEST(PXKeyedArchiver, MutabilityIsKeptAtEveryLevel) {
