@@ -66,7 +66,6 @@ TEST(PXFormat, ObjectDirectiveAndTypeChecks) {
   const Row rows[] = {
       {PXFormat("%@", PXValue()), "(null)"},
       {PXFormat("%@ and %@", PXString("this"), standard), "this and std"},
-      {PXFormat("%@", PXArray::arrayWithObjects({1, 2})), "(\n    1,\n    2\n)"},
       {PXFormat("%@", static_cast<const char*>(nullptr)), "(null)"},
       {PXFormat("[%8@][%-8@][%.3@]", PXString("abc"), PXString("abc"), PXString("abcdef")),
        "[     abc][abc     ][abc]"},
