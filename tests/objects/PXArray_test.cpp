@@ -3,8 +3,10 @@
 #include <pxkit/objects/PXDictionary.h>
 #include <pxkit/objects/PXException.h>
 
+#include <atomic>
 #include <functional>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -79,25 +81,11 @@ TEST(PXArray, MutationsTable) {
       {[](PXMutableArray& a) { a.removeLastObject(); }, "( 1, 2, 3 )"},
       {[](PXMutableArray& a) { a.removeObject(1.0); }, "( 2, 3 )"},  // equal values of any kind
       {[](PXMutableArray& a) { a.removeObjectIdenticalTo(1.0); }, "( 1, 2, 3, 1 )"},
-      {[](PXMutableArray& a) { a.removeObjectIdenticalTo(3); }, "( 1, 2, 1 )"},
-      {[](PXMutableArray& a) {
-         a.removeObjectsInArray(*PXArray::arrayWithObjects({true, 3}));
-       },
-       "( 2 )"},
       {[](PXMutableArray& a) { a.removeObjectsInArray(a); }, "( )"},
-      {[](PXMutableArray& a) { a.removeAllObjects(); }, "( )"},
       {[](PXMutableArray& a) { a.replaceObjectAtIndex(2, "z"); }, "( 1, 2, z, 1 )"},
       {[](PXMutableArray& a) { a.addObjectsFromArray(a); }, "( 1, 2, 3, 1, 1, 2, 3, 1 )"},
       {[](PXMutableArray& a) { a.sortUsingComparator([](auto& x, auto& y) { return y.compare(x); }); },
        "( 3, 2, 1, 1 )"},
-      // A stable sort: odd before even, equals in their order.
-      {[](PXMutableArray& a) {
-         a.addObject(5);
-         a.sortUsingComparator([](auto& x, auto& y) {
-           return PXValue(x.intValue() % 2 == 0).compare(PXValue(y.intValue() % 2 == 0));
-         });
-       },
-       "( 1, 3, 1, 5, 2 )"},
   };
   for (const auto& [change, after] : rows) {
     for (int kind : {0, 1, 2}) {  // ordinary, packed, packed with room
@@ -120,22 +108,41 @@ TEST(PXArray, MutationsTable) {
   }
 }
 
-// Adding or inserting an element of the array itself, just as the elements
-// move out of the room kept with the object: the value must be taken first.
-// (AddressSanitizer reports the use after free otherwise.)
-TEST(PXArray, ElementsOfItselfSurviveTheMoveOutOfItsRoom) {
-  const PXValue first("the first element, long enough for the heap");
-  const PXValue second("the second element, long enough for the heap");
-  for (size_t room : {0, 1, 2}) {
-    SCOPED_TRACE(room);
-    auto array = PXMutableArray::arrayWithCapacity(room);
-    array->addObject(first);
-    array->addObject(second);
-    array->addObject(array->objectAtIndex(0));
-    array->insertObject(array->objectAtIndex(1), 0);
-    array->replaceObjectAtIndex(2, array->objectAtIndex(0));
-    EXPECT_TRUE(array->isEqual(*PXArray::arrayWithObjects({second, first, second, first})));
+// One thread drops the last strong reference while another locks a weak one:
+// the lock owns a valid object or yields nothing (ASan/TSan see a freed use).
+TEST(PXObject, WeakLockRacingWithLastReleaseNeverResurrects) {
+  for (int round = 0; round < 2000; ++round) {
+    PXRef<PXMutableArray> strong = PXMutableArray::array();
+    PXWeakRef<PXMutableArray> weak = strong;
+    std::atomic<bool> go{false};
+    std::thread locker([&] {
+      while (!go.load()) {
+      }
+      if (PXRef<PXMutableArray> got = weak.lock()) got->addObject(round);
+    });
+    go.store(true);
+    strong = nullptr;
+    locker.join();
+    ASSERT_FALSE(weak.lock());
   }
+}
+
+// Eight threads take the monitor twice over: a lost update shows broken exclusion.
+TEST(PXMonitor, ExcludesOtherThreadsAndNestsOnTheOwner) {
+  PXMonitor monitor;
+  int64_t counter = 0;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 20000; ++i) {
+        std::lock_guard outer(monitor);
+        std::lock_guard inner(monitor);
+        counter += 1;
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(counter, 8 * 20000);
 }
 
 TEST(PXArray, LookupsAndKeyValueCoding) {

@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 #include <pxkit/objects/PXError.h>
 
-TEST(PXError, DescriptionsFromUserInfoOrDomainAndCode) {
-  auto error = PXError::errorWithDomain("PXJSONErrorDomain", -1, PXString("Unexpected ']'."));
-  EXPECT_EQ(error->localizedDescription(), "Unexpected ']'.");
-  EXPECT_EQ(PXValue(error).description(),
+TEST(PXError, DescriptionsEqualityAndUserInfoSnapshot) {
+  auto json = PXError::errorWithDomain("PXJSONErrorDomain", -1, PXString("Unexpected ']'."));
+  EXPECT_EQ(json->localizedDescription(), "Unexpected ']'.");
+  EXPECT_EQ(PXValue(json).description(),
             "Error Domain=PXJSONErrorDomain Code=-1 \"Unexpected ']'.\" UserInfo={\n"
             "    NSLocalizedDescription = \"Unexpected ']'.\";\n}");
   EXPECT_EQ(PXError::errorWithDomain("PXKitError", 42)->localizedDescription(),
@@ -13,9 +13,6 @@ TEST(PXError, DescriptionsFromUserInfoOrDomainAndCode) {
   auto odd = PXError::errorWithDomain("D", 3,
                                       PXDictionary::dictionaryWithEntries({{kPXLocalizedDescriptionKey, 5}}));
   EXPECT_EQ(odd->localizedDescription(), "The operation couldn\u2019t be completed. (D error 3.)");
-}
-
-TEST(PXError, EqualityAndUserInfoSnapshot) {
   auto info = PXMutableDictionary::dictionary();
   info->setObject(7, "PXJSONAtIndexKey");
   auto error = PXError::errorWithDomain("D", 1, PXRef<PXDictionary>(info));

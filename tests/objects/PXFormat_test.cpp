@@ -31,17 +31,10 @@ TEST(PXFormat, NumericDirectivesMatchTheCLibrary) {
   const uint64_t huge = std::numeric_limits<uint64_t>::max();
   const size_t count = 12345;
   const void* pointer = reinterpret_cast<const void*>(uintptr_t{0xdeadbeef});
-  EXPECT_LIKE_C("%d", 0);
-  EXPECT_LIKE_C("%d|%i", -17, 42);
   EXPECT_LIKE_C("%5d|%-5d|%05d|%+d|% d", 42, 42, -42, 42, 42);
   EXPECT_LIKE_C("%.3d|%8.3d|%-8.3d|", 7, -7, 7);
   EXPECT_LIKE_C("%*d|%-*d|%*d", 6, 1, 6, 2, -6, 3);
-  EXPECT_LIKE_C("%.*d", 4, 5);
-  EXPECT_LIKE_C("%.*d", -1, 5);
-  EXPECT_LIKE_C("%u|%u", 4000000000u, 0u);
-  EXPECT_LIKE_C("%ld|%lu", -3L, 3UL);
   EXPECT_LIKE_C("%lld|%llu", static_cast<long long>(big), static_cast<unsigned long long>(huge));
-  EXPECT_LIKE_C("%lld", std::numeric_limits<long long>::min());
   EXPECT_LIKE_C("%zu|%zd", count, static_cast<ssize_t>(-5));
   // An int narrowed by the length modifier: clang's format check flags it, on purpose here.
 #pragma GCC diagnostic push
@@ -52,7 +45,6 @@ TEST(PXFormat, NumericDirectivesMatchTheCLibrary) {
   EXPECT_LIKE_C("%02x|%2.2x|%4.4x|%08lx|%llx", 10u, 10u, 0xbeefu, 0xabcUL,
                 static_cast<unsigned long long>(huge));
   EXPECT_LIKE_C("%f|%.0f|%.01f|%.2f|%10.3f|%-10.1f|%+f", 3.14159, 2.5, 0.05, -1.005, 2.0, 2.0, 1.0);
-  EXPECT_LIKE_C("%.17g|%.17g|%.17g", 0.1, 1e300, -2.5e-300);
   EXPECT_LIKE_C("%g|%g|%g|%g|%G|%F", 100000.0, 1000000.0, 0.0001, 0.00001, 1e-10, 1.5);
   EXPECT_LIKE_C("%e|%.2e|%E|%12.4e", 12345.678, 0.000123, 1e100, -5.5);
   EXPECT_LIKE_C("%a|%A", 1.0, 0.5);
@@ -62,7 +54,6 @@ TEST(PXFormat, NumericDirectivesMatchTheCLibrary) {
   EXPECT_LIKE_C("%c%c%c|%3c|%-3c|", 'a', 'b', 'c', 'x', 'y');
   EXPECT_LIKE_C("%s|%10s|%-10s|%.2s|%*.*s|", "text", "right", "left", "cut", 6, 3, "abcdef");
   EXPECT_LIKE_C("%p|%20p|%-20p|", pointer, pointer, pointer);
-  EXPECT_LIKE_C("%p", static_cast<const void*>(nullptr));
   EXPECT_LIKE_C("100%% sure, %d%%", 5);
 }
 
@@ -74,27 +65,15 @@ TEST(PXFormat, ObjectDirectiveAndTypeChecks) {
   const std::string standard = "std";
   const Row rows[] = {
       {PXFormat("%@", PXValue()), "(null)"},
-      {PXFormat("%@", PXString()), "(null)"},
       {PXFormat("%@ and %@", PXString("this"), standard), "this and std"},
-      {PXFormat("%@", std::string_view("view")), "view"},
-      {PXFormat("%@", PXValue(2.5)), "2.5"},
-      {PXFormat("%@", PXValue(true)), "1"},
-      {PXFormat("%@", PXDate(0)), "2001-01-01 00:00:00 +0000"},
-      {PXFormat("%@", PXArray::arrayWithObjects({1, 2})), "(\n    1,\n    2\n)"},
-      {PXFormat("%@", PXRef<PXArray>()), "(null)"},
-      {PXFormat("%@", "c string"), "c string"},
       {PXFormat("%@", static_cast<const char*>(nullptr)), "(null)"},
       {PXFormat("[%8@][%-8@][%.3@]", PXString("abc"), PXString("abc"), PXString("abcdef")),
        "[     abc][abc     ][abc]"},
       {PXFormat("{%@}-{%@}-{%@}", PXString("id"), PXString(), PXString("")), "{id}-{(null)}-{}"},
-      // JSON codec messages.
       {PXFormat("Expected %@, not '%*.*s'", PXString("a value"), 3, 3, "abc]"),
        "Expected a value, not 'abc'"},
-      {PXFormat("Invalid character < 0x20 found in string: 0x%2.2x.", 9),
-       "Invalid character < 0x20 found in string: 0x09."},
       {PXFormat("\\u%4.4x\\u%4.4x", 0xd83d, 0xde00), "\\ud83d\\ude00"},
       // Arguments of another type than the directive asks for are shown as well as they can be.
-      {PXFormat("%d", PXValue(42)), "42"},
       {PXFormat("%d", int64_t{1} << 40), "1099511627776"},
       {PXFormat("%u", -1), "4294967295"},
       {PXFormat("%lu", -1L), "18446744073709551615"},
@@ -102,11 +81,8 @@ TEST(PXFormat, ObjectDirectiveAndTypeChecks) {
       {PXFormat("%f", 3), "3.000000"},
       {PXFormat("%d", 2.9), "2"},
       {PXFormat("%d", 1e300), "9223372036854775807"},
-      {PXFormat("%s", PXString("pxstring")), "pxstring"},
-      {PXFormat("%s", 12), "12"},
       {PXFormat("%s", PXValue(PXArray::array())), "(\n)"},
       {PXFormat("%lc", 0xe9), "\xc3\xa9"},
-      {PXFormat("%.1f", PXValue("2.25")), "2.2"},
       // Every other pairing of argument and directive.
       {PXFormat("%*d|%*d|%*d|%*d|%*d|", 3u, 7, 3.0, 7, PXValue(3), 7, "x", 7, NAN, 7), "  7|  7|  7|7|7|"},
       {PXFormat("%qd|%jd|%td|%Lf", 1LL, 2LL, ptrdiff_t{3}, 1.5), "1|2|3|1.500000"},
@@ -117,7 +93,6 @@ TEST(PXFormat, ObjectDirectiveAndTypeChecks) {
       {PXFormat("%.1f|%.1f", 2u, "x"), "2.0|0.0"},
       {PXFormat("%p|%p|%p|%p", PXValue(), 255, 255u, 1.5), "(nil)|0xff|0xff|(nil)"},
       {PXFormat("%c%c|%lc|%lc|%lc", PXValue(65), 66u, 0x20ac, 0x1f600, 0x110041), "AB|€|😀|A"},
-      {PXFormat("%lc", 0x41), "A"},
       {PXFormat("%@|%@|%@", 7u, 0.5, static_cast<const void*>(nullptr)), "7|0.5|(nil)"},
       {PXFormat("%-------5d|", 1), "1    |"},  // more flags than are kept
       {PXFormat("%0$d|%$d", 1), "%0$d|%$d"},   // no position
@@ -128,8 +103,6 @@ TEST(PXFormat, ObjectDirectiveAndTypeChecks) {
       {PXFormat("%n%d", 7), "0"},
       // Positions.
       {PXFormat("%2$@ before %1$@", PXString("one"), PXString("two")), "two before one"},
-      {PXFormat("no directives"), "no directives"},
-      {PXFormat(""), ""},
   };
   for (const Row& row : rows) EXPECT_EQ(row.got.view(), row.expected);
   for (const PXString& capped : {PXFormat("%99999999d", 1), PXFormat("%*d", int64_t{1} << 40, 1),

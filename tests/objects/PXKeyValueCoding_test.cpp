@@ -92,19 +92,4 @@ TEST(PXKeyValueCoding, UndefinedKeysRaiseWithTheKitsMessage) {
   }
 }
 
-// The lookup that does not raise reports the key and the reason the raising one gives.
-TEST(PXKeyValueCoding, LookupReportsWhatValueForKeyWouldRaise) {
-  auto person = makeTrio();
-  PXUndefinedKey undefined;
-  PXValue value = "stale";
-  EXPECT_EQ(person->lookupValueForKeyPath("home.facts.river", &value), PXKeyLookup::Found);
-  EXPECT_EQ(person->lookupValueForKeyPath("friendPerson.name", &value), PXKeyLookup::Absent);
-  EXPECT_EQ(person->lookupValueForKeyPath("home.street.number", &value, &undefined),
-            PXKeyLookup::UndefinedKey);
-  EXPECT_EQ(undefined.key, "street");
-  ASSERT_EQ(person->lookupValueForKey("shoeSize", &value, &undefined), PXKeyLookup::UndefinedKey);
-  EXPECT_FALSE(value);
-  EXPECT_EQ(raised([&] { undefined.raise(); }), raised([&] { (void)person->valueForKey("shoeSize"); }));
-}
-
 }  // namespace

@@ -19,7 +19,6 @@ class KVONode : public PXObject {
     if (key == "raising") throw PXException("KVONodeException", "unreadable");
     return PXObject::valueForKey(key);
   }
-  void setValue(int32_t v) { setObservable(value, v, "value"); }
   // `counter` and `link` are safe to read and write from several threads at once.
   int64_t counter() const { return counter_.load(); }
   void setCounter(int64_t v) {
