@@ -11,7 +11,7 @@
 // one spelling for a graph.
 //
 // The same entry point runs in the ordinary test suite
-// (tests/platform/PXKeyedArchiver_test.cpp), fed with mutated archives, so the
+// (tests/objects/PXKeyedArchiver_test.cpp), fed with mutated archives, so the
 // properties hold without clang too.
 #include <pxkit/objects/PXArray.h>
 #include <pxkit/objects/PXDictionary.h>

@@ -15,9 +15,8 @@
 //     rule and its results.
 // Log lines are captured (the system log stays quiet).
 //
-// The same entry point runs in the ordinary test suite
-// (tests/rules/RulePreprocessorFuzz_test.cpp), fed with its seeds, edits of
-// them and generated rules.
+// Its seeds are in tests/rules/fuzz_seeds/rule_preprocessor (scripts/run-fuzzers);
+// the ordinary test suite checks preprocessing through the rule checker's tables.
 #include <pxkit/platform/PXLog.h>
 #include <pxkit/rules/PXRuleChecker.h>
 
