@@ -57,6 +57,7 @@ TEST(PowerSupply, DescriptionsAndTheBuiltInBattery) {
       {"AC:type=Mains,online=0;BAT0:type=Battery,status=Discharging,capacity=81,time_to_empty_now=3720",
        "InternalBattery/Internal/Battery Power/81/100/62/100; BAT0"},
       // Full or held at a threshold: on line power, with or without an adapter device.
+      {"BAT0:type=Battery,status=Full", "InternalBattery/Internal/AC Power/101; BAT0"},
       {"BAT0:type=Battery,status=Not charging", "InternalBattery/Internal/AC Power/100; BAT0"},
       {"ucsi:type=USB_PD,online=1;BAT0:type=Battery,status=Discharging",
        "InternalBattery/Internal/AC Power/100; BAT0"},
