@@ -42,8 +42,7 @@ TEST(PXRuleCheckerIOKitFunction, AnswersExistenceAndPropertyValues) {
       // Every meeting key must hold; a missing property is a miss.
       {"do=exists;" + pci + "meetIntvendor-id=32902;meetIntdevice-id=5378", true},
       {"do=exists;matchStrIOProviderClass=IOPlatformExpertDevice", true},
-      {"do=exists;matchStrvendor=0x1002", false},  // by a sysfs attribute
-      {"do=exists", true},                         // an empty matching dictionary
+      {"do=exists", true},  // an empty matching dictionary
       {"do=propertyValue;matchStrIOProviderClass=IOPlatformExpertDevice;propertyName=model", "Notebook 14"},
       {"do=propertyValue;" + pci + "meetIntvendor-id=32902;propertyName=device-id", 0x1502},
       {"do=propertyValue;" + pci + "propertyName=no-such-property", PXValue()},
