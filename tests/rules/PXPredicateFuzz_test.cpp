@@ -1,7 +1,5 @@
-// The predicate fuzzer's entry point on its seeds and a few thousand edits of
-// them: a short run of what `make fuzz` runs for minutes, so the fuzzer's
-// properties (orderly errors, canonical text that reads back, no crash or leak)
-// hold in every test run.
+// The predicate fuzzer's entry point on its seeds and edits of them: orderly
+// errors, canonical text that reads back, no crash or leak, in every test run.
 #include <gtest/gtest.h>
 
 #include <cstdint>

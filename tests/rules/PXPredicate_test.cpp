@@ -4,29 +4,10 @@
 #include <pxkit/objects/PXException.h>
 #include <pxkit/rules/PXPredicate.h>
 
-#include <atomic>
 #include <cstring>
 #include <iterator>
 #include <string>
-#include <thread>
 #include <vector>
-
-namespace {
-
-// An object that is not a dictionary: unknown keys raise; "version.os" is
-// answered only when asked as one key path.
-class PredicateTestHost : public PXObject {
-  PX_DECLARE_CLASS(PredicateTestHost)
- public:
-  PXString name = "abc";
-  PXValue valueForKeyPath(std::string_view keyPath) const override {
-    return keyPath == "version.os" ? PXValue("10.10") : PXObject::valueForKeyPath(keyPath);
-  }
-};
-}  // namespace
-
-PX_DEFINE_CLASS(PredicateTestHost, PXObject,
-                [](PXClassBuilder<PredicateTestHost>& c) { c.property("name", &PredicateTestHost::name); })
 
 namespace {
 
@@ -37,7 +18,6 @@ PXValue dict(std::initializer_list<PXDictionary::Entry> entries) {
   return PXValue(PXDictionary::dictionaryWithEntries(entries));
 }
 
-// The worked example's object, with a few more keys for the other rows.
 PXValue world() {
   return dict({{"version", dict({{"os", "10.10"}})},
                {"name", "abc"},
@@ -47,7 +27,6 @@ PXValue world() {
                {"words", array({"Pear", "Éclair"})},
                {"text", "Crème Brûlée"},
                {"dict", dict({{"k", "v"}, {"size", 2}})},
-               {"empty", ""},
                {"nothing", PXValue::null()},
                {"when", PXDate(1000)},
                {"later", PXDate(2000)}});
@@ -64,49 +43,17 @@ PXRef<PXDictionary> bindings() {
 
 constexpr const char* kParseError = "parse";  // the syntax-error marker
 
-const char* const kUnparsable[] = {"$fnc0",
-                                   "1",
-                                   "TRUE",
-                                   "0 || 1",
-                                   "name ==",
-                                   "== 1",
-                                   "(1 == 1",
-                                   "1 == 1)",
-                                   "1 == 1 AND",
-                                   "",
-                                   "name == 'abc",
-                                   "a. == 1",
-                                   "x.size == 1",
-                                   "size == 7",
-                                   "SUBQUERY(nums, $x, $x > 1).@count == 1",
-                                   "CAST('1', 'NSNumber') == 1",
-                                   "ANYKEY == 1",
-                                   "name ==[x] 'a'",
-                                   "name ==[] 'a'",
-                                   "3 BETWEEN[c] {1, 5}",
-                                   "1 == 1 & 2 == 2",
-                                   "0x == 16",
-                                   "12abc == 12",
-                                   "'\\u12' == 1",
-                                   "name == 'a' 'b'",
-                                   "nums[FIRST == 1",
-                                   "{1, 2 == 1",
-                                   "FIRST == 1",
-                                   "name ~ 'a'"};
+const char* const kUnparsable[] = {"$fnc0", "", "size == 7", "SUBQUERY(nums, $x, $x > 1).@count == 1",
+                                   "CAST('1', 'NSNumber') == 1"};
 
-// Rules grouped by what they answer: "YES", "NO", kParseError, or "<exception
-// name>|<the reason's beginning>". A "YES" rule joins the cases of one construct
-// with AND and a "NO" rule with OR, so that any case answering wrongly turns the
-// whole rule. Kept on purpose among them: NOT binds tighter than AND; "**" goes
-// left to right; integer overflow goes to double; strings order by code units
-// ("B" before "a", "10.10" before "10.6"); a letter is not split from its accent;
-// an empty needle never matches; LIKE's "." is literal; options do not reach
-// array members; a null value counts as absent; what is not evaluated cannot
-// raise; a bad constant pattern raises only when used.
+// Rules grouped by their answer: "YES", "NO", kParseError or "<exception>|<reason's
+// beginning>"; YES rules join cases with AND, NO rules with OR, so one wrong case
+// turns the rule. Kept on purpose: "**" goes left to right; strings order by code
+// units; an empty needle never matches; a bad constant pattern raises only when used.
 struct Group {
   const char* answer;
   std::vector<const char*> rules;
-  const char* object = "world";  // "world", "host", "text", "none"
+  const char* object = "world";  // "world", "text", "none"
   bool bound = true;             // with bindings()
 };
 
@@ -114,32 +61,23 @@ const Group kGroups[] = {
     {"YES",
      {
          "1 == 1 OR 1 == 2 AND 1 == 3",
-         "1 == 2 AND 1 == 3 OR 1 == 1",
          "NOT (1 == 2 AND 1 == 2) AND NOT NOT 1 == 1 AND ! 1 == 2 && 2 == 2",
-         "(1 == 2 || 2 == 2) AND (1 == 1 and 2 == 2 Or 1 == 3) AND TRUEPREDICATE AND not falsepredicate",
-         "((1 + 1)) * 2 == 4 AND (1 == 1)",
-         // Literals.
          "12 == 12 AND -1 < 0 AND 1.5e1 == 15 AND 0x10 == 16 AND 0X1f == 31 AND 0o17 == 15 AND 0b101 == 5",
          "18446744073709551615 > 9223372036854775807 AND 'a' == \"a\" AND \"it's\" == 'it\\'s'",
          "'say \"hi\"' == \"say \\\"hi\\\"\" AND '\\n\\t\\r' == \"\\n\\t\\r\" AND '\\u00e9' == 'é'",
          "'\\ud83d\\ude00' == '😀' AND '\\q' == 'q' AND 'a\\\\b' LIKE 'a\\\\\\\\b'",
          "YES == 1 AND TRUE == YES AND NO == 0 AND FALSE == NO AND NULL == nil AND nothing == NULL",
-         // Key paths and expressions.
          "#size == 7 AND dict.#size == 2 AND SELF.name == 'abc' AND nums.@count == 2",
          "version.os == '10.10' AND version.missing == nil AND version.os BEGINSWITH '10.'",
          "{1, 2} == {1, 2} AND {} == {} AND {1, nil} == {1, NULL} AND $n + 1 == 4 AND -$n == -3",
          "1 + 2 * 3 == 7 AND (1 + 2) * 3 == 9 AND 10 - 2 - 3 == 5 AND 2 ** 3 ** 2 == 64 AND 7 / 2 == 3.5",
          "9223372036854775807 + 1 > 9223372036854775807 AND one * 2.5 == 2.5",
          "nums[0] == 1 AND nums[1] == 5 AND nums[FIRST] == 1 AND nums[LAST] == 5 AND nums[SIZE] == 2",
-         "{1, 2, 3}[1] == 2 AND dict['k'] == 'v' AND dict[SIZE] == 2 AND dict['none'] == nil",
          "missing[0] == nil AND $nothing == nil AND missing == nil AND missing != 1",
-         // Comparisons.
          "'abc' ==[c] 'ABC' AND 'café' ==[d] 'cafe' AND 'CAFÉ' ==[cd] 'cafe' AND 'Straße' ==[c] 'STRASSE'",
          "'a' =[nl] 'a' AND 'a' <> 'b' AND 4 == 4.0 AND '1' != 1 AND nums == {1, 5} AND nums == {1, 5.0}",
          "dict == dict AND when == when AND when < later AND YES > NO",
          "missing <= nil AND missing >= nil AND '10.7' >= '10.6' AND 'B' >[c] 'a' AND 'é' <[d] 'f'",
-         "1 < 2.5 AND 2 =< 2 AND 3 => 3 AND 3 >= 2 AND 1 <= 1",
-         // Strings.
          "name BEGINSWITH 'ab' AND name ENDSWITH 'bc' AND name CONTAINS 'b' AND name BEGINSWITH[c] 'AB'",
          "text CONTAINS[cd] 'brulee' AND text ENDSWITH[d] 'Brulee' AND text BEGINSWITH[cd] 'CREME'",
          "name LIKE 'a?c' AND name LIKE 'a*' AND name LIKE '*b*' AND 'aXbXc' LIKE 'a*b*c'",
@@ -147,39 +85,30 @@ const Group kGroups[] = {
          "'a*c' LIKE 'a\\\\*c' AND 'a?' LIKE 'a\\\\?' AND 'ABC' LIKE[c] 'a*' AND 'Éa' LIKE[cd] 'e?'",
          "'é' LIKE '?' AND name MATCHES 'a.c' AND name MATCHES '.*b.*' AND name MATCHES[c] 'ABC'",
          "'café' MATCHES[d] 'cafe' AND name MATCHES $pattern AND $fnc0 == YES AND $fnc1 == 'x'",
-         // Collections.
          "1 IN nums AND 1.0 IN nums AND nums CONTAINS 5 AND 'v' IN dict AND dict CONTAINS 'v'",
          "'b' IN name AND 'B' IN[c] name AND 3 BETWEEN nums AND 'b' BETWEEN {'a', 'c'}",
-         "3 BETWEEN {1, 5} AND 3 BETWEEN {5, 1} AND 1 BETWEEN {1, 5} AND 5 between {1, 5}",
          "ANY nums > 3 AND ALL nums > 0 AND SOME nums == 5 AND NONE nums > 5 AND any nums IN {5}",
          "ANY words ==[cd] 'eclair' AND ALL missing == 1 AND NONE missing == 1 AND ALL {} == 1",
-         "ANY nums > 3 AND NOT ALL nums > 3",
-         "1 == 1 OR $unbound == 1",
      }},
     {"NO",
      {
          "(1 == 1 OR 1 == 2) AND 1 == 3",
-         "NOT 1 == 2 AND 1 == 2",
          "1 == 2 AND $unbound == 1",
          "FALSEPREDICATE OR {1, 2} == {2, 1} OR missing != nil OR missing == 1 OR 1 == missing",
          "'abc' == 'ABC' OR 'CAFÉ' ==[c] 'cafe' OR '1' == 1 OR nums == {5, 1} OR version.os >= '10.6'",
-         "missing < 5 OR 5 > missing OR missing < nil OR missing > nil",
          "'10.10' >= '10.6' OR 'B' > 'a' OR 'é' < 'f' OR ($fnc0 == YES AND $fnc1 != 'x')",
          "name BEGINSWITH 'AB' OR text CONTAINS[c] 'brulee' OR 'Café' CONTAINS[c] 'cafe'",
          "name CONTAINS '' OR name BEGINSWITH '' OR name ENDSWITH '' OR missing BEGINSWITH 'a'",
-         "name BEGINSWITH missing OR 'ac' LIKE 'a?c' OR name LIKE 'b*' OR name LIKE 'ab'",
          "'abc' LIKE 'a.c' OR 'ab' LIKE 'a[b]' OR 'abc' LIKE 'a\\\\*c' OR 'ab' LIKE 'a\\\\?'",
          "name LIKE '' OR '' LIKE '' OR missing LIKE 'a' OR missing MATCHES 'a'",
          "name MATCHES 'b' OR name MATCHES 'ABC' OR 'café' MATCHES 'cafe' OR name MATCHES ''",
          "1 == 2 AND name MATCHES '('",
          "3 IN nums OR '1' IN nums OR 'k' IN dict OR 'ABC' IN[c] {'abc'} OR missing IN nums OR 1 IN missing",
          "6 BETWEEN {1, 5} OR missing BETWEEN {1, 2} OR 3 BETWEEN missing",
-         "NONE nums == 5 OR ANY missing == 1 OR ANY {} == 1",
      }},
     {"NSInvalidArgumentException|Can't do arithmetic", {"'a' + 1 == 2", "-name == 1", "missing + 1 == 1"}},
     {"NSRangeException|*** -[PXArray objectAtIndex:]: index (5) beyond bounds (2)", {"nums[5] == 1"}},
     {"NSInvalidArgumentException|Can't index an array", {"nums['a'] == 1"}},
-    {"NSInvalidArgumentException|Can't index", {"one[0] == 1"}},
     {"NSInvalidArgumentException|Can't get value for 'fnc9' in bindings", {"$fnc9 == 1"}},
     {"NSInvalidArgumentException|Can't get value for 'fnc0' in bindings", {"$fnc0 == YES"}, "world", false},
     {"NSInvalidArgumentException|Can't get value for 'unbound' in bindings",
@@ -187,14 +116,11 @@ const Group kGroups[] = {
     {"NSInvalidArgumentException|Can't compare", {"'1' < 2", "nums > 1", "when < 5", "'b' BETWEEN {1, 2}"}},
     {"NSInvalidArgumentException|Can't do a substring operation with something that isn't a string",
      {"one BEGINSWITH '1'", "name ENDSWITH 1", "1 IN name"}},
-    {"NSInvalidArgumentException|Can't do a substring operation", {"one LIKE '1'"}},
-    {"NSInvalidArgumentException|The backslash is a wildcard char, and cannot appear unescaped at the end of "
-     "a "
-     "string.",
+    {"NSInvalidArgumentException|The backslash is a wildcard char, and cannot appear unescaped at the end "
+     "of a string.",
      {"name LIKE 'abc\\\\'"}},
     {"NSInvalidArgumentException|Can't do regex matching, reason:",
      {"name MATCHES '('", "name MATCHES $badPattern"}},
-    {"NSInvalidArgumentException|Can't do regex matching", {"one MATCHES '1'"}},
     {"NSInvalidArgumentException|Can't use in/contains operator with collection",
      {"1 IN one", "one CONTAINS 1"}},
     {"NSInvalidArgumentException|Can't use between operator with rhs",
@@ -202,24 +128,17 @@ const Group kGroups[] = {
     {"NSInvalidArgumentException|The left hand side for an ALL or ANY operator must be an array.",
      {"ANY name == 'a'", "ALL one == 1"}},
     {"NSUnknownKeyException|[<NSString 0x", {"name.length == 3"}},
-    {"NSUnknownKeyException|[<PredicateTestHost 0x",
-     {"shoeSize == 1", "name == 'abc' AND shoe.#size.#in == 1"},
-     "host"},
-    {"NO", {"name == 'zzz' AND shoeSize == 1"}, "host"},
-    {"YES", {"version.os == '10.10'"}, "host"},
     {"YES", {"SELF == 'héllo'"}, "text"},
     {kParseError, {std::begin(kUnparsable), std::end(kUnparsable)}},
     {"YES", {"name == nil AND version.os == nil"}, "none"},
 };
 
-PXValue objectNamed(std::string_view name, PXRef<PredicateTestHost>& host) {
+PXValue objectNamed(std::string_view name) {
   if (name == "world") return world();
   if (name == "text") return "héllo";
-  if (name == "host") return PXValue(host = PXMake<PredicateTestHost>());
   return {};
 }
 
-// "YES" / "NO", or "<exception name>|<reason>".
 std::string outcome(const PXPredicate& predicate, const PXValue& object, const PXDictionary* variables) {
   try {
     return predicate.evaluateWithObject(object, variables) ? "YES" : "NO";
@@ -233,8 +152,7 @@ TEST(PXPredicate, TheLanguageGroupByGroup) {
   for (const Group& group : kGroups) {
     for (const char* rule : group.rules) {
       SCOPED_TRACE(rule);
-      PXRef<PredicateTestHost> host;
-      const PXValue object = objectNamed(group.object, host);
+      const PXValue object = objectNamed(group.object);
       const PXDictionary* bound = group.bound ? variables.get() : nullptr;
       PXRef<PXPredicate> predicate;
       try {
@@ -258,34 +176,13 @@ TEST(PXPredicate, TheLanguageGroupByGroup) {
       PXRef<PXPredicate> again;
       ASSERT_NO_THROW(again = PXPredicate::predicateWithFormat(format.view())) << format.str();
       EXPECT_EQ(again->predicateFormat(), format);
-      PXRef<PredicateTestHost> otherHost;
-      const std::string gotAgain = outcome(*again, objectNamed(group.object, otherHost), bound);
+      const std::string gotAgain = outcome(*again, objectNamed(group.object), bound);
       EXPECT_EQ(gotAgain.substr(0, gotAgain.find(" 0x")), got.substr(0, got.find(" 0x"))) << format.str();
     }
   }
 }
 
-TEST(PXPredicate, CanonicalTextSpellsEveryConstruct) {
-  struct FormatRow {
-    const char* rule;
-    const char* format;
-  } rows[] = {
-      {"a = 1 or b = 2 and not c = 3", "a == 1 OR (b == 2 AND NOT c == 3)"},
-      {"any x.y ==[CD] 'q' && y <> nil", "ANY x.y ==[cd] \"q\" AND y != NULL"},
-      {"x BETWEEN {-1, 2.5} OR x IN {YES, NO}", "x BETWEEN {-1, 2.5} OR x IN {YES, NO}"},
-      {"(a + 1) * -b ** 2 == $v[FIRST].#size", "(a + 1) * (-b ** 2) == $v[FIRST].#size"},
-      {"SELF.list.@count =< 1e999", "list.@count <= 1e999"},
-      {"x == 'tab\\there \"q\"'", "x == \"tab\\there \\\"q\\\"\""},
-      {"x == 2.0 AND y == 0x10", "x == 2.0 AND y == 16"},
-  };
-  for (const FormatRow& row : rows) {
-    SCOPED_TRACE(row.rule);
-    EXPECT_EQ(PXPredicate::predicateWithFormat(row.rule)->predicateFormat(), row.format);
-    EXPECT_EQ(PXPredicate::predicateWithFormat(row.rule)->description(), row.format);
-  }
-}
-
-// The named limits, at N - 1, N and N + 1.
+// The named limits, at N and N + 1.
 TEST(PXPredicate, LimitsHoldExactlyAtTheirValues) {
   auto parses = [](const std::string& rule) {
     try {
@@ -295,15 +192,10 @@ TEST(PXPredicate, LimitsHoldExactlyAtTheirValues) {
       return false;
     }
   };
-  auto ofLength = [](size_t length) {  // "name != '…'" of exactly `length` bytes
-    const std::string head = "name != '";
-    return head + std::string(length - head.size() - 1, 'x') + "'";
-  };
-  EXPECT_TRUE(parses(ofLength(kPXPredicateMaxFormatLength - 1)));
-  EXPECT_TRUE(parses(ofLength(kPXPredicateMaxFormatLength)));
-  EXPECT_FALSE(parses(ofLength(kPXPredicateMaxFormatLength + 1)));
-
-  const size_t n = kPXPredicateMaxNestingDepth;
+  const std::string head = "name != '";  // then "x…x'" to the length
+  const size_t length = kPXPredicateMaxFormatLength - head.size() - 1, n = kPXPredicateMaxNestingDepth;
+  EXPECT_TRUE(parses(head + std::string(length, 'x') + "'"));
+  EXPECT_FALSE(parses(head + std::string(length + 1, 'x') + "'"));
   auto groups = [](size_t depth) { return std::string(depth, '(') + "1 == 1" + std::string(depth, ')'); };
   auto nots = [](size_t depth) {  // an even count of NOTs keeps the answer YES
     std::string rule;
@@ -312,40 +204,17 @@ TEST(PXPredicate, LimitsHoldExactlyAtTheirValues) {
   };
   auto braces = [](size_t depth) { return std::string(depth, '{') + std::string(depth, '}') + " != nil"; };
   for (auto make : {+groups, +nots, +braces}) {
-    SCOPED_TRACE(make(2));
-    EXPECT_TRUE(parses(make(n - 1)));
-    EXPECT_TRUE(parses(make(n)));
-    EXPECT_FALSE(parses(make(n + 1)));
+    EXPECT_TRUE(parses(make(n))) << make(2);
+    EXPECT_FALSE(parses(make(n + 1))) << make(2);
   }
 }
 
-TEST(PXPredicate, OneParsedPredicateServesManyThreads) {
-  auto rule = PXPredicate::predicateWithFormat(
-      "version.os BEGINSWITH[cd] '10.' AND ANY nums > 3 AND name MATCHES 'a.c' AND $fnc0 == YES");
-  const PXValue object = world();
-  const PXRef<PXDictionary> variables = bindings();
-  std::atomic<int> yes{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 200; ++i) yes += rule->evaluateWithObject(object, variables.get()) ? 1 : 0;
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(yes.load(), 800);
-}
-
-// A pattern that backtracks without end is stopped by the time limit, and
-// raises like any other regular-expression failure.
+// A pattern that backtracks without end is stopped by the time limit.
 TEST(PXPredicate, RunawayRegularExpressionsAreStopped) {
   auto rule = PXPredicate::predicateWithFormat("SELF MATCHES '(a|aa)+(b|c)+(a|aa)+z'");
   const PXValue subject = std::string(4000, 'a') + std::string(4000, 'b') + std::string(4000, 'a');
-  try {
-    (void)rule->evaluateWithObject(subject);
-    FAIL() << "expected the match to be stopped";
-  } catch (const PXException& e) {
-    EXPECT_EQ(e.reason(), "Can't do regex matching, reason: U_REGEX_TIME_OUT");
-  }
+  EXPECT_EQ(outcome(*rule, subject, nullptr),
+            "NSInvalidArgumentException|Can't do regex matching, reason: U_REGEX_TIME_OUT");
 }
 
 }  // namespace

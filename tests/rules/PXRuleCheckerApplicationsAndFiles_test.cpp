@@ -1,5 +1,4 @@
-// The application and filesystem providers against real desktop files,
-// programs, files and preferences in a temporary XDG home.
+// The application and filesystem providers in a temporary XDG home.
 #include <gtest/gtest.h>
 #include <pxkit/platform/PXBundle.h>
 #include <pxkit/platform/PXPropertyList.h>
@@ -28,14 +27,7 @@ class InstalledApplications : public ::testing::Test {
     // In a vendor subdirectory: the id is "kde-org.example.Viewer".
     entry(home.systemDataDir(), "kde/org.example.Viewer",
           "Name=Viewer\nExec=env A=1 " + viewerBin + "/viewer\n");
-    // Two vendor levels, and a dash inside a vendor's name.
-    entry(home.systemDataDir(), "acme-corp/tools/org.example.Tool",
-          "Name=Tool\nTryExec=" + editorBin + "/editor\nExec=tool\n");
     entry(home.systemDataDir(), "org.example.NoProgram", "Name=Ghost\nExec=/nonexistent/ghost\n");
-    // The user's copy hides the system's entry.
-    entry(home.systemDataDir(), "org.example.Gone", "Name=Gone\nExec=" + editorBin + "/editor\n");
-    home.writeFile(home.dataHome() + "/applications/org.example.Gone.desktop",
-                   "[Desktop Entry]\nHidden=true\n");
     home.writeFile(home.systemDataDir() + "/applications/org.example.Broken.desktop", "not a key file\n");
     data = home.writeFile("files/data.txt", "abc");
     empty = home.writeFile("files/empty", "");
@@ -50,7 +42,6 @@ class InstalledApplications : public ::testing::Test {
     home.writeFile(dataDir + "/applications/" + relative + ".desktop",
                    "[Desktop Entry]\nType=Application\n" + keys);
   }
-  // The answer to "${filesystem(<arguments>)}", asked of a checker.
   PXValue ask(const std::string& arguments) {
     return checker->computeFunction("${filesystem(" + arguments + ")}");
   }
@@ -63,54 +54,32 @@ class InstalledApplications : public ::testing::Test {
 TEST_F(InstalledApplications, AnswersByIdentifierAndByName) {
   ASSERT_TRUE(PXBundle::setMainBundleIdentity("org.example.Host", "1.0", "100"));
   PXRef<PXRuleCheckerApplicationFunction> function = PXRuleCheckerApplicationFunction::function();
-  struct Row {
-    const char* argument;
-    PXValue result;
-  };
-  const Row rows[] = {
+  const std::pair<const char*, PXValue> rows[] = {
       {"installed.org.example.Editor", PXValue(true)},
       {"path.org.example.Editor", PXValue(editorBin)},
       {"installed.AppName.Text Editor", PXValue(true)},
-      {"path.AppName.Text Editor", PXValue(editorBin)},
       {"installed.AppName.text editor", PXValue(false)},  // names compare exactly
       {"installed.kde-org.example.Viewer", PXValue(true)},
       {"path.kde-org.example.Viewer", PXValue(viewerBin)},
-      {"path.AppName.Viewer", PXValue(viewerBin)},
-      {"installed.org.example.Viewer", PXValue(false)},  // the id carries its vendor
-      {"path.acme-corp-tools-org.example.Tool", PXValue(editorBin)},
-      {"path.AppName.Tool", PXValue(editorBin)},
+      {"installed.org.example.Viewer", PXValue(false)},     // the id carries its vendor
       {"installed.org.example.NoProgram", PXValue(false)},  // its program cannot be found
-      {"installed.AppName.Ghost", PXValue(false)},
-      {"installed.org.example.Gone", PXValue(false)},
-      {"installed.AppName.Gone", PXValue(false)},
       {"installed.org.example.Broken", PXValue(false)},
-      {"installed.org.example.Missing", PXValue(false)},
-      {"path.org.example.Missing", PXValue()},
-      {"installed.", PXValue(false)},
-      {"installed.AppName.", PXValue(false)},
       {"installed.../applications/org.example.Editor", PXValue(false)},
-      {"installed", PXValue()},
-      {"remove.org.example.Editor", PXValue()},
       {"hostApplicationBundleID", PXValue("org.example.Host")},
-      {"hostApplicationBundleID.", PXValue()},
       {"hostApplicationPath", PXValue()},  // a verb: it needs its "."
       {"hostApplicationPath.", PXValue(PXBundle::mainBundle()->bundlePath())},
-      {"hostApplicationPath.org.example.Missing", PXValue(PXBundle::mainBundle()->bundlePath())},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.argument);
-    EXPECT_EQ(function->resultFor(PXValue(row.argument), false), row.result);
-    // The text flag changes nothing.
-    EXPECT_EQ(function->resultFor(PXValue(row.argument), true), row.result);
+  for (const auto& [argument, result] : rows) {
+    EXPECT_EQ(function->resultFor(PXValue(argument), false), result) << argument;
+    EXPECT_EQ(function->resultFor(PXValue(argument), true), result)
+        << argument;  // the text flag changes nothing
   }
-  EXPECT_TRUE(PXBundle::mainBundle()->bundlePath());
-  EXPECT_FALSE(function->resultFor(PXValue(), false));
+  EXPECT_TRUE(PXBundle::mainBundle()->bundlePath());  // the rows above compare a real path
   EXPECT_FALSE(function->resultFor(PXValue(PXDictionary::dictionary()), false));
-  EXPECT_FALSE(function->resultFor(PXValue(1), false));
 }
 
-// Existence, size, dates, digests of the whole file (as hexadecimal text), and
-// another application's preferences, read afresh on each call.
+// Files, digests of the whole file as hexadecimal text, and another
+// application's preferences, read afresh on each call.
 TEST_F(InstalledApplications, AnswersFilesAndPreferences) {
   struct stat info {};
   ASSERT_EQ(stat(data.c_str(), &info), 0);
@@ -123,38 +92,24 @@ TEST_F(InstalledApplications, AnswersFilesAndPreferences) {
       {"do=exists;absPath=" + missing + ";fallbackValue=1", false},
       {"do=exists", false},  // no path: false, not nothing
       {"do=size;absPath=" + data, 3u},
-      {"do=size;absPath=" + empty, 0u},
-      {"do=size;absPath=" + missing, PXValue()},
-      {"do=size;absPath=" + dir, PXValue()},   // not a file
-      {"do=size;fallbackValue=1", PXValue()},  // the fallback is only for unknown identifiers
+      {"do=size;absPath=" + dir, PXValue()},  // not a file
       {"do=date;absPath=" + data, modified},
-      {"do=date;absPath=" + missing, PXValue()},
       // "bundlePath" below the application's program directory, ignored beside "absPath".
       {"do=size;bundleID=org.example.Editor;bundlePath=plugins/spell.so", 5u},
       {"do=size;bundleID=org.example.Editor;bundlePath=/plugins/spell.so", 5u},
       {"do=size;absPath=" + data + ";bundleID=org.example.Editor;bundlePath=plugins/spell.so", 3u},
-      {"do=exists;bundlePath=files/data.txt;bundleID=org.example.Missing", false},
-      {"do=touch;absPath=" + data, PXValue()},
       {"absPath=" + data, PXValue()},  // no "do"
       {"do=sha1sum;absPath=" + data, "a9993e364706816aba3e25717850c26c9cd0d89d"},
       {"do=md5sum;absPath=" + data, "900150983cd24fb0d6963f7d28e17f72"},
-      {"do=sha1sum;absPath=" + empty, "da39a3ee5e6b4b0d3255bfef95601890afd80709"},
       {"do=md5sum;absPath=" + empty, "d41d8cd98f00b204e9800998ecf8427e"},
-      {"do=md5sum;absPath=" + big, "4b98146705d4b0b98b758a78ff6fb73f"},
       {"do=sha1sum;absPath=" + big, "62951f943c41cdd326e5ce2b53a779e7916a820d"},
       {"do=sha1sum;absPath=" + missing, PXValue()},
-      {"do=md5sum;absPath=" + dir, PXValue()},
-      {"do=md5sum", PXValue()},
       {"do=prefsValue;bundleID=org.example.Editor;key=LastUsed", "spell"},
       {"do=prefsValue;bundleID=org.example.Editor;key=Count", 3},
-      {"do=prefsValue;bundleID=org.example.Editor;key=Off", false},
       {"do=prefsValue;bundleID=org.example.Editor;key=Missing", PXValue()},
       {"do=prefsValue;key=LastUsed", PXValue()},  // no application
-      {"do=prefsValue;bundleID=org.example.Editor", PXValue()},
       {"do=prefsExists;bundleID=org.example.Editor;key=Off", true},
       {"do=prefsExists;bundleID=org.example.Editor;key=Missing", false},
-      {"do=prefsExists;bundleID=org.example.Other;key=LastUsed", false},
-      {"do=prefsExists", false},
       {"do=prefsOther;bundleID=org.example.Editor;key=LastUsed", PXValue()},
   };
   for (const auto& [arguments, expected] : rows) {
@@ -163,7 +118,6 @@ TEST_F(InstalledApplications, AnswersFilesAndPreferences) {
     EXPECT_EQ(answer.kind(), expected.kind()) << answer.description().str();
     EXPECT_TRUE(answer.isEqual(expected)) << answer.description().str();
   }
-  // A string argument is no operation at all.
   EXPECT_FALSE(ask("exists"));
   EXPECT_FALSE(checker->computeFunction("${filesystem}"));
   home.writeFile(home.configHome() + "/org.example.Editor/org.example.Editor.plist",

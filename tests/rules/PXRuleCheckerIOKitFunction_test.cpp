@@ -1,5 +1,4 @@
-// The device-registry provider on a device testbed: two PCI devices of
-// different makers and a machine description. Runs under umockdev-wrapper.
+// The device-registry provider on a umockdev testbed: two PCI devices and DMI.
 #include <gtest/gtest.h>
 #include <pxkit/objects/PXDictionary.h>
 #include <pxkit/rules/PXRuleCheckerIOKitFunction.h>
@@ -25,7 +24,6 @@ struct Machine {
   }
 };
 
-// What a provider is handed for "${iokit(<text>)}".
 PXValue argumentsFrom(const std::string& text) {
   pxkit::rules::QuoteStack quotes;
   return pxkit::rules::ruleCallArgument(pxkit::rules::scanRuleCall("${iokit(" + text + ")}", 2, quotes));
@@ -41,22 +39,14 @@ TEST(PXRuleCheckerIOKitFunction, AnswersExistenceAndPropertyValues) {
       {"do=exists;" + pci + "meetIntvendor-id=4098", false},
       {"do=exists;" + pci + "meetIntvendor-id=4318abc", true},  // the integer value of a text: its digits
       {"do=exists;" + pci + "meetStrvendor-id=4318", false},    // a string never equals the number
-      {"do=exists;" + pci + "meetStrvendor=0x10de", true},
       // Every meeting key must hold; a missing property is a miss.
-      {"do=exists;" + pci + "meetIntvendor-id=4318;meetIntdevice-id=5378", false},
       {"do=exists;" + pci + "meetIntvendor-id=32902;meetIntdevice-id=5378", true},
-      {"do=exists;" + pci + "meetStrno-such-property=x", false},
       {"do=exists;matchStrIOProviderClass=IOPlatformExpertDevice", true},
-      {"do=exists;matchStrIOProviderClass=IOPMPowerSource", false},
-      {"do=exists;matchStrvendor=0x1002", false},  // by a sysfs attribute
-      {"do=exists", true},                         // an empty matching dictionary
+      {"do=exists", true},  // an empty matching dictionary
       {"do=propertyValue;matchStrIOProviderClass=IOPlatformExpertDevice;propertyName=model", "Notebook 14"},
       {"do=propertyValue;" + pci + "meetIntvendor-id=32902;propertyName=device-id", 0x1502},
-      {"do=propertyValue;" + pci + "meetIntvendor-id=4098;propertyName=device-id", PXValue()},
       {"do=propertyValue;" + pci + "propertyName=no-such-property", PXValue()},
       {"do=propertyValue;" + pci, PXValue()},
-      {"do=remove;" + pci, PXValue()},
-      {pci, PXValue()},
   };
   for (const auto& [arguments, expected] : rows) {
     SCOPED_TRACE(arguments);
@@ -64,13 +54,10 @@ TEST(PXRuleCheckerIOKitFunction, AnswersExistenceAndPropertyValues) {
     EXPECT_EQ(iokit->resultFor(argumentsFrom(arguments), true), expected);  // the flag changes nothing
   }
   EXPECT_FALSE(iokit->resultFor(PXValue("exists"), false));
-  EXPECT_FALSE(iokit->resultFor(PXValue(), false));
-  // Without a meeting dictionary, or with an empty one: the first in sysfs path order.
+  // Without a meeting dictionary: the first in sysfs path order.
   auto byClass = PXDictionary::dictionaryWithEntries({{"IOProviderClass", "IOPCIDevice"}});
-  for (const PXRef<PXDictionary>& meeting : {PXRef<PXDictionary>(), PXDictionary::dictionary()}) {
-    PXRef<PXIOService> first = PXRuleCheckerIOKitFunction::firstServiceMatching(byClass, meeting);
-    EXPECT_EQ(first ? first->sysfsPath() : "", machine.nic);
-  }
+  PXRef<PXIOService> first = PXRuleCheckerIOKitFunction::firstServiceMatching(byClass, {});
+  EXPECT_EQ(first ? first->sysfsPath() : "", machine.nic);
   EXPECT_FALSE(PXRuleCheckerIOKitFunction::firstServiceMatching({}, {}));
   EXPECT_FALSE(PXRuleCheckerIOKitFunction::firstServiceMatching(
       PXDictionary::dictionaryWithEntries({{"IOProviderClass", "IOUSBDevice"}}), {}));

@@ -1,5 +1,4 @@
-// The sysctl provider: the pure parsers on sample text, and the provider
-// against fixture system trees (tests/rules/fixtures/sysctl-*).
+// The sysctl provider: its parsers on sample text, then fixture system trees.
 #include <gtest/gtest.h>
 #include <pxkit/objects/PXDictionary.h>
 #include <pxkit/rules/PXRuleCheckerSysCtlFunction.h>
@@ -23,15 +22,11 @@ TEST(PXRuleCheckerSysCtlFunction, ParsesCpuinfoCpuListsAndMemoryTexts) {
   const std::pair<const char*, std::optional<std::string>> brands[] = {
       {"processor\t: 0\nmodel name\t: AMD EPYC 7B13\n\nprocessor\t: 1\nmodel name\t: Other\n",
        "AMD EPYC 7B13"},
-      {"model name\t:   padded name  \r\n", "padded name"},
       {"model name\t: ARMv7 rev 4\nCPU implementer\t: 0x41\nCPU part\t: 0xd08\n",
-       "ARMv7 rev 4"},                     // before parts
-      {kArm64Cpuinfo, "ARM Neoverse-N1"},  // the first processor's part
-      {"CPU implementer\t: 0x61\nCPU part\t: 0x022\n", "Apple Icestorm-M1"},
+       "ARMv7 rev 4"},                                                 // before parts
+      {kArm64Cpuinfo, "ARM Neoverse-N1"},                              // the first processor's part
       {"CPU implementer\t: 0x41\nCPU part\t: 0xfff\n", std::nullopt},  // an unknown part
       {"CPU implementer\t: 0x99\nCPU part\t: 0xd08\n", std::nullopt},  // an unknown maker
-      {"CPU implementer\t: zz\nCPU part\t: 0xd08\n", std::nullopt},
-      {"CPU part\t: 0xd08\n", std::nullopt},
       {"model name without colon\n", std::nullopt},
   };
   for (const auto& [text, brand] : brands) EXPECT_EQ(rules::cpuBrandFromCpuinfo(text), brand) << text;
@@ -39,9 +34,6 @@ TEST(PXRuleCheckerSysCtlFunction, ParsesCpuinfoCpuListsAndMemoryTexts) {
       {"0-1,8,10-11\n", std::vector<int>{0, 1, 8, 10, 11}},
       {"3,1-2,2", std::vector<int>{1, 2, 3}},
       {"", std::vector<int>{}},
-      {"3-1", std::nullopt},
-      {"0-", std::nullopt},
-      {"a", std::nullopt},
       {"0-99999999", std::nullopt},
   };
   for (const auto& [text, cpus] : lists) EXPECT_EQ(rules::parseCpuList(text), cpus) << text;
@@ -61,20 +53,16 @@ TEST(PXRuleCheckerSysCtlFunction, ParsesCpuinfoCpuListsAndMemoryTexts) {
   for (const auto& [text, size] : blocks) EXPECT_EQ(rules::parseBlockSizeBytes(text), size) << text;
   const std::pair<const char*, std::optional<uint64_t>> meminfo[] = {
       {"MemTotal:       24681234 kB\nMemFree: 1 kB\n", uint64_t{24681234} * 1024},
-      {"MemFree: 1 kB\n", std::nullopt},
       {"MemTotal: 12 MB\n", std::nullopt},
-      {"MemTotal: x kB\n", std::nullopt},
       {"MemTotal: 18446744073709551615 kB\n", std::nullopt},  // would overflow as bytes
   };
   for (const auto& [text, bytes] : meminfo) EXPECT_EQ(rules::memTotalFromMeminfo(text), bytes) << text;
-  // Integers beyond the fixture trees' (sized 4 or 8 bytes).
+  // Integers beyond the fixture trees', sized 4 or 8 bytes.
   EXPECT_EQ(rules::integerFromText("2147483648")->size, 8u);
   EXPECT_EQ(rules::integerFromText("-2147483649")->bits, static_cast<uint64_t>(int64_t{-2147483649}));
   EXPECT_FALSE(rules::integerFromText("18446744073709551616"));
-  EXPECT_FALSE(rules::integerFromText(" "));
 }
 
-// What the provider answers for each argument, as an object and as text.
 struct AnswerRow {
   const char* argument;
   PXValue object;  // absent: no answer
@@ -90,7 +78,6 @@ void expectAnswers(const char* fixture, const std::vector<AnswerRow>& rows) {
     EXPECT_EQ(object, row.object) << object.description().view();
     EXPECT_EQ(sysctl->resultFor(PXValue(row.argument), true), row.text ? PXValue(row.text) : PXValue());
   }
-  // Arguments other than a string answer absent.
   EXPECT_FALSE(
       sysctl->resultFor(PXValue(PXDictionary::dictionaryWithEntries({{"integer.hw.ncpu", 1}})), false));
   EXPECT_FALSE(sysctl->resultFor(PXValue(3), true));
@@ -102,7 +89,6 @@ TEST(PXRuleCheckerSysCtlFunction, AnswersFromFixtureTrees) {
   expectAnswers("sysctl-smt",
                 {
                     {"integer.hw.physicalcpu", PXValue(2), "2"},
-                    {"integer.hw.logicalcpu", PXValue(4), "4"},
                     {"integer.hw.ncpu", PXValue(8), "8"},
                     {"integer.hw.memsize", PXValue(static_cast<long long>(memsize)), memsizeText.c_str()},
                     {"unsignedInteger.hw.memsize", PXValue(static_cast<unsigned long long>(memsize)),
@@ -110,12 +96,9 @@ TEST(PXRuleCheckerSysCtlFunction, AnswersFromFixtureTrees) {
                     {"string.machdep.cpu.brand_string", PXValue("Intel(R) Core(TM) i7-8650U CPU @ 1.90GHz"),
                      "Intel(R) Core(TM) i7-8650U CPU @ 1.90GHz"},
                     {"kern.hostname", PXValue("fixture-host"), "fixture-host"},
-                    {"string.kern.osrelease", PXValue("6.1.0-18-amd64"), "6.1.0-18-amd64"},
                     {"vm.swappiness", PXValue("60"), "60"},
-                    {"integer.vm.swappiness", PXValue(60), "60"},
                     {"integer.kernel.perf_event_paranoid", PXValue(-1), "-1"},
                     {"unsignedInteger.kernel.perf_event_paranoid", PXValue(4294967295U), "4294967295"},
-                    {"integer.kernel.huge", PXValue(-1LL), "-1"},
                     {"unsignedInteger.kernel.huge", PXValue(18446744073709551615ULL), "18446744073709551615"},
                     // A number read as text is its bytes: 8 CPUs are "\b", never "8".
                     {"hw.ncpu", PXValue("\b"), "\b"},
@@ -125,16 +108,10 @@ TEST(PXRuleCheckerSysCtlFunction, AnswersFromFixtureTrees) {
                     {"kernel.utf8", PXValue("\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80"),
                      "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80"},
                     {"kernel.badlead", PXValue(), nullptr},
-                    {"kernel.badtrail", PXValue(), nullptr},
-                    {"kernel.cut", PXValue(), nullptr},
                     {"integer.kernel.printk", PXValue(), nullptr},
                     {"kern.ostype", PXValue("Linux"), "Linux"},
-                    {"kern.version", PXValue(), nullptr},
                     {"integer.kern.ostype", PXValue(), nullptr},
-                    {"integer", PXValue(), nullptr},
-                    {"hostname", PXValue(), nullptr},
                     {"kernel..hostname", PXValue(), nullptr},
-                    {"string.kernel/../kernel.hostname", PXValue(), nullptr},
                 });
   expectAnswers("sysctl-arm64",
                 {
@@ -143,7 +120,6 @@ TEST(PXRuleCheckerSysCtlFunction, AnswersFromFixtureTrees) {
                     {"integer.hw.logicalcpu", PXValue(3), "3"},
                     {"integer.hw.ncpu", PXValue(), nullptr},  // no "present" list, and not the running system
                     {"integer.hw.memsize", PXValue(8046784LL * 1024), "8239906816"},
-                    {"kern.hostname", PXValue(), nullptr},
                 });
 }
 

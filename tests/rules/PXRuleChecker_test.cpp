@@ -27,7 +27,6 @@ PXRef<PXRuleCheckerFunction> recorder(const char* identifier, const char* prefix
 // The default providers, fresh for each checker, by identifier and prefix.
 TEST(PXRuleChecker, DefaultFunctionsAndTheFirstProviderOfAnIdentifierOrPrefixWins) {
   PXRuleChecker* shared = PXRuleChecker::sharedChecker();
-  EXPECT_EQ(shared, PXRuleChecker::sharedChecker());
   std::string names;
   for (const PXValue& value : *shared->functions()) {
     const auto* function = static_cast<const PXRuleCheckerFunction*>(value.objectPointer());
@@ -36,7 +35,6 @@ TEST(PXRuleChecker, DefaultFunctionsAndTheFirstProviderOfAnIdentifierOrPrefixWin
   EXPECT_EQ(names, "version/version application/application filesystem/ sysctl/sysctl iokit/ ");
   EXPECT_NE(PXRuleChecker::defaultFunctions()->objectAtIndex(0).objectPointer(),
             shared->functions()->objectAtIndex(0).objectPointer());
-  EXPECT_FALSE(PXRuleCheckerFunction::function()->resultFor("x", false));
 
   std::vector<std::string> asked;
   PXRef<PXRuleChecker> checker = PXRuleChecker::ruleCheckerWithDefaultFunctions(false);
@@ -45,13 +43,10 @@ TEST(PXRuleChecker, DefaultFunctionsAndTheFirstProviderOfAnIdentifierOrPrefixWin
       *PXArray::arrayWithObjects({PXValue(recorder("x", "y", "second", &asked)), PXValue("not a provider"),
                                   PXValue(recorder("z", "x", "z", &asked))}));
   checker->addFunction({});
-  EXPECT_EQ(checker->functions()->count(), 3u);
   EXPECT_EQ(checker->computeFunction("${x(a)}").stringValue(), "first");
   EXPECT_EQ(checker->computeFunction("y.anything.at.all").stringValue(), "first");
   // Routing by prefix only: identifier "x" is not a prefix, prefix "x" belongs to "z".
   EXPECT_EQ(checker->computeFunction("x.anything").stringValue(), "z");
-  EXPECT_FALSE(checker->functionForIdentifier("X"));
-  EXPECT_FALSE(checker->functionForIdentifier(""));
   // The rest after the first dot, dots kept.
   EXPECT_EQ(asked, (std::vector<std::string>{"a", "anything.at.all", "anything"}));
 }
@@ -61,19 +56,12 @@ TEST(PXRuleChecker, ComputeFunctionAnswersOneCallOrOneKeyPath) {
   PXRef<PXRuleChecker> checker = PXRuleChecker::ruleCheckerWithDefaultFunctions(false);
   checker->addFunction(recorder("seven", "seven", 7, &asked));
   checker->addFunction(recorder("nothing", nullptr, PXValue(), &asked));
-  checker->addFunction(PXRuleCheckerFunction::functionWithFunctionID("empty", "empty", nullptr));
   const std::tuple<const char*, PXValue, const char*> rows[] = {
       // expression, value, the line logged
       {"$ before ${seven(a=1)} after", 7, nullptr},  // text around the call is dropped
-      {"${nothing(fallbackValue=3)}", PXValue(), nullptr},
-      {"${nosuch(fallbackValue=3)}", "3", nullptr},
-      {"${empty(a)}", PXValue(), nullptr},  // a provider without a callback answers nothing
-      {"empty.a", PXValue(), nullptr},
-      {"$fnc0", PXValue(), nullptr},
       {"${seven} ${seven}", PXValue(), "Error processing function (more than one result): ${seven} ${seven}"},
       {"${nothing} ${seven}", 7, nullptr},  // one answer among absent ones is still one result
-      {"nosuchprefix.x", PXValue(), nullptr},
-      {" ${seven}", PXValue(), nullptr},  // not beginning with "$": a key path, and an unknown one
+      {" ${seven}", PXValue(), nullptr},    // not beginning with "$": a key path, and an unknown one
       {"${seven", PXValue(), "Unterminated function: ${seven"},
   };
   for (const auto& [expression, expected, logged] : rows) {
@@ -85,9 +73,8 @@ TEST(PXRuleChecker, ComputeFunctionAnswersOneCallOrOneKeyPath) {
   }
 }
 
-// Rules over calls, key paths (providers before fixed values, then the
-// checker's own keys) and fixed values; what a rule raises is caught, logged
-// and handed out, with or without an out-parameter.
+// Key paths go to providers, then fixed values, then the checker's own keys;
+// what a rule raises is caught, logged and handed out.
 TEST(PXRuleChecker, RunCheckAnswersRulesAndCatchesWhatTheyRaise) {
   PXRef<PXRuleChecker> checker = PXRuleChecker::ruleCheckerWithDefaultFunctions(false);
   checker->addFunction(PXRuleCheckerFunction::functionWithFunctionID(
@@ -111,23 +98,16 @@ TEST(PXRuleChecker, RunCheckAnswersRulesAndCatchesWhatTheyRaise) {
     const char* reason = "";     // a part of its reason
   };
   const Row rows[] = {
-      {"version.os BEGINSWITH '10.7' AND version.cpus > 2", true},
-      {"${version(os)} == '10.7.4'", true},
+      {"version.os BEGINSWITH '10.7' AND version.cpus > 2 AND ${version(os)} == '10.7.4'", true},
       {"${version(cpus)} == 4", true},  // typed: the number 4, not the text "4"
-      {"${version(cpus)} == '4'", false},
-      {"${nothing} == nil AND version.missing == nil AND nothing == nil",
-       true},  // absent answers are no error
+      {"${nothing} == nil AND version.missing == nil AND nothing == nil", true},  // absent: no error
       {"name LIKE 'a?c' AND a.b == 'dotted' AND functions.@count == 2", true},
       {"1 == 2 AND nosuch.key == 1", false},  // what is not evaluated cannot raise
       {"version.os ==", false, kPXInvalidArgumentException,
        "Unable to parse the format string \"version.os ==\""},
       {"nosuch.key == 1", false, kPXUndefinedKeyException,
        "valueForUndefinedKey:]: this class is not key value coding-compliant for the key nosuch."},
-      {"version == 1", false, kPXUndefinedKeyException,
-       "[<PXRuleChecker 0x"},  // a bare prefix is no provider's
-      // An unterminated call stays in the text, which then cannot be parsed.
-      {"${version(os", false, kPXInvalidArgumentException,
-       "Unable to parse the format string \"${version(os\""},
+      {"version == 1", false, kPXUndefinedKeyException, "[<PXRuleChecker 0x"},  // a bare prefix
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.rule);
@@ -149,8 +129,6 @@ TEST(PXRuleChecker, RunCheckAnswersRulesAndCatchesWhatTheyRaise) {
     EXPECT_FALSE(checker->runCheck(row.rule));  // without an out-parameter: the same NO, the same line
     EXPECT_TRUE(log.contains(caught));
   }
-  EXPECT_FALSE(checker->runCheck(PXString()));
-  EXPECT_TRUE(checker->valueForKey("nothing").isNull());
   EXPECT_TRUE(checker->valueForKey("functions").isEqual(PXValue(checker->functions())));
 }
 

@@ -1,8 +1,4 @@
-// Registry services, service queries and the power source on a device
-// testbed: a laptop with DMI, a PCI GPU with its DRM card, an SSD with a
-// partition, an HDD, a USB stick, mains, a built-in battery and a mouse
-// battery. Runs under umockdev-wrapper; synthetic uevents play devices
-// appearing, changing and going.
+// Services, queries and the power source on a umockdev laptop; uevents play changes.
 #include <gtest/gtest.h>
 #include <pxkit/objects/PXError.h>
 #include <pxkit/platform/PXNotificationCenter.h>
@@ -15,6 +11,7 @@
 #include <atomic>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "support/PXRunLoopUntil.h"
@@ -69,16 +66,7 @@ std::string sub(const PXValue& dict, const char* key) {
                                             : "<none>");
 }
 
-struct Recorder : PXIOServiceNotificationListener {
-  std::vector<std::pair<uint32_t, std::string>> heard;
-  void service(PXIOService*, uint32_t type, void* argument) override {
-    heard.emplace_back(type, static_cast<const char*>(argument));
-  }
-};
-
 }  // namespace
-
-// ---- Services ------------------------------------------------------------------------------------
 
 // Classes, plain udev properties and sysfs attributes, names, and registry-style
 // properties; numbers match as numbers ("0x0126" text, 0x0126, 294 are one value).
@@ -91,28 +79,16 @@ TEST(PXIOServiceDevices, MatchingDictionariesFindTheirDevices) {
   };
   const std::vector<Case> cases = {
       {{{"IOProviderClass", "IOPlatformExpertDevice"}}, {m.dmi}},
-      {{{"IOProviderClass", "FakeSMC"}}, {m.dmi}},  // another maker's board
-      {{{"IOProviderClass", "IOAccelerator"}}, {m.card}},
-      {{{"IOProviderClass", "IOBlockStorageDevice"}}, {m.ssd, m.hdd, m.stick}},
       {{{"IOProviderClass", "IOMedia"}}, {m.ssd, m.part, m.hdd, m.stick}},
       {{{"IOProviderClass", "IOPCIDevice"}}, {m.gpu, m.usbHost, m.sata}},
       {{{"IOProviderClass", "IODisplayController"}}, {m.gpu}},
       {{{"IOProviderClass", "IOPMPowerSource"}}, {m.ac, m.bat, m.mouse}},
-      {{{"IOProviderClass", "IOUSBDevice"}}, {m.usbStick}},
-      {{{"IOProviderClass", "NoSuchClass"}}, {}},
-      {{{"IOProviderClass", "block"}, {"removable", "1"}}, {m.stick}},
       {{{"IOProviderClass", "block"}, {"removable", 1}}, {m.stick}},
-      {{{"IOProviderClass", "block"}, {"ID_BUS", "ata"}}, {m.ssd}},
       {{{"IOProviderClass", "pci"}, {"device", 0x0126}}, {m.gpu}},
-      {{{"IOProviderClass", "pci"}, {"device", "0x0126"}}, {m.gpu}},
-      {{{"IOProviderClass", "pci"}, {"device", 0x0127}}, {}},
       {{{"IOProviderClass", "pci"}, {"device-id", 0x0126u}}, {m.gpu}},
       {{{"IOProviderClass", "pci"}, {"device-id", "0x0126"}}, {}},  // a registry number is no text
-      {{{"IOProviderClass", "pci"}, {"class", 0x010601LL}}, {m.sata}},
       {{{"IOProviderClass", "pci"}, {"model", "Example Graphics 3000"}}, {m.gpu}},
-      {{{"IOProviderClass", "pci"}, {"no-such-property", "x"}}, {}},
       {{{"IONameMatch", "sda"}}, {m.ssd}},
-      {{{"IONameMatch", "sdz"}}, {}},
   };
   for (const Case& c : cases) {
     std::vector<std::string> want = c.paths;
@@ -121,8 +97,6 @@ TEST(PXIOServiceDevices, MatchingDictionariesFindTheirDevices) {
     EXPECT_EQ(pathsOf(PXIOService::servicesForMatchingDict(*matching)), want)
         << matching->description().str();
   }
-  EXPECT_EQ(pathsOf(PXIOService::servicesForMatchingClass("IOAccelerator")),
-            std::vector<std::string>{m.card});
   EXPECT_FALSE(PXIOService::servicesForMatchingClass(nullptr));
   int32_t code = -1;
   EXPECT_FALSE(PXServiceQuery::servicesMatchingDictionary(
@@ -135,34 +109,22 @@ TEST(PXIOServiceDevices, RegistryProperties) {
   Laptop m;
   EXPECT_EQ(at(m.dmi)->valueForProperty("model").stringValue(), "Notebook 14");
   EXPECT_EQ(at(m.dmi)->valueForProperty("manufacturer").stringValue(), "Example Computers");
-  EXPECT_EQ(at(m.gpu)->valueForProperty("vendor-id").unsignedLongLongValue(), 0x8086u);
   EXPECT_EQ(at(m.gpu)->valueForProperty("device-id").unsignedLongLongValue(), 0x0126u);
   EXPECT_EQ(at(m.card)->parentService()->valueForProperty("model").stringValue(), "Example Graphics 3000");
-  struct Disk {
-    std::string path;
-    const char *medium, *location;
-  };
-  for (const Disk& d : std::vector<Disk>{{m.ssd, "Solid State", "Internal"},
-                                         {m.hdd, "Rotational", "Internal"},
-                                         {m.stick, "", "External"}}) {  // no rotational attribute
-    PXRef<PXIOService> disk = at(d.path);
-    EXPECT_EQ(sub(disk->valueForProperty("Device Characteristics"), "Medium Type"), d.medium) << d.path;
-    EXPECT_EQ(sub(disk->valueForProperty("Protocol Characteristics"), "Physical Interconnect Location"),
-              d.location)
-        << d.path;
+  for (const auto& [path, medium, location] :
+       {std::tuple(m.ssd, "Solid State", "Internal"), std::tuple(m.hdd, "Rotational", "Internal"),
+        std::tuple(m.stick, "", "External")}) {  // no rotational
+    EXPECT_EQ(sub(at(path)->valueForProperty("Device Characteristics"), "Medium Type"), medium) << path;
+    EXPECT_EQ(sub(at(path)->valueForProperty("Protocol Characteristics"), "Physical Interconnect Location"),
+              location);
   }
   EXPECT_EQ(sub(at(m.ssd)->valueForProperty("Protocol Characteristics"), "Physical Interconnect"), "ata");
   EXPECT_EQ(at(m.bat)->valueForProperty("Transport Type").stringValue(), "Internal");
   EXPECT_FALSE(at(m.ac)->properties()->objectForKey("Transport Type"));  // line power is no power source
-  // Plain sysfs attributes and the whole dictionary; nothing outside the device.
-  EXPECT_EQ(at(m.hdd)->valueForProperty("removable").stringValue(), "0");
-  PXRef<PXDictionary> all = at(m.dmi)->properties();
-  ASSERT_TRUE(all);
-  EXPECT_EQ(all->objectForKey("product_name").stringValue(), "Notebook 14");
-  EXPECT_EQ(all->objectForKey("model").stringValue(), "Notebook 14");
+  PXRef<PXDictionary> all = at(m.dmi)->properties();  // sysfs attributes and registry names; nothing outside
+  EXPECT_EQ(all->objectForKey("product_name").stringValue(), all->objectForKey("model").stringValue());
   EXPECT_FALSE(at(m.dmi)->valueForProperty("no_such_attribute"));
   EXPECT_FALSE(at(m.dmi)->valueForProperty("../../etc"));
-  EXPECT_FALSE(at(m.dmi)->valueForProperty(""));
 }
 
 TEST(PXIOServiceDevices, ClassesFamilyEqualityAndInvalidation) {
@@ -172,66 +134,25 @@ TEST(PXIOServiceDevices, ClassesFamilyEqualityAndInvalidation) {
   EXPECT_EQ(ssd->serviceClass(), "IOBlockStorageDevice");
   EXPECT_EQ(at(m.part)->serviceClass(), "IOMedia");
   EXPECT_TRUE(ssd->conformsToIOClass("IOMedia"));
-  EXPECT_TRUE(ssd->conformsToIOClass("IOService"));
   EXPECT_FALSE(ssd->conformsToIOClass("IOAccelerator"));
-  EXPECT_FALSE(ssd->conformsToIOClass(nullptr));
-  EXPECT_FALSE(ssd->conformsToIOClass("IOMédia"));
   EXPECT_TRUE(ssd->parentService()->isEqual(*at(m.sata)));
   EXPECT_EQ(pathsOf(at(m.sata)->childServices()), (std::vector<std::string>{m.ssd, m.hdd}));
   EXPECT_FALSE(at(m.hdd)->childServices());  // a leaf: absent, not empty
-  EXPECT_FALSE(at(m.dmi)->parentService());
 
   PXRef<PXIOService> a = at(m.bat), b = at(m.bat);
-  EXPECT_NE(a.get(), b.get());
   EXPECT_TRUE(a->isEqual(*b));
-  EXPECT_EQ(a->hash(), b->hash());
   EXPECT_FALSE(a->isEqual(*at(m.ac)));
-  EXPECT_EQ(IOServiceTools::IOObject(IOServiceTools::valueWithIOObject(a->service())), a->service());
-  EXPECT_EQ(IOServiceTools::IOObject(PXValue("1")), 0u);
   EXPECT_TRUE(PXIOService::serviceWithIOService(a->service())->isEqual(*a));
   EXPECT_FALSE(PXIOService::serviceWithIOService(0));
   EXPECT_FALSE(PXIOService::serviceWithIOService(0xFFFFFF));
-  EXPECT_FALSE(PXIOService::serviceWithSysfsPath("/sys/devices/no-such-device"));
   b->invalidate();
   EXPECT_EQ(b->service(), 0u);
   EXPECT_FALSE(b->isEqual(*a));
   EXPECT_FALSE(b->valueForProperty("type"));
   EXPECT_FALSE(b->properties());
-  EXPECT_FALSE(b->serviceClass());
-  EXPECT_FALSE(b->conformsToIOClass("IOService"));
-  EXPECT_FALSE(b->parentService());
   EXPECT_EQ(b->setValue(PXValue(1), "online"), kPXIOReturnUnsupported);
   EXPECT_EQ(a->setProperties(*PXDictionary::dictionary()), kPXIOReturnUnsupported);
 }
-
-TEST(PXIOServiceDevices, InterestNotifications) {
-  PX_SKIP_WITHOUT_UMOCKDEV();
-  Laptop m;
-  PXRef<PXIOService> bat = at(m.bat);
-  Recorder first, second, stranger;
-  bat->addNotificationListener(&first);
-  bat->addNotificationListener(&second);
-  bat->removeNotificationListener(&stranger);  // unknown: the others stay
-  m.bed.uevent(m.ac, "change");                // another device: not heard
-  m.bed.uevent(m.bat, "change");
-  ASSERT_TRUE(PXRunLoopUntil([&] { return second.heard.size() == 1; }));
-  EXPECT_TRUE(first.heard == second.heard);
-  EXPECT_EQ(first.heard[0], (std::pair<uint32_t, std::string>{kPXIOMessageServicePropertyChange, "change"}));
-  // The last listener gone: no more watching; a new one sets it up again.
-  bat->removeNotificationListener(&first);
-  bat->removeNotificationListener(&second);
-  EXPECT_FALSE(bat->isWatching());
-  bat->addNotificationListener(&first);
-  EXPECT_TRUE(bat->isWatching());
-  m.bed.uevent(m.bat, "remove");
-  ASSERT_TRUE(PXRunLoopUntil([&] { return first.heard.size() == 2; }));
-  EXPECT_EQ(first.heard[1].first, kPXIOMessageServiceIsTerminated);
-  EXPECT_EQ(second.heard.size(), 1u);
-  bat->invalidate();
-  EXPECT_FALSE(bat->isWatching());
-}
-
-// ---- Service queries -------------------------------------------------------------------------------
 
 namespace {
 struct QueryLog : PXServiceQueryDelegate {
@@ -303,13 +224,9 @@ TEST(PXServiceQueryDevices, FollowsDevicesAsTheyComeAndGo) {
   EXPECT_EQ(log.events.size(), 1u);
 }
 
-TEST(PXServiceQueryDevices, StopAndTerminationFromAnotherThreadRunOnTheQuerysThread) {
+TEST(PXServiceQueryDevices, StopFromAnotherThreadTerminatesOnTheQuerysThread) {
   PX_SKIP_WITHOUT_UMOCKDEV();
   Laptop m;
-  auto query =  // without a delegate
-      PXMake<PXServiceQuery>(PXServiceQuery::matchingDictionaryForIOServiceClass("IOAccelerator"), nullptr);
-  ASSERT_TRUE(query->startQuery());
-  EXPECT_EQ(query->recordedServices().size(), 1u);
   struct Spy : QueryLog {
     std::thread::id on;
     void serviceQueryTerminateServiceWithAttributes(PXServiceQuery*, const PXDictionary&) override {
@@ -319,10 +236,10 @@ TEST(PXServiceQueryDevices, StopAndTerminationFromAnotherThreadRunOnTheQuerysThr
   auto second =
       PXMake<PXServiceQuery>(PXServiceQuery::matchingDictionaryForIOServiceClass("IOAccelerator"), &spy);
   ASSERT_TRUE(second->startQuery());
+  EXPECT_EQ(second->recordedServices().size(), 1u);  // the card, not its connector
   std::atomic<bool> done{false};
   std::thread other([&] {
     second->stopQuery();
-    PXNotificationCenter::defaultCenter()->postNotificationName(kPXApplicationWillTerminateNotification);
     done = true;
     PXRunLoop::main()->wakeUp();
   });
@@ -330,11 +247,7 @@ TEST(PXServiceQueryDevices, StopAndTerminationFromAnotherThreadRunOnTheQuerysThr
   other.join();
   EXPECT_EQ(spy.on, std::this_thread::get_id());
   EXPECT_FALSE(second->isRunning());
-  EXPECT_FALSE(query->isRunning());  // stopped by the will-terminate notification
-  EXPECT_TRUE(query->recordedServices().empty());
 }
-
-// ---- The power source -------------------------------------------------------------------------------
 
 TEST(PXPowerSourceObserverDevices, FollowsTheChargerAndTheBattery) {
   PX_SKIP_WITHOUT_UMOCKDEV();
@@ -362,21 +275,12 @@ TEST(PXPowerSourceObserverDevices, FollowsTheChargerAndTheBattery) {
   EXPECT_EQ(posted[1], (std::pair<std::string, std::string>{"Battery Power", "AC Power"}));
   EXPECT_EQ(power->currentPowerSource(), "Battery Power");
 
-  // The same state again: the description is announced, the state is not.
-  int infoChanges = 0;
-  struct Counter : PXObject {
-    int* count;
-    void observeValueForKeyPath(const PXString&, PXObject*, const PXDictionary&, void*) override { ++*count; }
-  };
-  auto counter = PXMake<Counter>();
-  counter->count = &infoChanges;
-  power->addObserver(counter.get(), "currentPowerSourceInfo", 0, nullptr);
+  // The same state again: the description changes, the state is not announced.
   m.bed.setAttribute(m.bat, "capacity", "79");
   m.bed.uevent(m.bat, "change");
-  ASSERT_TRUE(PXRunLoopUntil([&] { return infoChanges == 1; }));
-  EXPECT_EQ(power->currentPowerSourceInfo()->objectForKey("Current Capacity").intValue(), 79);
+  ASSERT_TRUE(PXRunLoopUntil(
+      [&] { return power->currentPowerSourceInfo()->objectForKey("Current Capacity").intValue() == 79; }));
   EXPECT_EQ(posted.size(), 2u);
-  power->removeObserver(counter.get(), "currentPowerSourceInfo");
 
   m.bed.setAttribute(m.bat, "present", "0");
   m.bed.uevent(m.bat, "change");
