@@ -1,6 +1,4 @@
-// The pxkit tool as a user runs it: a separate process, judged by its exit
-// status and what it prints (rules against the fixture trees of the rule tests;
-// state against preferences a tracker of the test saved).
+// The pxkit tool as a user runs it: a separate process, judged by its exit status and output.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pxkit/PXKit.h>
@@ -52,36 +50,12 @@ TEST(PXKitTool, CommandLines) {
       {1, false, "FAILED: no demo home", {"demo", "--second-launch", "/nonexistent/pxkit-demo"}},
       {0, true, "YES\n", {"check", "--root", dmi, "version.os == '12'"}},
       {1, true, "NO\n", {"check", "--root", dmi, "version.os == '13'"}},
-      {0, true, "YES\n", {"check", "--root", dmi, "${version(of=os;greaterThan=11)} == YES"}},
-      {0,
-       true,
-       "YES\n",
-       {"check", "--root", dmi,
-        "version.computerModel BEGINSWITH 'MacBook' AND version.computerVersionMajor == '8' AND "
-        "${filesystem(do=exists;absPath=" +
-            dmi + "/etc/os-release)} == YES"}},
-      // The answer "12" stays: not YES.
-      {1, true, "NO\n", {"check", "--root", dmi, "${version(of=os;greaterThan=12)} == YES"}},
-      {0, true, "YES\n", {"check", "${nosuch(fallbackValue=3)} == '3'"}},
       {0, true, "YES\n", {"check", "--", "-1 < 0"}},
-      {0, true, "YES\n", {"check", "${nosuch} == nil"}},
-      {1, true, "NO\n", {"check", "${nosuch} BEGINSWITH 'a'"}},
-      {0, true, "YES\n", {"check", "{1, 2} CONTAINS 2"}},
-      {0, true, "YES\n", {"check", "'\xc3\x89T\xc3\x89' ==[c] '\xc3\xa9t\xc3\xa9'"}},
       {2,
        false,
        "pxkit: check: NSInvalidArgumentException: Can't do a substring operation with something that isn't a "
        "string\n",
        {"check", "1 BEGINSWITH 'a'"}},
-      {2,
-       false,
-       "pxkit: check: NSInvalidArgumentException: Unable to parse the format string \"version.os ==\"",
-       {"check", "version.os =="}},
-      {2,
-       false,
-       "this class is not key value coding-compliant for the key nosuch.\n",
-       {"check", "nosuch.key == 1"}},
-      {2, false, "Unterminated function: ${version(os\n", {"check", "${version(os"}},
       {0,
        false,
        "  evaluated  $fnc0 == YES AND NULL == nil AND $fnc2 BEGINSWITH '6.'\n  $fnc0      1  (boolean)\n"
@@ -96,8 +70,6 @@ TEST(PXKitTool, CommandLines) {
        {"facts", "--root", dmi, "version.os", "version.computerModel", "${version(of=kernel;lessThan=7)}",
         "nosuch.path"}},
       {2, false, bad, {"check"}},
-      {2, false, bad, {"check", "1 == 1", "2 == 2"}},
-      {2, false, bad, {"check", "--bogus", "1 == 1"}},
       {2, false, bad, {"check", "1 == 1", "--root"}},
       {2, false, bad, {"facts", "--bogus"}},
   };
