@@ -2,6 +2,7 @@
 // record and the saved state, in a fresh home on the virtual clock.
 #include <gtest/gtest.h>
 #include <pxkit/foundation/PXObjectBlockObserver.h>
+#include <pxkit/foundation/PXRuntime.h>
 #include <pxkit/metrics/PXMetricsTracker.h>
 #include <pxkit/net/PXJSONSerialization.h>
 #include <pxkit/objects/PXClock.h>
@@ -12,6 +13,7 @@
 #include <pxkit/platform/PXPreferences.h>
 #include <pxkit/platform/PXTimer.h>
 #include <pxkit/platform/PXUserDefaults.h>
+#include <pxkit/platform/PXUserDefaultsController.h>
 
 #include <algorithm>
 #include <atomic>
@@ -251,6 +253,29 @@ TEST_F(PXMetricsTrackerTest, ConcurrentRecordingIsExactAfterSettling) {
   EXPECT_EQ(total, int64_t{kThreads} * kCalls);
   EXPECT_EQ(tracker->metrics()->count(), 12u);
   EXPECT_EQ(metric("shared.a", "q1")->value(), 666668) << "the calls with i%3 == 0 and (i+t)%4 == 1";
+}
+
+// A started tracker observes the opt-out key on the shared controller and its values; both end with it.
+TEST_F(PXMetricsTrackerTest, AReleasedTrackerLeavesNoObserverBehind) {
+  PXUserDefaultsController* controller = PXUserDefaultsController::sharedUserDefaultsController();
+  const PXObject* owner = tracker.get();
+  auto observations = [&] {
+    size_t count = 0;
+    for (const PXObject* observed : {static_cast<PXObject*>(controller), controller->values().get()}) {
+      PXRef<PXArray> list =
+          PXRuntime::getAssociatedObjectForKey(*observed, kPXObjectBlockObserverArrayKey).arrayValue();
+      if (!list) continue;
+      for (const PXValue& entry : *list) {
+        auto* trampoline = dynamic_cast<PXObjectBlockObserverTrampoline*>(entry.objectPointer());
+        count += trampoline && trampoline->owner() == owner && trampoline->isObserving();
+      }
+    }
+    return count;
+  };
+  tracker->start();
+  EXPECT_EQ(observations(), 2u);
+  tracker = nullptr;
+  EXPECT_EQ(observations(), 0u);
 }
 
 TEST_F(PXMetricsTrackerTest, TotalUsageDaysRoundAtHalfADay) {

@@ -17,10 +17,6 @@ PXRef<PXArray> list(std::initializer_list<PXValue> values) {
   return PXArray::arrayWithObjects(values);
 }
 
-PXValue read(std::string_view text, unsigned options = 0, PXErrorRef* error = nullptr) {
-  return PXJSONSerialization::JSONObjectWithData(PXData::dataWithString(text), options, error);
-}
-
 }  // namespace
 
 TEST(PXJSONSerialization, ValidityFollowsTheRepresentableKinds) {
@@ -49,16 +45,6 @@ TEST(PXJSONSerialization, ValidityFollowsTheRepresentableKinds) {
   for (const auto& row : rows)
     EXPECT_EQ(PXJSONSerialization::isValidJSONObject(row.object), row.valid) << row.name;
   selfContaining->removeAllObjects();
-}
-
-TEST(PXJSONSerialization, EitherMutableOptionGivesMutableContainers) {
-  for (unsigned options : {0u, kPXJSONReadingMutableContainers, kPXJSONReadingMutableLeaves}) {
-    PXValue doc = read(R"({"list": [1]})", options);
-    ASSERT_TRUE(doc.isDictionary());
-    EXPECT_EQ(static_cast<bool>(doc.mutableDictionaryValue()), options != 0);
-    EXPECT_EQ(static_cast<bool>(doc.dictionaryValue()->objectForKey("list").mutableArrayValue()),
-              options != 0);
-  }
 }
 
 TEST(PXJSONSerialization, JSONifyGivesCompactTextOfValidObjects) {

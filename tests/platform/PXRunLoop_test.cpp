@@ -140,12 +140,6 @@ TEST(PXRunLoop, OtherThreadsWaitForTheMainThreadWhileItRunsItsLoop) {
   EXPECT_EQ(ran, 5);
 }
 
-TEST(PXRunLoop, RunUntilDateWithTheRealClockReturnsOnceTheDateHasCome) {
-  const PXDate until = PXDate::dateWithTimeIntervalSinceNow(0.02);
-  PXRunLoop::current()->runUntilDate(until);
-  EXPECT_GE(PXDate::now(), until);
-}
-
 // Running a loop from a thread other than the one running it returns at once.
 TEST(PXRunLoop, RunningALoopOwnedByAnotherThreadReturnsAtOnce) {
   std::promise<PXRunLoop*> ready;

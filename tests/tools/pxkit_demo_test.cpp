@@ -1,6 +1,8 @@
 // `pxkit demo` as a user runs it, with a real collector as its endpoint.
 #include <gtest/gtest.h>
 #include <pxkit/net/PXJSONSerialization.h>
+#include <pxkit/net/PXWebRequest.h>
+#include <signal.h>
 
 #include <filesystem>
 #include <fstream>
@@ -9,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "support/PXRunLoopUntil.h"
 #include "support/PXSubprocess.h"
 
 namespace {
@@ -50,6 +53,33 @@ std::string readFile(const fs::path& path) {
   std::ostringstream contents;
   contents << std::ifstream(path).rdbuf();
   return contents.str();
+}
+
+TEST(PXKitDemo, ServeKeepsTheDashboardUpUntilInterrupted) {
+  for (int signal : {SIGINT, SIGTERM}) {
+    PXSubprocess demo({PXKIT_CLI, "demo", "--serve"},
+                      {.environment = kEnvironment, .mergeStandardError = true});
+    std::string told, dashboard;
+    for (std::optional<std::string> line; dashboard.empty() && (line = demo.readLine());) {
+      told += *line + "\n";
+      if (line->starts_with("  dashboard ")) dashboard = field(*line + "\n", "dashboard");
+    }
+    ASSERT_TRUE(dashboard.starts_with("http://127.0.0.1:")) << told;
+    // The collector still answers after the story has ended: its dashboard page.
+    bool finished = false;
+    PXRef<PXWebRequest> request = PXWebRequest::startedGETRequestForURL(
+        dashboard, [&](PXWebRequest*, int32_t event, const PXValue&, uint32_t) {
+          finished = finished || event == kPXWebRequestEventFinished;
+        });
+    ASSERT_TRUE(request && PXRunLoopUntil([&] { return finished; }));
+    EXPECT_NE(std::string(request->responseBodyData()->view()).find("<svg"), std::string::npos);
+    demo.kill(signal);
+    const std::string rest = demo.readAll();
+    EXPECT_EQ(PXSubprocess::exitStatusOf(demo.wait()), 0) << signal << told << rest;
+    EXPECT_NE(rest.find("The collector ends (exit status 0)."), std::string::npos) << rest;
+    const std::string home = field(told, "home");
+    EXPECT_TRUE(!home.empty() && !fs::exists(home)) << "the throw-away home is removed without --keep";
+  }
 }
 
 }  // namespace
