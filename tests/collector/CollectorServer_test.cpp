@@ -178,9 +178,8 @@ TEST(Dashboard, ChromiumDrawsTheStoredFigures) {
   page = chromium("--dump-dom", "?metric=common.osversion");  // another metric, through the page's query
   EXPECT_EQ(plotted(page.output, "metric-per-day", "2025-11-24"), "2");
 
-  const std::string png = dir.path() + "/dashboard.png";
-  ASSERT_EQ(chromium("--screenshot=" + png, "").exitStatus, 0);
-  std::ifstream file(png, std::ios::binary);
+  ASSERT_EQ(chromium("--screenshot=" + dir.path() + "/dashboard.png", "").exitStatus, 0);
+  std::ifstream file(dir.path() + "/dashboard.png", std::ios::binary);
   const std::string shot((std::istreambuf_iterator<char>(file)), {});
   EXPECT_EQ(shot.substr(0, 8), "\x89PNG\r\n\x1a\n");
   EXPECT_GT(shot.size(), 10000u);  // a drawn page, not a blank one

@@ -29,9 +29,8 @@ TEST(PXScreen, DesktopScaleFactorTakesTheFirstSettingThatIsANumberAboveZero) {
       schemas + "/org.gnome.desktop.interface.gschema.xml",
       "<schemalist><schema id=\"org.gnome.desktop.interface\" path=\"/org/gnome/desktop/interface/\">"
       "<key name=\"scaling-factor\" type=\"u\"><default>2</default></key></schema></schemalist>\n");
-  gchar* compiler = g_find_program_in_path("glib-compile-schemas");
+  g_autofree gchar* compiler = g_find_program_in_path("glib-compile-schemas");
   const bool compiled = compiler && PXSubprocess::run({compiler, schemas}).exitStatus == 0;
-  g_free(compiler);
   if (!compiled) GTEST_SKIP() << "glib-compile-schemas could not compile a schema";
   home.setVariable("GSETTINGS_SCHEMA_DIR", schemas);
   home.setVariable("GSETTINGS_BACKEND", "memory");
