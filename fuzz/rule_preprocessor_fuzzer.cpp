@@ -15,8 +15,9 @@
 //     rule and its results.
 // Log lines are captured (the system log stays quiet).
 //
-// Its seeds are in tests/rules/fuzz_seeds/rule_preprocessor (scripts/run-fuzzers);
-// the ordinary test suite checks preprocessing through the rule checker's tables.
+// The same entry point runs in the ordinary test suite
+// (tests/rules/RulePreprocessorFuzz_test.cpp), fed with its seeds, edits of
+// them and generated rules.
 #include <pxkit/platform/PXLog.h>
 #include <pxkit/rules/PXRuleChecker.h>
 

@@ -5,9 +5,12 @@
 #include <pxkit/platform/PXOperationQueue.h>
 #include <pxkit/platform/PXRunLoop.h>
 #include <pxkit/platform/PXTimer.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
+#include <chrono>
 #include <future>
 #include <string>
 #include <thread>
@@ -138,6 +141,58 @@ TEST(PXRunLoop, OtherThreadsWaitForTheMainThreadWhileItRunsItsLoop) {
   for (std::thread& t : callers) t.join();
   PXRunLoop::current()->performBlockAndWait([&] { ++ran; });  // on the loop's own thread: at once
   EXPECT_EQ(ran, 5);
+}
+
+// A request goes out at virtual 23:59:30; its answer takes real time. The run to the next hour must not
+// move the clock (nor fire the midnight timer) before the answer is in, or the request is given up.
+TEST(PXRunLoop, RunUntilDateWithTheVirtualClockWaitsForPendingIO) {
+  enum class Peer { Answers, GivesUpTheRequest, StopsTheRun };
+  const double start = 86400 - 30;  // 23:59:30 UTC
+  const std::tuple<Peer, std::vector<std::string>, double> cases[] = {
+      {Peer::Answers, {"answer at 23:59:30", "midnight"}, 86400 + 3600},
+      {Peer::GivesUpTheRequest, {"midnight"}, 86400 + 3600},  // on another thread
+      {Peer::StopsTheRun, {}, start},
+  };
+  for (const auto& [peerDoes, expected, endsAt] : cases) {
+    PXScopedVirtualClock clock{PXDate(start)};
+    PXRunLoop* loop = PXRunLoop::current();
+    std::array<int, 2> connection{};  // the client's end and the server's
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, connection.data()), 0);
+    std::vector<std::string> events;
+    std::atomic<bool> peerActed{false};
+    bool clockMovedFirst = false;
+    uint64_t observer = PXClock::addChangeObserver([&] { clockMovedFirst |= !peerActed.load(); });
+    PXRef<PXTimer> midnight = PXTimer::scheduledTimerWithTimeInterval(
+        30, false, [&](PXTimer*) { events.emplace_back("midnight"); });
+    PendingIO request(loop), handedOver;
+    FdWatch answer = FdWatch::watch(loop, connection[0], kFdReadable, [&](unsigned) {
+      char buffer[16];
+      if (read(connection[0], buffer, sizeof buffer) > 0)
+        events.emplace_back(PXClock::now() == PXDate(start) ? "answer at 23:59:30" : "answer later");
+      answer.reset();
+      request.reset();
+    });
+    if (peerDoes == Peer::GivesUpTheRequest) handedOver = std::move(request);
+    std::thread peer([&, peerDoes = peerDoes] {
+      // A slow server: real time passes. Not a synchronisation: without the wait
+      // for I/O the clock would move in microseconds, long before this.
+      std::this_thread::sleep_for(std::chrono::milliseconds(30));
+      peerActed = true;
+      const bool answered = peerDoes != Peer::Answers || write(connection[1], "ok", 2) == 2;
+      EXPECT_TRUE(answered);
+      if (peerDoes == Peer::GivesUpTheRequest) handedOver.reset();
+      if (peerDoes == Peer::StopsTheRun) loop->stop();
+    });
+    loop->runUntilDate(PXDate(86400 + 3600));
+    peer.join();
+    PXClock::removeChangeObserver(observer);
+    EXPECT_FALSE(clockMovedFirst);
+    EXPECT_EQ(events, expected);
+    EXPECT_EQ(PXClock::now(), PXDate(endsAt));
+    midnight->invalidate();
+    close(connection[0]);
+    close(connection[1]);
+  }
 }
 
 // Running a loop from a thread other than the one running it returns at once.
