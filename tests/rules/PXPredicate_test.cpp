@@ -76,7 +76,8 @@ const Group kGroups[] = {
          "missing[0] == nil AND $nothing == nil AND missing == nil AND missing != 1",
          "'abc' ==[c] 'ABC' AND 'café' ==[d] 'cafe' AND 'CAFÉ' ==[cd] 'cafe' AND 'Straße' ==[c] 'STRASSE'",
          "'a' =[nl] 'a' AND 'a' <> 'b' AND 4 == 4.0 AND '1' != 1 AND nums == {1, 5} AND nums == {1, 5.0}",
-         "dict == dict AND when == when AND when < later AND YES > NO",
+         "dict == dict AND when == when AND when < later AND YES > NO AND 2 => 1 AND 1 =< 1 AND "
+         "TRUEPREDICATE",
          "missing <= nil AND missing >= nil AND '10.7' >= '10.6' AND 'B' >[c] 'a' AND 'é' <[d] 'f'",
          "name BEGINSWITH 'ab' AND name ENDSWITH 'bc' AND name CONTAINS 'b' AND name BEGINSWITH[c] 'AB'",
          "text CONTAINS[cd] 'brulee' AND text ENDSWITH[d] 'Brulee' AND text BEGINSWITH[cd] 'CREME'",
@@ -92,7 +93,7 @@ const Group kGroups[] = {
      }},
     {"NO",
      {
-         "(1 == 1 OR 1 == 2) AND 1 == 3",
+         "(1 == 1 || 1 == 2) AND 1 == 3",
          "1 == 2 AND $unbound == 1",
          "FALSEPREDICATE OR {1, 2} == {2, 1} OR missing != nil OR missing == 1 OR 1 == missing",
          "'abc' == 'ABC' OR 'CAFÉ' ==[c] 'cafe' OR '1' == 1 OR nums == {5, 1} OR version.os >= '10.6'",
