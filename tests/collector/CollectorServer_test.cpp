@@ -2,8 +2,10 @@
 // is answered, what ends up stored and shown, and what survives a kill.
 #include "CollectorServer.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -112,6 +114,34 @@ TEST(CollectorServer, EveryReceiptedPapercutSurvivesAKill) {
     bool stored = false;
     EXPECT_TRUE(store->hasPapercut(id, &stored, &error) && stored) << id;
   }
+}
+
+// Under the default limit a 100 MB body is refused from its headers; a body that ends before its
+// Content-Length says is never taken for a submission. Neither stores anything.
+TEST(CollectorServer, HugeAndTruncatedBodiesStoreNothing) {
+  TempDir dir;
+  CollectorProcess collector({"--db", dir.path() + "/p.db"});
+  ASSERT_TRUE(collector.started()) << collector.output();
+  HTTPAnswer big = httpRequest("POST", collector.url() + "/metrics/post", std::string(100u << 20, ' '));
+  EXPECT_EQ(big.status, 413);
+  EXPECT_NE(big.body.find("larger than the limit of 16777216 bytes"), std::string::npos) << big.body;
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port =
+      htons(static_cast<uint16_t>(std::stoi(collector.url().substr(collector.url().rfind(':') + 1))));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  const std::string cut = "POST /metrics/post HTTP/1.1\r\nHost: x\r\nContent-Length: 500\r\n\r\n" +
+                          submissionJSON({papercutJSON("cut")});
+  ASSERT_EQ(send(fd, cut.data(), cut.size(), MSG_NOSIGNAL), static_cast<ssize_t>(cut.size()));
+  shutdown(fd, SHUT_WR);
+  std::string reply(4096, '\0');
+  reply.resize(std::max<ssize_t>(0, recv(fd, reply.data(), reply.size(), 0)));
+  close(fd);
+  EXPECT_EQ(reply.find("processedPapercutPackageIDs"), std::string::npos) << reply;
+  HTTPAnswer summary = httpRequest("GET", collector.url() + "/api/summary");
+  EXPECT_NE(summary.body.find("\"papercuts\":0,\"rejected\":0,"), std::string::npos) << summary.body;
 }
 
 TEST(CollectorServer, RefusesToStartWhereItShouldNot) {
