@@ -63,8 +63,7 @@ std::string valuesOf(const PXMetricsTracker& tracker) {
 class PXMetricsTrackerTest : public testing::Test {
  protected:
   void SetUp() override {
-    setenv("TZ", "UTC", 1);
-    PXCalendar::resetTimeZone();
+    useZone("UTC");
     ASSERT_TRUE(PXBundle::setMainBundleIdentity("org.pxkit.TrackerTest", "3.1", "310"));
     storeSystemID("FIXED-SYSTEM-ID");
     tracker = PXMake<PXMetricsTracker>();

@@ -178,8 +178,9 @@ TEST(PXRunLoop, RunUntilDateWithTheVirtualClockWaitsForPendingIO) {
       // for I/O the clock would move in microseconds, long before this.
       std::this_thread::sleep_for(std::chrono::milliseconds(30));
       peerActed = true;
-      const bool answered = peerDoes != Peer::Answers || write(connection[1], "ok", 2) == 2;
-      EXPECT_TRUE(answered);
+      if (peerDoes == Peer::Answers) {
+        EXPECT_EQ(write(connection[1], "ok", 2), 2);
+      }
       if (peerDoes == Peer::GivesUpTheRequest) handedOver.reset();
       if (peerDoes == Peer::StopsTheRun) loop->stop();
     });
