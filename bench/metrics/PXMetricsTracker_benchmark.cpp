@@ -9,10 +9,8 @@
 //  - sporadic: one call, then about 100 µs of other work, repeated; the
 //    figure is the median of the caller's time for the call alone (the usual
 //    rhythm of an application, in which the worker has gone idle between calls).
-#include <pthread.h>
 #include <pxkit/metrics/PXMetricsTracker.h>
 #include <pxkit/platform/PXDispatchQueue.h>
-#include <sched.h>
 
 #include <algorithm>
 #include <chrono>
@@ -22,6 +20,7 @@
 #include <vector>
 
 #include "metrics/internal/PXMetricsTrackerInternal.h"
+#include "support/PXBenchCores.h"
 #include "support/PXBenchRatio.h"
 
 namespace {
@@ -55,48 +54,22 @@ PXMetricsTracker& benchTracker() {
   return *tracker;
 }
 
-// The cores the process was given, read before any thread is pinned.
-cpu_set_t& originalCores() {
-  static cpu_set_t set = [] {
-    cpu_set_t cores;
-    CPU_ZERO(&cores);
-    if (sched_getaffinity(0, sizeof cores, &cores) != 0) CPU_ZERO(&cores);
-    return cores;
-  }();
-  return set;
-}
-
-std::vector<int> allowedCores() {
-  std::vector<int> cores;
-  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
-    if (CPU_ISSET(cpu, &originalCores())) cores.push_back(cpu);
-  }
-  return cores;
-}
-
-bool pinCallingThread(int core) {
-  cpu_set_t set;
-  CPU_ZERO(&set);
-  CPU_SET(core, &set);
-  return pthread_setaffinity_np(pthread_self(), sizeof set, &set) == 0;
-}
-
 enum class Placement { Unpinned, CrossCore, SameCore };
 
 // Pins the benchmark thread and the tracker's worker as asked; false (and the
 // benchmark skipped) when the machine cannot give that placement.
 bool place(benchmark::State& state, Placement placement) {
   if (placement == Placement::Unpinned) return true;
-  std::vector<int> cores = allowedCores();
+  std::vector<int> cores = PXBenchAllowedCores();
   if (cores.empty() || (placement == Placement::CrossCore && cores.size() < 2)) {
     state.SkipWithError("not enough cores for this placement");
     return false;
   }
   const int caller = cores[0];
   const int worker = placement == Placement::CrossCore ? cores[1] : cores[0];
-  bool pinned = pinCallingThread(caller);
+  bool pinned = PXBenchPinCallingThread(caller);
   pxkit::internal::metricsOperationQueue(benchTracker()).sync([&] {
-    pinned = pinCallingThread(worker) && pinned;
+    pinned = PXBenchPinCallingThread(worker) && pinned;
   });
   if (!pinned) state.SkipWithError("the threads could not be pinned");
   return pinned;
@@ -104,9 +77,8 @@ bool place(benchmark::State& state, Placement placement) {
 
 // Lets both threads run on every core again.
 void unplace() {
-  auto release = [] { (void)pthread_setaffinity_np(pthread_self(), sizeof(cpu_set_t), &originalCores()); };
-  release();
-  pxkit::internal::metricsOperationQueue(benchTracker()).sync(release);
+  PXBenchUnpinCallingThread();
+  pxkit::internal::metricsOperationQueue(benchTracker()).sync([] { PXBenchUnpinCallingThread(); });
 }
 
 void BM_Recording_InlineMutex(benchmark::State& state) {
@@ -217,7 +189,7 @@ BENCHMARK(BM_Recording_InlineMutexBurst);
 }  // namespace
 
 int main(int argc, char** argv) {
-  (void)originalCores();
+  (void)PXBenchOriginalCores();
   std::map<std::string, double> t = PXBenchRunAll(argc, argv);
   auto ratio = [&](const char* name, const char* a, const char* b) {
     if (t.count(a) && t.count(b) && t[b] > 0) PXBenchReportRatio(name, t[a] / t[b]);

@@ -8,7 +8,8 @@
 //  - 200 POSTs of a 1 MB body.
 //
 // Ratios are throughputs (the other side's time over ours): 1.0 is as fast as
-// the other side, above it is faster.
+// the other side, above it is faster. The server's thread and the client's
+// (this one) are pinned to two different cores when there are two.
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
 #include <pxkit/net/PXWebRequest.h>
@@ -17,7 +18,9 @@
 #include <cstdio>
 #include <map>
 #include <string>
+#include <vector>
 
+#include "support/PXBenchCores.h"
 #include "support/PXBenchRatio.h"
 #include "support/PXLoopbackServer.h"
 
@@ -29,7 +32,11 @@ constexpr size_t kPostSize = 1024 * 1024;
 
 PXLoopbackServer& server() {
   static PXLoopbackServer* shared = [] {
+    // The server's thread takes the core this thread has when it is made.
+    const std::vector<int> cores = PXBenchAllowedCores();
+    const bool pin = cores.size() >= 2 && PXBenchPinCallingThread(cores[1]);
     auto* made = new PXLoopbackServer({.https = false, .keepRequests = false});
+    if (pin && !PXBenchPinCallingThread(cores[0])) PXBenchUnpinCallingThread();
     made->handle("/small",
                  [](const PXLoopbackServer::Request&) { return PXLoopbackServer::Response("small body"); });
     made->handle("/post", [](const PXLoopbackServer::Request& request) {

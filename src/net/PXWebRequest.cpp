@@ -149,8 +149,9 @@ void applySSLOptions(CURL* easy, const PXDictionary& options) {
 // The URL's parts, as libcurl reads them; nothing when it cannot be read.
 struct URLParts {
   std::string scheme, host, port;  // port empty when the URL gives none
+  PXString hostTrackingID;         // "scheme_host_port", the tracking records' key
 };
-std::optional<URLParts> parseURL(const PXString& text) {
+std::optional<URLParts> readURL(const PXString& text) {
   if (!text || text.empty()) return std::nullopt;
   pxkit::curl::Url url = pxkit::curl::makeUrl();
   if (!url || curl_url_set(url.get(), CURLUPART_URL, text.c_str(), 0) != CURLUE_OK) return std::nullopt;
@@ -164,7 +165,20 @@ std::optional<URLParts> parseURL(const PXString& text) {
   };
   if (!part(CURLUPART_SCHEME, parts.scheme) || !part(CURLUPART_HOST, parts.host)) return std::nullopt;
   part(CURLUPART_PORT, parts.port);
+  parts.hostTrackingID = PXFormat("%@_%@_%@", PXString(parts.scheme), PXString(parts.host),
+                                  parts.port.empty() ? PXString() : PXString(parts.port));
   return parts;
+}
+// The same, remembering the last URL read on this thread: a client mostly
+// sends to one URL again and again.
+const std::optional<URLParts>& parseURL(const PXString& text) {
+  thread_local PXString lastText;
+  thread_local std::optional<URLParts> lastParts;
+  if (!lastText || lastText.view() != text.view() || !text) {
+    lastParts = readURL(text);
+    lastText = text;
+  }
+  return lastParts;
 }
 
 }  // namespace
@@ -378,10 +392,11 @@ bool PXWebRequest::startRequestInRunLoopMode(std::string_view) {
   if (canceled_.load(std::memory_order_acquire) || started_ || handlingCompleted_) return false;
 
   // The message: an absolute http or https URL and a method.
-  std::optional<URLParts> url = parseURL(requestURL_);
+  const std::optional<URLParts>& url = parseURL(requestURL_);
   if (!url || (url->scheme != "http" && url->scheme != "https")) return false;
   if (!requestMethod_ || requestMethod_.empty()) return false;
   const bool https = url->scheme == "https";
+  const PXString hostTrackingID = url->hostTrackingID;
 
   // Header fields in order; a later field of the same name replaces an earlier one.
   std::vector<std::pair<std::string, std::string>> fields;
@@ -434,9 +449,7 @@ bool PXWebRequest::startRequestInRunLoopMode(std::string_view) {
   PXRef<PXMutableDictionary> record;
   PXRef<WebConnection> connection;
   if (requestKeepAlive_) {
-    PXString trackingID = PXFormat("%@_%@_%@", PXString(url->scheme), PXString(url->host),
-                                   url->port.empty() ? PXString() : PXString(url->port));
-    record = _requestKeepAliveStreamTrackDictForURL(trackingID);
+    record = _requestKeepAliveStreamTrackDictForURL(hostTrackingID);
     std::lock_guard guard(trackLock());
     PXValue held = record->objectForKey(kPXWebRequestTrackReadStreamKey);
     connection = PXRef<WebConnection>(static_cast<WebConnection*>(held.objectPointer()));

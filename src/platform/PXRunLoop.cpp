@@ -1,3 +1,4 @@
+#include <pthread.h>
 #include <pxkit/objects/PXClock.h>
 #include <pxkit/platform/PXRunLoop.h>
 #include <pxkit/platform/PXTimer.h>
@@ -52,8 +53,21 @@ struct RunLoopCore {
   void dispatchPerformed();
 };
 
+// Whether this is the thread that started the process (or, after a fork, the
+// one that forked). Asked at every PXRunLoop::current(): the answer is kept per
+// thread, and asked again after a fork.
+inline std::atomic<unsigned> forkGeneration{0};
 inline bool isProcessMainThread() noexcept {
-  return gettid() == getpid();
+  [[maybe_unused]] static const int registered =
+      pthread_atfork(nullptr, nullptr, [] { forkGeneration.fetch_add(1, std::memory_order_relaxed); });
+  thread_local unsigned askedIn = ~0u;
+  thread_local bool isMain = false;
+  const unsigned generation = forkGeneration.load(std::memory_order_relaxed);
+  if (askedIn != generation) {
+    isMain = gettid() == getpid();
+    askedIn = generation;
+  }
+  return isMain;
 }
 
 static gboolean performDispatch(GSource* source, GSourceFunc, gpointer) {

@@ -65,6 +65,62 @@ TEST(FdWatch, ReportsWhatIsReadyAndStopsWhenResetInsideItsOwnHandler) {
   }
 }
 
+// Iterations of the current loop, without waiting, that dispatched something
+// (at most `limit`: a watch the loop spins on would dispatch every time).
+int busyIterations(int limit = 20) {
+  int busy = 0;
+  for (int i = 0; i < limit; ++i) busy += PXRunLoop::current()->runOnce(/*mayBlock=*/false) ? 1 : 0;
+  return busy;
+}
+
+// A watch set to no events stays in the poll set (setting events again is
+// free), but a hang-up or a closed fd takes it out instead of waking the loop
+// on every iteration, and is never reported to the handler.
+TEST(FdWatch, AnIdleWatchIsNotCalledAndLeavesThePollSetWhenItsFdHangsUpOrCloses) {
+  for (const bool closeWatchedEnd : {false, true}) {
+    SCOPED_TRACE(closeWatchedEnd ? "watched fd closed" : "peer hung up");
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
+    std::vector<unsigned> calls;
+    FdWatch watch = FdWatch::watch(PXRunLoop::current(), fds[0], kFdReadable,
+                                   [&](unsigned events) { calls.push_back(events); });
+    watch.setEvents(0);
+    close(std::exchange(fds[closeWatchedEnd ? 0 : 1], -1));
+    EXPECT_LE(busyIterations(), 1);  // the one that takes the watch out
+    EXPECT_EQ(busyIterations(), 0);
+    EXPECT_TRUE(calls.empty());
+    if (!closeWatchedEnd) {
+      watch.setEvents(kFdReadable);  // back in the poll set: the end of the stream is read
+      ASSERT_TRUE(PXRunLoopUntil([&] { return !calls.empty(); }));
+      EXPECT_EQ(calls, std::vector<unsigned>{kFdReadable});
+    }
+    watch.reset();
+    for (int fd : fds) close(fd);
+  }
+}
+
+// While its handler runs a nested run of the loop, a watch is not called
+// again, and the nested run does not spin on its fd, even when the fd hangs up
+// meanwhile; the hang-up is reported once the handler has returned.
+TEST(FdWatch, IsNotReenteredByANestedRunOfItsLoop) {
+  int fds[2];
+  ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
+  ASSERT_EQ(write(fds[1], "x", 1), 1);
+  std::vector<unsigned> calls;
+  int nestedBusy = -1;
+  FdWatch watch = FdWatch::watch(PXRunLoop::current(), fds[0], kFdReadable, [&](unsigned events) {
+    calls.push_back(events);
+    if (calls.size() > 1) return;
+    close(std::exchange(fds[1], -1));  // the byte stays unread: the fd is readable and hung up
+    nestedBusy = busyIterations();
+  });
+  ASSERT_TRUE(PXRunLoopUntil([&] { return calls.size() >= 2; }));
+  EXPECT_LE(nestedBusy, 1);  // at most the iteration that takes the hung-up fd out
+  EXPECT_EQ(calls, (std::vector<unsigned>{kFdReadable, kFdReadable}));
+  watch.reset();
+  close(fds[0]);
+}
+
 TEST(FdWatch, BadArgumentsMakeAnEmptyWatch) {
   auto handler = [](unsigned) {};
   const int fd = STDIN_FILENO;
@@ -102,6 +158,19 @@ TEST(RunLoopTimeout, FiresOnceOnTheRealClockUnlessCancelled) {
   drain();
   EXPECT_EQ(fired, (std::vector<std::string>{"self-cancelling", "later"}));
   EXPECT_FALSE(later);  // fired: nothing left to fire
+  // Moved rather than made again: it fires again, but not once moved later or disarmed.
+  ASSERT_TRUE(later.rearm(0));
+  ASSERT_TRUE(PXRunLoopUntil([&] { return fired.size() >= 3; }));
+  later.rearm(0);
+  later.rearm(60'000);
+  drain();
+  EXPECT_TRUE(later);
+  later.rearm(0);
+  later.disarm();
+  drain();
+  EXPECT_FALSE(later);
+  EXPECT_EQ(fired, (std::vector<std::string>{"self-cancelling", "later", "later"}));
+  EXPECT_FALSE(RunLoopTimeout().rearm(0));
   EXPECT_EQ(PXClock::now(), PXDate(0));
   EXPECT_FALSE(RunLoopTimeout::after(nullptr, 0, [] {}));
   EXPECT_FALSE(RunLoopTimeout::after(loop, 0, nullptr));

@@ -140,8 +140,8 @@ int WebMulti::socketCallback(CURL*, curl_socket_t socket, int what, void* userp,
   auto* self = static_cast<WebMulti*>(userp);
   if (what == CURL_POLL_REMOVE) {
     // Parked, not destroyed: a kept connection's socket comes back with the
-    // next request, and a parked watch polls nothing (should the number be
-    // reused by another file, it is not watched until libcurl asks again).
+    // next request at no cost. A parked watch calls nothing, and leaves the
+    // poll set when its socket hangs up or is closed.
     auto found = self->watches_.find(socket);
     if (found != self->watches_.end()) found->second.setEvents(0);
     if (self->watches_.size() > kMaxParkedWatches) {
@@ -171,11 +171,14 @@ int WebMulti::socketCallback(CURL*, curl_socket_t socket, int what, void* userp,
 int WebMulti::timerCallback(CURLM*, long timeoutMs, void* userp) {
   auto* self = static_cast<WebMulti*>(userp);
   if (timeoutMs < 0) {
-    self->timer_.reset();
+    self->timer_.disarm();
     return 0;
   }
-  self->timer_ =
-      RunLoopTimeout::after(self->loop_, timeoutMs, [self] { self->drive(CURL_SOCKET_TIMEOUT, 0); });
+  // One timeout for the multi's life, moved at each call.
+  if (!self->timer_.rearm(timeoutMs)) {
+    self->timer_ =
+        RunLoopTimeout::after(self->loop_, timeoutMs, [self] { self->drive(CURL_SOCKET_TIMEOUT, 0); });
+  }
   return 0;
 }
 

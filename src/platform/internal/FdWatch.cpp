@@ -1,6 +1,7 @@
 #include "platform/internal/FdWatch.h"
 
 #include <algorithm>
+#include <atomic>
 #include <new>
 #include <utility>
 
@@ -17,9 +18,14 @@ namespace {
 
 struct FdSource {
   GSource base;  // first: GLib allocates the whole struct
-  int fd;
+  // Our own poll record. Its events are changed in place on the loop's thread
+  // (GLib reads them afresh each time it polls), so a change neither wakes the
+  // loop nor costs a call; only putting the record in the poll set or taking
+  // it out does.
+  GPollFD poll;
+  bool polled;       // the record is in the source's poll set
+  bool dispatching;  // the handler runs: polled for nothing meanwhile
   unsigned events;
-  gpointer tag;  // the fd's poll record; null while no event is watched
   FdWatch::Handler* handler;
 };
 
@@ -27,12 +33,12 @@ FdSource* fdSource(GSource* source) noexcept {
   return reinterpret_cast<FdSource*>(source);
 }
 
-GIOCondition conditionsFor(unsigned events) noexcept {
+gushort conditionsFor(unsigned events) noexcept {
   unsigned conditions = 0;
   if (events & kFdReadable) conditions |= G_IO_IN;
   if (events & kFdWritable) conditions |= G_IO_OUT;
   if (events & kFdError) conditions |= G_IO_ERR;
-  return static_cast<GIOCondition>(conditions);
+  return static_cast<gushort>(conditions);
 }
 
 unsigned eventsFrom(unsigned revents, unsigned watched) noexcept {
@@ -45,12 +51,49 @@ unsigned eventsFrom(unsigned revents, unsigned watched) noexcept {
   return ready & (watched | kFdError);
 }
 
+// Puts the record's events in force: none while the handler runs or when none
+// are watched. The record stays in the poll set then (a hang-up, an error or a
+// closed fd is still reported, and takes it out: fdDispatch).
+void applyEvents(GSource* source) {
+  FdSource* s = fdSource(source);
+  s->poll.events = s->dispatching ? 0 : conditionsFor(s->events);
+  if (s->poll.events != 0 && !s->polled && !g_source_is_destroyed(source)) {
+    g_source_add_poll(source, &s->poll);
+    s->polled = true;
+  }
+}
+
+gboolean fdCheck(GSource* source) {
+  const FdSource* s = fdSource(source);
+  return s->polled && (s->poll.revents & (s->poll.events | G_IO_ERR | G_IO_HUP | G_IO_NVAL)) != 0;
+}
+
+// The source may recurse (GLib would otherwise take its record out of the poll
+// set for each dispatch and put it back after, waking the loop every time); it
+// keeps its handler from being re-entered itself, by polling for nothing while
+// the handler runs.
 gboolean fdDispatch(GSource* source, GSourceFunc, gpointer) {
   FdSource* s = fdSource(source);
-  if (!s->tag) return G_SOURCE_CONTINUE;
-  const unsigned ready = eventsFrom(g_source_query_unix_fd(source, s->tag), s->events);
-  // The handler lives until finalize, which cannot come before this returns.
-  if (ready) (*s->handler)(ready);
+  const unsigned revents = std::exchange(s->poll.revents, 0);
+  if (s->poll.events == 0) {
+    // Polled for nothing (idle, or the handler runs), and the fd hung up,
+    // failed or was closed: out of the poll set until events are set again,
+    // or the loop would spin on it.
+    if (s->polled) {
+      g_source_remove_poll(source, &s->poll);
+      s->polled = false;
+    }
+    return G_SOURCE_CONTINUE;
+  }
+  const unsigned ready = eventsFrom(revents, s->events);
+  if (!ready) return G_SOURCE_CONTINUE;
+  s->dispatching = true;
+  applyEvents(source);
+  // The handler lives until finalize, which cannot come before this returns;
+  // so does the source, even when the handler resets its watch.
+  (*s->handler)(ready);
+  s->dispatching = false;
+  applyEvents(source);
   return G_SOURCE_CONTINUE;
 }
 
@@ -60,7 +103,7 @@ void fdFinalize(GSource* source) {
   s->handler = nullptr;
 }
 
-GSourceFuncs kFdSourceFuncs = {nullptr, nullptr, fdDispatch, fdFinalize, nullptr, nullptr};
+GSourceFuncs kFdSourceFuncs = {nullptr, fdCheck, fdDispatch, fdFinalize, nullptr, nullptr};
 
 // Destroys and drops a source held by a handle; null does nothing.
 void release(GSource*& source) noexcept {
@@ -80,12 +123,14 @@ FdWatch FdWatch::watch(PXRunLoop* loop, int fd, unsigned events, Handler handler
   if (!loop || fd < 0 || !handler) return FdWatch();
   GSource* source = g_source_new(&kFdSourceFuncs, sizeof(FdSource));
   FdSource* s = fdSource(source);
-  s->fd = fd;
+  s->poll = GPollFD{fd, 0, 0};
+  s->polled = false;
+  s->dispatching = false;
   s->events = 0;
-  s->tag = nullptr;
   s->handler = new Handler(std::move(handler));
   g_source_set_priority(source, G_PRIORITY_DEFAULT);
   g_source_set_static_name(source, "FdWatch");
+  g_source_set_can_recurse(source, TRUE);  // see fdDispatch
   FdWatch watch(source);
   watch.setEvents(events);
   g_source_attach(source, loop->context()->glib);
@@ -110,16 +155,12 @@ void FdWatch::setEvents(unsigned events) {
   if (!source_) return;
   FdSource* s = fdSource(source_);
   events &= kFdReadable | kFdWritable | kFdError;
+  if (events == s->events) return;
   s->events = events;
-  if (events == 0) {
-    // Not polled at all: a hang-up would otherwise keep waking a watch that
-    // asked for nothing.
-    if (s->tag) g_source_remove_unix_fd(source_, std::exchange(s->tag, nullptr));
-  } else if (s->tag) {
-    g_source_modify_unix_fd(source_, s->tag, conditionsFor(events));
-  } else {
-    s->tag = g_source_add_unix_fd(source_, s->fd, conditionsFor(events));
-  }
+  // What the last poll saw was asked for other events, or for none: for a
+  // closed fd whose number is in use again, say. The next poll asks afresh.
+  s->poll.revents = 0;
+  applyEvents(source_);
 }
 
 unsigned FdWatch::events() const noexcept {
@@ -157,8 +198,12 @@ void PendingIO::reset() {
   if (!loop) return;
   RunLoopContext* context = loop->context();
   // The last one wakes a run that waits for I/O, so that it may move the
-  // virtual clock on again.
-  if (context->pendingIO.fetch_sub(1, std::memory_order_acq_rel) == 1) g_main_context_wakeup(context->glib);
+  // virtual clock on again. Inside an iteration on the loop's thread no run
+  // waits: the one under way looks at the count again when the iteration ends.
+  if (context->pendingIO.fetch_sub(1, std::memory_order_acq_rel) == 1 &&
+      !g_main_context_is_owner(context->glib)) {
+    g_main_context_wakeup(context->glib);
+  }
 }
 
 bool hasPendingIO(PXRunLoop* loop) noexcept {
@@ -167,23 +212,75 @@ bool hasPendingIO(PXRunLoop* loop) noexcept {
 
 // ---- RunLoopTimeout -------------------------------------------------------------------
 
+namespace {
+
+// A timeout is a GSource of ours that keeps its date itself, read each time
+// the loop prepares to wait: moving the date on the loop's thread needs no
+// wake-up, and one source serves a timer that is moved at every call.
+struct TimeoutSource {
+  GSource base;                  // first: GLib allocates the whole struct
+  std::atomic<gint64> deadline;  // monotonic microseconds; -1: not armed
+  std::function<void()>* fire;
+};
+
+TimeoutSource* timeoutSource(GSource* source) noexcept {
+  return reinterpret_cast<TimeoutSource*>(source);
+}
+
+gboolean timeoutPrepare(GSource* source, gint* timeout) {
+  const gint64 deadline = timeoutSource(source)->deadline.load(std::memory_order_relaxed);
+  if (deadline < 0) {
+    *timeout = -1;
+    return FALSE;
+  }
+  const gint64 now = g_source_get_time(source);
+  if (now >= deadline) {
+    *timeout = 0;
+    return TRUE;
+  }
+  *timeout = static_cast<gint>(std::min<gint64>((deadline - now + 999) / 1000, G_MAXINT));
+  return FALSE;
+}
+
+gboolean timeoutCheck(GSource* source) {
+  const gint64 deadline = timeoutSource(source)->deadline.load(std::memory_order_relaxed);
+  return deadline >= 0 && g_source_get_time(source) >= deadline;
+}
+
+gboolean timeoutDispatch(GSource* source, GSourceFunc, gpointer) {
+  TimeoutSource* s = timeoutSource(source);
+  s->deadline.store(-1, std::memory_order_relaxed);
+  // `fire` lives until finalize, which cannot come before this returns.
+  (*s->fire)();
+  return G_SOURCE_CONTINUE;
+}
+
+void timeoutFinalize(GSource* source) {
+  TimeoutSource* s = timeoutSource(source);
+  delete s->fire;
+  s->fire = nullptr;
+  s->deadline.~atomic();
+}
+
+GSourceFuncs kTimeoutSourceFuncs = {timeoutPrepare,  timeoutCheck, timeoutDispatch,
+                                    timeoutFinalize, nullptr,      nullptr};
+
+gint64 deadlineAfter(int64_t milliseconds) noexcept {
+  const int64_t clamped = std::clamp<int64_t>(milliseconds, 0, G_MAXINT64 / 2000);
+  return g_get_monotonic_time() + clamped * 1000;
+}
+
+}  // namespace
+
 RunLoopTimeout::RunLoopTimeout() noexcept = default;
 
 RunLoopTimeout RunLoopTimeout::after(PXRunLoop* loop, int64_t milliseconds, std::function<void()> fire) {
   if (!loop || !fire) return RunLoopTimeout();
-  const auto interval = static_cast<guint>(std::clamp<int64_t>(milliseconds, 0, G_MAXUINT));
-  GSource* source = g_timeout_source_new(interval);
+  GSource* source = g_source_new(&kTimeoutSourceFuncs, sizeof(TimeoutSource));
+  TimeoutSource* s = timeoutSource(source);
+  new (&s->deadline) std::atomic<gint64>(deadlineAfter(milliseconds));
+  s->fire = new std::function<void()>(std::move(fire));
   g_source_set_static_name(source, "RunLoopTimeout");
-  // GLib keeps the callback data alive through a dispatch even when the
-  // callback destroys its own source, so `fire` may reset its handle.
-  g_source_set_callback(
-      source,
-      [](gpointer data) -> gboolean {
-        (*static_cast<std::function<void()>*>(data))();
-        return G_SOURCE_REMOVE;
-      },
-      new std::function<void()>(std::move(fire)),
-      [](gpointer data) { delete static_cast<std::function<void()>*>(data); });
   g_source_attach(source, loop->context()->glib);
   return RunLoopTimeout(source);
 }
@@ -203,12 +300,23 @@ RunLoopTimeout::~RunLoopTimeout() {
   release(source_);
 }
 
+bool RunLoopTimeout::rearm(int64_t milliseconds) {
+  if (!source_ || g_source_is_destroyed(source_)) return false;
+  timeoutSource(source_)->deadline.store(deadlineAfter(milliseconds), std::memory_order_relaxed);
+  return true;
+}
+
+void RunLoopTimeout::disarm() {
+  if (source_) timeoutSource(source_)->deadline.store(-1, std::memory_order_relaxed);
+}
+
 void RunLoopTimeout::reset() {
   release(source_);
 }
 
 RunLoopTimeout::operator bool() const noexcept {
-  return source_ && !g_source_is_destroyed(source_);
+  return source_ && !g_source_is_destroyed(source_) &&
+         timeoutSource(source_)->deadline.load(std::memory_order_relaxed) >= 0;
 }
 
 }  // namespace pxkit::internal

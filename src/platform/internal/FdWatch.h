@@ -38,9 +38,12 @@ enum FdEvent : unsigned {
 // The handler runs on the loop's thread, in an iteration of the loop, with the
 // events that are ready among those watched; an error is reported whenever it
 // occurs (and a hang-up as kFdError when reading is not watched), whether
-// asked for or not. A watch with no events polls nothing. The handler is not
-// re-entered: while it runs, a nested run of the loop does not call it again
-// (other watches, timers and blocks still run).
+// asked for or not. A watch with no events calls nothing: it keeps its place
+// in the poll set, so that setting events again costs no wake-up of the loop,
+// until the fd hangs up, fails or is closed (one wake-up), and leaves it then.
+// Changing events between non-zero sets never wakes the loop. The handler is
+// not re-entered: while it runs, a nested run of the loop does not call it
+// again (other watches, timers and blocks still run).
 //
 // Thread safety: watch() and setEvents() on the loop's thread. reset() and
 // the destructor may be called on any thread, but only on the loop's thread
@@ -115,9 +118,9 @@ bool hasPendingIO(PXRunLoop* loop) noexcept;
 // virtual clock neither fires nor holds it.
 //
 // Thread safety: after() and reset() may be called on any thread; `fire` runs
-// on the loop's thread. On the loop's thread (inside `fire` too), reset()
-// guarantees that `fire` will not be called; from another thread a call
-// already under way finishes.
+// on the loop's thread. On the loop's thread (inside `fire` too), reset() and
+// disarm() guarantee that `fire` will not be called; from another thread a
+// call already under way finishes.
 class RunLoopTimeout {
  public:
   // An empty timeout (false).
@@ -132,14 +135,22 @@ class RunLoopTimeout {
   RunLoopTimeout& operator=(const RunLoopTimeout&) = delete;
   ~RunLoopTimeout();
 
+  // Moves the timeout to `milliseconds` from now (a negative count is 0),
+  // whether it fired, was disarmed or is still to fire. Neither a new source
+  // nor a wake-up of the loop: for a library that moves its timer at every call
+  // (libcurl does). On the loop's thread; false (and nothing) on an empty
+  // timeout.
+  bool rearm(int64_t milliseconds);
+  // Keeps it from firing until rearmed. On the loop's thread.
+  void disarm();
   // Cancels the timeout if it has not fired; the object becomes empty.
   void reset();
-  // Whether the timeout is still to fire.
+  // Whether the timeout is still to fire. On the loop's thread.
   explicit operator bool() const noexcept;
 
  private:
   explicit RunLoopTimeout(GSource* source) noexcept : source_(source) {}
-  GSource* source_ = nullptr;  // +1; a GLib timeout source
+  GSource* source_ = nullptr;  // +1; a TimeoutSource (FdWatch.cpp)
 };
 
 }  // namespace pxkit::internal
