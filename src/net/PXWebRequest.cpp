@@ -462,50 +462,56 @@ bool PXWebRequest::startRequestInRunLoopMode(std::string_view) {
   transfer->connection = connection;
 
   CURL* easy = connection->easy();
-  curl_easy_reset(easy);  // keeps the share and its open connection
+  const std::string_view method = requestMethod_.view();
+  // A kept connection's handle that the last plain GET configured keeps its
+  // options for the next plain GET: only what is the request's own is set.
+  const bool plainGET = requestKeepAlive_ && method == "GET" && !body && !(https && requestSSLOptions_);
+  if (!plainGET || !connection->holdsPlainGET) {
+    curl_easy_reset(easy);  // keeps the share and its open connection
+    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(easy, CURLOPT_MAXREDIRS, static_cast<long>(kPXWebRequestMaxRedirects));
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, kReceiveBufferSize);
+    curl_easy_setopt(easy, CURLOPT_USERAGENT, "PXKit/" PXKIT_VERSION_STRING);
+    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &WebMulti::onHeader);
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &WebMulti::onBody);
+    curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, &WebMulti::onPrereq);
+    // Through a proxy (the environment's http_proxy and kin), only the server's header is the response's.
+    curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+    if (method == "GET" && !body) {
+      curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+    } else if (method == "HEAD" && !body) {
+      curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
+    } else {
+      if (method != "POST") curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, requestMethod_.c_str());
+      if (body) {
+        curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body->length()));
+        curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body->bytes().data());
+        // A large body goes out in fewer, larger writes: each write is one turn of the run loop.
+        if (body->length() > kLargeBodySize)
+          curl_easy_setopt(easy, CURLOPT_UPLOAD_BUFFERSIZE, kLargeBodyBufferSize);
+      } else if (method == "POST") {
+        curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(0));
+        curl_easy_setopt(easy, CURLOPT_POSTFIELDS, "");
+      }
+    }
+    if (!requestKeepAlive_) {
+      curl_easy_setopt(easy, CURLOPT_FRESH_CONNECT, 1L);
+      curl_easy_setopt(easy, CURLOPT_FORBID_REUSE, 1L);
+    }
+    if (https && requestSSLOptions_) applySSLOptions(easy, *requestSSLOptions_);
+  }
+  connection->holdsPlainGET = plainGET;
   curl_easy_setopt(easy, CURLOPT_PRIVATE, transfer.get());
   curl_easy_setopt(easy, CURLOPT_URL, requestURL_.c_str());
-  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(easy, CURLOPT_MAXREDIRS, static_cast<long>(kPXWebRequestMaxRedirects));
-  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, kReceiveBufferSize);
-  curl_easy_setopt(easy, CURLOPT_USERAGENT, "PXKit/" PXKIT_VERSION_STRING);
   curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer->errorBuffer);
-  curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &WebMulti::onHeader);
   curl_easy_setopt(easy, CURLOPT_HEADERDATA, transfer.get());
-  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &WebMulti::onBody);
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, transfer.get());
-  curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, &WebMulti::onPrereq);
   curl_easy_setopt(easy, CURLOPT_PREREQDATA, transfer.get());
   curl_easy_setopt(easy, CURLOPT_HTTPHEADER, transfer->headers.get());
-  // Through a proxy (the environment's http_proxy and kin), only the server's header is the response's.
-  curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-  const std::string_view method = requestMethod_.view();
-  if (method == "GET" && !body) {
-    curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
-  } else if (method == "HEAD" && !body) {
-    curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
-  } else {
-    if (method != "POST") curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, requestMethod_.c_str());
-    if (body) {
-      curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body->length()));
-      curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body->bytes().data());
-      // A large body goes out in fewer, larger writes: each write is one turn of the run loop.
-      if (body->length() > kLargeBodySize)
-        curl_easy_setopt(easy, CURLOPT_UPLOAD_BUFFERSIZE, kLargeBodyBufferSize);
-    } else if (method == "POST") {
-      curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(0));
-      curl_easy_setopt(easy, CURLOPT_POSTFIELDS, "");
-    }
-  }
-  if (!requestKeepAlive_) {
-    curl_easy_setopt(easy, CURLOPT_FRESH_CONNECT, 1L);
-    curl_easy_setopt(easy, CURLOPT_FORBID_REUSE, 1L);
-  }
-  if (https && requestSSLOptions_) applySSLOptions(easy, *requestSSLOptions_);
 
   {
     std::lock_guard guard(stateLock_);
@@ -530,6 +536,8 @@ bool PXWebRequest::startRequestInRunLoopMode(std::string_view) {
     record->setObject(PXValue(PXRef<PXObject>(connection)), kPXWebRequestTrackReadStreamKey);
   }
   streamTrackDict_ = std::move(record);
+  // On the wire now, while the caller goes back to its loop; events still come from the loop.
+  multi->kick();
   return true;
 }
 

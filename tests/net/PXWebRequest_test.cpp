@@ -6,6 +6,7 @@
 #include <pxkit/platform/PXRunLoop.h>
 
 #include <algorithm>
+#include <chrono>
 #include <functional>
 #include <string>
 #include <thread>
@@ -258,6 +259,41 @@ TEST(PXWebRequest, KeptConnectionsAreReusedUntilTheServerSaysClose) {
   EXPECT_EQ(server.requests().back().header("Connection"), "close");
   EXPECT_EQ(server.acceptedConnections(), 3);
   EXPECT_EQ(PXWebRequestTestHook::records().size(), 2u);
+}
+
+// Over a kept connection, start sends the request at once (the server has it
+// before this thread's loop runs), yet delivers nothing but event 1 itself:
+// the rest comes from the loop, in order.
+TEST(PXWebRequest, GoesOutAtStartButReportsOnlyFromItsLoop) {
+  Server server;
+  server.handle("/item", [](const Server::Request&) { return Server::Response("item"); });
+  Recorder opening, recorder;
+  auto first = makeRequest(server.url("/item"), opening);
+  runToFinish(*first, opening);
+  auto request = makeRequest(server.url("/item"), recorder);
+  ASSERT_TRUE(request->startRequestInRunLoopMode(kPXDefaultRunLoopMode));
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (server.requests().size() < 2 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  EXPECT_EQ(server.requests().size(), 2u) << "sent before the loop ran";
+  EXPECT_EQ(recorder.events, std::vector<int32_t>{kPXWebRequestEventWillStart});
+  ASSERT_TRUE(PXRunLoopUntil([&] { return recorder.finished(); }));
+  EXPECT_EQ(recorder.events,
+            (std::vector<int32_t>{kPXWebRequestEventWillStart, kPXWebRequestEventOpened,
+                                  kPXWebRequestEventReceivedHeaders, kPXWebRequestEventReceivedData,
+                                  kPXWebRequestEventFinished}));
+  EXPECT_EQ(recorder.body, "item");
+
+  // The kept handle is set up afresh for a request unlike the last: a GET after a POST is a GET.
+  for (const char* method : {"POST", "GET"}) {
+    Recorder next;
+    PXRef<PXData> body = std::string_view(method) == "POST" ? PXData::dataWithString("posted") : nullptr;
+    auto again = makeRequest(server.url("/item"), next, true, method, body);
+    runToFinish(*again, next);
+    EXPECT_EQ(server.requests().back().method, method);
+    EXPECT_EQ(server.requests().back().body, body ? "posted" : "");
+  }
+  EXPECT_EQ(server.acceptedConnections(), 1);
 }
 
 TEST(PXWebRequest, SendsItsBodyWithTheKitsHeaderFields) {

@@ -224,7 +224,9 @@ class PXKIT_EXPORT PXWebRequest : public PXObject {
 
   // ---- Operations (on the request's thread unless said) ------------------------
   // Delivers event 1, then builds the message and starts the transfer on the
-  // calling thread's run loop. `mode` is accepted for every name (run-loop modes
+  // calling thread's run loop: it goes out at once (connecting, or sending over
+  // a kept connection), but every later event comes from that run loop, never
+  // from inside this call. `mode` is accepted for every name (run-loop modes
   // are one set on Linux). Returns NO, with no further event, when the request
   // was cancelled, has no usable URL (unparsable, or a scheme other than "http"
   // and "https") or method, or was started before.

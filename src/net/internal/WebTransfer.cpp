@@ -172,14 +172,25 @@ int WebMulti::timerCallback(CURLM*, long timeoutMs, void* userp) {
   auto* self = static_cast<WebMulti*>(userp);
   if (timeoutMs < 0) {
     self->timer_.disarm();
-    return 0;
-  }
-  // One timeout for the multi's life, moved at each call.
-  if (!self->timer_.rearm(timeoutMs)) {
-    self->timer_ =
-        RunLoopTimeout::after(self->loop_, timeoutMs, [self] { self->drive(CURL_SOCKET_TIMEOUT, 0); });
+  } else {
+    self->armTimer(timeoutMs);
   }
   return 0;
+}
+
+void WebMulti::armTimer(long milliseconds) {
+  // One timeout for the multi's life, moved at each call.
+  if (!timer_.rearm(milliseconds))
+    timer_ = RunLoopTimeout::after(loop_, milliseconds, [this] { drive(CURL_SOCKET_TIMEOUT, 0); });
+}
+
+void WebMulti::kick() {
+  PXRef<WebMulti> keep(this);
+  int running = 0;
+  curl_multi_socket_action(multi_.get(), CURL_SOCKET_TIMEOUT, 0, &running);
+  // Whatever happened (opened, failed, even finished) is handed over at the
+  // next turn, never to the caller of start.
+  armTimer(0);
 }
 
 void WebMulti::drive(curl_socket_t socket, int events) {

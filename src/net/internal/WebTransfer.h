@@ -46,6 +46,9 @@ class WebConnection : public PXObject {
   CURL* easy() const noexcept { return easy_.get(); }
   bool valid() const noexcept { return easy_ && (!keepAlive_ || share_); }
 
+  // The last request configured the handle as a plain GET (PXWebRequest.cpp).
+  bool holdsPlainGET = false;
+
  private:
   bool keepAlive_;
   curl::Share share_;  // outlives easy_: destroyed after it (declared first)
@@ -89,6 +92,10 @@ class WebMulti : public PXObject {
   PXRunLoop* runLoop() const noexcept { return loop_; }
   // Starts the transfer of `transfer`'s connection; false when curl refuses it.
   bool add(WebRequestTransfer& transfer);
+  // Lets libcurl act on what was added at once (connect, send) instead of at
+  // the next turn of the loop, which still hands over whatever it reported:
+  // no event is delivered from here. Not from inside a libcurl callback.
+  void kick();
   // Ends it (not from inside a libcurl callback). A transfer that has not
   // finished loses its connection.
   void remove(WebRequestTransfer& transfer);
@@ -108,6 +115,8 @@ class WebMulti : public PXObject {
   static int socketCallback(CURL* easy, curl_socket_t socket, int what, void* userp, void* socketp);
   static int timerCallback(CURLM* multi, long timeoutMs, void* userp);
   void drive(curl_socket_t socket, int events);
+  // Calls drive() for libcurl's timeout `milliseconds` from now.
+  void armTimer(long milliseconds);
 
   PXRunLoop* loop_;  // borrowed: the loop keeps us
   curl::Multi multi_;
