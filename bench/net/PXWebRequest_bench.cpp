@@ -74,90 +74,82 @@ size_t collect(char*, size_t size, size_t count, void* received) {
   return size * count;
 }
 
-void runWebRequests(benchmark::State& state, const char* path, int count, bool keepAlive, size_t bodySize) {
-  const PXString url(server().url(path));
-  PXRef<PXData> body = bodySize ? PXData::dataWithString(std::string(bodySize, 'b')) : nullptr;
+// Runs `exchange` `count` times per iteration; a failed exchange ends the
+// benchmark with an error.
+template <typename Exchange>
+void runExchanges(benchmark::State& state, int count, Exchange exchange) {
   for (auto _ : state) {
-    size_t received = 0;
     for (int i = 0; i < count; ++i) {
-      if (!webRequest(url, keepAlive, body, received)) {
+      if (!exchange()) {
         state.SkipWithError("request failed");
         return;
       }
     }
-    benchmark::DoNotOptimize(received);
   }
   state.SetItemsProcessed(state.iterations() * count);
 }
 
-void runCurlEasy(benchmark::State& state, const char* path, int count, size_t bodySize) {
-  const std::string url = server().url(path);
-  const std::string body(bodySize, 'b');
+// An easy handle that sends to `url` with `headers`, counting the body bytes in `received`.
+CURL* makeEasy(const std::string& url, curl_slist* headers, size_t& received) {
   CURL* easy = curl_easy_init();
-  curl_slist* headers = curl_slist_append(nullptr, "Expect:");
-  size_t received = 0;
   curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &collect);
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, &received);
   curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
   curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  return easy;
+}
+
+void runWebRequests(benchmark::State& state, const char* path, int count, bool keepAlive, size_t bodySize) {
+  const PXString url(server().url(path));
+  PXRef<PXData> body = bodySize ? PXData::dataWithString(std::string(bodySize, 'b')) : nullptr;
+  size_t received = 0;
+  runExchanges(state, count, [&] { return webRequest(url, keepAlive, body, received); });
+  benchmark::DoNotOptimize(received);
+}
+
+void runCurlEasy(benchmark::State& state, const char* path, int count, size_t bodySize) {
+  const std::string body(bodySize, 'b');
+  curl_slist* headers = curl_slist_append(nullptr, "Expect:");
+  size_t received = 0;
+  CURL* easy = makeEasy(server().url(path), headers, received);
   if (bodySize) {
     curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
     curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body.data());
   }
-  for (auto _ : state) {
-    for (int i = 0; i < count; ++i) {
-      if (curl_easy_perform(easy) != CURLE_OK) {
-        state.SkipWithError("request failed");
-        break;
-      }
-    }
-    benchmark::DoNotOptimize(received);
-  }
-  state.SetItemsProcessed(state.iterations() * count);
+  runExchanges(state, count, [&] { return curl_easy_perform(easy) == CURLE_OK; });
+  benchmark::DoNotOptimize(received);
   curl_slist_free_all(headers);
   curl_easy_cleanup(easy);
 }
 
 void runCurlMulti(benchmark::State& state, const char* path, int count, bool keepAlive) {
-  const std::string url = server().url(path);
-  CURLM* multi = curl_multi_init();
-  CURL* easy = curl_easy_init();
   // As PXWebRequest asks: the server closes a connection that is not kept at once.
   curl_slist* headers =
       curl_slist_append(nullptr, keepAlive ? "Connection: Keep-Alive" : "Connection: close");
   size_t received = 0;
-  curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &collect);
-  curl_easy_setopt(easy, CURLOPT_WRITEDATA, &received);
-  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
+  CURL* easy = makeEasy(server().url(path), headers, received);
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   curl_easy_setopt(easy, CURLOPT_FRESH_CONNECT, keepAlive ? 0L : 1L);
   curl_easy_setopt(easy, CURLOPT_FORBID_REUSE, keepAlive ? 0L : 1L);
-  for (auto _ : state) {
-    for (int i = 0; i < count; ++i) {
-      curl_multi_add_handle(multi, easy);
-      int running = 1;
-      while (running) {
-        curl_multi_perform(multi, &running);
-        if (running) curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
-      }
-      int queued = 0;
-      const CURLMsg* message = curl_multi_info_read(multi, &queued);
-      const bool ok = message && message->msg == CURLMSG_DONE && message->data.result == CURLE_OK;
-      curl_multi_remove_handle(multi, easy);
-      if (!ok) {
-        state.SkipWithError("request failed");
-        break;
-      }
+  CURLM* multi = curl_multi_init();
+  runExchanges(state, count, [&] {
+    curl_multi_add_handle(multi, easy);
+    int running = 1;
+    while (running) {
+      curl_multi_perform(multi, &running);
+      if (running) curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
     }
-    benchmark::DoNotOptimize(received);
-  }
-  state.SetItemsProcessed(state.iterations() * count);
+    int queued = 0;
+    const CURLMsg* message = curl_multi_info_read(multi, &queued);
+    const bool ok = message && message->msg == CURLMSG_DONE && message->data.result == CURLE_OK;
+    curl_multi_remove_handle(multi, easy);
+    return ok;
+  });
+  benchmark::DoNotOptimize(received);
+  curl_multi_cleanup(multi);
   curl_slist_free_all(headers);
   curl_easy_cleanup(easy);
-  curl_multi_cleanup(multi);
 }
 
 void BM_WebRequest_GetKeepAlive(benchmark::State& state) {
