@@ -1,18 +1,19 @@
 // The web request's cost against the floor: the same exchanges through one
 // reused bare libcurl easy handle (curl_easy_perform in a loop), both against
-// one libsoup server on 127.0.0.1 in this process.
+// a libsoup server on 127.0.0.1 in this process (two identical servers: one
+// for kept connections, one for new connections, see server()).
 //
 //  - 2,000 sequential small GETs with keep-alive: PXWebRequest on this thread's
 //    run loop, each started when the previous one finished, vs. the easy handle.
 //  - The same GETs without keep-alive (a new connection each), vs. with it.
 //  - 200 POSTs of a 1 MB body.
 //  - For reference, the keep-alive gain bare libcurl gets against the same
-//    server: the GETs through one easy handle on a multi handle of its own
+//    servers: the GETs through one easy handle on a multi handle of its own
 //    (curl_multi_poll, no run loop), over one connection and with a new one
 //    each. The server's own cost per request bounds what any client gains.
 //
 // Ratios are throughputs (the other side's time over ours): 1.0 is as fast as
-// the other side, above it is faster. The server's thread and the client's
+// the other side, above it is faster. The servers' threads and the client's
 // (this one) are pinned to two different cores when there are two.
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
@@ -34,21 +35,29 @@ constexpr int kGets = 2000;
 constexpr int kPosts = 200;
 constexpr size_t kPostSize = 1024 * 1024;
 
-PXLoopbackServer& server() {
-  static PXLoopbackServer* shared = [] {
-    // The server's thread takes the core this thread has when it is made.
-    const std::vector<int> cores = PXBenchAllowedCores();
-    const bool pin = cores.size() >= 2 && PXBenchPinCallingThread(cores[1]);
-    auto* made = new PXLoopbackServer({.https = false, .keepRequests = false});
-    if (pin && !PXBenchPinCallingThread(cores[0])) PXBenchUnpinCallingThread();
-    made->handle("/small",
-                 [](const PXLoopbackServer::Request&) { return PXLoopbackServer::Response("small body"); });
-    made->handle("/post", [](const PXLoopbackServer::Request& request) {
-      return PXLoopbackServer::Response(std::to_string(request.body.size()));
-    });
-    return made;
-  }();
-  return *shared;
+// A server on its own thread, pinned to the second core when there are two.
+PXLoopbackServer* makeServer() {
+  // The server's thread takes the core this thread has when it is made.
+  const std::vector<int> cores = PXBenchAllowedCores();
+  const bool pin = cores.size() >= 2 && PXBenchPinCallingThread(cores[1]);
+  auto* made = new PXLoopbackServer({.https = false, .keepRequests = false});
+  if (pin && !PXBenchPinCallingThread(cores[0])) PXBenchUnpinCallingThread();
+  made->handle("/small",
+               [](const PXLoopbackServer::Request&) { return PXLoopbackServer::Response("small body"); });
+  made->handle("/post", [](const PXLoopbackServer::Request& request) {
+    return PXLoopbackServer::Response(std::to_string(request.body.size()));
+  });
+  return made;
+}
+
+// The server of the exchanges over kept connections, and one for those that
+// open a new connection each: a libsoup server slows down for a while after
+// thousands of connections came and went, which would otherwise weigh on
+// whichever benchmark happens to run next.
+PXLoopbackServer& server(bool keepAlive) {
+  static PXLoopbackServer* kept = makeServer();
+  static PXLoopbackServer* fresh = makeServer();
+  return keepAlive ? *kept : *fresh;
 }
 
 // One exchange through PXWebRequest, run to its finish on this thread's loop.
@@ -101,7 +110,7 @@ CURL* makeEasy(const std::string& url, curl_slist* headers, size_t& received) {
 }
 
 void runWebRequests(benchmark::State& state, const char* path, int count, bool keepAlive, size_t bodySize) {
-  const PXString url(server().url(path));
+  const PXString url(server(keepAlive).url(path));
   PXRef<PXData> body = bodySize ? PXData::dataWithString(std::string(bodySize, 'b')) : nullptr;
   size_t received = 0;
   runExchanges(state, count, [&] { return webRequest(url, keepAlive, body, received); });
@@ -112,7 +121,7 @@ void runCurlEasy(benchmark::State& state, const char* path, int count, size_t bo
   const std::string body(bodySize, 'b');
   curl_slist* headers = curl_slist_append(nullptr, "Expect:");
   size_t received = 0;
-  CURL* easy = makeEasy(server().url(path), headers, received);
+  CURL* easy = makeEasy(server(/*keepAlive=*/true).url(path), headers, received);
   if (bodySize) {
     curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
     curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body.data());
@@ -128,7 +137,7 @@ void runCurlMulti(benchmark::State& state, const char* path, int count, bool kee
   curl_slist* headers =
       curl_slist_append(nullptr, keepAlive ? "Connection: Keep-Alive" : "Connection: close");
   size_t received = 0;
-  CURL* easy = makeEasy(server().url(path), headers, received);
+  CURL* easy = makeEasy(server(keepAlive).url(path), headers, received);
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(easy, CURLOPT_FRESH_CONNECT, keepAlive ? 0L : 1L);
   curl_easy_setopt(easy, CURLOPT_FORBID_REUSE, keepAlive ? 0L : 1L);
