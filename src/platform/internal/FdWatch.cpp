@@ -7,8 +7,8 @@
 
 #include "platform/internal/RunLoopContext.h"
 
-// A watch is a GSource of ours with one unix fd. Removing a source inside its
-// own dispatch is safe with GLib: the context holds a reference to every
+// A watch is a GSource of ours with one poll record of its own. Removing a
+// source inside its own dispatch is safe with GLib: the context holds a reference to every
 // source it dispatches, so the source (and the handler stored in it) is
 // finalized only after the dispatch returns, and a destroyed source that was
 // ready in the same iteration is skipped.
