@@ -6,10 +6,41 @@
 #include <functional>
 #include <latch>
 #include <memory>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
 namespace {
+
+// Racing callers: the first run throws, so exactly one more runs, and every
+// caller that returns normally sees what that run wrote (ThreadSanitizer checks
+// the plain pointer's hand-over).
+TEST(PXDispatchOnce, RunsOnceForRacingThreadsAndAThrowingRunLeavesTheTokenUnused) {
+  PXDispatchOnceToken token;
+  std::atomic<int> attempts{0}, threw{0}, sawInitialised{0};
+  int* shared = nullptr;
+  std::latch start(8);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&] {
+      start.arrive_and_wait();
+      try {
+        PXDispatchOnce(token, [&] {
+          if (attempts.fetch_add(1) == 0) throw std::runtime_error("the first run fails");
+          shared = new int(42);
+        });
+        if (shared && *shared == 42) sawInitialised.fetch_add(1);
+      } catch (const std::runtime_error&) {
+        threw.fetch_add(1);
+      }
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  EXPECT_EQ(attempts.load(), 2);
+  EXPECT_EQ(threw.load(), 1);
+  EXPECT_EQ(sawInitialised.load(), 7);
+  delete shared;
+}
 
 // Plain state written only by jobs: jobs running concurrently would be a race ThreadSanitizer reports.
 TEST(PXDispatchQueue, ManyProducersLoseNothingAndKeepEachProducersOrder) {

@@ -10,6 +10,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
@@ -168,6 +169,32 @@ TEST(PXSystemBus, NoSystemBusMeansUnavailableWatchersNoEventsNoWarningAndNoWait)
   EXPECT_FALSE(PXSystemEvents::holdsSleepInhibitor());
   EXPECT_TRUE(log.lines(PXLogLevel::Notice).empty());
   EXPECT_FALSE(SystemBus::watch(SystemBusWatcher{}));  // no bus name: nothing registered
+}
+
+// Removing a watcher from another thread while its callback runs returns only
+// once the callback has.
+TEST_F(PXSystemEventsLogind, RemovingAWatcherFromAnotherThreadWaitsForItsRunningCallback) {
+  std::atomic<bool> entered{false}, removing{false}, finished{false}, finishedWhenRemoved{false};
+  SystemBusWatcher watcher;
+  watcher.busName = kLogind;
+  watcher.signals = {{kLogindManager, "PrepareForSleep", kLogindPath}};
+  watcher.signal = [&](const SystemBusSignal&) {
+    entered = true;
+    while (!removing) std::this_thread::yield();
+    finished = true;
+  };
+  SystemBusWatch watch = SystemBus::watch(std::move(watcher));
+  ASSERT_TRUE(PXIterateMainContextUntil([&] { return watch.state() == SystemBusWatchState::Listening; }));
+  std::thread remover([&] {
+    while (!entered) std::this_thread::yield();
+    removing = true;
+    watch.reset();
+    finishedWhenRemoved = finished.load();
+  });
+  EXPECT_TRUE(emitPrepareForSleep(true) && PXIterateMainContextUntil([&] { return finished.load(); }));
+  entered = true;  // lets the remover go even when nothing came
+  remover.join();
+  EXPECT_TRUE(finishedWhenRemoved) << "reset() returned while the callback was still running";
 }
 
 // ---- Time zone --------------------------------------------------------------------
