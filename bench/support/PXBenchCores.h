@@ -9,7 +9,7 @@
 
 #include <vector>
 
-// The cores the process was given, read at the first call (make it before
+// The cores the process was given, read at the first call (call it before
 // pinning any thread).
 const cpu_set_t& PXBenchOriginalCores();
 // The numbers of those cores, in order.
